@@ -1,0 +1,49 @@
+#include "KestrelvaneKit/wire/FrameChannel.h"
+
+#include "KestrelvaneKit/wire/FrameCodec.h"
+
+namespace kestrelvane {
+
+FrameChannel::FrameChannel(std::shared_ptr<KestrelvaneStream> stream)
+    : stream_(std::move(stream)) {
+    if (!stream_) {
+        throw std::invalid_argument("FrameChannel needs a stream");
+    }
+}
+
+void FrameChannel::start() { stream_->start(); }
+
+void FrameChannel::cancel() noexcept { stream_->close(); }
+
+void FrameChannel::sendFrame(ByteView payload) { stream_->send(FrameCodec::encode(payload)); }
+
+void FrameChannel::sendRaw(ByteView bytes) { stream_->send(bytes); }
+
+Bytes FrameChannel::receiveFrame() {
+    const std::lock_guard lock(receiveMutex_);
+    while (true) {
+        if (auto payload = FrameCodec::decode(buffer_)) {
+            return std::move(*payload);
+        }
+        refill();
+    }
+}
+
+Bytes FrameChannel::receiveRaw(std::int64_t count) {
+    if (count < 0) {
+        throw std::invalid_argument("receiveRaw: negative count");
+    }
+    const auto wanted = static_cast<std::uint64_t>(count);
+    const std::lock_guard lock(receiveMutex_);
+    while (buffer_.size() < wanted) {
+        refill();
+    }
+    return buffer_.take(static_cast<std::size_t>(wanted));
+}
+
+void FrameChannel::refill() {
+    // A failing receive leaves what is buffered in place.
+    buffer_.append(stream_->receive(refillSize));
+}
+
+} // namespace kestrelvane

@@ -1,0 +1,65 @@
+#pragma once
+
+#include "KestrelvaneKit/wire/Bytes.h"
+#include "KestrelvaneKit/wire/KestrelvaneStream.h"
+#include "KestrelvaneKit/wire/ReceiveBuffer.h"
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <stdexcept>
+
+namespace kestrelvane {
+
+/// One stream plus a receive buffer: frames out, frames and raw byte runs in.
+///
+/// Sends go straight to the stream, which keeps each call's bytes together, so
+/// several threads may send frames at once and a send may run while another
+/// thread waits in a receive. Receives are serialised among themselves; the
+/// protocol has one receiving thread per channel. Errors of the stream pass
+/// through unchanged.
+class FrameChannel {
+public:
+    /// For callers that report a closed channel in channel terms; the channel
+    /// itself never throws it.
+    class ChannelError : public std::runtime_error {
+    public:
+        enum class Kind { closed };
+        static ChannelError closed() { return ChannelError(); }
+        Kind kind() const noexcept { return Kind::closed; }
+        friend bool operator==(const ChannelError&, const ChannelError&) noexcept { return true; }
+
+    private:
+        ChannelError() : std::runtime_error("channel closed") {}
+    };
+
+    /// How many bytes one refill asks the stream for.
+    static constexpr std::int64_t refillSize = 262'144;
+
+    explicit FrameChannel(std::shared_ptr<KestrelvaneStream> stream);
+
+    void start();
+    /// Closes the stream; wakes a thread waiting in a receive.
+    void cancel() noexcept;
+
+    /// Writes the frame of `payload` with one stream send.
+    void sendFrame(ByteView payload);
+    /// Writes `bytes` unchanged, without a length prefix.
+    void sendRaw(ByteView bytes);
+
+    /// The payload of the next frame.
+    Bytes receiveFrame();
+    /// Exactly the next `count` bytes of the stream, unframed.
+    Bytes receiveRaw(std::int64_t count);
+
+    KestrelvaneStream& stream() noexcept { return *stream_; }
+
+private:
+    void refill();
+
+    const std::shared_ptr<KestrelvaneStream> stream_;
+    std::mutex receiveMutex_; // serialises receivers; guards buffer_
+    ReceiveBuffer buffer_;
+};
+
+} // namespace kestrelvane

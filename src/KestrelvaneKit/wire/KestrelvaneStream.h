@@ -1,0 +1,69 @@
+#pragma once
+
+#include "KestrelvaneKit/wire/Bytes.h"
+
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+
+namespace kestrelvane {
+
+/// The error vocabulary that every stream shares.
+class StreamError : public std::runtime_error {
+public:
+    enum class Kind { refused, closed };
+
+    /// The stream could not be opened; `reason` says why.
+    static StreamError refused(std::string reason);
+    /// The stream has ended: the peer closed it, it was closed here, or it was
+    /// cancelled before it became ready.
+    static StreamError closed();
+
+    Kind kind() const noexcept { return kind_; }
+    bool isClosed() const noexcept { return kind_ == Kind::closed; }
+    /// The reason given with `refused`; empty for `closed`.
+    const std::string& reason() const noexcept { return reason_; }
+
+    friend bool operator==(const StreamError& a, const StreamError& b) noexcept {
+        return a.kind_ == b.kind_ && a.reason_ == b.reason_;
+    }
+
+private:
+    StreamError(Kind kind, std::string reason, const std::string& what);
+
+    Kind kind_;
+    std::string reason_;
+};
+
+/// A connected, ordered, reliable byte stream to the peer. Every transport
+/// implements it; nothing above this interface knows which one is in use.
+///
+/// A `send` and a `receive` may run at the same time on two threads. The bytes
+/// of one `send` call are never interleaved with those of another.
+class KestrelvaneStream {
+public:
+    virtual ~KestrelvaneStream() = default;
+
+    /// Brings the stream to a state in which bytes can flow. Called once, first.
+    /// Throws StreamError::closed when cancelled before ready, a transport error otherwise.
+    virtual void start() = 0;
+
+    /// Returns once every byte of `data` has been accepted by the transport.
+    virtual void send(ByteView data) = 0;
+
+    /// Waits for bytes and returns at most `max` of them. May return an empty
+    /// buffer (the caller calls again); the end of the stream is always
+    /// StreamError::closed, never an empty read.
+    virtual Bytes receive(std::int64_t max) = 0;
+
+    /// Ends the stream and releases the transport; wakes a waiting `receive`.
+    /// Never fails; a second call does nothing.
+    virtual void close() noexcept = 0;
+
+protected:
+    KestrelvaneStream() = default;
+    KestrelvaneStream(const KestrelvaneStream&) = delete;
+    KestrelvaneStream& operator=(const KestrelvaneStream&) = delete;
+};
+
+} // namespace kestrelvane
