@@ -58,11 +58,15 @@ private:
 
 MemoryStream::MemoryStream(std::shared_ptr<MemoryPipe> inbound,
                            std::shared_ptr<MemoryPipe> outbound, ReceiveMode mode)
-    : inbound_(std::move(inbound)), outbound_(std::move(outbound)), mode_(mode) {}
+    : inbound_(std::move(inbound)), outbound_(std::move(outbound)), mode_(mode) {
+}
 
-MemoryStream::~MemoryStream() { close(); }
+MemoryStream::~MemoryStream() {
+    close();
+}
 
-void MemoryStream::start() {}
+void MemoryStream::start() {
+}
 
 void MemoryStream::send(ByteView data) {
     ++sends_;

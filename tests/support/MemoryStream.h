@@ -13,9 +13,9 @@ namespace kestrelvane::testing {
 
 /// How an in-memory stream hands out what it has received.
 enum class ReceiveMode {
-    whatIsThere,      ///< everything buffered, up to max
-    oneByteAtATime,   ///< one byte per receive
-    emptyEveryOther,  ///< every other receive returns nothing, the rest as whatIsThere
+    whatIsThere,     ///< everything buffered, up to max
+    oneByteAtATime,  ///< one byte per receive
+    emptyEveryOther, ///< every other receive returns nothing, the rest as whatIsThere
 };
 
 /// One direction of an in-memory connection.

@@ -5,7 +5,8 @@
 namespace kestrelvane::testing {
 
 ScriptedStream::ScriptedStream(std::vector<Bytes> receiveScript)
-    : script_(receiveScript.begin(), receiveScript.end()) {}
+    : script_(receiveScript.begin(), receiveScript.end()) {
+}
 
 void ScriptedStream::send(ByteView data) {
     if (closeCount > 0) {

@@ -19,8 +19,8 @@ public:
     Bytes receive(std::int64_t max) override;
     void close() noexcept override { ++closeCount; }
 
-    std::vector<Bytes> sent;                  ///< each send's bytes, in order
-    std::vector<std::int64_t> receiveMaxima;  ///< each receive's max, in order
+    std::vector<Bytes> sent;                 ///< each send's bytes, in order
+    std::vector<std::int64_t> receiveMaxima; ///< each receive's max, in order
     int startCount = 0;
     int closeCount = 0;
 

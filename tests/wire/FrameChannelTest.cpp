@@ -62,8 +62,8 @@ TEST(FrameChannel, ConsumesBufferedBytesBeforeAskingTheStream) {
     const Bytes secondHeader = FrameCodec::encode(asBytes("{\"next\":true}"));
     const Bytes chunk = concat({FrameCodec::encode(asBytes("{\"name\":\"a.jpg\"}")), file,
                                 Bytes(secondHeader.begin(), secondHeader.begin() + 6)});
-    auto stream = std::make_shared<ScriptedStream>(std::vector<Bytes>{
-        chunk, Bytes(secondHeader.begin() + 6, secondHeader.end())});
+    auto stream = std::make_shared<ScriptedStream>(
+        std::vector<Bytes>{chunk, Bytes(secondHeader.begin() + 6, secondHeader.end())});
     FrameChannel channel(stream);
 
     EXPECT_EQ(channel.receiveFrame(), toBytes("{\"name\":\"a.jpg\"}"));
@@ -98,8 +98,7 @@ TEST(FrameChannel, EndOfStreamInsideAFrameIsClosedAndKeepsThePartialBytes) {
     FrameChannel channel(stream);
     expectStreamClosed([&] { channel.receiveFrame(); });
 
-    auto midPayload = std::make_shared<ScriptedStream>(
-        std::vector<Bytes>{{0, 0, 0, 9, 'a', 'b'}});
+    auto midPayload = std::make_shared<ScriptedStream>(std::vector<Bytes>{{0, 0, 0, 9, 'a', 'b'}});
     FrameChannel second(midPayload);
     expectStreamClosed([&] { second.receiveFrame(); });
     expectStreamClosed([&] { second.receiveRaw(7); });
@@ -108,8 +107,8 @@ TEST(FrameChannel, EndOfStreamInsideAFrameIsClosedAndKeepsThePartialBytes) {
 }
 
 TEST(FrameChannel, OneByteReceivesStillYieldFramesAndRawRuns) {
-    auto [sender, receiver] = makeMemoryStreamPair(ReceiveMode::whatIsThere,
-                                                   ReceiveMode::oneByteAtATime);
+    auto [sender, receiver] =
+        makeMemoryStreamPair(ReceiveMode::whatIsThere, ReceiveMode::oneByteAtATime);
     FrameChannel out(sender);
     FrameChannel in(receiver);
     const Bytes file = pattern(300, 9);
@@ -126,8 +125,8 @@ TEST(FrameChannel, OneByteReceivesStillYieldFramesAndRawRuns) {
 }
 
 TEST(FrameChannel, EmptyEveryOtherReceiveStillYieldsFrames) {
-    auto [sender, receiver] = makeMemoryStreamPair(ReceiveMode::whatIsThere,
-                                                   ReceiveMode::emptyEveryOther);
+    auto [sender, receiver] =
+        makeMemoryStreamPair(ReceiveMode::whatIsThere, ReceiveMode::emptyEveryOther);
     FrameChannel out(sender);
     FrameChannel in(receiver);
     out.sendFrame(asBytes("a"));
@@ -148,7 +147,8 @@ TEST(FrameChannel, ConcurrentSendFramesNeverInterleave) {
         for (int t = 0; t < threads; ++t) {
             senders.emplace_back([&out, t] {
                 for (int i = 0; i < framesEach; ++i) {
-                    out.sendFrame(pattern(1000 + static_cast<std::size_t>(i), static_cast<std::uint8_t>(t)));
+                    out.sendFrame(
+                        pattern(1000 + static_cast<std::size_t>(i), static_cast<std::uint8_t>(t)));
                 }
             });
         }

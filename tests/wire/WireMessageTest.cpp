@@ -35,12 +35,12 @@ TEST(WireMessage, EncodesTheProtocolExamplesExactly) {
               R"({"schemaVersion":1,"direction":"macToPhone","albumName":"Trip"})");
     EXPECT_EQ(encoded(SessionHeader{}), R"({"schemaVersion":1,"direction":"macToPhone"})");
     EXPECT_EQ(
-        encoded(FileHeader{
-            .name = "empty.jpg",
-            .mediaType = MediaType::photo,
-            .byteCount = 0,
-            .sha256 = "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855",
-            .creationDate = utc(2024, 3, 5, 14, 7, 9)}),
+        encoded(
+            FileHeader{.name = "empty.jpg",
+                       .mediaType = MediaType::photo,
+                       .byteCount = 0,
+                       .sha256 = "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855",
+                       .creationDate = utc(2024, 3, 5, 14, 7, 9)}),
         R"({"name":"empty.jpg","mediaType":"photo","byteCount":0,"sha256":"e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855","creationDate":"2024-03-05T14:07:09Z"})");
     EXPECT_EQ(encoded(Ack{.name = "IMG_0001.HEIC", .status = Ack::Status::ok}),
               R"({"name":"IMG_0001.HEIC","status":"ok"})");
@@ -52,17 +52,16 @@ TEST(WireMessage, EncodesTheProtocolExamplesExactly) {
 
 TEST(WireMessage, EscapesSlashAndWritesNonAsciiAsUtf8) {
     const Ack ack{.name = "Ferien/Grüße 🌅.jpg", .status = Ack::Status::error, .message = "a/b"};
-    EXPECT_EQ(encoded(ack),
-              R"({"name":"Ferien\/Grüße 🌅.jpg","status":"error","message":"a\/b"})");
+    EXPECT_EQ(encoded(ack), R"({"name":"Ferien\/Grüße 🌅.jpg","status":"error","message":"a\/b"})");
     EXPECT_EQ(WireMessage::decode<Ack>(WireMessage::encode(ack)), ack);
     EXPECT_EQ(encoded(Ack{.name = "q\"\\\n"}), R"({"name":"q\"\\\n","status":"ok"})");
 }
 
 TEST(WireMessage, SixtyFourBitIntegersRoundTripExactly) {
-    for (const std::uint64_t count :
-         {std::uint64_t{0}, std::uint64_t{5'000'000'000}, std::numeric_limits<std::uint64_t>::max()}) {
-        const FileHeader header{.name = "big.mov", .mediaType = MediaType::video,
-                                .byteCount = count, .sha256 = "x"};
+    for (const std::uint64_t count : {std::uint64_t{0}, std::uint64_t{5'000'000'000},
+                                      std::numeric_limits<std::uint64_t>::max()}) {
+        const FileHeader header{
+            .name = "big.mov", .mediaType = MediaType::video, .byteCount = count, .sha256 = "x"};
         EXPECT_EQ(WireMessage::decode<FileHeader>(WireMessage::encode(header)), header);
     }
     EXPECT_EQ(encoded(FileHeader{.name = "n", .byteCount = 18446744073709551615u, .sha256 = ""}),
@@ -93,17 +92,17 @@ TEST(WireMessage, ReadsOnlyWholeSecondRfc3339Dates) {
         return R"({"name":"a","mediaType":"photo","byteCount":1,"sha256":"s","creationDate":)" +
                std::string(date) + "}";
     };
-    EXPECT_EQ(WireMessage::decode<FileHeader>(asBytes(dated(R"("2024-02-29T23:59:59Z")")))
-                  .creationDate,
-              utc(2024, 2, 29, 23, 59, 59));
+    EXPECT_EQ(
+        WireMessage::decode<FileHeader>(asBytes(dated(R"("2024-02-29T23:59:59Z")"))).creationDate,
+        utc(2024, 2, 29, 23, 59, 59));
     EXPECT_EQ(WireMessage::decode<FileHeader>(asBytes(dated(R"("2024-03-05T15:07:09+01:00")")))
                   .creationDate,
               utc(2024, 3, 5, 14, 7, 9));
     EXPECT_FALSE(WireMessage::decode<FileHeader>(asBytes(dated("null"))).creationDate);
-    for (const char* bad : {R"("2024-03-05T14:07:09.500Z")", R"("2024-03-05")", "1709647629",
-                            R"("2024-03-05 14:07:09Z")", R"("2023-02-29T00:00:00Z")",
-                            R"("2024-03-05T24:00:00Z")", R"("2024-03-05T14:07:09")",
-                            R"("2024-13-05T14:07:09Z")", R"("+2024-03-05T14:07:09Z")"}) {
+    for (const char* bad :
+         {R"("2024-03-05T14:07:09.500Z")", R"("2024-03-05")", "1709647629",
+          R"("2024-03-05 14:07:09Z")", R"("2023-02-29T00:00:00Z")", R"("2024-03-05T24:00:00Z")",
+          R"("2024-03-05T14:07:09")", R"("2024-13-05T14:07:09Z")", R"("+2024-03-05T14:07:09Z")"}) {
         EXPECT_NE(decodingError<FileHeader>(dated(bad)).find("creationDate"), std::string::npos)
             << bad;
     }
@@ -116,9 +115,10 @@ TEST(WireMessage, NullOrMissingOptionalIsAbsentAndUnknownKeysAreIgnored) {
     EXPECT_EQ(WireMessage::decode<Ack>(asBytes(R"({"version":2,"status":"error","name":"a",)"
                                                R"("extra":{"deep":[1,2,{"x":null}]}})")),
               (Ack{.name = "a", .status = Ack::Status::error}));
-    EXPECT_EQ(WireMessage::decode<SessionHeader>(
-                  asBytes(R"({"schemaVersion":2,"direction":"phoneToMac"})")),
-              (SessionHeader{.schemaVersion = 2, .direction = SessionHeader::Direction::phoneToMac}));
+    EXPECT_EQ(
+        WireMessage::decode<SessionHeader>(
+            asBytes(R"({"schemaVersion":2,"direction":"phoneToMac"})")),
+        (SessionHeader{.schemaVersion = 2, .direction = SessionHeader::Direction::phoneToMac}));
 }
 
 TEST(WireMessage, RejectsMalformedMessagesSayingWhatWasWrong) {
@@ -126,7 +126,8 @@ TEST(WireMessage, RejectsMalformedMessagesSayingWhatWasWrong) {
     EXPECT_NE(decodingError<Ack>("").find("not valid JSON"), std::string::npos);
     EXPECT_NE(decodingError<Ack>(R"({"name":"a","status":"ok"} x)").find("not valid JSON"),
               std::string::npos);
-    EXPECT_NE(decodingError<Ack>(R"({"name":"a","status":"OK"})").find(R"("status" has an unknown value "OK")"),
+    EXPECT_NE(decodingError<Ack>(R"({"name":"a","status":"OK"})")
+                  .find(R"("status" has an unknown value "OK")"),
               std::string::npos);
     EXPECT_NE(decodingError<Ack>(R"({"status":"ok"})").find(R"(missing key "name")"),
               std::string::npos);
@@ -145,17 +146,21 @@ TEST(WireMessage, RejectsMalformedMessagesSayingWhatWasWrong) {
                   .find("signed 64-bit"),
               std::string::npos);
     const auto file = [](std::string_view count) {
-        return R"({"name":"a","mediaType":"photo","sha256":"s","byteCount":)" +
-               std::string(count) + "}";
+        return R"({"name":"a","mediaType":"photo","sha256":"s","byteCount":)" + std::string(count) +
+               "}";
     };
     EXPECT_NE(decodingError<FileHeader>(file("-1")).find("byteCount"), std::string::npos);
     EXPECT_NE(decodingError<FileHeader>(file("18446744073709551616")).find("byteCount"),
               std::string::npos);
     EXPECT_NE(decodingError<FileHeader>(file("1e3")).find("byteCount"), std::string::npos);
-    EXPECT_NE(decodingError<FileHeader>(R"({"name":"a","mediaType":"Photo","byteCount":1,"sha256":"s"})")
-                  .find("mediaType"),
-              std::string::npos);
-    EXPECT_NE(decodingError<Ack>("{\"name\":\"\xC3\x28\",\"status\":\"ok\"}").find("not valid JSON"),
+    EXPECT_NE(
+        decodingError<FileHeader>(R"({"name":"a","mediaType":"Photo","byteCount":1,"sha256":"s"})")
+            .find("mediaType"),
+        std::string::npos);
+    EXPECT_NE(
+        decodingError<Ack>("{\"name\":\"\xC3\x28\",\"status\":\"ok\"}").find("not valid JSON"),
+        std::string::npos);
+    EXPECT_NE(decodingError<Ack>(R"({"name":"a","status":"ok","x":44e461})").find("not valid JSON"),
               std::string::npos);
     EXPECT_NE(decodingError<Ack>(std::string(100000, '[') + std::string(100000, ']'))
                   .find("nests deeper"),

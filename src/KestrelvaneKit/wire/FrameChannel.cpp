@@ -4,20 +4,27 @@
 
 namespace kestrelvane {
 
-FrameChannel::FrameChannel(std::shared_ptr<KestrelvaneStream> stream)
-    : stream_(std::move(stream)) {
+FrameChannel::FrameChannel(std::shared_ptr<KestrelvaneStream> stream) : stream_(std::move(stream)) {
     if (!stream_) {
         throw std::invalid_argument("FrameChannel needs a stream");
     }
 }
 
-void FrameChannel::start() { stream_->start(); }
+void FrameChannel::start() {
+    stream_->start();
+}
 
-void FrameChannel::cancel() noexcept { stream_->close(); }
+void FrameChannel::cancel() noexcept {
+    stream_->close();
+}
 
-void FrameChannel::sendFrame(ByteView payload) { stream_->send(FrameCodec::encode(payload)); }
+void FrameChannel::sendFrame(ByteView payload) {
+    stream_->send(FrameCodec::encode(payload));
+}
 
-void FrameChannel::sendRaw(ByteView bytes) { stream_->send(bytes); }
+void FrameChannel::sendRaw(ByteView bytes) {
+    stream_->send(bytes);
+}
 
 Bytes FrameChannel::receiveFrame() {
     const std::lock_guard lock(receiveMutex_);

@@ -3,7 +3,8 @@
 namespace kestrelvane {
 
 StreamError::StreamError(Kind kind, std::string reason, const std::string& what)
-    : std::runtime_error(what), kind_(kind), reason_(std::move(reason)) {}
+    : std::runtime_error(what), kind_(kind), reason_(std::move(reason)) {
+}
 
 StreamError StreamError::refused(std::string reason) {
     const std::string what = "stream refused: " + reason;

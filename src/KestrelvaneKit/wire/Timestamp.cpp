@@ -49,8 +49,7 @@ std::optional<Timestamp> parse(std::string_view text) {
     if (text.size() != 20 && text.size() != 25) {
         return std::nullopt;
     }
-    if (text[4] != '-' || text[7] != '-' || text[10] != 'T' || text[13] != ':' ||
-        text[16] != ':') {
+    if (text[4] != '-' || text[7] != '-' || text[10] != 'T' || text[13] != ':' || text[16] != ':') {
         return std::nullopt;
     }
     const auto y = readNumber(text, 0, 4);
@@ -77,8 +76,7 @@ std::optional<Timestamp> parse(std::string_view text) {
         const char sign = text[19];
         const auto oh = readNumber(text, 20, 2);
         const auto om = readNumber(text, 23, 2);
-        if ((sign != '+' && sign != '-') || text[22] != ':' || !oh || !om || *oh > 23 ||
-            *om > 59) {
+        if ((sign != '+' && sign != '-') || text[22] != ':' || !oh || !om || *oh > 23 || *om > 59) {
             return std::nullopt;
         }
         offset = hours{*oh} + minutes{*om};

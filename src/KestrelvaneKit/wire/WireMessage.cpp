@@ -34,7 +34,9 @@ Bytes serialize(const ordered_json& message) {
     return out;
 }
 
-std::string typeNameOf(const json& value) { return value.type_name(); }
+std::string typeNameOf(const json& value) {
+    return value.type_name();
+}
 
 /// Reads the fields of one message object and names the message in every error.
 class FieldReader {
@@ -48,7 +50,7 @@ public:
         };
         try {
             object_ = json::parse(payload.begin(), payload.end(), depthGuard);
-        } catch (const json::parse_error& error) {
+        } catch (const json::exception& error) { // syntax, or a number like 1e400
             fail(std::string("payload is not valid JSON (") + error.what() + ")");
         }
         if (!object_.is_object()) {
