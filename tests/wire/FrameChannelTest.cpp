@@ -76,6 +76,21 @@ TEST(FrameChannel, ConsumesBufferedBytesBeforeAskingTheStream) {
     EXPECT_EQ(stream->receiveMaxima, (std::vector<std::int64_t>{262144, 262144}));
 }
 
+TEST(FrameChannel, BoundedReceiveRejectsAnOversizedPrefixBeforeBufferingItsPayload) {
+    auto stream = std::make_shared<ScriptedStream>(
+        std::vector<Bytes>{FrameCodec::encode(asBytes("ok")), {0xFF, 0xFF, 0xFF}, {0xF0, 1, 2}});
+    FrameChannel channel(stream);
+    EXPECT_EQ(channel.receiveFrame(2), toBytes("ok"));
+    try {
+        channel.receiveFrame(1024);
+        FAIL() << "expected FrameTooLarge";
+    } catch (const FrameChannel::FrameTooLarge& error) {
+        EXPECT_EQ(error.announced(), 0xFFFFFFF0u);
+    }
+    // Rejected as soon as the four prefix bytes were in: no receive beyond them.
+    EXPECT_EQ(stream->receiveMaxima.size(), 3u);
+}
+
 TEST(FrameChannel, ReceiveRawOfZeroMakesNoStreamCall) {
     auto stream = std::make_shared<ScriptedStream>();
     FrameChannel channel(stream);

@@ -2,6 +2,8 @@
 
 #include "KestrelvaneKit/wire/FrameCodec.h"
 
+#include <string>
+
 namespace kestrelvane {
 
 FrameChannel::FrameChannel(std::shared_ptr<KestrelvaneStream> stream) : stream_(std::move(stream)) {
@@ -26,9 +28,23 @@ void FrameChannel::sendRaw(ByteView bytes) {
     stream_->send(bytes);
 }
 
+FrameChannel::FrameTooLarge::FrameTooLarge(std::uint64_t announced, std::uint64_t limit)
+    : std::runtime_error("frame of " + std::to_string(announced) + " bytes exceeds the limit of " +
+                         std::to_string(limit)),
+      announced_(announced) {
+}
+
 Bytes FrameChannel::receiveFrame() {
+    return receiveFrame(FrameCodec::maxPayloadLength);
+}
+
+Bytes FrameChannel::receiveFrame(std::uint64_t maxPayloadLength) {
     const std::lock_guard lock(receiveMutex_);
     while (true) {
+        if (const auto length = FrameCodec::peekLength(buffer_.view());
+            length && *length > maxPayloadLength) {
+            throw FrameTooLarge(*length, maxPayloadLength);
+        }
         if (auto payload = FrameCodec::decode(buffer_)) {
             return std::move(*payload);
         }

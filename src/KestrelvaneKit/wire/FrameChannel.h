@@ -33,6 +33,17 @@ public:
         ChannelError() : std::runtime_error("channel closed") {}
     };
 
+    /// A frame whose announced length is above the caller's bound; thrown
+    /// before any of its payload is buffered.
+    class FrameTooLarge : public std::runtime_error {
+    public:
+        FrameTooLarge(std::uint64_t announced, std::uint64_t limit);
+        std::uint64_t announced() const noexcept { return announced_; }
+
+    private:
+        std::uint64_t announced_;
+    };
+
     /// How many bytes one refill asks the stream for.
     static constexpr std::int64_t refillSize = 262'144;
 
@@ -49,6 +60,9 @@ public:
 
     /// The payload of the next frame.
     Bytes receiveFrame();
+    /// As receiveFrame(), but a prefix announcing more than `maxPayloadLength`
+    /// bytes throws FrameTooLarge instead of waiting for (and buffering) them.
+    Bytes receiveFrame(std::uint64_t maxPayloadLength);
     /// Exactly the next `count` bytes of the stream, unframed.
     Bytes receiveRaw(std::int64_t count);
 
