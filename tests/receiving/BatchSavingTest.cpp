@@ -1,34 +1,18 @@
 #include "KestrelvaneKit/receiving/BatchSaving.h"
 
+#include "support/TemporaryFolder.h"
+
 #include <gtest/gtest.h>
 
 #include <fstream>
 #include <future>
 #include <thread>
-#include <unistd.h>
-
 namespace kestrelvane {
 namespace {
 
 namespace fs = std::filesystem;
 
-class TemporaryFolder {
-public:
-    TemporaryFolder() {
-        path_ = fs::temp_directory_path() /
-                ("kv-saver-" + std::to_string(::getpid()) + "-" + std::to_string(counter_++));
-        fs::create_directories(path_);
-    }
-    ~TemporaryFolder() {
-        std::error_code ignored;
-        fs::remove_all(path_, ignored);
-    }
-    const fs::path& path() const { return path_; }
-
-private:
-    static inline int counter_ = 0;
-    fs::path path_;
-};
+using testing::TemporaryFolder;
 
 TEST(AsyncQueue, DeliversValuesPublishedBeforeTheConsumerStartsInOrderThenTheEnd) {
     AsyncQueue<int> queue;

@@ -90,6 +90,10 @@ void MemoryStream::close() noexcept {
     outbound_->closeWriter();
 }
 
+void MemoryStream::finishSending() noexcept {
+    outbound_->closeWriter();
+}
+
 std::pair<std::shared_ptr<MemoryStream>, std::shared_ptr<MemoryStream>>
 makeMemoryStreamPair(ReceiveMode firstMode, ReceiveMode secondMode) {
     auto firstToSecond = std::make_shared<MemoryPipe>();

@@ -34,6 +34,8 @@ public:
     void send(ByteView data) override;
     Bytes receive(std::int64_t max) override;
     void close() noexcept override;
+    /// Half-close: the peer reads what was sent, then `closed`; this end can still receive.
+    void finishSending() noexcept;
 
     std::size_t sendCount() const noexcept { return sends_.load(); }
     std::size_t receiveCount() const noexcept { return receives_.load(); }

@@ -1,0 +1,26 @@
+#pragma once
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace kestrelvane::testing {
+
+/// A fresh, empty folder under the system's temporary directory, removed with
+/// everything in it when the object goes.
+class TemporaryFolder {
+public:
+    TemporaryFolder();
+    ~TemporaryFolder();
+    TemporaryFolder(const TemporaryFolder&) = delete;
+    TemporaryFolder& operator=(const TemporaryFolder&) = delete;
+
+    const std::filesystem::path& path() const noexcept { return path_; }
+    /// The regular files directly inside, by name.
+    std::vector<std::string> fileNames() const;
+
+private:
+    std::filesystem::path path_;
+};
+
+} // namespace kestrelvane::testing
