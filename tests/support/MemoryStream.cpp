@@ -29,6 +29,11 @@ public:
         return bytes_.take(std::min(max, bytes_.size()));
     }
 
+    std::size_t size() {
+        const std::lock_guard lock(mutex_);
+        return bytes_.size();
+    }
+
     /// The writing end is gone: readers drain what is left, then see the end.
     void closeWriter() {
         {
@@ -88,6 +93,10 @@ Bytes MemoryStream::receive(std::int64_t max) {
 void MemoryStream::close() noexcept {
     inbound_->closeReader();
     outbound_->closeWriter();
+}
+
+std::size_t MemoryStream::pendingBytes() const {
+    return inbound_->size();
 }
 
 void MemoryStream::finishSending() noexcept {

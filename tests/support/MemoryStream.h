@@ -37,6 +37,9 @@ public:
     /// Half-close: the peer reads what was sent, then `closed`; this end can still receive.
     void finishSending() noexcept;
 
+    /// Bytes the peer has sent that this end has not yet received.
+    std::size_t pendingBytes() const;
+
     std::size_t sendCount() const noexcept { return sends_.load(); }
     std::size_t receiveCount() const noexcept { return receives_.load(); }
 

@@ -1,0 +1,88 @@
+#include "support/ScriptedReceiver.h"
+
+#include "KestrelvaneKit/wire/FrameCodec.h"
+#include "KestrelvaneKit/wire/WireMessage.h"
+
+namespace kestrelvane::testing {
+
+ScriptedReceiver::ScriptedReceiver(std::shared_ptr<KestrelvaneStream> stream, bool autoAck)
+    : stream_(stream), channel_(std::move(stream)), autoAck_(autoAck), thread_([this] { run(); }) {
+}
+
+ScriptedReceiver::~ScriptedReceiver() {
+    channel_.cancel();
+    thread_.join();
+}
+
+void ScriptedReceiver::run() {
+    try {
+        const Bytes sessionFrame = channel_.receiveFrame();
+        {
+            const std::lock_guard lock(mutex_);
+            wireLog_.push_back(FrameCodec::encode(sessionFrame));
+            session_ = WireMessage::decode<SessionHeader>(sessionFrame);
+        }
+        changed_.notify_all();
+        while (true) {
+            const Bytes headerFrame = channel_.receiveFrame();
+            const auto header = WireMessage::decode<FileHeader>(headerFrame);
+            Bytes bytes = channel_.receiveRaw(static_cast<std::int64_t>(header.byteCount));
+            {
+                const std::lock_guard lock(mutex_);
+                wireLog_.push_back(FrameCodec::encode(headerFrame));
+                wireLog_.push_back(bytes);
+                files_.push_back({header, std::move(bytes)});
+            }
+            changed_.notify_all();
+            if (autoAck_) {
+                sendAck(Ack{.name = header.name, .status = Ack::Status::ok});
+            }
+        }
+    } catch (...) {
+        // The sender closed, or sent something this receiver cannot read.
+    }
+    {
+        const std::lock_guard lock(mutex_);
+        ended_ = true;
+    }
+    changed_.notify_all();
+}
+
+bool ScriptedReceiver::waitForFiles(std::size_t count, std::chrono::milliseconds deadline) {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, deadline, [&] { return files_.size() >= count; });
+}
+
+bool ScriptedReceiver::waitForEnd(std::chrono::milliseconds deadline) {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, deadline, [&] { return ended_; });
+}
+
+void ScriptedReceiver::sendAck(const Ack& ack) {
+    channel_.sendFrame(WireMessage::encode(ack));
+}
+
+void ScriptedReceiver::sendFrame(ByteView payload) {
+    channel_.sendFrame(payload);
+}
+
+void ScriptedReceiver::closeConnection() {
+    channel_.cancel();
+}
+
+std::optional<SessionHeader> ScriptedReceiver::session() const {
+    const std::lock_guard lock(mutex_);
+    return session_;
+}
+
+std::vector<ScriptedReceiver::File> ScriptedReceiver::files() const {
+    const std::lock_guard lock(mutex_);
+    return files_;
+}
+
+std::vector<Bytes> ScriptedReceiver::wireLog() const {
+    const std::lock_guard lock(mutex_);
+    return wireLog_;
+}
+
+} // namespace kestrelvane::testing

@@ -1,0 +1,63 @@
+#pragma once
+
+#include "KestrelvaneKit/wire/Ack.h"
+#include "KestrelvaneKit/wire/FileHeader.h"
+#include "KestrelvaneKit/wire/FrameChannel.h"
+#include "KestrelvaneKit/wire/SessionHeader.h"
+
+#include <chrono>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <thread>
+#include <vector>
+
+namespace kestrelvane::testing {
+
+/// A receiver for sending-side tests: on its own thread it reads the session
+/// header and then every file header with its raw bytes, keeping all of it.
+/// With `autoAck` it answers each file "ok" as soon as its bytes are in;
+/// otherwise the test answers with sendAck() when it chooses.
+class ScriptedReceiver {
+public:
+    struct File {
+        FileHeader header;
+        Bytes bytes;
+    };
+
+    ScriptedReceiver(std::shared_ptr<KestrelvaneStream> stream, bool autoAck);
+    ~ScriptedReceiver();
+
+    /// Waits (up to `deadline`) until `count` files have been read completely.
+    bool waitForFiles(std::size_t count,
+                      std::chrono::milliseconds deadline = std::chrono::seconds(30));
+    /// Waits (up to `deadline`) until the sender's side has ended.
+    bool waitForEnd(std::chrono::milliseconds deadline = std::chrono::seconds(30));
+
+    void sendAck(const Ack& ack);
+    void sendFrame(ByteView payload);
+    /// Closes the connection in both directions.
+    void closeConnection();
+
+    std::optional<SessionHeader> session() const;
+    std::vector<File> files() const;
+    /// Every frame and raw run as it came off the connection, in order.
+    std::vector<Bytes> wireLog() const;
+
+private:
+    void run();
+
+    std::shared_ptr<KestrelvaneStream> stream_;
+    FrameChannel channel_;
+    const bool autoAck_;
+    mutable std::mutex mutex_;
+    std::condition_variable changed_;
+    std::optional<SessionHeader> session_;
+    std::vector<File> files_;
+    std::vector<Bytes> wireLog_;
+    bool ended_ = false;
+    std::jthread thread_;
+};
+
+} // namespace kestrelvane::testing
