@@ -1,0 +1,138 @@
+#include "KestrelvaneKit/receiving/FolderSaver.h"
+
+#include "support/TemporaryFolder.h"
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <iterator>
+#include <sys/stat.h>
+
+namespace kestrelvane {
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono;
+using testing::TemporaryFolder;
+
+std::string readText(const fs::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+/// A received file waiting in a temporary folder, as the server hands it over.
+fs::path received(const fs::path& folder, const std::string& contents) {
+    static int counter = 0;
+    const fs::path path = folder / ("received-" + std::to_string(counter++));
+    std::ofstream(path, std::ios::binary) << contents;
+    return path;
+}
+
+BatchOutcome saveOne(FolderSaver& saver, const fs::path& file, const FileHeader& header) {
+    saver.enqueue(file, header);
+    return saver.outcomes().next().value();
+}
+
+TEST(FolderSaver, MovesFilesIntoTheAlbumWithTheirCaptureDateAndNeverOverwrites) {
+    TemporaryFolder temporary;
+    TemporaryFolder destination;
+    FolderSaver saver(destination.path());
+    saver.begin(SessionHeader{.albumName = "Trip"});
+    const Timestamp captured = sys_days{2024y / 3 / 5} + 14h + 7min + 9s;
+    const FileHeader header{.name = "IMG_1.jpg", .creationDate = captured};
+
+    for (const char* contents : {"first", "second", "third"}) {
+        const fs::path file = received(temporary.path(), contents);
+        EXPECT_EQ(saveOne(saver, file, header), (BatchOutcome{.name = "IMG_1.jpg"}));
+        EXPECT_FALSE(fs::exists(file));
+    }
+    const fs::path album = destination.path() / "Trip";
+    EXPECT_EQ(readText(album / "IMG_1.jpg"), "first");
+    EXPECT_EQ(readText(album / "IMG_1 (1).jpg"), "second");
+    EXPECT_EQ(readText(album / "IMG_1 (2).jpg"), "third");
+    struct stat status {};
+    ASSERT_EQ(::stat((album / "IMG_1 (1).jpg").c_str(), &status), 0);
+    EXPECT_EQ(status.st_mtim.tv_sec, system_clock::to_time_t(captured));
+    EXPECT_EQ(status.st_mode & 0777, 0644u);
+    EXPECT_TRUE(temporary.fileNames().empty());
+}
+
+TEST(FolderSaver, WithoutAnAlbumSavesIntoTheFolderItself) {
+    TemporaryFolder temporary;
+    TemporaryFolder destination;
+    FolderSaver saver(destination.path());
+    saver.begin(SessionHeader{});
+    EXPECT_EQ(saveOne(saver, received(temporary.path(), "x"), FileHeader{.name = "README"}).status,
+              Ack::Status::ok);
+    EXPECT_EQ(saveOne(saver, received(temporary.path(), "y"), FileHeader{.name = "README"}).status,
+              Ack::Status::ok);
+    EXPECT_EQ(destination.fileNames(), (std::vector<std::string>{"README", "README (1)"}));
+    saver.flushAndDrain();
+    EXPECT_EQ(saver.outcomes().next(), std::nullopt);
+}
+
+TEST(FolderSaver, RefusesNamesAndAlbumsThatCouldLeaveTheFolder) {
+    TemporaryFolder temporary;
+    TemporaryFolder outer;
+    const fs::path root = outer.path() / "inbox";
+    fs::create_directory(root);
+
+    FolderSaver names(root);
+    names.begin(SessionHeader{});
+    for (const std::string& name : std::vector<std::string>{
+             "../x.jpg", "a/b.jpg", "..", ".", "", std::string("a\0b.jpg", 7), "/etc/passwd"}) {
+        const fs::path file = received(temporary.path(), "evil");
+        const BatchOutcome outcome = saveOne(names, file, FileHeader{.name = name});
+        EXPECT_EQ(outcome.status, Ack::Status::error) << name;
+        EXPECT_EQ(outcome.message, "refused unsafe file name");
+        EXPECT_FALSE(fs::exists(file));
+    }
+    for (const std::string& album : std::vector<std::string>{"..", "../elsewhere", "a/b", ""}) {
+        FolderSaver saver(root);
+        saver.begin(SessionHeader{.albumName = album});
+        const BatchOutcome outcome =
+            saveOne(saver, received(temporary.path(), "evil"), FileHeader{.name = "ok.jpg"});
+        EXPECT_EQ(outcome.status, Ack::Status::error) << album;
+        EXPECT_EQ(outcome.message, "refused unsafe album name");
+    }
+    EXPECT_TRUE(fs::is_empty(root));
+    EXPECT_EQ(outer.fileNames(), std::vector<std::string>{"inbox"});
+}
+
+TEST(FolderSaver, CopiesAcrossFileSystemsWithoutLeavingPartialFiles) {
+    // /dev/shm is a tmpfs; the test folders live on the temporary directory's file system.
+    TemporaryFolder destination;
+    struct stat shm {
+    }, dest{};
+    if (::stat("/dev/shm", &shm) != 0 || ::stat(destination.path().c_str(), &dest) != 0 ||
+        shm.st_dev == dest.st_dev) {
+        GTEST_SKIP() << "needs /dev/shm on a different file system from the temporary directory";
+    }
+    const fs::path file = "/dev/shm/kv-folder-saver-" + std::to_string(::getpid());
+    std::ofstream(file, std::ios::binary) << "across";
+    FolderSaver saver(destination.path());
+    saver.begin(SessionHeader{.albumName = "Album"});
+    EXPECT_EQ(saveOne(saver, file, FileHeader{.name = "IMG_2.heic"}).status, Ack::Status::ok);
+    EXPECT_FALSE(fs::exists(file));
+    EXPECT_EQ(readText(destination.path() / "Album" / "IMG_2.heic"), "across");
+    // No hidden partial file stays behind.
+    std::vector<std::string> names;
+    for (const auto& entry : fs::directory_iterator(destination.path() / "Album")) {
+        names.push_back(entry.path().filename().string());
+    }
+    EXPECT_EQ(names, std::vector<std::string>{"IMG_2.heic"});
+}
+
+TEST(FolderSaver, ReportsTheSystemsMessageWhenTheFolderIsUnusable) {
+    TemporaryFolder temporary;
+    FolderSaver saver(temporary.path() / "does-not-exist");
+    saver.begin(SessionHeader{});
+    const fs::path file = received(temporary.path(), "data");
+    const BatchOutcome outcome = saveOne(saver, file, FileHeader{.name = "a.jpg"});
+    EXPECT_EQ(outcome.status, Ack::Status::error);
+    EXPECT_EQ(outcome.message, std::generic_category().message(ENOENT));
+    EXPECT_FALSE(fs::exists(file));
+}
+
+} // namespace
+} // namespace kestrelvane
