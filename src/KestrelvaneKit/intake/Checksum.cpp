@@ -1,0 +1,102 @@
+#include "KestrelvaneKit/intake/Checksum.h"
+
+#include <openssl/evp.h>
+
+#include <array>
+#include <cerrno>
+#include <fcntl.h>
+#include <stdexcept>
+#include <system_error>
+#include <unistd.h>
+
+namespace kestrelvane {
+namespace {
+
+std::string toLowerHex(const unsigned char* digest, unsigned int length) {
+    static constexpr char digits[] = "0123456789abcdef";
+    std::string hex(std::size_t{length} * 2, '0');
+    for (unsigned int i = 0; i < length; ++i) {
+        hex[2 * i] = digits[digest[i] >> 4];
+        hex[2 * i + 1] = digits[digest[i] & 0x0F];
+    }
+    return hex;
+}
+
+} // namespace
+
+struct Sha256Hasher::Context {
+    EVP_MD_CTX* md = EVP_MD_CTX_new();
+    ~Context() { EVP_MD_CTX_free(md); }
+};
+
+Sha256Hasher::Sha256Hasher() : context_(std::make_unique<Context>()) {
+    if (context_->md == nullptr || EVP_DigestInit_ex(context_->md, EVP_sha256(), nullptr) != 1) {
+        throw std::runtime_error("SHA-256 is not available from OpenSSL");
+    }
+}
+
+Sha256Hasher::~Sha256Hasher() = default;
+Sha256Hasher::Sha256Hasher(Sha256Hasher&&) noexcept = default;
+Sha256Hasher& Sha256Hasher::operator=(Sha256Hasher&&) noexcept = default;
+
+void Sha256Hasher::update(ByteView bytes) {
+    if (!bytes.empty() && EVP_DigestUpdate(context_->md, bytes.data(), bytes.size()) != 1) {
+        throw std::runtime_error("SHA-256 update failed");
+    }
+}
+
+std::string Sha256Hasher::finalizeHex() {
+    std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
+    unsigned int length = 0;
+    if (EVP_DigestFinal_ex(context_->md, digest.data(), &length) != 1) {
+        throw std::runtime_error("SHA-256 final failed");
+    }
+    return toLowerHex(digest.data(), length);
+}
+
+namespace Checksum {
+
+std::string sha256Hex(ByteView bytes) {
+    std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
+    unsigned int length = 0;
+    if (EVP_Digest(bytes.data(), bytes.size(), digest.data(), &length, EVP_sha256(), nullptr) !=
+        1) {
+        throw std::runtime_error("SHA-256 failed");
+    }
+    return toLowerHex(digest.data(), length);
+}
+
+std::string sha256HexOfFile(const std::filesystem::path& path) {
+    const auto fail = [&](const char* what) {
+        throw std::filesystem::filesystem_error(what, path,
+                                                std::error_code(errno, std::generic_category()));
+    };
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        fail("cannot open file");
+    }
+    struct Closer {
+        int fd;
+        ~Closer() { ::close(fd); }
+    } closer{fd};
+
+    Sha256Hasher hasher;
+    Bytes chunk(1 << 20);
+    while (true) {
+        const ssize_t got = ::read(fd, chunk.data(), chunk.size());
+        if (got < 0 && errno == EINTR) {
+            continue;
+        }
+        if (got < 0) {
+            fail("cannot read file");
+        }
+        if (got == 0) {
+            break;
+        }
+        hasher.update(ByteView(chunk.data(), static_cast<std::size_t>(got)));
+    }
+    return hasher.finalizeHex();
+}
+
+} // namespace Checksum
+} // namespace kestrelvane

@@ -1,0 +1,222 @@
+#include "KestrelvaneKit/log/KVLog.h"
+
+#include <cmath>
+#include <cstdio>
+#include <ctime>
+#include <iostream>
+#include <syslog.h>
+#include <systemd/sd-journal.h>
+#include <unistd.h>
+
+namespace kestrelvane::KVLog {
+namespace {
+
+std::string formatted(const char* format, double value) {
+    char text[64];
+    std::snprintf(text, sizeof text, format, value);
+    return text;
+}
+
+class JournalSink final : public Sink {
+public:
+    void write(const Record& record) override {
+        const std::string category(categoryName(record.category));
+        const std::string ident(subsystem);
+        sd_journal_send("MESSAGE=%s", record.message.c_str(), "PRIORITY=%d",
+                        record.level == Level::error ? LOG_ERR : LOG_NOTICE, "SYSLOG_IDENTIFIER=%s",
+                        ident.c_str(), "KV_SUBSYSTEM=%s", ident.c_str(), "KV_CATEGORY=%s",
+                        category.c_str(), nullptr);
+    }
+};
+
+class StderrSink final : public Sink {
+public:
+    void write(const Record& record) override {
+        std::string line(categoryName(record.category));
+        if (record.level == Level::error) {
+            line += " error";
+        }
+        line += ": " + record.message + "\n";
+        const std::lock_guard lock(mutex_);
+        std::fwrite(line.data(), 1, line.size(), stderr);
+        std::fflush(stderr);
+    }
+
+private:
+    std::mutex mutex_;
+};
+
+struct SinkSlot {
+    std::mutex mutex;
+    std::shared_ptr<Sink> sink = journalIsPresent() ? journalSink() : nullptr;
+};
+
+SinkSlot& slot() {
+    static SinkSlot instance;
+    return instance;
+}
+
+void emit(Category category, Level level, std::string message) {
+    if (const auto sink = currentSink()) {
+        sink->write(Record{category, level, std::move(message)});
+    }
+}
+
+} // namespace
+
+std::string_view categoryName(Category category) noexcept {
+    switch (category) {
+    case Category::transfer:
+        return "transfer";
+    case Category::net:
+        return "net";
+    case Category::save:
+        return "save";
+    case Category::usbmux:
+        return "usbmux";
+    case Category::listener:
+        return "listener";
+    }
+    return "?";
+}
+
+bool journalIsPresent() {
+    return ::access("/run/systemd/journal/socket", W_OK) == 0;
+}
+
+std::shared_ptr<Sink> journalSink() {
+    return std::make_shared<JournalSink>();
+}
+std::shared_ptr<Sink> stderrSink() {
+    return std::make_shared<StderrSink>();
+}
+
+void MemorySink::write(const Record& record) {
+    const std::lock_guard lock(mutex_);
+    records_.push_back(record);
+}
+
+std::vector<Record> MemorySink::records() const {
+    const std::lock_guard lock(mutex_);
+    return records_;
+}
+
+std::vector<std::string> MemorySink::messages() const {
+    const std::lock_guard lock(mutex_);
+    std::vector<std::string> out;
+    for (const auto& record : records_) {
+        out.push_back(record.message);
+    }
+    return out;
+}
+
+std::shared_ptr<Sink> setSink(std::shared_ptr<Sink> sink) {
+    const std::lock_guard lock(slot().mutex);
+    std::swap(slot().sink, sink);
+    return sink;
+}
+
+std::shared_ptr<Sink> currentSink() {
+    const std::lock_guard lock(slot().mutex);
+    return slot().sink;
+}
+
+void Logger::info(std::string message) const {
+    emit(category_, Level::normal, std::move(message));
+}
+void Logger::error(std::string message) const {
+    emit(category_, Level::error, std::move(message));
+}
+
+const Logger& transfer() {
+    static constexpr Logger logger(Category::transfer);
+    return logger;
+}
+const Logger& net() {
+    static constexpr Logger logger(Category::net);
+    return logger;
+}
+const Logger& save() {
+    static constexpr Logger logger(Category::save);
+    return logger;
+}
+const Logger& usbmux() {
+    static constexpr Logger logger(Category::usbmux);
+    return logger;
+}
+const Logger& listener() {
+    static constexpr Logger logger(Category::listener);
+    return logger;
+}
+
+double now() {
+    timespec time{};
+    ::clock_gettime(CLOCK_MONOTONIC, &time);
+    const auto nanoseconds = static_cast<std::uint64_t>(time.tv_sec) * 1'000'000'000ull +
+                             static_cast<std::uint64_t>(time.tv_nsec);
+    return static_cast<double>(nanoseconds) / 1'000'000'000.0;
+}
+
+std::string mb(std::int64_t bytes) {
+    return formatted("%.1fMB", static_cast<double>(bytes) / 1'048'576.0);
+}
+
+std::string mb(std::uint64_t bytes) {
+    return formatted("%.1fMB", static_cast<double>(bytes) / 1'048'576.0);
+}
+
+std::string throughput(std::int64_t bytes, double seconds) {
+    if (!(seconds > 0)) {
+        return "\u2014";
+    }
+    return formatted("%.1fMB/s", static_cast<double>(bytes) / 1'048'576.0 / seconds);
+}
+
+namespace Lines {
+
+std::string start(std::int64_t files, std::uint64_t bytesOnDisk) {
+    return "START files=" + std::to_string(files) + " bytes=" + mb(bytesOnDisk);
+}
+
+std::string sent(const std::string& name, std::uint64_t bytes, double seconds, std::int64_t depth) {
+    return "SENT " + name + " " + mb(bytes) +
+           " wire=" + throughput(static_cast<std::int64_t>(bytes), seconds) +
+           " inflight=" + std::to_string(depth);
+}
+
+std::string ackError(const std::string& name, const std::string& message) {
+    return "ACK-ERR " + name + ": " + message;
+}
+
+std::string ackReadEndedEarly(std::int64_t read, std::int64_t expected) {
+    return "ACK-READ ended early at " + std::to_string(read) + "/" + std::to_string(expected);
+}
+
+std::string summary(std::int64_t files, std::int64_t ok, std::int64_t totalBytes, double wall,
+                    double averageDepth, std::int64_t maxDepth) {
+    return "SUMMARY files=" + std::to_string(files) + " ok=" + std::to_string(ok) +
+           " failed=" + std::to_string(files - ok) + " bytes=" + mb(totalBytes) +
+           " wall=" + formatted("%.1f", wall) + "s throughput=" + throughput(totalBytes, wall) +
+           " avgInflight=" + formatted("%.1f", averageDepth) +
+           " maxInflight=" + std::to_string(maxDepth);
+}
+
+std::string accepted() {
+    return "ACCEPTED connection";
+}
+
+std::string readerEnded(double seconds) {
+    return "READER ended after " + formatted("%.1f", seconds) + "s";
+}
+
+std::string recv(const std::string& name, std::uint64_t bytes, double seconds) {
+    return "RECV " + name + " " + mb(bytes) + " in=" + formatted("%.0f", seconds * 1000.0) +
+           "ms rate=" + throughput(static_cast<std::int64_t>(bytes), seconds);
+}
+
+std::string checksumMismatch(const std::string& name) {
+    return "CHECKSUM-MISMATCH " + name;
+}
+
+} // namespace Lines
+} // namespace kestrelvane::KVLog

@@ -1,0 +1,222 @@
+#include "KestrelvaneKit/receiving/TransferServer.h"
+
+#include "KestrelvaneKit/intake/Checksum.h"
+#include "KestrelvaneKit/log/KVLog.h"
+#include "KestrelvaneKit/wire/WireMessage.h"
+
+#include <uuid/uuid.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <fcntl.h>
+#include <thread>
+#include <unistd.h>
+
+namespace kestrelvane {
+namespace {
+
+namespace fs = std::filesystem;
+
+/// Sends one acknowledgement; a message that cannot be encoded goes out as an
+/// empty frame and a failed send is ignored: the session's fate is decided by
+/// the reader, not by the acknowledgements.
+void sendAckIgnoringErrors(FrameChannel& channel, const Ack& ack) {
+    Bytes payload;
+    try {
+        payload = WireMessage::encode(ack);
+    } catch (const WireMessage::EncodingError&) {
+        payload.clear();
+    }
+    try {
+        channel.sendFrame(payload);
+    } catch (...) {
+        // The connection is gone or failing; the reader will find out.
+    }
+}
+
+void removeIgnoringErrors(const fs::path& path) {
+    std::error_code ignored;
+    fs::remove(path, ignored);
+}
+
+/// A descriptor open for writing, closed (ignoring errors) on every path.
+class WriteHandle {
+public:
+    explicit WriteHandle(const fs::path& path)
+        : fd_(path.empty() ? -1
+                           : ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600)) {
+    }
+    ~WriteHandle() { close(); }
+    WriteHandle(const WriteHandle&) = delete;
+    WriteHandle& operator=(const WriteHandle&) = delete;
+
+    bool isOpen() const noexcept { return fd_ >= 0; }
+
+    bool writeAll(ByteView bytes) noexcept {
+        while (!bytes.empty()) {
+            const ssize_t written = ::write(fd_, bytes.data(), bytes.size());
+            if (written < 0 && errno == EINTR) {
+                continue;
+            }
+            if (written <= 0) {
+                return false;
+            }
+            bytes = bytes.subspan(static_cast<std::size_t>(written));
+        }
+        return true;
+    }
+
+    void close() noexcept {
+        if (fd_ >= 0) {
+            ::close(fd_);
+            fd_ = -1;
+        }
+    }
+
+private:
+    int fd_;
+};
+
+std::string freshUpperCaseUuid() {
+    uuid_t uuid;
+    uuid_generate_random(uuid);
+    char text[37];
+    uuid_unparse_upper(uuid, text);
+    return text;
+}
+
+} // namespace
+
+TransferServer::TransferServer(BatchSaving& saver, fs::path temporaryDirectory)
+    : saver_(saver), temporaryDirectory_(std::move(temporaryDirectory)) {
+}
+
+void TransferServer::run(FrameChannel& over, const OnEvent& onEvent) noexcept {
+    KVLog::listener().info(KVLog::Lines::accepted());
+    const double start = KVLog::now();
+
+    const auto writeAcknowledgements = [this, &over, &onEvent] {
+        while (auto outcome = saver_.outcomes().next()) {
+            const Ack ack{
+                .name = outcome->name, .status = outcome->status, .message = outcome->message};
+            sendAckIgnoringErrors(over, ack);
+            if (onEvent) {
+                try {
+                    onEvent(Event{.name = outcome->name, .ack = ack});
+                } catch (...) {
+                    // The caller's observer must not stop the acknowledgements.
+                }
+            }
+        }
+    };
+
+    std::jthread writer;
+    try {
+        writer = std::jthread(writeAcknowledgements);
+    } catch (...) {
+        // No thread to spare: the outcomes are acknowledged below instead.
+    }
+
+    try {
+        runReader(over);
+    } catch (...) {
+        // Every way the reader can fail ends the session in the same way.
+    }
+    KVLog::listener().info(KVLog::Lines::readerEnded(KVLog::now() - start));
+
+    try {
+        saver_.flushAndDrain();
+    } catch (...) {
+        saver_.outcomes().finish();
+    }
+    if (writer.joinable()) {
+        writer.join();
+    } else {
+        try {
+            writeAcknowledgements();
+        } catch (...) {
+        }
+    }
+}
+
+void TransferServer::runReader(FrameChannel& channel) {
+    const SessionHeader session =
+        WireMessage::decode<SessionHeader>(channel.receiveFrame(maxHeaderFrameBytes));
+    saver_.begin(session);
+
+    bool sessionGoesOn = true;
+    while (sessionGoesOn) {
+        const FileHeader header =
+            WireMessage::decode<FileHeader>(channel.receiveFrame(maxHeaderFrameBytes));
+        if (header.byteCount > maxFileBytes) {
+            return;
+        }
+        receiveFile(channel, header, sessionGoesOn);
+    }
+}
+
+void TransferServer::receiveFile(FrameChannel& channel, const FileHeader& header,
+                                 bool& sessionGoesOn) {
+    const double start = KVLog::now();
+    const fs::path temporaryFile = temporaryFileFor(header.name);
+    WriteHandle handle(temporaryFile);
+    if (temporaryFile.empty() || !handle.isOpen()) {
+        sendAckIgnoringErrors(channel, Ack{.name = header.name,
+                                           .status = Ack::Status::error,
+                                           .message = "could not open temp file"});
+        removeIgnoringErrors(temporaryFile);
+        sessionGoesOn = false; // the file's bytes are still in the stream
+        return;
+    }
+
+    Sha256Hasher hasher;
+    auto remaining = static_cast<std::int64_t>(header.byteCount);
+    while (remaining > 0) {
+        Bytes piece;
+        try {
+            piece = channel.receiveRaw(std::min(remaining, pieceBytes));
+        } catch (...) {
+            handle.close();
+            removeIgnoringErrors(temporaryFile);
+            throw;
+        }
+        hasher.update(piece);
+        if (!handle.writeAll(piece)) {
+            handle.close();
+            removeIgnoringErrors(temporaryFile);
+            sessionGoesOn = false;
+            return;
+        }
+        remaining -= static_cast<std::int64_t>(piece.size());
+    }
+    handle.close();
+
+    const double elapsed = KVLog::now() - start;
+    KVLog::net().info(KVLog::Lines::recv(header.name, header.byteCount, elapsed));
+
+    if (hasher.finalizeHex() != header.sha256) {
+        KVLog::net().error(KVLog::Lines::checksumMismatch(header.name));
+        sendAckIgnoringErrors(
+            channel,
+            Ack{.name = header.name, .status = Ack::Status::error, .message = "checksum mismatch"});
+        removeIgnoringErrors(temporaryFile);
+        return;
+    }
+    // From here on the file is the saver's.
+    saver_.enqueue(temporaryFile, header);
+}
+
+fs::path TransferServer::temporaryFileFor(const std::string& name) const {
+    std::error_code error;
+    const fs::path directory =
+        temporaryDirectory_.empty() ? fs::temp_directory_path(error) : temporaryDirectory_;
+    if (error) {
+        return {}; // no usable temporary directory: nothing can be opened
+    }
+    // The UUID prefix makes the name unique, and a name with a "/" in it
+    // points into a folder that does not exist instead of anywhere else.
+    return directory / (freshUpperCaseUuid() + "-" + name);
+}
+
+} // namespace kestrelvane

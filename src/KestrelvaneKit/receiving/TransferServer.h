@@ -1,0 +1,54 @@
+#pragma once
+
+#include "KestrelvaneKit/receiving/BatchSaving.h"
+#include "KestrelvaneKit/wire/Ack.h"
+#include "KestrelvaneKit/wire/FrameChannel.h"
+
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <string>
+
+namespace kestrelvane {
+
+/// The receiving half of a session: reads the session header, then file after
+/// file a header and its raw bytes into a temporary file while hashing them,
+/// hands verified files to the saver and acknowledges every file back.
+///
+/// The reader runs on the thread that calls run(); acknowledgements for the
+/// saver's outcomes are written from a second thread as the outcomes arrive.
+class TransferServer {
+public:
+    /// One acknowledged outcome of the saver.
+    struct Event {
+        std::string name;
+        Ack ack;
+    };
+    using OnEvent = std::function<void(const Event&)>;
+
+    /// The largest file accepted; a header announcing more ends the session.
+    static constexpr std::uint64_t maxFileBytes = 8'589'934'592ull;
+    /// Protocol messages are small; a frame announcing more ends the session
+    /// before anything behind it is buffered.
+    static constexpr std::uint64_t maxHeaderFrameBytes = 1'048'576;
+    /// File bytes are taken off the channel in pieces of at most this size.
+    static constexpr std::int64_t pieceBytes = 1'048'576;
+
+    /// `temporaryDirectory` defaults to the system's ($TMPDIR, else /tmp).
+    explicit TransferServer(BatchSaving& saver, std::filesystem::path temporaryDirectory = {});
+
+    /// Serves one session over a started channel and returns once it has ended
+    /// and every outcome of the saver has been acknowledged (as far as the
+    /// connection allows). Never throws; neither starts nor closes the channel.
+    void run(FrameChannel& over, const OnEvent& onEvent) noexcept;
+
+private:
+    void runReader(FrameChannel& channel);
+    void receiveFile(FrameChannel& channel, const FileHeader& header, bool& sessionGoesOn);
+    std::filesystem::path temporaryFileFor(const std::string& name) const;
+
+    BatchSaving& saver_;
+    std::filesystem::path temporaryDirectory_;
+};
+
+} // namespace kestrelvane

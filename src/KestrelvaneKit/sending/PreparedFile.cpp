@@ -1,0 +1,140 @@
+#include "KestrelvaneKit/sending/PreparedFile.h"
+
+#include "KestrelvaneKit/intake/Checksum.h"
+#include "KestrelvaneKit/intake/ExifReader.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <system_error>
+#include <unistd.h>
+#include <utility>
+
+namespace kestrelvane {
+namespace {
+
+namespace fs = std::filesystem;
+
+[[noreturn]] void throwFileError(const char* what, const fs::path& path, int error) {
+    throw fs::filesystem_error(what, path, std::error_code(error, std::generic_category()));
+}
+
+/// Reads up to `count` bytes at `offset`, retrying interruptions; fewer only at the end of the
+/// file.
+std::size_t readAt(int fd, std::uint8_t* into, std::size_t count, std::uint64_t offset,
+                   const fs::path& path) {
+    std::size_t done = 0;
+    while (done < count) {
+        const ssize_t n = ::pread(fd, into + done, count - done, static_cast<off_t>(offset + done));
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n < 0) {
+            throwFileError("cannot read file", path, errno);
+        }
+        if (n == 0) {
+            break;
+        }
+        done += static_cast<std::size_t>(n);
+    }
+    return done;
+}
+
+} // namespace
+
+PreparedFile PreparedFile::prepare(const fs::path& path, MediaType type) {
+    PreparedFile file;
+    file.path_ = path;
+    file.fd_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (file.fd_ < 0) {
+        throwFileError("cannot open file", path, errno);
+    }
+    struct stat status {};
+    if (::fstat(file.fd_, &status) != 0) {
+        throwFileError("cannot read file", path, errno);
+    }
+    if (!S_ISREG(status.st_mode)) {
+        throwFileError("not a regular file", path, EINVAL);
+    }
+
+    std::uint64_t count = 0;
+    if (static_cast<std::uint64_t>(status.st_size) <= wholeReadLimit) {
+        // Read to the end, not to the size seen a moment ago: what is sent is
+        // what was read and hashed.
+        file.data_.resize(static_cast<std::size_t>(status.st_size) + 1);
+        while (true) {
+            const std::size_t got =
+                readAt(file.fd_, file.data_.data() + count, file.data_.size() - count, count, path);
+            count += got;
+            if (count < file.data_.size()) {
+                break;
+            }
+            file.data_.resize(file.data_.size() * 2);
+        }
+        file.data_.resize(static_cast<std::size_t>(count));
+        ::close(file.fd_);
+        file.fd_ = -1;
+        file.header_.sha256 = Checksum::sha256Hex(file.data_);
+    } else {
+        Sha256Hasher hasher;
+        Bytes chunk(streamChunkBytes);
+        while (const std::size_t got = readAt(file.fd_, chunk.data(), chunk.size(), count, path)) {
+            hasher.update(ByteView(chunk.data(), got));
+            count += got;
+        }
+        file.header_.sha256 = hasher.finalizeHex();
+    }
+
+    file.header_.name = path.filename().string();
+    file.header_.mediaType = type;
+    file.header_.byteCount = count;
+    if (type == MediaType::photo) {
+        file.header_.creationDate = ExifReader::captureDate(path);
+    }
+    return file;
+}
+
+PreparedFile::PreparedFile(PreparedFile&& other) noexcept
+    : path_(std::move(other.path_)), header_(std::move(other.header_)),
+      data_(std::move(other.data_)), fd_(std::exchange(other.fd_, -1)) {
+}
+
+PreparedFile& PreparedFile::operator=(PreparedFile&& other) noexcept {
+    if (this != &other) {
+        if (fd_ >= 0) {
+            ::close(fd_);
+        }
+        path_ = std::move(other.path_);
+        header_ = std::move(other.header_);
+        data_ = std::move(other.data_);
+        fd_ = std::exchange(other.fd_, -1);
+    }
+    return *this;
+}
+
+PreparedFile::~PreparedFile() {
+    if (fd_ >= 0) {
+        ::close(fd_);
+    }
+}
+
+void PreparedFile::writeBytes(FrameChannel& channel) {
+    if (fd_ < 0) {
+        channel.sendRaw(data_);
+        return;
+    }
+    Bytes chunk(streamChunkBytes);
+    std::uint64_t sent = 0;
+    while (sent < header_.byteCount) {
+        const auto want = static_cast<std::size_t>(
+            std::min<std::uint64_t>(chunk.size(), header_.byteCount - sent));
+        const std::size_t got = readAt(fd_, chunk.data(), want, sent, path_);
+        if (got < want) {
+            throwFileError("file shrank while it was being sent", path_, EIO);
+        }
+        channel.sendRaw(ByteView(chunk.data(), got));
+        sent += got;
+    }
+}
+
+} // namespace kestrelvane

@@ -1,0 +1,48 @@
+#pragma once
+
+#include "KestrelvaneKit/wire/Bytes.h"
+#include "KestrelvaneKit/wire/FileHeader.h"
+#include "KestrelvaneKit/wire/FrameChannel.h"
+
+#include <cstdint>
+#include <filesystem>
+
+namespace kestrelvane {
+
+/// One file read and described, ready to be written after its header.
+///
+/// Files up to `wholeReadLimit` are read into memory once. Larger ones (long
+/// videos) are hashed in a streaming pass and read again while they are sent,
+/// through the descriptor opened for hashing, so memory stays bounded however
+/// large the file. If such a file shrinks in between, writeBytes() fails
+/// rather than leave the receiver short of the bytes it was promised.
+class PreparedFile {
+public:
+    static constexpr std::uint64_t wholeReadLimit = 64ull << 20;
+    static constexpr std::size_t streamChunkBytes = 4u << 20;
+
+    /// Reads and hashes the file at `path`; the capture date is read for photos.
+    /// Throws std::filesystem::filesystem_error when the file cannot be read.
+    static PreparedFile prepare(const std::filesystem::path& path, MediaType type);
+
+    PreparedFile(PreparedFile&& other) noexcept;
+    PreparedFile& operator=(PreparedFile&& other) noexcept;
+    PreparedFile(const PreparedFile&) = delete;
+    PreparedFile& operator=(const PreparedFile&) = delete;
+    ~PreparedFile();
+
+    const FileHeader& header() const noexcept { return header_; }
+
+    /// Writes exactly header().byteCount raw bytes to `channel`.
+    void writeBytes(FrameChannel& channel);
+
+private:
+    PreparedFile() = default;
+
+    std::filesystem::path path_;
+    FileHeader header_;
+    Bytes data_;  // whole contents, for files read into memory
+    int fd_ = -1; // open descriptor, for files streamed while sending
+};
+
+} // namespace kestrelvane

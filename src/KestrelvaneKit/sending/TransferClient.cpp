@@ -1,0 +1,197 @@
+#include "KestrelvaneKit/sending/TransferClient.h"
+
+#include "KestrelvaneKit/intake/MediaScanner.h"
+#include "KestrelvaneKit/log/KVLog.h"
+#include "KestrelvaneKit/log/TransferMetrics.h"
+#include "KestrelvaneKit/sending/PreparedFile.h"
+#include "KestrelvaneKit/wire/WireMessage.h"
+
+#include <future>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <thread>
+
+namespace kestrelvane {
+namespace {
+
+namespace fs = std::filesystem;
+
+struct BatchEntry {
+    fs::path path;
+    MediaType type;
+};
+
+/// The acknowledgements of one send, and the sizes they give back to the window.
+class AcksBox {
+public:
+    explicit AcksBox(const std::vector<BatchEntry>& batch) : batch_(batch) {}
+
+    /// Keeps `ack` and returns the size of the batch file it names (0 when none).
+    /// The sizes are looked up on the first acknowledgement; of two files with
+    /// the same name the later one's size counts.
+    std::uint64_t append(const Ack& ack) {
+        const std::lock_guard lock(mutex_);
+        if (!byteByName_) {
+            byteByName_.emplace();
+            for (const auto& entry : batch_) {
+                std::error_code error;
+                const auto size = fs::file_size(entry.path, error);
+                if (!error) {
+                    (*byteByName_)[entry.path.filename().string()] = size;
+                }
+            }
+        }
+        acks_.push_back(ack);
+        const auto found = byteByName_->find(ack.name);
+        return found == byteByName_->end() ? 0 : found->second;
+    }
+
+    std::vector<Ack> acks() const {
+        const std::lock_guard lock(mutex_);
+        return acks_;
+    }
+
+private:
+    const std::vector<BatchEntry>& batch_;
+    mutable std::mutex mutex_;
+    std::vector<Ack> acks_;
+    std::optional<std::map<std::string, std::uint64_t>> byteByName_;
+};
+
+/// The batch's size on disk, for the start line only: 0 if any size is unknown.
+std::uint64_t sizeOnDisk(const std::vector<BatchEntry>& batch) {
+    std::uint64_t total = 0;
+    for (const auto& entry : batch) {
+        std::error_code error;
+        const auto size = fs::file_size(entry.path, error);
+        if (error) {
+            return 0;
+        }
+        total += size;
+    }
+    return total;
+}
+
+/// The first error of either thread; the one that comes second is dropped.
+class FirstError {
+public:
+    void set(std::exception_ptr error) {
+        const std::lock_guard lock(mutex_);
+        if (!error_) {
+            error_ = std::move(error);
+        }
+    }
+    void rethrowIfSet() const {
+        const std::lock_guard lock(mutex_);
+        if (error_) {
+            std::rethrow_exception(error_);
+        }
+    }
+
+private:
+    mutable std::mutex mutex_;
+    std::exception_ptr error_;
+};
+
+} // namespace
+
+TransferClient::TransferClient(std::int64_t maxInflightBytes, std::int64_t minInflightFiles)
+    : inflight_(std::make_shared<Inflight>(maxInflightBytes, minInflightFiles)) {
+}
+
+std::vector<Ack> TransferClient::send(const std::vector<fs::path>& files, FrameChannel& over,
+                                      const SessionHeader& session, const OnProgress& onProgress) {
+    std::vector<BatchEntry> batch;
+    for (const auto& path : files) {
+        if (const auto type = MediaScanner::mediaType(path)) {
+            batch.push_back({path, *type});
+        }
+    }
+    const auto n = static_cast<std::int64_t>(batch.size());
+    if (n == 0) {
+        return {};
+    }
+
+    over.sendFrame(WireMessage::encode(session));
+
+    AcksBox acksBox(batch);
+    TransferMetrics metrics;
+    const double start = KVLog::now();
+    KVLog::transfer().info(KVLog::Lines::start(n, sizeOnDisk(batch)));
+
+    Inflight& window = *inflight_;
+    FirstError firstError;
+    // Whichever side fails wakes the other: cancelling the channel ends a
+    // receive or a blocked write, failing the window's reservations ends a
+    // writer waiting for room that no acknowledgement will make.
+    const auto tearDown = [&](std::exception_ptr error) {
+        firstError.set(std::move(error));
+        window.cancelWaiting();
+        over.cancel();
+    };
+
+    std::jthread writer([&] {
+        try {
+            std::future<PreparedFile> next =
+                std::async(std::launch::async, PreparedFile::prepare, batch[0].path, batch[0].type);
+            for (std::size_t i = 0; i < batch.size(); ++i) {
+                PreparedFile current = next.get();
+                if (i + 1 < batch.size()) {
+                    next = std::async(std::launch::async, PreparedFile::prepare, batch[i + 1].path,
+                                      batch[i + 1].type);
+                }
+                const std::uint64_t byteCount = current.header().byteCount;
+                window.reserve(byteCount);
+                const std::int64_t depth = window.snapshot().files;
+                const double t0 = KVLog::now();
+                over.sendFrame(WireMessage::encode(current.header()));
+                current.writeBytes(over);
+                const double t1 = KVLog::now();
+                metrics.record(static_cast<std::int64_t>(byteCount), depth);
+                KVLog::net().info(
+                    KVLog::Lines::sent(current.header().name, byteCount, t1 - t0, depth));
+            }
+        } catch (...) {
+            tearDown(std::current_exception());
+        }
+    });
+
+    try {
+        for (std::int64_t i = 0; i < n; ++i) {
+            Bytes frame;
+            try {
+                frame = over.receiveFrame();
+            } catch (...) {
+                KVLog::transfer().error(KVLog::Lines::ackReadEndedEarly(i, n));
+                // Nothing will release the window any more.
+                window.cancelWaiting();
+                break;
+            }
+            const Ack ack = WireMessage::decode<Ack>(frame);
+            window.release(acksBox.append(ack));
+            if (ack.status != Ack::Status::ok) {
+                KVLog::transfer().error(
+                    KVLog::Lines::ackError(ack.name, ack.message.value_or("?")));
+            }
+            if (onProgress) {
+                onProgress(Progress{.index = i, .total = n, .fileName = ack.name, .ack = ack});
+            }
+        }
+    } catch (...) {
+        tearDown(std::current_exception());
+    }
+    writer.join();
+    firstError.rethrowIfSet();
+
+    const double wall = KVLog::now() - start;
+    const std::vector<Ack> acks = acksBox.acks();
+    const auto ok = static_cast<std::int64_t>(std::count_if(
+        acks.begin(), acks.end(), [](const Ack& ack) { return ack.status == Ack::Status::ok; }));
+    const TransferMetrics::Summary summary = metrics.summary();
+    KVLog::transfer().info(KVLog::Lines::summary(n, ok, summary.totalBytes, wall,
+                                                 summary.averageDepth, summary.maxDepth));
+    return acks;
+}
+
+} // namespace kestrelvane

@@ -1,0 +1,55 @@
+#pragma once
+
+#include "KestrelvaneKit/sending/Inflight.h"
+#include "KestrelvaneKit/wire/Ack.h"
+#include "KestrelvaneKit/wire/FrameChannel.h"
+#include "KestrelvaneKit/wire/SessionHeader.h"
+
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace kestrelvane {
+
+/// The sending engine: writes a session header, then every photo and video of
+/// a batch as a header frame followed by its raw bytes, while a second thread
+/// reads one acknowledgement per file from the same channel. The writer runs
+/// ahead of the acknowledgements as far as the in-flight window allows, and
+/// the next file is read and hashed while the current one is on the wire.
+class TransferClient {
+public:
+    static constexpr std::int64_t defaultMaxInflightBytes = 209'715'200; // 200 MiB
+    static constexpr std::int64_t defaultMinInflightFiles = 2;
+
+    /// Handed to the caller once per acknowledgement, in arrival order.
+    struct Progress {
+        std::int64_t index = 0; ///< 0-based count of acknowledgements received so far
+        std::int64_t total = 0; ///< files in the batch
+        std::string fileName{};
+        Ack ack{};
+    };
+    using OnProgress = std::function<void(const Progress&)>;
+
+    explicit TransferClient(std::int64_t maxInflightBytes = defaultMaxInflightBytes,
+                            std::int64_t minInflightFiles = defaultMinInflightFiles);
+
+    /// Sends the photos and videos among `files` (others are dropped) over a
+    /// started channel and returns the acknowledgements received, in arrival
+    /// order. An empty batch writes nothing. Fails with the first error of the
+    /// writer or the reader (a file that cannot be read, a failed write, an
+    /// acknowledgement that does not decode); both threads have ended by then,
+    /// and after a failure the channel has been cancelled.
+    /// `onProgress` is called from the reading thread, never concurrently with itself.
+    std::vector<Ack> send(const std::vector<std::filesystem::path>& files, FrameChannel& over,
+                          const SessionHeader& session, const OnProgress& onProgress = {});
+
+    Inflight& inflight() noexcept { return *inflight_; }
+
+private:
+    std::shared_ptr<Inflight> inflight_;
+};
+
+} // namespace kestrelvane

@@ -1,0 +1,381 @@
+#include "KestrelvaneKit/receiving/TransferServer.h"
+
+#include "KestrelvaneKit/intake/Checksum.h"
+#include "KestrelvaneKit/wire/FrameCodec.h"
+#include "KestrelvaneKit/wire/WireMessage.h"
+#include "support/MemoryStream.h"
+#include "support/ScriptedStream.h"
+#include "support/TemporaryFolder.h"
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <future>
+#include <iterator>
+#include <map>
+#include <mutex>
+
+namespace kestrelvane {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::makeMemoryStreamPair;
+using testing::MemoryStream;
+using testing::ScriptedStream;
+using testing::TemporaryFolder;
+
+Bytes pattern(std::size_t size, std::uint8_t seed) {
+    Bytes out(size);
+    for (std::size_t i = 0; i < size; ++i) {
+        out[i] = static_cast<std::uint8_t>(seed * 31 + i * 7 + i / 251);
+    }
+    return out;
+}
+
+Bytes readFile(const fs::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+FileHeader headerFor(const std::string& name, const Bytes& bytes) {
+    return FileHeader{.name = name,
+                      .mediaType = MediaType::photo,
+                      .byteCount = bytes.size(),
+                      .sha256 = Checksum::sha256Hex(bytes)};
+}
+
+/// Records everything a saver is asked to do. Outcomes are published at once
+/// unless `deferUntilFlush`, when they wait for flushAndDrain like a batching
+/// saver's; names in `rejected` are reported as errors.
+class RecordingSaver final : public BatchSaving {
+public:
+    bool deferUntilFlush = false;
+    std::map<std::string, std::string> rejected;
+
+    void begin(const SessionHeader& session) override {
+        const std::lock_guard lock(mutex_);
+        sessions.push_back(session);
+    }
+    void enqueue(const fs::path& file, const FileHeader& header) override {
+        BatchOutcome outcome{.name = header.name};
+        if (const auto reason = rejected.find(header.name); reason != rejected.end()) {
+            outcome.status = Ack::Status::error;
+            outcome.message = reason->second;
+        }
+        {
+            const std::lock_guard lock(mutex_);
+            paths.push_back(file);
+            contents[header.name] = readFile(file);
+            headers.push_back(header);
+            if (deferUntilFlush) {
+                deferred_.push_back(outcome);
+            }
+        }
+        fs::remove(file);
+        if (!deferUntilFlush) {
+            outcomes_.publish(outcome);
+        }
+    }
+    void flushAndDrain() override {
+        std::vector<BatchOutcome> pending;
+        {
+            const std::lock_guard lock(mutex_);
+            ++flushes;
+            pending.swap(deferred_);
+        }
+        for (auto& outcome : pending) {
+            outcomes_.publish(std::move(outcome));
+        }
+        outcomes_.finish();
+    }
+    AsyncQueue<BatchOutcome>& outcomes() override { return outcomes_; }
+
+    std::vector<SessionHeader> sessions;
+    std::vector<fs::path> paths;
+    std::vector<FileHeader> headers;
+    std::map<std::string, Bytes> contents;
+    int flushes = 0;
+
+private:
+    std::mutex mutex_;
+    std::vector<BatchOutcome> deferred_;
+    AsyncQueue<BatchOutcome> outcomes_;
+};
+
+/// A server session over an in-memory connection, driven frame by frame from
+/// the test as a sender would, with the server's run() on its own thread.
+class ServerSession {
+public:
+    explicit ServerSession(BatchSaving& saver, const fs::path& temporaryDirectory)
+        : streams_(makeMemoryStreamPair()), sender_(streams_.first), receiver_(streams_.second),
+          server_(saver, temporaryDirectory) {
+        done_ = std::async(std::launch::async, [this] {
+            server_.run(receiver_, [this](const TransferServer::Event& event) {
+                const std::lock_guard lock(eventsMutex_);
+                events_.push_back(event);
+            });
+            // As a real caller does once the session is over.
+            receiver_.cancel();
+        });
+    }
+    ~ServerSession() {
+        streams_.first->close();
+        done_.wait();
+    }
+
+    void sendSession(const SessionHeader& session = {}) {
+        sender_.sendFrame(WireMessage::encode(session));
+    }
+    void sendFile(const FileHeader& header, const Bytes& bytes) {
+        sender_.sendFrame(WireMessage::encode(header));
+        sender_.sendRaw(bytes);
+    }
+    void sendFrame(const Bytes& payload) { sender_.sendFrame(payload); }
+    void sendRaw(const Bytes& bytes) { sender_.sendRaw(bytes); }
+    Ack receiveAck() { return WireMessage::decode<Ack>(sender_.receiveFrame()); }
+
+    /// Ends the sender's side and waits (with a deadline) for run() to return.
+    bool finishAndWait() {
+        streams_.first->finishSending();
+        return done_.wait_for(std::chrono::seconds(30)) == std::future_status::ready;
+    }
+    /// Acknowledgements still readable after the server has finished.
+    std::vector<Ack> remainingAcks() {
+        std::vector<Ack> acks;
+        try {
+            while (true) {
+                acks.push_back(receiveAck());
+            }
+        } catch (const StreamError&) {
+        }
+        return acks;
+    }
+    std::vector<TransferServer::Event> events() {
+        const std::lock_guard lock(eventsMutex_);
+        return events_;
+    }
+
+private:
+    std::pair<std::shared_ptr<MemoryStream>, std::shared_ptr<MemoryStream>> streams_;
+    FrameChannel sender_;
+    FrameChannel receiver_;
+    TransferServer server_;
+    std::future<void> done_;
+    std::mutex eventsMutex_;
+    std::vector<TransferServer::Event> events_;
+};
+
+Ack okAck(const std::string& name) {
+    return Ack{.name = name, .status = Ack::Status::ok};
+}
+Ack errorAck(const std::string& name, const std::string& message) {
+    return Ack{.name = name, .status = Ack::Status::error, .message = message};
+}
+
+TEST(TransferServer, SavesVerifiedFilesByteForByteAndLeavesNoTemporaryFile) {
+    TemporaryFolder temporary;
+    std::map<std::string, Bytes> saved;
+    TestBatchSaver saver([&](const fs::path& file, const FileHeader& header) {
+        saved[header.name] = readFile(file);
+    });
+    ServerSession session(saver, temporary.path());
+    session.sendSession(SessionHeader{.albumName = "Trip"});
+    const Bytes big = pattern(1'048'577, 1); // one byte more than a piece
+    session.sendFile(headerFor("big.jpg", big), big);
+    session.sendFile(headerFor("empty.png", {}), {});
+    const Bytes small = pattern(1000, 2);
+    session.sendFile(headerFor("clip.mov", small), small);
+
+    EXPECT_EQ(session.receiveAck(), okAck("big.jpg"));
+    EXPECT_EQ(session.receiveAck(), okAck("empty.png"));
+    EXPECT_EQ(session.receiveAck(), okAck("clip.mov"));
+    ASSERT_TRUE(session.finishAndWait());
+
+    EXPECT_EQ(saved["big.jpg"], big);
+    EXPECT_EQ(saved["empty.png"], Bytes{});
+    EXPECT_EQ(saved["clip.mov"], small);
+    ASSERT_EQ(session.events().size(), 3u);
+    EXPECT_EQ(session.events()[1].name, "empty.png");
+    EXPECT_EQ(session.events()[1].ack, okAck("empty.png"));
+    EXPECT_TRUE(temporary.fileNames().empty());
+}
+
+TEST(TransferServer, AnswersAChecksumMismatchAtOnceAndGoesOnWithTheNextFile) {
+    TemporaryFolder temporary;
+    RecordingSaver saver;
+    ServerSession session(saver, temporary.path());
+    session.sendSession();
+    const Bytes bytes = pattern(5000, 3);
+    FileHeader corrupted = headerFor("a.jpg", bytes);
+    corrupted.sha256[10] = corrupted.sha256[10] == '0' ? '1' : '0';
+    session.sendFile(corrupted, bytes);
+    FileHeader upperCase = headerFor("b.jpg", bytes);
+    std::transform(upperCase.sha256.begin(), upperCase.sha256.end(), upperCase.sha256.begin(),
+                   [](char c) { return static_cast<char>(std::toupper(c)); });
+    session.sendFile(upperCase, bytes);
+    FileHeader emptyWithWrongHash = headerFor("c.jpg", {});
+    emptyWithWrongHash.sha256 = Checksum::sha256Hex(bytes);
+    session.sendFile(emptyWithWrongHash, {});
+    session.sendFile(headerFor("good.jpg", bytes), bytes);
+
+    EXPECT_EQ(session.receiveAck(), errorAck("a.jpg", "checksum mismatch"));
+    EXPECT_EQ(session.receiveAck(), errorAck("b.jpg", "checksum mismatch"));
+    EXPECT_EQ(session.receiveAck(), errorAck("c.jpg", "checksum mismatch"));
+    EXPECT_EQ(session.receiveAck(), okAck("good.jpg"));
+    ASSERT_TRUE(session.finishAndWait());
+    EXPECT_EQ(saver.contents.size(), 1u);
+    EXPECT_EQ(saver.contents["good.jpg"], bytes);
+    // Only outcomes of the saver are reported as events.
+    ASSERT_EQ(session.events().size(), 1u);
+    EXPECT_TRUE(temporary.fileNames().empty());
+}
+
+TEST(TransferServer, ReportsTheSaversErrorsAndKeepsTheSessionGoing) {
+    TemporaryFolder temporary;
+    RecordingSaver saver;
+    saver.rejected["full.jpg"] = "no space left";
+    ServerSession session(saver, temporary.path());
+    session.sendSession();
+    const Bytes bytes = pattern(10, 4);
+    session.sendFile(headerFor("full.jpg", bytes), bytes);
+    session.sendFile(headerFor("fine.jpg", bytes), bytes);
+    EXPECT_EQ(session.receiveAck(), errorAck("full.jpg", "no space left"));
+    EXPECT_EQ(session.receiveAck(), okAck("fine.jpg"));
+    ASSERT_TRUE(session.finishAndWait());
+    ASSERT_EQ(session.events().size(), 2u);
+    EXPECT_EQ(session.events()[0].ack, errorAck("full.jpg", "no space left"));
+}
+
+TEST(TransferServer, SessionOfNoFilesBeginsFlushesAndReturns) {
+    TemporaryFolder temporary;
+    RecordingSaver saver;
+    ServerSession session(saver, temporary.path());
+    session.sendSession(
+        SessionHeader{.schemaVersion = 7, .direction = SessionHeader::Direction::phoneToMac});
+    ASSERT_TRUE(session.finishAndWait());
+    ASSERT_EQ(saver.sessions.size(), 1u);
+    EXPECT_EQ(saver.sessions[0].schemaVersion, 7);
+    EXPECT_TRUE(saver.paths.empty());
+    EXPECT_EQ(saver.flushes, 1);
+    EXPECT_TRUE(session.remainingAcks().empty());
+}
+
+// Outcomes a batching saver only settles at the end still reach the sender
+// when the connection broke off in the middle of the next file.
+TEST(TransferServer, ConnectionLostMidFileStillAcknowledgesEarlierFilesAndDropsThePartialOne) {
+    TemporaryFolder temporary;
+    RecordingSaver saver;
+    saver.deferUntilFlush = true;
+    ServerSession session(saver, temporary.path());
+    session.sendSession();
+    const Bytes first = pattern(3000, 5);
+    session.sendFile(headerFor("first.jpg", first), first);
+    const Bytes second = pattern(3000, 6);
+    session.sendFrame(WireMessage::encode(headerFor("second.jpg", second)));
+    session.sendRaw(Bytes(second.begin(), second.begin() + 1000));
+    ASSERT_TRUE(session.finishAndWait());
+
+    EXPECT_EQ(session.remainingAcks(), std::vector<Ack>{okAck("first.jpg")});
+    ASSERT_EQ(session.events().size(), 1u);
+    EXPECT_EQ(saver.headers.size(), 1u);
+    EXPECT_TRUE(temporary.fileNames().empty());
+}
+
+TEST(TransferServer, NameWithASlashCannotBeOpenedAndEndsTheSession) {
+    TemporaryFolder temporary;
+    RecordingSaver saver;
+    ServerSession session(saver, temporary.path());
+    session.sendSession();
+    const Bytes bytes = pattern(100, 7);
+    session.sendFile(headerFor("../escape.jpg", bytes), bytes);
+    try {
+        session.sendFile(headerFor("after.jpg", bytes), bytes);
+    } catch (const StreamError&) {
+        // The server may already have ended the session and closed.
+    }
+    EXPECT_EQ(session.receiveAck(), errorAck("../escape.jpg", "could not open temp file"));
+    ASSERT_TRUE(session.finishAndWait());
+    EXPECT_TRUE(session.remainingAcks().empty());
+    EXPECT_TRUE(saver.paths.empty());
+    EXPECT_FALSE(fs::exists(temporary.path().parent_path() / "escape.jpg"));
+    EXPECT_TRUE(temporary.fileNames().empty());
+}
+
+TEST(TransferServer, FilesOfTheSameNameGetTheirOwnTemporaryFiles) {
+    TemporaryFolder temporary;
+    RecordingSaver saver;
+    ServerSession session(saver, temporary.path());
+    session.sendSession();
+    const Bytes one = pattern(10, 8);
+    const Bytes two = pattern(20, 9);
+    session.sendFile(headerFor("IMG_1.jpg", one), one);
+    session.sendFile(headerFor("IMG_1.jpg", two), two);
+    EXPECT_EQ(session.receiveAck(), okAck("IMG_1.jpg"));
+    EXPECT_EQ(session.receiveAck(), okAck("IMG_1.jpg"));
+    ASSERT_TRUE(session.finishAndWait());
+    ASSERT_EQ(saver.paths.size(), 2u);
+    EXPECT_NE(saver.paths[0], saver.paths[1]);
+    for (const auto& path : saver.paths) {
+        EXPECT_EQ(path.parent_path(), temporary.path());
+        const std::string name = path.filename().string();
+        // 8-4-4-4-12 upper-case hex, a hyphen, then the name as sent.
+        ASSERT_EQ(name.size(), 36 + 1 + 9) << name;
+        EXPECT_EQ(name.substr(37), "IMG_1.jpg");
+        EXPECT_EQ(name.find_first_not_of("0123456789ABCDEF-"), 37u) << name;
+    }
+}
+
+TEST(TransferServer, UsesTmpdirWhenNoFolderIsGiven) {
+    TemporaryFolder temporary;
+    const char* previous = std::getenv("TMPDIR");
+    const std::string saved = previous ? previous : "";
+    ::setenv("TMPDIR", temporary.path().c_str(), 1);
+    RecordingSaver saver;
+    {
+        ServerSession session(saver, {});
+        session.sendSession();
+        session.sendFile(headerFor("x.jpg", pattern(5, 1)), pattern(5, 1));
+        EXPECT_EQ(session.receiveAck(), okAck("x.jpg"));
+        ASSERT_TRUE(session.finishAndWait());
+    }
+    previous ? ::setenv("TMPDIR", saved.c_str(), 1) : ::unsetenv("TMPDIR");
+    ASSERT_EQ(saver.paths.size(), 1u);
+    EXPECT_EQ(saver.paths[0].parent_path(), temporary.path());
+}
+
+// A scripted connection shows how far the server reads before it gives up.
+std::size_t receivesUntilTheServerStops(std::vector<Bytes> script) {
+    TemporaryFolder temporary;
+    RecordingSaver saver;
+    auto stream = std::make_shared<ScriptedStream>(std::move(script));
+    FrameChannel channel(stream);
+    TransferServer(saver, temporary.path()).run(channel, {});
+    EXPECT_TRUE(stream->sent.empty()) << "no acknowledgement expected";
+    EXPECT_TRUE(temporary.fileNames().empty());
+    return stream->receiveMaxima.size();
+}
+
+TEST(TransferServer, OversizedFileOrHeaderEndsTheSessionWithoutReadingFurther) {
+    const Bytes session = FrameCodec::encode(WireMessage::encode(SessionHeader{}));
+    const auto fileFrame = [](std::uint64_t count) {
+        return FrameCodec::encode(
+            WireMessage::encode(FileHeader{.name = "huge.mov", .byteCount = count, .sha256 = "x"}));
+    };
+    const Bytes someBytes = pattern(10, 1);
+    // Exactly the limit is accepted: the server goes on to read the bytes
+    // (three scripted receives, then the end of the stream).
+    EXPECT_EQ(
+        receivesUntilTheServerStops({session, fileFrame(TransferServer::maxFileBytes), someBytes}),
+        4u);
+    // One byte more ends the session straight after the header.
+    EXPECT_EQ(receivesUntilTheServerStops(
+                  {session, fileFrame(TransferServer::maxFileBytes + 1), someBytes}),
+              2u);
+    // A header frame announcing more than a message could need is refused
+    // from its length prefix alone.
+    EXPECT_EQ(receivesUntilTheServerStops({session, {0x7F, 0xFF, 0xFF, 0xFF}, someBytes}), 2u);
+    EXPECT_EQ(receivesUntilTheServerStops({FrameCodec::encode(asBytes("not json"))}), 1u);
+}
+
+} // namespace
+} // namespace kestrelvane
