@@ -11,6 +11,7 @@
 #include <mutex>
 #include <optional>
 #include <thread>
+#include <utility>
 
 namespace kestrelvane {
 namespace {
@@ -121,6 +122,13 @@ std::vector<Ack> TransferClient::send(const std::vector<fs::path>& files, FrameC
     KVLog::transfer().info(KVLog::Lines::start(n, sizeOnDisk(batch)));
 
     Inflight& window = *inflight_;
+    window.reopen();
+    // What this send still holds in the window when it ends (files it wrote
+    // that were never acknowledged) is given back, so that a later send with
+    // the same client starts from the state this one found.
+    std::mutex heldMutex;
+    std::int64_t filesHeld = 0;
+    std::uint64_t bytesHeld = 0;
     FirstError firstError;
     // Whichever side fails wakes the other: cancelling the channel ends a
     // receive or a blocked write, failing the window's reservations ends a
@@ -143,6 +151,11 @@ std::vector<Ack> TransferClient::send(const std::vector<fs::path>& files, FrameC
                 }
                 const std::uint64_t byteCount = current.header().byteCount;
                 window.reserve(byteCount);
+                {
+                    const std::lock_guard lock(heldMutex);
+                    ++filesHeld;
+                    bytesHeld += byteCount;
+                }
                 const std::int64_t depth = window.snapshot().files;
                 const double t0 = KVLog::now();
                 over.sendFrame(WireMessage::encode(current.header()));
@@ -169,7 +182,13 @@ std::vector<Ack> TransferClient::send(const std::vector<fs::path>& files, FrameC
                 break;
             }
             const Ack ack = WireMessage::decode<Ack>(frame);
-            window.release(acksBox.append(ack));
+            const std::uint64_t released = acksBox.append(ack);
+            {
+                const std::lock_guard lock(heldMutex);
+                --filesHeld;
+                bytesHeld = released > bytesHeld ? 0 : bytesHeld - released;
+            }
+            window.release(released);
             if (ack.status != Ack::Status::ok) {
                 KVLog::transfer().error(
                     KVLog::Lines::ackError(ack.name, ack.message.value_or("?")));
@@ -182,6 +201,9 @@ std::vector<Ack> TransferClient::send(const std::vector<fs::path>& files, FrameC
         tearDown(std::current_exception());
     }
     writer.join();
+    for (; filesHeld > 0; --filesHeld) {
+        window.release(std::exchange(bytesHeld, 0));
+    }
     firstError.rethrowIfSet();
 
     const double wall = KVLog::now() - start;
