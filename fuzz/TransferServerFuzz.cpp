@@ -1,0 +1,82 @@
+// Plays arbitrary bytes to the receiving engine as a sender's whole side of a
+// session, with a test saver and a private temporary folder. The engine must
+// neither crash nor leak, and must leave no temporary file behind: every file
+// it hands over is deleted by the saver, every other one by the engine.
+#include "KestrelvaneKit/log/KVLog.h"
+#include "KestrelvaneKit/receiving/TransferServer.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <memory>
+#include <unistd.h>
+
+using namespace kestrelvane;
+namespace fs = std::filesystem;
+
+namespace {
+
+/// The sender's bytes, handed out in slices whose length the input picks, then
+/// the end of the stream. What the engine sends back is dropped.
+class ReplayStream final : public KestrelvaneStream {
+public:
+    ReplayStream(ByteView input, std::size_t slice) : input_(input), slice_(slice) {}
+
+    void start() override {}
+    void send(ByteView) override {}
+    Bytes receive(std::int64_t max) override {
+        if (offset_ >= input_.size()) {
+            throw StreamError::closed();
+        }
+        const std::size_t count =
+            std::min({slice_, input_.size() - offset_, static_cast<std::size_t>(max)});
+        const ByteView piece = input_.subspan(offset_, count);
+        offset_ += count;
+        return {piece.begin(), piece.end()};
+    }
+    void close() noexcept override {}
+
+private:
+    ByteView input_;
+    std::size_t slice_;
+    std::size_t offset_ = 0;
+};
+
+const fs::path& privateTemporaryFolder() {
+    static const fs::path folder = [] {
+        std::string pattern = (fs::temp_directory_path() / "kv-fuzz-server-XXXXXX").string();
+        if (::mkdtemp(pattern.data()) == nullptr) {
+            std::perror("mkdtemp");
+            std::abort();
+        }
+        return fs::path(pattern);
+    }();
+    return folder;
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+    KVLog::setSink(nullptr); // millions of sessions would flood the journal
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    if (size == 0) {
+        return 0;
+    }
+    // The first byte picks the slice length: whole buffers and split prefixes.
+    const std::size_t slice = data[0] < 128 ? 262'144 : 1 + data[0] % 13;
+    auto stream = std::make_shared<ReplayStream>(ByteView(data + 1, size - 1), slice);
+    FrameChannel channel(stream);
+
+    TestBatchSaver saver([](const fs::path&, const FileHeader&) {});
+    TransferServer(saver, privateTemporaryFolder()).run(channel, nullptr);
+
+    if (!fs::is_empty(privateTemporaryFolder())) {
+        std::fputs("a temporary file was left behind\n", stderr);
+        std::abort();
+    }
+    return 0;
+}
