@@ -1,6 +1,7 @@
 #include "KestrelvaneKit/wire/UnicodeText.h"
 
 #include <unicode/normalizer2.h>
+#include <unicode/uchar.h>
 #include <unicode/unistr.h>
 
 #include <algorithm>
@@ -62,6 +63,34 @@ std::string nfc(std::string_view text) {
         return std::string(text);
     }
     return normalize(text).value_or(std::string(text));
+}
+
+std::string trimmed(std::string_view text) {
+    const auto isAsciiSpace = [](char c) {
+        return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\v' || c == '\f';
+    };
+    if (!isValidUtf8(text)) {
+        const auto first = std::find_if_not(text.begin(), text.end(), isAsciiSpace);
+        const auto last = std::find_if_not(text.rbegin(), text.rend(), isAsciiSpace).base();
+        return first < last ? std::string(first, last) : std::string();
+    }
+    const auto unicode = icu::UnicodeString::fromUTF8(
+        icu::StringPiece(text.data(), static_cast<int32_t>(text.size())));
+    int32_t begin = 0;
+    int32_t end = unicode.length();
+    while (begin < end && u_isUWhiteSpace(unicode.char32At(begin))) {
+        begin = unicode.moveIndex32(begin, 1);
+    }
+    while (end > begin) {
+        const int32_t previous = unicode.moveIndex32(end, -1);
+        if (!u_isUWhiteSpace(unicode.char32At(previous))) {
+            break;
+        }
+        end = previous;
+    }
+    std::string out;
+    unicode.tempSubStringBetween(begin, end).toUTF8String(out);
+    return out;
 }
 
 } // namespace kestrelvane::UnicodeText

@@ -12,4 +12,8 @@ bool canonicallyEqual(std::string_view a, std::string_view b);
 /// The NFC form of a UTF-8 string; invalid UTF-8 comes back unchanged.
 std::string nfc(std::string_view text);
 
+/// `text` without the white space and line breaks (Unicode White_Space) at
+/// either end; invalid UTF-8 is trimmed of ASCII white space only.
+std::string trimmed(std::string_view text);
+
 } // namespace kestrelvane::UnicodeText

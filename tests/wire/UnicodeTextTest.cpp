@@ -1,0 +1,29 @@
+#include "KestrelvaneKit/wire/UnicodeText.h"
+
+#include <gtest/gtest.h>
+
+namespace kestrelvane {
+namespace {
+
+TEST(UnicodeText, TrimsWhiteSpaceAndLineBreaksOfAnyScriptAtBothEndsOnly) {
+    EXPECT_EQ(UnicodeText::trimmed("  Trip to Rome \n"), "Trip to Rome");
+    // No-break space, ideographic space, line separator, tab.
+    EXPECT_EQ(UnicodeText::trimmed("\u00a0\u3000Kyōto\u2028\t"), "Kyōto");
+    EXPECT_EQ(UnicodeText::trimmed(" \u3000\r\n"), "");
+    EXPECT_EQ(UnicodeText::trimmed(""), "");
+    // A zero-width joiner is not white space and stays.
+    EXPECT_EQ(UnicodeText::trimmed("\u200dA\u200d"), "\u200dA\u200d");
+}
+
+TEST(UnicodeText, TrimsAsciiSpaceAroundInvalidUtf8WithoutTouchingIt) {
+    EXPECT_EQ(UnicodeText::trimmed(" \xff\xfe "), "\xff\xfe");
+}
+
+TEST(UnicodeText, ComposedAndDecomposedSpellingsAreEqualAndNormaliseToNfc) {
+    EXPECT_TRUE(UnicodeText::canonicallyEqual("Caf\u00e9", "Cafe\u0301"));
+    EXPECT_FALSE(UnicodeText::canonicallyEqual("Cafe", "Caf\u00e9"));
+    EXPECT_EQ(UnicodeText::nfc("Cafe\u0301"), "Caf\u00e9");
+}
+
+} // namespace
+} // namespace kestrelvane
