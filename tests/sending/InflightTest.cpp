@@ -139,5 +139,24 @@ TEST(Inflight, CancelEndsWaitingAndLaterReservationsUntilReopened) {
     EXPECT_EQ(window.snapshot(), (Inflight::Snapshot{5, 1}));
 }
 
+TEST(Inflight, AfterReleasesEndWhatFitsIsAdmittedAndWhatWouldWaitFails) {
+    Inflight window(10, 1);
+    window.reserve(6);
+    auto waiting = std::async(std::launch::async, [&] { window.reserve(6); });
+    ASSERT_TRUE(eventually([&] { return window.waitingCount() == 1; }));
+    window.endReleases();
+    ASSERT_EQ(waiting.wait_for(std::chrono::seconds(30)), std::future_status::ready);
+    EXPECT_THROW(waiting.get(), StreamError);
+    window.reserve(4); // fits beside the 6 in flight: no release needed
+    EXPECT_EQ(window.snapshot(), (Inflight::Snapshot{10, 2}));
+    EXPECT_THROW(window.reserve(1), StreamError); // would wait for ever
+    window.reopen();
+    auto later = std::async(std::launch::async, [&] { window.reserve(1); });
+    ASSERT_TRUE(eventually([&] { return window.waitingCount() == 1; }));
+    window.release(6);
+    ASSERT_EQ(later.wait_for(std::chrono::seconds(30)), std::future_status::ready);
+    later.get();
+}
+
 } // namespace
 } // namespace kestrelvane

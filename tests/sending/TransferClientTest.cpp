@@ -262,6 +262,38 @@ TEST_F(TransferClientSend, ConnectionLostWhileTheWriterWaitsForRoomEndsTheCall) 
     EXPECT_TRUE(contains(log_->messages(), "ACK-READ ended early at 0/3"));
 }
 
+// A receiver that acknowledges before the files arrive leaves nothing to
+// release the window; the writer must not wait for ever for room.
+TEST_F(TransferClientSend, AcknowledgementsAheadOfTheFilesEndTheSendInsteadOfHangingIt) {
+    std::vector<fs::path> files;
+    for (const char* name : {"1.jpg", "2.jpg", "3.jpg", "4.jpg"}) {
+        files.push_back(writeFile(folder_.path() / name, pattern(1500, 13)));
+    }
+    receiver_ = std::make_unique<ScriptedReceiver>(streams_.second, false);
+    for (const char* name : {"1.jpg", "2.jpg", "3.jpg", "4.jpg"}) {
+        receiver_->sendAck(Ack{.name = name});
+    }
+    client_ = std::make_unique<TransferClient>(2000, 2);
+    result_ = std::async(std::launch::async,
+                         [&] { return client_->send(files, channel_, SessionHeader{}); });
+    ASSERT_EQ(result_.wait_for(std::chrono::seconds(30)), std::future_status::ready);
+    try {
+        EXPECT_EQ(result_.get().size(), 4u); // every reservation happened to fit
+    } catch (const StreamError& error) {
+        EXPECT_TRUE(error.isClosed()); // a file found no room that could ever come
+    }
+    EXPECT_EQ(client_->inflight().waitingCount(), 0u);
+}
+
+TEST_F(TransferClientSend, OversizedAcknowledgementFrameFailsTheSendBeforeItIsBuffered) {
+    const fs::path file = writeFile(folder_.path() / "1.jpg", pattern(100, 14));
+    startSend({file}, false);
+    ASSERT_TRUE(receiver_->waitForFiles(1));
+    const Bytes prefix{0x7f, 0xff, 0xff, 0xff}; // announces 2 GiB, sends nothing more
+    streams_.second->send(prefix);
+    EXPECT_THROW(finish(), FrameChannel::FrameTooLarge);
+}
+
 TEST(TransferClient, BatchWithoutPhotosOrVideosWritesNothing) {
     TemporaryFolder folder;
     auto stream = std::make_shared<testing::ScriptedStream>();

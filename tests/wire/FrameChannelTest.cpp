@@ -1,6 +1,7 @@
 #include "KestrelvaneKit/wire/FrameChannel.h"
 
 #include "KestrelvaneKit/wire/FrameCodec.h"
+#include "support/Eventually.h"
 #include "support/MemoryStream.h"
 #include "support/ScriptedStream.h"
 
@@ -184,6 +185,7 @@ TEST(FrameChannel, SendProceedsWhileAnotherThreadWaitsInReceive) {
     FrameChannel near(a);
     FrameChannel far(b);
     auto waiting = std::async(std::launch::async, [&] { return near.receiveFrame(); });
+    ASSERT_TRUE(testing::eventually([&] { return a->receiveCount() > 0; }));
 
     near.sendFrame(asBytes("ping"));
     EXPECT_EQ(far.receiveFrame(), toBytes("ping"));
@@ -196,6 +198,7 @@ TEST(FrameChannel, CancelWakesAWaitingReceiverWithClosed) {
     auto [a, b] = makeMemoryStreamPair();
     FrameChannel channel(a);
     auto waiting = std::async(std::launch::async, [&] { return channel.receiveFrame(); });
+    ASSERT_TRUE(testing::eventually([&] { return a->receiveCount() > 0; }));
     channel.cancel();
     ASSERT_EQ(waiting.wait_for(std::chrono::seconds(10)), std::future_status::ready);
     expectStreamClosed([&] { waiting.get(); });

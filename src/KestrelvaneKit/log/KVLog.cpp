@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <ctime>
 #include <iostream>
+#include <locale.h>
 #include <syslog.h>
 #include <systemd/sd-journal.h>
 #include <unistd.h>
@@ -11,9 +12,14 @@
 namespace kestrelvane::KVLog {
 namespace {
 
+/// printf formatting with a "." decimal point whatever the process's locale
+/// (a Qt application adopts the user's, which may write "1,5").
 std::string formatted(const char* format, double value) {
+    static const locale_t cLocale = ::newlocale(LC_NUMERIC_MASK, "C", nullptr);
+    const locale_t previous = ::uselocale(cLocale);
     char text[64];
     std::snprintf(text, sizeof text, format, value);
+    ::uselocale(previous);
     return text;
 }
 

@@ -32,6 +32,9 @@ void Inflight::reserve(std::uint64_t bytes) {
         admit(bytes);
         return;
     }
+    if (releasesEnded_) {
+        throw StreamError::closed(); // no release will ever make room
+    }
     Waiter waiter{bytes};
     waiters_.push_back(&waiter);
     changed_.wait(lock, [&] { return waiter.admitted || waiter.cancelled; });
@@ -65,6 +68,14 @@ void Inflight::cancelWaiting() {
     {
         const std::lock_guard lock(mutex_);
         cancelled_ = true;
+    }
+    endReleases();
+}
+
+void Inflight::endReleases() {
+    {
+        const std::lock_guard lock(mutex_);
+        releasesEnded_ = true;
         for (Waiter* waiter : waiters_) {
             waiter->cancelled = true;
         }
@@ -76,6 +87,7 @@ void Inflight::cancelWaiting() {
 void Inflight::reopen() {
     const std::lock_guard lock(mutex_);
     cancelled_ = false;
+    releasesEnded_ = false;
 }
 
 std::size_t Inflight::waitingCount() const {

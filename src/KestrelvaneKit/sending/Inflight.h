@@ -33,7 +33,13 @@ public:
     /// Ends every waiting reservation, and any later one, with
     /// StreamError::closed: nothing will release the window any more.
     void cancelWaiting();
-    /// Lets reservations wait again after cancelWaiting(), for the next send.
+    /// Nothing will release the window any more, but nothing has failed: the
+    /// receiver has stopped acknowledging. Waiting reservations end with
+    /// StreamError::closed, and so does any later one that would have to
+    /// wait; one that fits at once is still admitted.
+    void endReleases();
+    /// Lets reservations wait again after cancelWaiting() or endReleases(),
+    /// for the next send.
     void reopen();
 
     /// Reservations currently waiting.
@@ -59,6 +65,7 @@ private:
     std::int64_t filesInFlight_ = 0;
     std::deque<Waiter*> waiters_;
     bool cancelled_ = false;
+    bool releasesEnded_ = false;
 };
 
 } // namespace kestrelvane

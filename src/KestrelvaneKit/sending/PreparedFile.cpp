@@ -42,7 +42,7 @@ std::size_t readAt(int fd, std::uint8_t* into, std::size_t count, std::uint64_t 
 
 } // namespace
 
-PreparedFile PreparedFile::prepare(const fs::path& path, MediaType type) {
+PreparedFile PreparedFile::prepare(const fs::path& path, MediaType type, std::stop_token stop) {
     PreparedFile file;
     file.path_ = path;
     file.fd_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
@@ -79,6 +79,9 @@ PreparedFile PreparedFile::prepare(const fs::path& path, MediaType type) {
         Sha256Hasher hasher;
         Bytes chunk(streamChunkBytes);
         while (const std::size_t got = readAt(file.fd_, chunk.data(), chunk.size(), count, path)) {
+            if (stop.stop_requested()) {
+                throw StreamError::closed();
+            }
             hasher.update(ByteView(chunk.data(), got));
             count += got;
         }

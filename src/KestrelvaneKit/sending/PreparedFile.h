@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <stop_token>
 
 namespace kestrelvane {
 
@@ -22,8 +23,11 @@ public:
     static constexpr std::size_t streamChunkBytes = 4u << 20;
 
     /// Reads and hashes the file at `path`; the capture date is read for photos.
-    /// Throws std::filesystem::filesystem_error when the file cannot be read.
-    static PreparedFile prepare(const std::filesystem::path& path, MediaType type);
+    /// Throws std::filesystem::filesystem_error when the file cannot be read,
+    /// and StreamError::closed when `stop` is requested while a large file is
+    /// being hashed (the send it was for has ended).
+    static PreparedFile prepare(const std::filesystem::path& path, MediaType type,
+                                std::stop_token stop = {});
 
     PreparedFile(PreparedFile&& other) noexcept;
     PreparedFile& operator=(PreparedFile&& other) noexcept;

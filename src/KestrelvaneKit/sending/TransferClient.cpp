@@ -4,10 +4,12 @@
 #include "KestrelvaneKit/log/KVLog.h"
 #include "KestrelvaneKit/log/TransferMetrics.h"
 #include "KestrelvaneKit/sending/PreparedFile.h"
+#include "KestrelvaneKit/wire/UnicodeText.h"
 #include "KestrelvaneKit/wire/WireMessage.h"
 
 #include <future>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <thread>
@@ -39,12 +41,14 @@ public:
                 std::error_code error;
                 const auto size = fs::file_size(entry.path, error);
                 if (!error) {
-                    (*byteByName_)[entry.path.filename().string()] = size;
+                    (*byteByName_)[UnicodeText::nfc(entry.path.filename().string())] = size;
                 }
             }
         }
         acks_.push_back(ack);
-        const auto found = byteByName_->find(ack.name);
+        // Names match under canonical equivalence, as the receiver may have
+        // normalised the name it echoes.
+        const auto found = byteByName_->find(UnicodeText::nfc(ack.name));
         return found == byteByName_->end() ? 0 : found->second;
     }
 
@@ -73,6 +77,32 @@ std::uint64_t sizeOnDisk(const std::vector<BatchEntry>& batch) {
     }
     return total;
 }
+
+/// One file being read and hashed on its own thread while the file before it
+/// is on the wire. Dropping it abandons the work: a large file's hashing stops
+/// at its next piece, and the thread is joined.
+class Preparation {
+public:
+    Preparation(fs::path path, MediaType type)
+        : result_(promise_.get_future()),
+          thread_([this, path = std::move(path), type](std::stop_token stop) {
+              try {
+                  promise_.set_value(PreparedFile::prepare(path, type, stop));
+              } catch (...) {
+                  promise_.set_exception(std::current_exception());
+              }
+          }) {}
+    ~Preparation() { thread_.request_stop(); }
+    Preparation(const Preparation&) = delete;
+    Preparation& operator=(const Preparation&) = delete;
+
+    PreparedFile take() { return result_.get(); }
+
+private:
+    std::promise<PreparedFile> promise_;
+    std::future<PreparedFile> result_;
+    std::jthread thread_; // last: stopped and joined before the promise goes
+};
 
 /// The first error of either thread; the one that comes second is dropped.
 class FirstError {
@@ -140,14 +170,16 @@ std::vector<Ack> TransferClient::send(const std::vector<fs::path>& files, FrameC
     };
 
     std::jthread writer([&] {
+        // Outside the try, so that on a failure the other side is woken
+        // before the preparation ahead is abandoned and joined.
+        std::unique_ptr<Preparation> next;
         try {
-            std::future<PreparedFile> next =
-                std::async(std::launch::async, PreparedFile::prepare, batch[0].path, batch[0].type);
+            next = std::make_unique<Preparation>(batch[0].path, batch[0].type);
             for (std::size_t i = 0; i < batch.size(); ++i) {
-                PreparedFile current = next.get();
+                PreparedFile current = next->take();
+                next.reset();
                 if (i + 1 < batch.size()) {
-                    next = std::async(std::launch::async, PreparedFile::prepare, batch[i + 1].path,
-                                      batch[i + 1].type);
+                    next = std::make_unique<Preparation>(batch[i + 1].path, batch[i + 1].type);
                 }
                 const std::uint64_t byteCount = current.header().byteCount;
                 window.reserve(byteCount);
@@ -174,11 +206,11 @@ std::vector<Ack> TransferClient::send(const std::vector<fs::path>& files, FrameC
         for (std::int64_t i = 0; i < n; ++i) {
             Bytes frame;
             try {
-                frame = over.receiveFrame();
+                frame = over.receiveFrame(maxAckFrameBytes);
+            } catch (const FrameChannel::FrameTooLarge&) {
+                throw; // a hostile receiver, not an ended connection
             } catch (...) {
                 KVLog::transfer().error(KVLog::Lines::ackReadEndedEarly(i, n));
-                // Nothing will release the window any more.
-                window.cancelWaiting();
                 break;
             }
             const Ack ack = WireMessage::decode<Ack>(frame);
@@ -197,6 +229,9 @@ std::vector<Ack> TransferClient::send(const std::vector<fs::path>& files, FrameC
                 onProgress(Progress{.index = i, .total = n, .fileName = ack.name, .ack = ack});
             }
         }
+        // However the acknowledgements ended, nothing will release the window
+        // any more: a writer still waiting for room would wait for ever.
+        window.endReleases();
     } catch (...) {
         tearDown(std::current_exception());
     }

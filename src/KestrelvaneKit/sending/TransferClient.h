@@ -23,6 +23,9 @@ class TransferClient {
 public:
     static constexpr std::int64_t defaultMaxInflightBytes = 209'715'200; // 200 MiB
     static constexpr std::int64_t defaultMinInflightFiles = 2;
+    /// Acknowledgements are small; a frame announcing more is a broken or
+    /// hostile receiver and fails the send before anything is buffered.
+    static constexpr std::uint64_t maxAckFrameBytes = 1'048'576;
 
     /// Handed to the caller once per acknowledgement, in arrival order.
     struct Progress {
