@@ -9,6 +9,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <fstream>
+#include <iterator>
 #include <map>
 #include <memory>
 #include <regex>
@@ -81,6 +83,35 @@ TEST(ExifReader, NoOtherDateAndNothingUnreadableGivesADate) {
     }
     EXPECT_EQ(::testing::internal::GetCapturedStdout(), "");
     EXPECT_EQ(::testing::internal::GetCapturedStderr(), "") << "the reader must stay silent";
+}
+
+std::string base64(const std::string& bytes) {
+    static constexpr char digits[] =
+        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    std::string out;
+    for (std::size_t i = 0; i < bytes.size(); i += 3) {
+        std::uint32_t group = 0;
+        const std::size_t n = std::min<std::size_t>(3, bytes.size() - i);
+        for (std::size_t k = 0; k < 3; ++k) {
+            group = (group << 8) | (k < n ? static_cast<unsigned char>(bytes[i + k]) : 0u);
+        }
+        for (std::size_t k = 0; k < 4; ++k) {
+            out += k <= n ? digits[(group >> (18 - 6 * k)) & 63] : '=';
+        }
+    }
+    return out;
+}
+
+TEST(ExifReader, PathsAreFileNamesNeverStreamsOrInlineData) {
+    std::ifstream in(media / "jpeg-original.jpg", std::ios::binary);
+    const std::string jpeg{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+    ASSERT_FALSE(jpeg.empty());
+    // Relative paths that name no file here, though a URL reader would find a photo in them.
+    for (const fs::path& path :
+         {fs::path("data://image/jpeg;base64," + base64(jpeg)),
+          fs::path("file://" + (media / "jpeg-original.jpg").string()), fs::path("-")}) {
+        EXPECT_EQ(captureDateText(path), std::nullopt) << path;
+    }
 }
 
 TEST(ExifReader, KeepsTheTimeZoneItFoundAtFirstUse) {

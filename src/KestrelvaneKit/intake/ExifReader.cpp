@@ -78,7 +78,10 @@ std::optional<Timestamp> parseExifDate(const std::string& text) {
 std::optional<Timestamp> captureDate(const std::filesystem::path& path) noexcept {
     try {
         setUpExiv2Once();
-        const auto image = Exiv2::ImageFactory::open(path.string());
+        // exiv2 reads "-" as standard input and "http://", "data://" and the
+        // like as remote or inline data; a relative path must stay a file name.
+        const std::filesystem::path file = path.is_absolute() ? path : "." / path;
+        const auto image = Exiv2::ImageFactory::open(file.string(), false);
         if (image.get() == nullptr) {
             return std::nullopt;
         }
