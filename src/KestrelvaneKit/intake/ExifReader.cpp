@@ -11,9 +11,21 @@
 namespace kestrelvane::ExifReader {
 namespace {
 
+void lockXmpToolkit(void* mutex, bool lock) {
+    if (lock) {
+        static_cast<std::mutex*>(mutex)->lock();
+    } else {
+        static_cast<std::mutex*>(mutex)->unlock();
+    }
+}
+
 void setUpExiv2Once() {
     static std::once_flag once;
     std::call_once(once, [] {
+        // The XMP toolkit behind exiv2 keeps global state; without a lock,
+        // two threads decoding XMP packets at once corrupt it.
+        static std::mutex xmpMutex;
+        Exiv2::XmpParser::initialize(lockXmpToolkit, &xmpMutex);
         // exiv2 prints warnings for every odd file unless told not to.
         Exiv2::LogMsg::setLevel(Exiv2::LogMsg::mute);
         Exiv2::LogMsg::setHandler(nullptr);
@@ -66,7 +78,10 @@ std::optional<Timestamp> parseExifDate(const std::string& text) {
 std::optional<Timestamp> captureDate(const std::filesystem::path& path) noexcept {
     try {
         setUpExiv2Once();
-        const auto image = Exiv2::ImageFactory::open(path.string());
+        // exiv2 reads "-" as standard input and "http://", "data://" and the
+        // like as remote or inline data; a relative path must stay a file name.
+        const std::filesystem::path file = path.is_absolute() ? path : "." / path;
+        const auto image = Exiv2::ImageFactory::open(file.string(), false);
         if (image.get() == nullptr) {
             return std::nullopt;
         }
