@@ -124,13 +124,14 @@ std::optional<std::string> PropertyList::stringAt(plist_t dictionary, const std:
     if (child == nullptr) {
         return std::nullopt;
     }
-    char* value = nullptr;
-    plist_get_string_val(child, &value);
+    // Not plist_get_string_val: it asserts on a string holding a NUL, which a
+    // peer can send in a binary list.
+    std::uint64_t length = 0;
+    const char* value = plist_get_string_ptr(child, &length);
     if (value == nullptr) {
         return std::nullopt;
     }
-    const std::unique_ptr<char, void (*)(void*)> owned(value, std::free);
-    return std::string(value);
+    return std::string(value, static_cast<std::size_t>(length));
 }
 
 std::optional<std::int64_t> PropertyList::integerAt(plist_t dictionary, const std::string& key) {
