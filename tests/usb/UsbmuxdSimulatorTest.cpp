@@ -1,0 +1,187 @@
+// The whole USB road through the usbmuxd simulator binary: the client lists
+// and connects, and the receiving engine on the virtual phone saves a batch.
+#include "KestrelvaneKit/sending/TransferClient.h"
+#include "KestrelvaneKit/usb/UsbmuxdClient.h"
+#include "KestrelvaneKit/usb/UsbmuxdProtocol.h"
+#include "KestrelvaneKit/usb/UsbmuxdStream.h"
+#include "UsbmuxdTestSupport.h"
+#include "support/ChildProcess.h"
+#include "support/TemporaryFolder.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+namespace kestrelvane {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::ChildProcess;
+using testing::Conversation;
+using testing::SimulatorProcess;
+using testing::TemporaryFolder;
+using Format = PropertyList::Format;
+using Result = UsbmuxdClient::ConnectResult;
+
+PropertyList message(const char* type) {
+    PropertyList plist = PropertyList::dictionary();
+    plist.set("MessageType", PropertyList::string(type));
+    return plist;
+}
+
+TEST(UsbmuxdSimulator, ABatchTravelsTheWholeRoadToTheVirtualPhoneByteForByte) {
+    TemporaryFolder source, phoneFolder;
+    SimulatorProcess simulator(
+        {"--phone", "00008030-001A35E22E88802E,0x12a8,folder=" + phoneFolder.path().string()});
+    UsbmuxdClient client(simulator.address());
+    const auto devices = client.listDevices();
+    ASSERT_EQ(devices.size(), 1u);
+    EXPECT_EQ(devices[0].serial, "00008030-001A35E22E88802E");
+    EXPECT_EQ(devices[0].productID, 0x12a8);
+
+    const Result connected = client.connect(devices[0].id, 9876);
+    ASSERT_EQ(connected.kind, Result::Kind::tunneled);
+    const auto batch = testing::writeRandomFiles(
+        source.path(), {{"IMG_0001.HEIC", 3 * 1'048'576 + 5}, {"clip.mov", 900'000}, {"a.jpg", 0}});
+    FrameChannel channel(std::make_shared<UsbmuxdStream>(connected.fileDescriptor));
+    channel.start();
+    const auto acks = TransferClient().send(batch.paths, channel, SessionHeader{});
+    channel.cancel();
+
+    ASSERT_EQ(acks.size(), 3u);
+    for (const auto& ack : acks) {
+        EXPECT_EQ(ack.status, Ack::Status::ok) << ack.name << ": " << ack.message.value_or("");
+    }
+    for (const auto& [name, content] : batch.contents) {
+        EXPECT_EQ(testing::readFile(phoneFolder.path() / name), content) << name;
+    }
+}
+
+TEST(UsbmuxdSimulator, ConnectsAnswerRefusedOrBadDeviceAsUsbmuxdWould) {
+    SimulatorProcess simulator(
+        {"--phone", "LISTENING,1,test", "--phone", "QUIET,2,none", "--phone", "GONE,3,vanished"});
+    UsbmuxdClient client(simulator.address());
+    const auto devices = client.listDevices();
+    ASSERT_EQ(devices.size(), 3u);
+    EXPECT_EQ(client.connect(devices[0].id, 22), Result::connectionRefused());
+    EXPECT_EQ(client.connect(devices[1].id, 9876), Result::connectionRefused());
+    EXPECT_EQ(client.connect(devices[2].id, 9876), Result::badDevice());
+    EXPECT_EQ(client.connect(999, 9876), Result::badDevice());
+}
+
+TEST(UsbmuxdSimulator, RepliesInTheRequestsFormatWithItsTagAndTheDaemonsKeys) {
+    SimulatorProcess simulator({"--phone", "SERIAL1,4776,test", "--buid", "THE-BUID"});
+    for (const Format format : {Format::xml, Format::binary}) {
+        Conversation conversation(simulator.socketPath());
+        // One socket carries several requests, as with the real daemon.
+        conversation.send(41, message("ListDevices"), format);
+        const auto list = conversation.receive();
+        EXPECT_EQ(list.tag, 41u);
+        EXPECT_EQ(list.format, format);
+        plist_t entries = PropertyList::arrayAt(list.body.get(), "DeviceList");
+        ASSERT_NE(entries, nullptr);
+        ASSERT_EQ(plist_array_get_size(entries), 1u);
+        plist_t entry = plist_array_get_item(entries, 0);
+        EXPECT_EQ(PropertyList::stringAt(entry, "MessageType"), "Attached");
+        const auto id = PropertyList::integerAt(entry, "DeviceID");
+        plist_t properties = PropertyList::dictionaryAt(entry, "Properties");
+        EXPECT_EQ(PropertyList::integerAt(properties, "DeviceID"), id);
+        EXPECT_EQ(PropertyList::stringAt(properties, "SerialNumber"), "SERIAL1");
+        EXPECT_EQ(PropertyList::integerAt(properties, "ProductID"), 4776);
+        EXPECT_EQ(PropertyList::stringAt(properties, "ConnectionType"), "USB");
+        EXPECT_TRUE(PropertyList::integerAt(properties, "LocationID"));
+        EXPECT_TRUE(PropertyList::integerAt(properties, "ConnectionSpeed"));
+
+        conversation.send(42, message("ReadBUID"), format);
+        const auto buid = conversation.receive();
+        EXPECT_EQ(buid.tag, 42u);
+        EXPECT_EQ(PropertyList::stringAt(buid.body.get(), "BUID"), "THE-BUID");
+
+        conversation.send(43, message("NoSuchRequest"), format);
+        EXPECT_EQ(PropertyList::integerAt(conversation.receive().body.get(), "Number"), 1);
+    }
+}
+
+TEST(UsbmuxdSimulator, ListenersHearOfPhonesAttachedAndDetachedWhileItRuns) {
+    SimulatorProcess simulator({"--phone", "FIRST,1,test"});
+    Conversation listener(simulator.socketPath());
+    listener.send(5, message("Listen"));
+    const auto accepted = listener.receive();
+    EXPECT_EQ(accepted.tag, 5u);
+    EXPECT_EQ(PropertyList::integerAt(accepted.body.get(), "Number"), 0);
+    const auto present = listener.receive();
+    EXPECT_EQ(present.tag, 0u);
+    EXPECT_EQ(PropertyList::stringAt(present.body.get(), "MessageType"), "Attached");
+    EXPECT_EQ(PropertyList::stringAt(PropertyList::dictionaryAt(present.body.get(), "Properties"),
+                                     "SerialNumber"),
+              "FIRST");
+
+    Conversation control(simulator.socketPath());
+    PropertyList attach = message("Attach");
+    attach.set("Phone", PropertyList::string("SECOND,2,echo"));
+    control.send(1, attach);
+    const auto attached = control.receive();
+    ASSERT_EQ(PropertyList::integerAt(attached.body.get(), "Number"), 0);
+    const auto secondID = PropertyList::integerAt(attached.body.get(), "DeviceID");
+    const auto event = listener.receive();
+    EXPECT_EQ(event.tag, 0u);
+    EXPECT_EQ(PropertyList::stringAt(event.body.get(), "MessageType"), "Attached");
+    EXPECT_EQ(PropertyList::integerAt(event.body.get(), "DeviceID"), secondID);
+
+    // A tunnel to the new phone works until its cable is pulled.
+    UsbmuxdClient client(simulator.address());
+    const Result tunnel = client.connect(*secondID, 9876);
+    ASSERT_EQ(tunnel.kind, Result::Kind::tunneled);
+    UsbmuxdStream stream(tunnel.fileDescriptor);
+    stream.send(asBytes("ping"));
+    Bytes echoed;
+    while (echoed.size() < 4) {
+        const Bytes piece = stream.receive(4 - static_cast<std::int64_t>(echoed.size()));
+        echoed.insert(echoed.end(), piece.begin(), piece.end());
+    }
+    EXPECT_EQ(echoed, toBytes("ping"));
+
+    PropertyList detach = message("Detach");
+    detach.set("SerialNumber", PropertyList::string("SECOND"));
+    control.send(2, detach);
+    EXPECT_EQ(PropertyList::integerAt(control.receive().body.get(), "Number"), 0);
+    const auto gone = listener.receive();
+    EXPECT_EQ(PropertyList::stringAt(gone.body.get(), "MessageType"), "Detached");
+    EXPECT_EQ(PropertyList::integerAt(gone.body.get(), "DeviceID"), secondID);
+    try {
+        stream.receive(10);
+        ADD_FAILURE() << "the tunnel outlived its phone";
+    } catch (const StreamError& error) {
+        EXPECT_TRUE(error.isClosed());
+    }
+    EXPECT_EQ(client.listDevices().size(), 1u);
+
+    control.send(3, detach);
+    EXPECT_EQ(PropertyList::integerAt(control.receive().body.get(), "Number"), 2);
+    PropertyList badAttach = message("Attach");
+    badAttach.set("Phone", PropertyList::string("NOPRODUCT"));
+    control.send(4, badAttach);
+    const auto refused = control.receive();
+    EXPECT_EQ(PropertyList::integerAt(refused.body.get(), "Number"), 1);
+    EXPECT_TRUE(PropertyList::stringAt(refused.body.get(), "String"));
+    stream.close();
+    EXPECT_EQ(simulator.process().terminate(), 0) << "the simulator ends cleanly on SIGTERM";
+}
+
+TEST(UsbmuxdSimulator, BadCommandLinesAreRefusedWithAReason) {
+    for (const std::vector<std::string>& args : {std::vector<std::string>{"--phone", "X,1,test"},
+                                                 {"--socket", "/tmp/x", "--phone", "X,abc,test"},
+                                                 {"--socket", "/tmp/x", "--phone", "X,1,teapot"},
+                                                 {"--socket", "/tmp/x", "--tcp", "1"}}) {
+        std::vector<std::string> argv{KV_USBMUXD_SIM};
+        argv.insert(argv.end(), args.begin(), args.end());
+        ChildProcess process(argv);
+        EXPECT_EQ(process.waitFor(), 2) << args.back();
+    }
+}
+
+} // namespace
+} // namespace kestrelvane
