@@ -1,0 +1,217 @@
+// kestrelvane demo: the whole road of a send on a machine without an iPhone.
+//
+// A simulated usbmuxd with one virtual iPhone runs as a child process on a
+// private socket; its phone runs the receiving engine and saves into a
+// folder. The send itself is the real one: usbmuxd client, tunnel, stream,
+// sending engine.
+#include "CommandLine.h"
+#include "Commands.h"
+#include "KestrelvaneKit/intake/Checksum.h"
+#include "SampleMedia.h"
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <fcntl.h>
+#include <filesystem>
+#include <poll.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+namespace kestrelvane::cli {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char* demoUsage = R"(usage: kestrelvane demo [--log stderr]
+
+Shows the whole system on this machine, no iPhone needed: starts
+kestrelvane-usbmuxd-sim with one virtual iPhone on a private socket, makes
+sample photos (with capture dates) and a video in a temporary folder, sends
+them over the real USB path (usbmuxd client, tunnel, stream), checks every
+received file against its original byte for byte, and says where they are.
+
+The simulator is looked for in $KESTRELVANE_USBMUXD_SIM, next to this
+program, then on PATH.
+)";
+
+constexpr const char* album = "Kestrelvane demo";
+constexpr int samplePhotos = 8;
+constexpr std::uint64_t sampleVideoBytes = 48ull << 20;
+constexpr auto simulatorStartDeadline = std::chrono::seconds(20);
+
+fs::path simulatorProgram() {
+    if (const char* chosen = std::getenv("KESTRELVANE_USBMUXD_SIM"); chosen && *chosen) {
+        return chosen;
+    }
+    std::error_code error;
+    const fs::path self = fs::read_symlink("/proc/self/exe", error);
+    if (!error) {
+        const fs::path sibling = self.parent_path() / "kestrelvane-usbmuxd-sim";
+        if (::access(sibling.c_str(), X_OK) == 0) {
+            return sibling;
+        }
+    }
+    return "kestrelvane-usbmuxd-sim"; // from PATH
+}
+
+/// The simulator as a child process, ended (and reaped) when this goes.
+class Simulator {
+public:
+    Simulator(const fs::path& program, const fs::path& socket, const fs::path& phoneFolder) {
+        int output[2];
+        if (::pipe2(output, O_CLOEXEC) != 0) {
+            throw std::runtime_error("pipe failed");
+        }
+        const std::string phone = "DEMO-IPHONE-0001,0x12a8,folder=" + phoneFolder.string();
+        pid_ = ::fork();
+        if (pid_ == 0) {
+            ::dup2(output[1], STDOUT_FILENO);
+            const char* const argv[] = {program.c_str(), "--socket",    socket.c_str(),
+                                        "--phone",       phone.c_str(), nullptr};
+            ::execvp(argv[0], const_cast<char* const*>(argv));
+            std::fprintf(stderr, "cannot run %s\n", program.c_str());
+            ::_exit(127);
+        }
+        ::close(output[1]);
+        output_ = output[0];
+        if (pid_ < 0) {
+            ::close(output_);
+            throw std::runtime_error("fork failed");
+        }
+    }
+    ~Simulator() {
+        ::kill(pid_, SIGTERM);
+        for (int i = 0; i < 100 && !reaped(); ++i) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        }
+        if (!reaped()) {
+            ::kill(pid_, SIGKILL);
+            ::waitpid(pid_, nullptr, 0);
+        }
+        ::close(output_);
+    }
+    Simulator(const Simulator&) = delete;
+    Simulator& operator=(const Simulator&) = delete;
+
+    /// Waits for the simulator's "listening on" line; false when it ended or
+    /// said nothing within the deadline.
+    bool waitUntilListening(std::chrono::seconds deadline) {
+        const auto until = std::chrono::steady_clock::now() + deadline;
+        std::string text;
+        while (text.find('\n') == std::string::npos) {
+            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                until - std::chrono::steady_clock::now());
+            pollfd wait{.fd = output_, .events = POLLIN, .revents = 0};
+            if (left.count() <= 0 || ::poll(&wait, 1, static_cast<int>(left.count())) <= 0) {
+                return false;
+            }
+            char buffer[256];
+            const ssize_t got = ::read(output_, buffer, sizeof buffer);
+            if (got <= 0) {
+                return false;
+            }
+            text.append(buffer, static_cast<std::size_t>(got));
+        }
+        return text.rfind("listening on", 0) == 0;
+    }
+
+private:
+    bool reaped() {
+        if (done_) {
+            return true;
+        }
+        done_ = ::waitpid(pid_, nullptr, WNOHANG) == pid_;
+        return done_;
+    }
+
+    pid_t pid_ = -1;
+    int output_ = -1;
+    bool done_ = false;
+};
+
+} // namespace
+
+int runDemo(const std::vector<std::string>& arguments) {
+    std::vector<std::string> passOn;
+    try {
+        const CommandLine line(arguments, CommandLine::Spec{.flags = {"help"}, .valued = {"log"}});
+        if (line.has("help")) {
+            std::fputs(demoUsage, stdout);
+            return exitOk;
+        }
+        if (!line.operands().empty()) {
+            throw UsageError("unexpected '" + line.operands().front() + "'");
+        }
+        applyLogOption(line);
+        if (const auto log = line.value("log")) {
+            passOn = {"--log", *log};
+        }
+    } catch (const UsageError& error) {
+        std::fprintf(stderr, "kestrelvane demo: %s\n\n%s", error.what(), demoUsage);
+        return exitUsage;
+    }
+
+    std::string pattern = (fs::temp_directory_path() / "kestrelvane-demo-XXXXXX").string();
+    if (::mkdtemp(pattern.data()) == nullptr) {
+        std::perror("kestrelvane demo: cannot make a temporary folder");
+        return exitSomeFilesNotSaved;
+    }
+    const fs::path work = pattern;
+    const fs::path samples = work / "samples";
+    const fs::path phone = work / "iPhone";
+    fs::create_directories(samples);
+    fs::create_directories(phone);
+
+    std::vector<fs::path> originals;
+    try {
+        originals = SampleMedia::create(samples, samplePhotos, sampleVideoBytes);
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "kestrelvane demo: %s\n", error.what());
+        return exitSomeFilesNotSaved;
+    }
+    std::printf("Made %d sample photos and a %llu MB video in %s\n", samplePhotos,
+                static_cast<unsigned long long>(sampleVideoBytes >> 20), samples.c_str());
+
+    const fs::path socket = work / "usbmuxd.socket";
+    const fs::path program = simulatorProgram();
+    Simulator simulator(program, socket, phone);
+    if (!simulator.waitUntilListening(simulatorStartDeadline)) {
+        std::fprintf(stderr, "kestrelvane demo: the usbmuxd simulator (%s) did not start\n",
+                     program.c_str());
+        return exitNoConnection;
+    }
+    std::printf("Started a simulated usbmuxd with one virtual iPhone at %s\n\n", socket.c_str());
+    std::fflush(stdout);
+
+    // The send reaches the simulator exactly as it would reach the real
+    // daemon: through the socket address usbmuxd clients read.
+    ::setenv("USBMUXD_SOCKET_ADDRESS", ("UNIX:" + socket.string()).c_str(), 1);
+    std::vector<std::string> send = {"--album", album, "--to", "usb"};
+    send.insert(send.end(), passOn.begin(), passOn.end());
+    send.push_back(samples.string());
+    const int sendStatus = runSend(send);
+
+    const fs::path received = phone / album;
+    int identical = 0;
+    for (const auto& original : originals) {
+        const fs::path copy = received / original.filename();
+        std::error_code error;
+        if (fs::exists(copy, error) &&
+            Checksum::sha256HexOfFile(copy) == Checksum::sha256HexOfFile(original)) {
+            ++identical;
+        } else {
+            std::printf("  %s did not arrive intact\n", original.filename().c_str());
+        }
+    }
+    std::printf("\nThe virtual iPhone saved the files in %s\n", received.c_str());
+    const auto total = static_cast<int>(originals.size());
+    const bool ok = sendStatus == exitOk && identical == total;
+    std::printf("demo: %s: %d of %d files arrived byte for byte over the simulated USB path\n",
+                ok ? "PASSED" : "FAILED", identical, total);
+    return ok ? exitOk : exitSomeFilesNotSaved;
+}
+
+} // namespace kestrelvane::cli

@@ -1,0 +1,185 @@
+// kestrelvane devices: the phones usbmuxd lists and the receivers on the network.
+#include "CommandLine.h"
+#include "Commands.h"
+#include "KestrelvaneKit/network/KestrelvaneService.h"
+#include "KestrelvaneKit/network/ServiceBrowser.h"
+#include "KestrelvaneKit/usb/UsbmuxdClient.h"
+#include "KestrelvaneKit/usb/UsbmuxdProtocol.h"
+
+#include <nlohmann/json.hpp>
+
+#include <charconv>
+#include <chrono>
+#include <cstdio>
+#include <mutex>
+#include <thread>
+#include <unistd.h>
+
+namespace kestrelvane::cli {
+namespace {
+
+constexpr const char* devicesUsage =
+    R"(usage: kestrelvane devices [--json] [--wait SECONDS] [--log stderr]
+
+Lists the iPhones attached by USB (as usbmuxd sees them; USBMUXD_SOCKET_ADDRESS
+chooses another usbmuxd socket), with whether Kestrelvane accepts a connection
+on each, and the receivers that announce themselves on the local network
+(DNS-SD, _kestrelvane._tcp).
+
+  --json          one JSON object on stdout
+  --wait SECONDS  how long to look for receivers on the network (default 2)
+  --log stderr    the library's log lines on stderr instead of the journal
+)";
+
+struct UsbPhone {
+    UsbmuxdClient::Device device{};
+    std::string port{}; ///< "listening", "not listening", "detached" or an error
+};
+
+struct UsbReport {
+    std::string daemon{};
+    std::optional<std::string> error{};
+    std::vector<UsbPhone> phones{};
+};
+
+UsbReport listUsb() {
+    UsbmuxdClient client;
+    UsbReport report{.daemon = client.address().describe()};
+    try {
+        for (const auto& device : client.listDevices()) {
+            UsbPhone phone{.device = device};
+            try {
+                const auto result = client.connect(device.id, KestrelvaneService::listenerPort);
+                using Kind = UsbmuxdClient::ConnectResult::Kind;
+                switch (result.kind) {
+                case Kind::tunneled:
+                    ::close(result.fileDescriptor);
+                    phone.port = "listening";
+                    break;
+                case Kind::connectionRefused:
+                    phone.port = "not listening";
+                    break;
+                case Kind::badDevice:
+                    phone.port = "detached";
+                    break;
+                case Kind::otherError:
+                    phone.port = "error " + std::to_string(result.code);
+                    break;
+                }
+            } catch (const std::exception& error) {
+                phone.port = error.what();
+            }
+            report.phones.push_back(std::move(phone));
+        }
+    } catch (const UsbmuxdError& error) {
+        report.error = error.kind() == UsbmuxdError::Kind::socketError
+                           ? "usbmuxd is not running at " + report.daemon
+                           : std::string(error.what());
+    }
+    return report;
+}
+
+std::vector<DiscoveredService> browseNetwork(std::chrono::milliseconds duration) {
+    std::mutex mutex;
+    std::vector<DiscoveredService> latest;
+    ServiceBrowser browser([&](const std::vector<DiscoveredService>& services) {
+        const std::lock_guard lock(mutex);
+        latest = services;
+    });
+    browser.start();
+    // DNS-SD answers trickle in; the set seen after the wait is the answer.
+    std::this_thread::sleep_for(duration);
+    browser.stop();
+    const std::lock_guard lock(mutex);
+    return latest;
+}
+
+std::string join(const std::vector<std::string>& parts) {
+    std::string out;
+    for (const auto& part : parts) {
+        out += (out.empty() ? "" : ", ") + part;
+    }
+    return out;
+}
+
+} // namespace
+
+int runDevices(const std::vector<std::string>& arguments) {
+    std::optional<CommandLine> line;
+    double waitSeconds = 2;
+    try {
+        line.emplace(arguments,
+                     CommandLine::Spec{.flags = {"json", "help"}, .valued = {"wait", "log"}});
+        if (line->has("help")) {
+            std::fputs(devicesUsage, stdout);
+            return exitOk;
+        }
+        applyLogOption(*line);
+        if (!line->operands().empty()) {
+            throw UsageError("unexpected '" + line->operands().front() + "'");
+        }
+        if (const auto text = line->value("wait")) {
+            const auto [end, error] =
+                std::from_chars(text->data(), text->data() + text->size(), waitSeconds);
+            if (error != std::errc() || end != text->data() + text->size() || waitSeconds < 0 ||
+                waitSeconds > 600) {
+                throw UsageError("--wait takes seconds from 0 to 600, not '" + *text + "'");
+            }
+        }
+    } catch (const UsageError& error) {
+        std::fprintf(stderr, "kestrelvane devices: %s\n\n%s", error.what(), devicesUsage);
+        return exitUsage;
+    }
+
+    const UsbReport usb = listUsb();
+    const auto network =
+        browseNetwork(std::chrono::milliseconds(static_cast<long>(waitSeconds * 1000)));
+
+    if (line->has("json")) {
+        nlohmann::json phones = nlohmann::json::array();
+        for (const auto& phone : usb.phones) {
+            phones.push_back({{"id", phone.device.id},
+                              {"serial", phone.device.serial},
+                              {"productId", phone.device.productID},
+                              {"listening", phone.port == "listening"},
+                              {"port9876", phone.port}});
+        }
+        nlohmann::json receivers = nlohmann::json::array();
+        for (const auto& service : network) {
+            receivers.push_back({{"name", service.name},
+                                 {"host", service.host},
+                                 {"addresses", service.addresses},
+                                 {"port", service.port}});
+        }
+        nlohmann::json out = {{"usbmuxd", usb.daemon}, {"usb", phones}, {"network", receivers}};
+        if (usb.error) {
+            out["usbError"] = *usb.error;
+        }
+        std::printf("%s\n",
+                    out.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
+        return exitOk;
+    }
+
+    std::printf("USB (usbmuxd at %s):\n", usb.daemon.c_str());
+    if (usb.error) {
+        std::printf("  %s\n", usb.error->c_str());
+    } else if (usb.phones.empty()) {
+        std::printf("  no iPhone attached\n");
+    }
+    for (const auto& phone : usb.phones) {
+        std::printf("  #%lld  %s  product 0x%04llx  Kestrelvane %s\n",
+                    static_cast<long long>(phone.device.id), phone.device.serial.c_str(),
+                    static_cast<unsigned long long>(phone.device.productID), phone.port.c_str());
+    }
+    std::printf("Network (%s):\n", std::string(KestrelvaneService::type).c_str());
+    if (network.empty()) {
+        std::printf("  no receivers found\n");
+    }
+    for (const auto& service : network) {
+        std::printf("  %s  %s port %u  (%s)\n", service.name.c_str(), service.host.c_str(),
+                    static_cast<unsigned>(service.port), join(service.addresses).c_str());
+    }
+    return exitOk;
+}
+
+} // namespace kestrelvane::cli

@@ -1,0 +1,263 @@
+// kestrelvane receive: a desktop receiver that saves into a folder.
+#include "CommandLine.h"
+#include "Commands.h"
+#include "KestrelvaneKit/network/BonjourStream.h"
+#include "KestrelvaneKit/network/KestrelvaneService.h"
+#include "KestrelvaneKit/network/ServicePublisher.h"
+#include "KestrelvaneKit/network/TcpListener.h"
+#include "KestrelvaneKit/receiving/FolderSaver.h"
+#include "KestrelvaneKit/receiving/TransferServer.h"
+
+#include <atomic>
+#include <csignal>
+#include <cstdio>
+#include <list>
+#include <mutex>
+#include <pthread.h>
+#include <set>
+#include <thread>
+#include <unistd.h>
+
+namespace kestrelvane::cli {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char* receiveUsage =
+    R"(usage: kestrelvane receive --dir DIR [--port PORT] [--bind ADDR] [--advertise [NAME]]
+                          [--once] [--log stderr]
+
+Receives photos and videos as the phone does: verifies each file's SHA-256,
+saves it into DIR (into DIR/ALBUM when the sender names an album), and
+acknowledges it. Files are never overwritten ("IMG_1.jpg" becomes
+"IMG_1 (1).jpg"), get their capture date as modification time, and are on
+disk (synced) before they are acknowledged. Several senders may connect at
+once. Stops on Ctrl+C or SIGTERM.
+
+  --dir DIR          where received files go (created when missing)
+  --port PORT        TCP port to listen on (default 9876; 0 picks a free one)
+  --bind ADDR        listen on every interface (0.0.0.0 or ::, the default) or
+                     on this machine only (127.0.0.1, ::1 or localhost)
+  --advertise [NAME] announce the receiver on the local network with DNS-SD
+                     (_kestrelvane._tcp) under NAME, by default the host name
+  --once             exit after the first session has ended
+  --log stderr       the library's log lines on stderr instead of the journal
+
+Prints one line per file and one per session.
+)";
+
+/// Lines from several session threads, each whole and flushed at once.
+class Output {
+public:
+    void line(const std::string& text) {
+        const std::lock_guard lock(mutex_);
+        std::fprintf(stdout, "%s\n", text.c_str());
+        std::fflush(stdout);
+    }
+
+private:
+    std::mutex mutex_;
+};
+
+TcpListener::Scope scopeFor(const std::string& address) {
+    if (address == "0.0.0.0" || address == "::" || address == "*") {
+        return TcpListener::Scope::anyAddress;
+    }
+    if (address == "127.0.0.1" || address == "::1" || address == "localhost") {
+        return TcpListener::Scope::loopback;
+    }
+    throw UsageError("--bind takes 0.0.0.0, ::, 127.0.0.1, ::1 or localhost, not '" + address +
+                     "'");
+}
+
+std::string hostName() {
+    char name[256] = {};
+    if (::gethostname(name, sizeof name - 1) != 0 || name[0] == '\0') {
+        return "Kestrelvane receiver";
+    }
+    return name;
+}
+
+/// The connections being served, so that a stop can end them.
+class Sessions {
+public:
+    void add(const std::shared_ptr<KestrelvaneStream>& stream) {
+        const std::lock_guard lock(mutex_);
+        if (closing_) {
+            stream->close(); // came in while stopping
+        }
+        open_.insert(stream);
+    }
+    void remove(const std::shared_ptr<KestrelvaneStream>& stream) {
+        const std::lock_guard lock(mutex_);
+        open_.erase(stream);
+    }
+    void closeAll() {
+        const std::lock_guard lock(mutex_);
+        closing_ = true;
+        for (const auto& stream : open_) {
+            stream->close();
+        }
+    }
+
+private:
+    std::mutex mutex_;
+    std::set<std::shared_ptr<KestrelvaneStream>> open_;
+    bool closing_ = false;
+};
+
+void serve(const std::shared_ptr<TcpConnection>& connection, const fs::path& folder, int number,
+           Output& output, Sessions& sessions) {
+    auto stream = std::make_shared<BonjourStream>(connection);
+    sessions.add(stream);
+    FrameChannel channel(stream);
+    int saved = 0;
+    int failed = 0;
+    try {
+        channel.start();
+        output.line("session " + std::to_string(number) + ": connected");
+        FolderSaver saver(folder);
+        TransferServer(saver).run(channel, [&](const TransferServer::Event& event) {
+            if (event.ack.status == Ack::Status::ok) {
+                ++saved;
+                output.line("saved   " + event.name);
+            } else {
+                ++failed;
+                output.line("FAILED  " + event.name + ": " + event.ack.message.value_or("?"));
+            }
+        });
+    } catch (const std::exception& error) {
+        output.line("session " + std::to_string(number) + ": " + error.what());
+    }
+    channel.cancel();
+    sessions.remove(stream);
+    output.line("session " + std::to_string(number) + " ended: " + std::to_string(saved) +
+                " saved, " + std::to_string(failed) + " failed");
+}
+
+} // namespace
+
+int runReceive(const std::vector<std::string>& arguments) {
+    std::optional<CommandLine> line;
+    fs::path folder;
+    int port = KestrelvaneService::listenerPort;
+    TcpListener::Scope scope = TcpListener::Scope::anyAddress;
+    try {
+        line.emplace(arguments, CommandLine::Spec{.flags = {"once", "help"},
+                                                  .valued = {"dir", "port", "bind", "log"},
+                                                  .optionalValue = {"advertise"}});
+        if (line->has("help")) {
+            std::fputs(receiveUsage, stdout);
+            return exitOk;
+        }
+        applyLogOption(*line);
+        if (!line->operands().empty()) {
+            throw UsageError("unexpected '" + line->operands().front() + "'");
+        }
+        if (!line->value("dir") || line->value("dir")->empty()) {
+            throw UsageError("--dir DIR is required");
+        }
+        folder = *line->value("dir");
+        if (const auto text = line->value("port")) {
+            port = parsePort(*text, true);
+        }
+        if (const auto address = line->value("bind")) {
+            scope = scopeFor(*address);
+        }
+    } catch (const UsageError& error) {
+        std::fprintf(stderr, "kestrelvane receive: %s\n\n%s", error.what(), receiveUsage);
+        return exitUsage;
+    }
+
+    std::error_code error;
+    fs::create_directories(folder, error);
+    if (error || !fs::is_directory(folder)) {
+        std::fprintf(stderr, "kestrelvane receive: cannot use %s as the folder: %s\n",
+                     folder.c_str(), error ? error.message().c_str() : "not a folder");
+        return exitSomeFilesNotSaved;
+    }
+    folder = fs::absolute(folder);
+
+    // Ctrl+C and SIGTERM are taken by one thread with sigwait, so that every
+    // other thread runs undisturbed and the stop is an ordinary call.
+    sigset_t stopSignals;
+    sigemptyset(&stopSignals);
+    sigaddset(&stopSignals, SIGINT);
+    sigaddset(&stopSignals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+
+    std::unique_ptr<TcpListener> listener;
+    try {
+        listener = std::make_unique<TcpListener>(static_cast<std::uint16_t>(port), scope);
+    } catch (const std::exception& failure) {
+        std::fprintf(stderr, "kestrelvane receive: cannot listen on port %d: %s\n", port,
+                     failure.what());
+        return exitSomeFilesNotSaved;
+    }
+
+    Output output;
+    Sessions sessions;
+    std::atomic<bool> finished{false};
+    std::atomic<bool> interrupted{false};
+    std::thread signalWaiter([&] {
+        int signal = 0;
+        sigwait(&stopSignals, &signal);
+        if (!finished) {
+            interrupted = true;
+            listener->stop();
+            sessions.closeAll(); // a file cut short is resent by the sender
+        }
+    });
+
+    output.line("Receiving into " + folder.string() + " on port " +
+                std::to_string(listener->port()));
+    std::unique_ptr<ServicePublisher> publisher;
+    if (const auto name = line->value("advertise")) {
+        publisher = std::make_unique<ServicePublisher>(name->empty() ? hostName() : *name,
+                                                       listener->port());
+        publisher->publish();
+        output.line("Advertising \"" + publisher->name() + "\" (" +
+                    std::string(KestrelvaneService::type) + ")");
+    }
+
+    const bool once = line->has("once");
+    std::list<std::jthread> sessionThreads;
+    int status = exitOk;
+    for (int number = 1;; ++number) {
+        std::shared_ptr<TcpConnection> connection;
+        try {
+            connection = listener->accept();
+        } catch (const std::exception& failure) {
+            output.line(std::string("cannot accept connections: ") + failure.what());
+            status = exitSomeFilesNotSaved;
+            break;
+        }
+        if (!connection) {
+            break;
+        }
+        sessionThreads.emplace_back([&, connection, number] {
+            serve(connection, folder, number, output, sessions);
+            if (once) {
+                listener->stop();
+            }
+        });
+        if (once) {
+            break;
+        }
+    }
+    if (!once) {
+        sessions.closeAll(); // the listener failed: nothing more will come
+    }
+    sessionThreads.clear(); // joins every session
+    publisher.reset();
+
+    finished = true;
+    pthread_kill(signalWaiter.native_handle(), SIGTERM); // a no-op wake if it already ran
+    signalWaiter.join();
+    if (interrupted) {
+        output.line("Stopped.");
+    }
+    return status;
+}
+
+} // namespace kestrelvane::cli

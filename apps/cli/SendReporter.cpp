@@ -1,0 +1,157 @@
+#include "SendReporter.h"
+
+#include <nlohmann/json.hpp>
+
+#include <cmath>
+
+namespace kestrelvane::cli {
+
+namespace {
+
+std::string format(const char* pattern, double value) {
+    char text[64];
+    std::snprintf(text, sizeof text, pattern, value);
+    return text;
+}
+
+std::string jsonLine(const nlohmann::json& object) {
+    // Slashes stay as they are: these lines are for scripts, not the wire.
+    return object.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+}
+
+} // namespace
+
+std::string megabytes(std::uint64_t bytes) {
+    return format("%.1f MB", static_cast<double>(bytes) / 1'048'576.0);
+}
+
+std::string minutesAndSeconds(double seconds) {
+    const auto whole = static_cast<long long>(std::max(0.0, std::round(seconds)));
+    char text[32];
+    std::snprintf(text, sizeof text, "%lld:%02lld", whole / 60, whole % 60);
+    return text;
+}
+
+double SendReporter::steadySeconds() {
+    const auto since = std::chrono::steady_clock::now().time_since_epoch();
+    return std::chrono::duration<double>(since).count();
+}
+
+SendReporter::SendReporter(Style style, std::FILE* out, Clock clock)
+    : style_(style), out_(out), clock_(std::move(clock)) {
+}
+
+void SendReporter::start(std::int64_t files, std::uint64_t bytes, const std::string& destination,
+                         const std::optional<std::string>& album) {
+    startedAt_ = clock_();
+    files_ = files;
+    bytes_ = bytes;
+    if (style_ == Style::json) {
+        nlohmann::json event = {
+            {"event", "start"}, {"files", files}, {"bytes", bytes}, {"to", destination}};
+        if (album) {
+            event["album"] = *album;
+        }
+        printLine(jsonLine(event));
+        return;
+    }
+    std::string line = "Sending " + std::to_string(files) + (files == 1 ? " file" : " files") +
+                       " (" + megabytes(bytes) + ") to " + destination;
+    if (album) {
+        line += ", album \"" + *album + "\"";
+    }
+    printLine(line);
+    drawLiveLine();
+}
+
+void SendReporter::acknowledged(const std::string& name, bool ok,
+                                const std::optional<std::string>& message, std::uint64_t bytes) {
+    ++done_;
+    if (ok) {
+        bytesDone_ += bytes;
+    }
+    if (style_ == Style::json) {
+        nlohmann::json event = {{"event", "ack"},
+                                {"index", done_},
+                                {"total", files_},
+                                {"name", name},
+                                {"status", ok ? "ok" : "error"},
+                                {"bytes", bytes}};
+        if (message) {
+            event["message"] = *message;
+        }
+        printLine(jsonLine(event));
+        return;
+    }
+    std::string line = (ok ? "saved   " : "FAILED  ") + name;
+    if (!ok) {
+        line += ": " + message.value_or("?");
+    }
+    printLine(line);
+    drawLiveLine();
+}
+
+void SendReporter::finish(const Summary& summary) {
+    if (style_ == Style::json) {
+        nlohmann::json unsaved = nlohmann::json::array();
+        for (const auto& file : summary.unsaved) {
+            unsaved.push_back({{"name", file.name}, {"path", file.path}, {"reason", file.reason}});
+        }
+        printLine(jsonLine({{"event", "summary"},
+                            {"files", summary.files},
+                            {"saved", summary.saved},
+                            {"failed", summary.files - summary.saved},
+                            {"bytes", summary.bytesSaved},
+                            {"seconds", summary.seconds},
+                            {"unsaved", unsaved},
+                            {"exitStatus", summary.exitStatus}}));
+        return;
+    }
+    clearLiveLine();
+    const double rate = summary.seconds > 0 ? static_cast<double>(summary.bytesSaved) /
+                                                  1'048'576.0 / summary.seconds
+                                            : 0;
+    printLine(std::to_string(summary.saved) + " of " + std::to_string(summary.files) + " saved, " +
+              megabytes(summary.bytesSaved) + " in " + minutesAndSeconds(summary.seconds) +
+              format(" (%.1f MB/s)", rate));
+    if (!summary.unsaved.empty()) {
+        printLine("Not saved:");
+        for (const auto& file : summary.unsaved) {
+            printLine("  " + file.path + ": " + file.reason);
+        }
+    }
+}
+
+void SendReporter::drawLiveLine() {
+    if (style_ != Style::terminal) {
+        return;
+    }
+    const double elapsed = clock_() - startedAt_;
+    const double rate = elapsed > 0 ? static_cast<double>(bytesDone_) / elapsed : 0;
+    std::string line = std::to_string(done_) + "/" + std::to_string(files_) + " files, " +
+                       format("%.1f", static_cast<double>(bytesDone_) / 1'048'576.0) + " of " +
+                       megabytes(bytes_);
+    if (rate > 0) {
+        line += format(", %.1f MB/s", rate / 1'048'576.0);
+        const auto left = bytes_ > bytesDone_ ? bytes_ - bytesDone_ : 0;
+        line += ", " + minutesAndSeconds(static_cast<double>(left) / rate) + " left";
+    }
+    std::fprintf(out_, "\r\033[K%s", line.c_str());
+    std::fflush(out_);
+    liveLineShown_ = true;
+}
+
+void SendReporter::clearLiveLine() {
+    if (liveLineShown_) {
+        std::fputs("\r\033[K", out_);
+        liveLineShown_ = false;
+    }
+}
+
+void SendReporter::printLine(const std::string& line) {
+    clearLiveLine();
+    std::fprintf(out_, "%s\n", line.c_str());
+    std::fflush(out_);
+}
+
+} // namespace kestrelvane::cli

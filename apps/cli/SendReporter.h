@@ -1,0 +1,69 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace kestrelvane::cli {
+
+/// How `kestrelvane send` tells the user what happens: a live line on a
+/// terminal, one plain line per file otherwise, or JSON lines for scripts.
+class SendReporter {
+public:
+    enum class Style { terminal, plain, json };
+
+    /// One planned file that did not end up saved.
+    struct Unsaved {
+        std::string name{};
+        std::string path{};
+        std::string reason{}; ///< the receiver's message, or "not acknowledged"
+    };
+
+    struct Summary {
+        std::int64_t files = 0;
+        std::int64_t saved = 0;
+        std::uint64_t bytesSaved = 0;
+        double seconds = 0;
+        std::vector<Unsaved> unsaved{};
+        int exitStatus = 0;
+    };
+
+    using Clock = std::function<double()>; ///< seconds; only differences matter
+
+    SendReporter(Style style, std::FILE* out, Clock clock = steadySeconds);
+
+    void start(std::int64_t files, std::uint64_t bytes, const std::string& destination,
+               const std::optional<std::string>& album);
+    /// One acknowledgement; `bytes` is the size of the file it names.
+    void acknowledged(const std::string& name, bool ok, const std::optional<std::string>& message,
+                      std::uint64_t bytes);
+    void finish(const Summary& summary);
+
+    static double steadySeconds();
+
+private:
+    void drawLiveLine();
+    void clearLiveLine();
+    void printLine(const std::string& line);
+
+    const Style style_;
+    std::FILE* const out_;
+    const Clock clock_;
+    double startedAt_ = 0;
+    std::int64_t files_ = 0;
+    std::int64_t done_ = 0;
+    std::uint64_t bytes_ = 0;
+    std::uint64_t bytesDone_ = 0;
+    bool liveLineShown_ = false;
+};
+
+/// "12.3 MB" for bytes in units of 1,048,576.
+std::string megabytes(std::uint64_t bytes);
+/// "m:ss" of whole seconds.
+std::string minutesAndSeconds(double seconds);
+
+} // namespace kestrelvane::cli

@@ -1,0 +1,300 @@
+// The command-line tool driven as a user drives it: the built binary in a
+// subprocess, its output and exit status checked.
+#include "KestrelvaneKit/intake/Checksum.h"
+#include "support/ChildProcess.h"
+#include "support/TemporaryFolder.h"
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <fstream>
+#include <netinet/in.h>
+#include <regex>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace kestrelvane {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::ChildProcess;
+using testing::TemporaryFolder;
+
+const fs::path media = fs::path(KV_FIXTURES_DIR) / "media";
+// The fixture's DateTimeOriginal, 2024:03:05 14:07:09, read in UTC.
+constexpr std::time_t jpegCaptureTime = 1709647629;
+
+/// The tool with its standard error joined to its standard output, in UTC.
+std::unique_ptr<ChildProcess> kestrelvane(const std::vector<std::string>& arguments,
+                                          ChildProcess::Environment environment = {}) {
+    std::vector<std::string> argv = {"/bin/sh", "-c", "exec \"$0\" \"$@\" 2>&1", KV_CLI};
+    argv.insert(argv.end(), arguments.begin(), arguments.end());
+    environment.emplace_back("TZ", "UTC");
+    return std::make_unique<ChildProcess>(argv, environment);
+}
+
+struct Finished {
+    int status = -1;
+    std::vector<std::string> lines;
+    bool mentions(const std::string& text) const {
+        return std::any_of(lines.begin(), lines.end(),
+                           [&](const std::string& line) { return line.find(text) != line.npos; });
+    }
+};
+
+Finished run(const std::vector<std::string>& arguments,
+             const ChildProcess::Environment& environment = {}) {
+    auto process = kestrelvane(arguments, environment);
+    Finished finished;
+    while (auto line = process->readLine(std::chrono::seconds(60))) {
+        finished.lines.push_back(*line);
+    }
+    finished.status = process->waitFor(std::chrono::seconds(60)).value_or(-1);
+    return finished;
+}
+
+/// `kestrelvane receive --once` on a free loopback port.
+class Receiver {
+public:
+    explicit Receiver(const fs::path& folder) {
+        process_ = kestrelvane(
+            {"receive", "--dir", folder.string(), "--port", "0", "--bind", "127.0.0.1", "--once"});
+        const auto first = process_->readLine();
+        std::smatch match;
+        if (first && std::regex_search(*first, match, std::regex("on port ([0-9]+)$"))) {
+            port_ = std::stoi(match[1]);
+        } else {
+            ADD_FAILURE() << "the receiver did not say where it listens: " << first.value_or("");
+        }
+    }
+    std::string address() const { return "127.0.0.1:" + std::to_string(port_); }
+    /// Its output after the first line, and its exit status, once it ends.
+    Finished finish() {
+        Finished finished;
+        while (auto line = process_->readLine(std::chrono::seconds(60))) {
+            finished.lines.push_back(*line);
+        }
+        finished.status = process_->waitFor(std::chrono::seconds(60)).value_or(-1);
+        return finished;
+    }
+
+private:
+    std::unique_ptr<ChildProcess> process_;
+    int port_ = 0;
+};
+
+std::string sha256(const fs::path& path) {
+    return Checksum::sha256HexOfFile(path);
+}
+
+std::time_t modificationTime(const fs::path& path) {
+    struct stat status {};
+    ::stat(path.c_str(), &status);
+    return status.st_mtime;
+}
+
+std::vector<std::string> namesIn(const fs::path& folder) {
+    std::vector<std::string> names;
+    for (const auto& entry : fs::recursive_directory_iterator(folder)) {
+        names.push_back(fs::relative(entry.path(), folder).string());
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+/// A port on which nothing listens (bound once by the kernel's choice, then freed).
+int closedPort() {
+    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
+    ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+    ::close(fd);
+    return ntohs(address.sin_port);
+}
+
+TEST(KestrelvaneCli, SendOverTcpSavesIntoTheTrimmedAlbumByteForByteWithCaptureDates) {
+    TemporaryFolder folder;
+    Receiver receiver(folder.path() / "in");
+    const Finished send =
+        run({"send", "--album", "  Trip \t", "--to", receiver.address(),
+             (media / "jpeg-original.jpg").string(), (media / "video.mov").string(),
+             (media / "not-an-image.jpg").string()});
+    EXPECT_EQ(send.status, 0) << ::testing::PrintToString(send.lines);
+    const Finished received = receiver.finish();
+    EXPECT_EQ(received.status, 0);
+    EXPECT_TRUE(received.mentions("saved   jpeg-original.jpg"));
+
+    const fs::path album = folder.path() / "in" / "Trip";
+    for (const char* name : {"jpeg-original.jpg", "video.mov", "not-an-image.jpg"}) {
+        ASSERT_TRUE(fs::exists(album / name)) << name;
+        EXPECT_EQ(sha256(album / name), sha256(media / name)) << name;
+    }
+    EXPECT_EQ(modificationTime(album / "jpeg-original.jpg"), jpegCaptureTime);
+}
+
+TEST(KestrelvaneCli, SendingTheSameFilesAgainKeepsBothCopies) {
+    TemporaryFolder folder;
+    const std::string photo = (media / "jpeg-original.jpg").string();
+    for (int round = 0; round < 2; ++round) {
+        Receiver receiver(folder.path());
+        EXPECT_EQ(run({"send", "--to", receiver.address(), photo}).status, 0);
+        EXPECT_EQ(receiver.finish().status, 0);
+    }
+    EXPECT_EQ(namesIn(folder.path()),
+              (std::vector<std::string>{"jpeg-original (1).jpg", "jpeg-original.jpg"}));
+    EXPECT_EQ(sha256(folder.path() / "jpeg-original (1).jpg"), sha256(photo));
+}
+
+TEST(KestrelvaneCli, AlbumsThatWouldLeaveTheFolderAreRefusedAndNothingIsWrittenOutside) {
+    TemporaryFolder folder;
+    const fs::path inside = folder.path() / "in";
+    for (const std::string album : {"../outside", "a/b", ".."}) {
+        Receiver receiver(inside);
+        const Finished send = run({"send", "--album", album, "--to", receiver.address(),
+                                   (media / "jpeg-original.jpg").string()});
+        EXPECT_EQ(send.status, 1) << album;
+        EXPECT_TRUE(send.mentions("jpeg-original.jpg")) << album; // listed as not saved
+        receiver.finish();
+    }
+    EXPECT_EQ(namesIn(folder.path()), std::vector<std::string>{"in"});
+}
+
+TEST(KestrelvaneCli, JsonOutputIsOneEventPerLineFromStartToSummary) {
+    TemporaryFolder folder;
+    Receiver receiver(folder.path());
+    const Finished send =
+        run({"send", "--json", "--to", receiver.address(), (media / "jpeg-original.jpg").string(),
+             (media / "video.mov").string()});
+    receiver.finish();
+    ASSERT_EQ(send.status, 0);
+    std::vector<nlohmann::json> events;
+    for (const auto& line : send.lines) {
+        events.push_back(nlohmann::json::parse(line)); // throws on anything else
+    }
+    ASSERT_EQ(events.size(), 4u);
+    EXPECT_EQ(events[0]["event"], "start");
+    EXPECT_EQ(events[0]["files"], 2);
+    EXPECT_EQ(events[1]["event"], "ack");
+    EXPECT_EQ(events[1]["status"], "ok");
+    EXPECT_EQ(events[2]["event"], "ack");
+    EXPECT_EQ(events[3]["event"], "summary");
+    EXPECT_EQ(events[3]["saved"], 2);
+    EXPECT_EQ(events[3]["failed"], 0);
+    EXPECT_EQ(events[3]["exitStatus"], 0);
+}
+
+TEST(KestrelvaneCli, UsageErrorsExitTwoAndNothingToSendExitsZero) {
+    EXPECT_EQ(run({"send"}).status, 2);
+    EXPECT_EQ(run({"send", "--to", "nowhere", "x.jpg"}).status, 2);
+    EXPECT_EQ(run({"send", "--to", "[::1]:99999", "x.jpg"}).status, 2);
+    EXPECT_EQ(run({"send", "--colour", "x.jpg"}).status, 2);
+    EXPECT_EQ(run({"receive", "--port", "9876"}).status, 2); // no --dir
+    EXPECT_EQ(run({"teleport"}).status, 2);
+    EXPECT_EQ(run({"send", "--help"}).status, 0);
+
+    const Finished nothing = run({"send", (media / "missing.jpg").string()});
+    EXPECT_EQ(nothing.status, 0);
+    EXPECT_TRUE(nothing.mentions("Nothing to send"));
+}
+
+TEST(KestrelvaneCli, NoConnectionExitsThreeAndSaysWhy) {
+    const std::string photo = (media / "jpeg-original.jpg").string();
+    const Finished refused =
+        run({"send", "--to", "127.0.0.1:" + std::to_string(closedPort()), photo});
+    EXPECT_EQ(refused.status, 3);
+    EXPECT_TRUE(refused.mentions("connection refused"));
+
+    TemporaryFolder folder;
+    const std::string socket = (folder.path() / "no-usbmuxd").string();
+    const Finished noDaemon = run({"send", photo}, {{"USBMUXD_SOCKET_ADDRESS", "UNIX:" + socket}});
+    EXPECT_EQ(noDaemon.status, 3);
+    EXPECT_TRUE(noDaemon.mentions("usbmuxd is not running at " + socket));
+}
+
+/// The usbmuxd simulator with the given phones on a private socket.
+class Simulator {
+public:
+    Simulator(const fs::path& socket, const std::vector<std::string>& phones) : socket_(socket) {
+        std::vector<std::string> argv = {KV_USBMUXD_SIM, "--socket", socket.string()};
+        for (const auto& phone : phones) {
+            argv.insert(argv.end(), {"--phone", phone});
+        }
+        process_ = std::make_unique<ChildProcess>(argv);
+        const auto first = process_->readLine();
+        EXPECT_TRUE(first && first->rfind("listening on", 0) == 0) << first.value_or("(nothing)");
+    }
+    ChildProcess::Environment environment() const {
+        return {{"USBMUXD_SOCKET_ADDRESS", "UNIX:" + socket_.string()}};
+    }
+
+private:
+    fs::path socket_;
+    std::unique_ptr<ChildProcess> process_;
+};
+
+TEST(KestrelvaneCli, SendOverUsbThroughTheSimulatorReachesThePhonesFolder) {
+    TemporaryFolder folder;
+    const fs::path phone = folder.path() / "phone";
+    fs::create_directories(phone);
+    Simulator simulator(folder.path() / "usbmuxd", {"SIM0001,0x12a8,folder=" + phone.string()});
+    const Finished send = run({"send", "--album", "Holiday", (media / "jpeg-original.jpg").string(),
+                               (media / "heic-original.heic").string()},
+                              simulator.environment());
+    EXPECT_EQ(send.status, 0) << ::testing::PrintToString(send.lines);
+    for (const char* name : {"jpeg-original.jpg", "heic-original.heic"}) {
+        EXPECT_EQ(sha256(phone / "Holiday" / name), sha256(media / name)) << name;
+    }
+}
+
+TEST(KestrelvaneCli, UsbSendSaysWhenNoPhoneIsAttachedOrItsReceiverIsNotListening) {
+    TemporaryFolder folder;
+    const std::string photo = (media / "jpeg-original.jpg").string();
+    {
+        Simulator none(folder.path() / "empty", {});
+        const Finished send = run({"send", photo}, none.environment());
+        EXPECT_EQ(send.status, 3);
+        EXPECT_TRUE(send.mentions("no iPhone attached"));
+    }
+    Simulator quiet(folder.path() / "quiet", {"SIM0002,0x12a8,none"});
+    const Finished send = run({"send", photo}, quiet.environment());
+    EXPECT_EQ(send.status, 3);
+    EXPECT_TRUE(send.mentions("Kestrelvane is not listening on the iPhone"));
+}
+
+TEST(KestrelvaneCli, DevicesListsTheSimulatedPhonesAndWhetherTheyListen) {
+    TemporaryFolder folder;
+    Simulator simulator(folder.path() / "usbmuxd", {"SIM0003,0x12a8,test", "SIM0004,0x12ab,none"});
+    const Finished devices = run({"devices", "--json", "--wait", "0"}, simulator.environment());
+    ASSERT_EQ(devices.status, 0);
+    ASSERT_EQ(devices.lines.size(), 1u) << ::testing::PrintToString(devices.lines);
+    const auto report = nlohmann::json::parse(devices.lines[0]);
+    ASSERT_EQ(report["usb"].size(), 2u);
+    EXPECT_EQ(report["usb"][0]["serial"], "SIM0003");
+    EXPECT_EQ(report["usb"][0]["listening"], true);
+    EXPECT_EQ(report["usb"][1]["serial"], "SIM0004");
+    EXPECT_EQ(report["usb"][1]["productId"], 0x12ab);
+    EXPECT_EQ(report["usb"][1]["listening"], false);
+}
+
+TEST(KestrelvaneCli, DemoSendsItsSamplesOverTheSimulatedUsbPathAndChecksThem) {
+    const Finished demo = run({"demo"}, {{"KESTRELVANE_USBMUXD_SIM", KV_USBMUXD_SIM}});
+    EXPECT_EQ(demo.status, 0) << ::testing::PrintToString(demo.lines);
+    ASSERT_FALSE(demo.lines.empty());
+    EXPECT_EQ(demo.lines.back(),
+              "demo: PASSED: 9 of 9 files arrived byte for byte over the simulated USB path");
+    // The demo leaves its folder for the user to look at; this test does not.
+    std::smatch match;
+    for (const auto& line : demo.lines) {
+        if (std::regex_search(line, match, std::regex("in (/.*kestrelvane-demo-[^/]+)/"))) {
+            fs::remove_all(match[1].str());
+            break;
+        }
+    }
+}
+
+} // namespace
+} // namespace kestrelvane
