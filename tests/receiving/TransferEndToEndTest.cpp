@@ -1,17 +1,22 @@
-// The sending engine against the receiving engine, over an in-memory connection.
+// The sending engine against the receiving engine, over an in-memory
+// connection and over a real connected socket pair.
 #include "KestrelvaneKit/receiving/FolderSaver.h"
 #include "KestrelvaneKit/receiving/TransferServer.h"
 #include "KestrelvaneKit/sending/TransferClient.h"
+#include "KestrelvaneKit/usb/UsbmuxdStream.h"
 #include "support/MemoryStream.h"
 #include "support/TemporaryFolder.h"
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <fstream>
 #include <future>
 #include <iterator>
 #include <map>
 #include <random>
+#include <sys/socket.h>
+#include <system_error>
 
 namespace kestrelvane {
 namespace {
@@ -35,12 +40,30 @@ std::string randomText(std::size_t size, unsigned seed) {
     return text;
 }
 
+enum class Connection { inMemory, socketPair };
+
+/// Two connected ends: the in-memory pair (the receiving end handing out
+/// bytes as `serverReceives` says) or a Unix socket pair with the
+/// descriptor stream on each end.
+std::pair<std::shared_ptr<KestrelvaneStream>, std::shared_ptr<KestrelvaneStream>>
+connectedPair(Connection connection, ReceiveMode serverReceives) {
+    if (connection == Connection::inMemory) {
+        return makeMemoryStreamPair(ReceiveMode::whatIsThere, serverReceives);
+    }
+    int fds[2];
+    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) != 0) {
+        throw std::system_error(errno, std::generic_category(), "socketpair");
+    }
+    return {std::make_shared<UsbmuxdStream>(fds[0]), std::make_shared<UsbmuxdStream>(fds[1])};
+}
+
 /// Runs a whole send: client on this thread, server on another, both over one
-/// in-memory connection; returns the client's acknowledgements.
+/// connection; returns the client's acknowledgements.
 std::vector<Ack> sendThrough(BatchSaving& saver, const std::vector<fs::path>& files,
                              const fs::path& temporary, const SessionHeader& session,
-                             ReceiveMode serverReceives = ReceiveMode::whatIsThere) {
-    auto [near, far] = makeMemoryStreamPair(ReceiveMode::whatIsThere, serverReceives);
+                             ReceiveMode serverReceives = ReceiveMode::whatIsThere,
+                             Connection connection = Connection::inMemory) {
+    auto [near, far] = connectedPair(connection, serverReceives);
     FrameChannel serverChannel(far);
     auto served = std::async(std::launch::async, [&] {
         TransferServer(saver, temporary).run(serverChannel, {});
@@ -60,7 +83,9 @@ std::vector<Ack> sendThrough(BatchSaving& saver, const std::vector<fs::path>& fi
     return acks;
 }
 
-TEST(TransferEndToEnd, EveryFileArrivesByteForByteInItsAlbum) {
+class TransferEndToEndOver : public ::testing::TestWithParam<Connection> {};
+
+TEST_P(TransferEndToEndOver, EveryFileArrivesByteForByteInItsAlbum) {
     TemporaryFolder source, temporary, destination;
     std::vector<fs::path> files;
     std::map<std::string, std::string> originals;
@@ -77,7 +102,8 @@ TEST(TransferEndToEnd, EveryFileArrivesByteForByteInItsAlbum) {
     }
     FolderSaver saver(destination.path());
     const auto acks =
-        sendThrough(saver, files, temporary.path(), SessionHeader{.albumName = "Holiday 2024"});
+        sendThrough(saver, files, temporary.path(), SessionHeader{.albumName = "Holiday 2024"},
+                    ReceiveMode::whatIsThere, GetParam());
 
     ASSERT_EQ(acks.size(), batch.size());
     for (const auto& ack : acks) {
@@ -87,6 +113,12 @@ TEST(TransferEndToEnd, EveryFileArrivesByteForByteInItsAlbum) {
     }
     EXPECT_TRUE(temporary.fileNames().empty());
 }
+
+INSTANTIATE_TEST_SUITE_P(Connections, TransferEndToEndOver,
+                         ::testing::Values(Connection::inMemory, Connection::socketPair),
+                         [](const ::testing::TestParamInfo<Connection>& param) {
+                             return param.param == Connection::inMemory ? "InMemory" : "SocketPair";
+                         });
 
 TEST(TransferEndToEnd, FilesTheSaverRejectsComeBackAsErrorsAndTheRestIsSaved) {
     TemporaryFolder source, temporary, destination;
