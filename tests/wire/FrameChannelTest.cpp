@@ -185,7 +185,7 @@ TEST(FrameChannel, SendProceedsWhileAnotherThreadWaitsInReceive) {
     FrameChannel near(a);
     FrameChannel far(b);
     auto waiting = std::async(std::launch::async, [&] { return near.receiveFrame(); });
-    ASSERT_TRUE(testing::eventually([&] { return a->receiveCount() > 0; }));
+    ASSERT_TRUE(testing::eventually([stream = a] { return stream->receiveCount() > 0; }));
 
     near.sendFrame(asBytes("ping"));
     EXPECT_EQ(far.receiveFrame(), toBytes("ping"));
@@ -198,7 +198,7 @@ TEST(FrameChannel, CancelWakesAWaitingReceiverWithClosed) {
     auto [a, b] = makeMemoryStreamPair();
     FrameChannel channel(a);
     auto waiting = std::async(std::launch::async, [&] { return channel.receiveFrame(); });
-    ASSERT_TRUE(testing::eventually([&] { return a->receiveCount() > 0; }));
+    ASSERT_TRUE(testing::eventually([stream = a] { return stream->receiveCount() > 0; }));
     channel.cancel();
     ASSERT_EQ(waiting.wait_for(std::chrono::seconds(10)), std::future_status::ready);
     expectStreamClosed([&] { waiting.get(); });
