@@ -68,8 +68,9 @@ std::string sha256Hex(ByteView bytes) {
 
 std::string sha256HexOfFile(const std::filesystem::path& path) {
     const auto fail = [&](const char* what) {
-        throw std::filesystem::filesystem_error(what, path,
-                                                std::error_code(errno, std::generic_category()));
+        // Taken before anything else can overwrite errno.
+        const std::error_code error(errno, std::generic_category());
+        throw std::filesystem::filesystem_error(what, path, error);
     };
     const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) {

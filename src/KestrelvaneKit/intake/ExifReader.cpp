@@ -11,9 +11,21 @@
 namespace kestrelvane::ExifReader {
 namespace {
 
+void lockXmpToolkit(void* mutex, bool lock) {
+    if (lock) {
+        static_cast<std::mutex*>(mutex)->lock();
+    } else {
+        static_cast<std::mutex*>(mutex)->unlock();
+    }
+}
+
 void setUpExiv2Once() {
     static std::once_flag once;
     std::call_once(once, [] {
+        // The XMP toolkit behind exiv2 keeps global state; without a lock,
+        // two threads decoding XMP packets at once corrupt it.
+        static std::mutex xmpMutex;
+        Exiv2::XmpParser::initialize(lockXmpToolkit, &xmpMutex);
         // exiv2 prints warnings for every odd file unless told not to.
         Exiv2::LogMsg::setLevel(Exiv2::LogMsg::mute);
         Exiv2::LogMsg::setHandler(nullptr);

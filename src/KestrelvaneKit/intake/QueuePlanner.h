@@ -1,0 +1,23 @@
+#pragma once
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace kestrelvane::QueuePlanner {
+
+/// What joins the queue when `adding` (dropped files and folders, in order) is
+/// dropped onto a queue holding `to`: each folder replaced by its media files
+/// (MediaScanner::scan) at its own place, non-media and missing paths left
+/// out, and every file whose key is already queued or met earlier left out.
+/// Locations come back exactly as given or as the scan produced them.
+/// Throws what a folder scan throws; nothing is returned then.
+std::vector<std::filesystem::path> plan(const std::vector<std::filesystem::path>& adding,
+                                        const std::vector<std::filesystem::path>& to);
+
+/// The identity of a location for duplicate detection: its absolute path with
+/// "." and ".." segments removed lexically (symbolic links are not resolved),
+/// in Unicode NFC so that canonically equivalent spellings are one key.
+std::string key(const std::filesystem::path& location);
+
+} // namespace kestrelvane::QueuePlanner
