@@ -1,0 +1,130 @@
+#include "KestrelvaneKit/usb/UsbmuxdStream.h"
+
+#include "KestrelvaneKit/usb/UsbmuxdProtocol.h"
+
+#include <cerrno>
+#include <stdexcept>
+#include <string>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace kestrelvane {
+
+UsbmuxdStream::UsbmuxdStream(int fileDescriptor) : fd_(fileDescriptor) {
+    // Larger buffers keep file data flowing while the other side is busy;
+    // failures only cost speed.
+    const int size = socketBufferBytes;
+    ::setsockopt(fd_, SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
+    ::setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
+}
+
+UsbmuxdStream::~UsbmuxdStream() {
+    close();
+}
+
+void UsbmuxdStream::start() {
+}
+
+void UsbmuxdStream::enter() {
+    const std::lock_guard lock(stateMutex_);
+    if (closed_) {
+        throw StreamError::closed();
+    }
+    ++callsInProgress_;
+}
+
+void UsbmuxdStream::leave() noexcept {
+    bool release = false;
+    {
+        const std::lock_guard lock(stateMutex_);
+        --callsInProgress_;
+        if (closed_ && callsInProgress_ == 0 && !released_) {
+            released_ = true;
+            release = true;
+        }
+    }
+    if (release) {
+        ::close(fd_);
+    }
+}
+
+bool UsbmuxdStream::isClosed() const {
+    const std::lock_guard lock(stateMutex_);
+    return closed_;
+}
+
+void UsbmuxdStream::send(ByteView data) {
+    if (data.empty()) {
+        return;
+    }
+    const std::lock_guard serial(sendMutex_);
+    std::size_t written = 0;
+    while (written < data.size()) {
+        enter();
+        // A vanished peer must fail the write, not raise SIGPIPE.
+        const ssize_t n = ::send(fd_, data.data() + written, data.size() - written, MSG_NOSIGNAL);
+        const int error = errno;
+        leave();
+        if (n > 0) {
+            written += static_cast<std::size_t>(n);
+        } else if (n == 0) {
+            throw StreamError::closed();
+        } else if (error != EINTR) {
+            // Writes cut off by our own close() end the stream, not the transport.
+            if (isClosed()) {
+                throw StreamError::closed();
+            }
+            throw UsbmuxdError::socketError("write failed (" + std::to_string(error) + ")");
+        }
+    }
+}
+
+Bytes UsbmuxdStream::receive(std::int64_t max) {
+    if (max < 1) {
+        throw std::invalid_argument("receive needs max of at least 1");
+    }
+    const std::lock_guard serial(receiveMutex_);
+    Bytes buffer(static_cast<std::size_t>(max));
+    for (;;) {
+        enter();
+        const ssize_t n = ::read(fd_, buffer.data(), buffer.size());
+        const int error = errno;
+        leave();
+        if (n > 0) {
+            buffer.resize(static_cast<std::size_t>(n));
+            return buffer;
+        }
+        if (n == 0) {
+            throw StreamError::closed();
+        }
+        if (error != EINTR) {
+            if (isClosed()) {
+                throw StreamError::closed();
+            }
+            throw UsbmuxdError::socketError("read failed (" + std::to_string(error) + ")");
+        }
+    }
+}
+
+void UsbmuxdStream::close() noexcept {
+    bool release = false;
+    {
+        const std::lock_guard lock(stateMutex_);
+        if (closed_) {
+            return;
+        }
+        closed_ = true;
+        if (callsInProgress_ == 0) {
+            released_ = true;
+            release = true;
+        } else {
+            // Wakes the blocked call; it releases the descriptor when it leaves.
+            ::shutdown(fd_, SHUT_RDWR);
+        }
+    }
+    if (release) {
+        ::close(fd_);
+    }
+}
+
+} // namespace kestrelvane

@@ -1,0 +1,407 @@
+#include "UsbmuxdSimulator.h"
+
+#include "KestrelvaneKit/usb/UsbmuxdProtocol.h"
+
+#include <algorithm>
+#include <arpa/inet.h>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <iostream>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <system_error>
+#include <unistd.h>
+
+namespace kestrelvane::sim {
+namespace {
+
+// usbmuxd's result codes.
+constexpr std::int64_t resultOK = 0;
+constexpr std::int64_t resultBadCommand = 1;
+constexpr std::int64_t resultBadDevice = 2;
+constexpr std::int64_t resultConnectionRefused = 3;
+
+// Requests are small; anything bigger is not a client of ours.
+constexpr std::uint32_t maxRequestBytes = 1024 * 1024;
+
+[[noreturn]] void throwErrno(const std::string& call) {
+    throw std::system_error(errno, std::generic_category(), call);
+}
+
+bool readExactly(int fd, std::uint8_t* out, std::size_t count) {
+    while (count > 0) {
+        const ssize_t n = ::read(fd, out, count);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            return false;
+        }
+        out += n;
+        count -= static_cast<std::size_t>(n);
+    }
+    return true;
+}
+
+bool writeAll(int fd, ByteView bytes) {
+    while (!bytes.empty()) {
+        const ssize_t n = ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            return false;
+        }
+        bytes = bytes.subspan(static_cast<std::size_t>(n));
+    }
+    return true;
+}
+
+/// Reads exactly one packet, so that nothing after a Connect request is
+/// taken away from the tunnel.
+std::optional<UsbmuxdProtocol::Decoded> readPacket(int fd) {
+    Bytes packet(UsbmuxdProtocol::headerSize);
+    if (!readExactly(fd, packet.data(), packet.size())) {
+        return std::nullopt;
+    }
+    const std::uint32_t length = std::uint32_t{packet[0]} | (std::uint32_t{packet[1]} << 8) |
+                                 (std::uint32_t{packet[2]} << 16) |
+                                 (std::uint32_t{packet[3]} << 24);
+    if (length < UsbmuxdProtocol::headerSize || length > maxRequestBytes) {
+        return std::nullopt;
+    }
+    packet.resize(length);
+    if (!readExactly(fd, packet.data() + UsbmuxdProtocol::headerSize,
+                     length - UsbmuxdProtocol::headerSize)) {
+        return std::nullopt;
+    }
+    ReceiveBuffer buffer(std::move(packet));
+    return UsbmuxdProtocol::decode(buffer);
+}
+
+PropertyList result(std::int64_t number) {
+    PropertyList body = PropertyList::dictionary();
+    body.set("MessageType", PropertyList::string("Result"));
+    body.set("Number", PropertyList::integer(number));
+    return body;
+}
+
+} // namespace
+
+struct UsbmuxdSimulator::Connection {
+    explicit Connection(int socket) : fd(socket) {}
+    const int fd;
+    std::mutex writeMutex;               // keeps replies and events whole
+    bool listening = false;              // guarded by the simulator's mutex
+    PropertyList::Format listenFormat{}; // guarded by the simulator's mutex
+    std::int64_t tunnelDevice = 0;       // guarded by the simulator's mutex
+};
+
+UsbmuxdSimulator::UsbmuxdSimulator(Options options) : options_(std::move(options)) {
+    if (::pipe2(stopPipe_, O_CLOEXEC) != 0) {
+        throwErrno("pipe2");
+    }
+    for (auto& phone : options_.phones) {
+        attach(phone);
+    }
+}
+
+UsbmuxdSimulator::~UsbmuxdSimulator() {
+    if (listenFd_ >= 0) {
+        ::close(listenFd_);
+        if (!options_.socketPath.empty()) {
+            ::unlink(options_.socketPath.c_str());
+        }
+    }
+    ::close(stopPipe_[0]);
+    ::close(stopPipe_[1]);
+}
+
+std::string UsbmuxdSimulator::listen() {
+    if (!options_.socketPath.empty()) {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        if (options_.socketPath.size() >= sizeof address.sun_path) {
+            throw std::system_error(ENAMETOOLONG, std::generic_category(),
+                                    "socket path " + options_.socketPath);
+        }
+        std::strncpy(address.sun_path, options_.socketPath.c_str(), sizeof address.sun_path - 1);
+        listenFd_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        if (listenFd_ < 0) {
+            throwErrno("socket");
+        }
+        ::unlink(options_.socketPath.c_str()); // a stale socket of an earlier run
+        if (::bind(listenFd_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+            throwErrno("bind(" + options_.socketPath + ")");
+        }
+    } else {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        address.sin_port = htons(options_.tcpPort.value_or(0));
+        listenFd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        if (listenFd_ < 0) {
+            throwErrno("socket");
+        }
+        const int one = 1;
+        ::setsockopt(listenFd_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+        if (::bind(listenFd_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+            throwErrno("bind(127.0.0.1:" + std::to_string(options_.tcpPort.value_or(0)) + ")");
+        }
+    }
+    if (::listen(listenFd_, 64) != 0) {
+        throwErrno("listen");
+    }
+    if (!options_.socketPath.empty()) {
+        return options_.socketPath;
+    }
+    sockaddr_in bound{};
+    socklen_t size = sizeof bound;
+    ::getsockname(listenFd_, reinterpret_cast<sockaddr*>(&bound), &size);
+    return "127.0.0.1:" + std::to_string(ntohs(bound.sin_port));
+}
+
+void UsbmuxdSimulator::requestStop() noexcept {
+    const char byte = 's';
+    [[maybe_unused]] const ssize_t ignored = ::write(stopPipe_[1], &byte, 1);
+}
+
+void UsbmuxdSimulator::run() {
+    pollfd watched[2] = {{listenFd_, POLLIN, 0}, {stopPipe_[0], POLLIN, 0}};
+    for (;;) {
+        if (::poll(watched, 2, -1) < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            throwErrno("poll");
+        }
+        if (watched[1].revents != 0) {
+            break;
+        }
+        if (watched[0].revents == 0) {
+            continue;
+        }
+        const int fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC);
+        if (fd < 0) {
+            continue; // a client that went away before we got to it
+        }
+        auto connection = std::make_shared<Connection>(fd);
+        {
+            const std::lock_guard lock(mutex_);
+            connections_.push_back(connection);
+        }
+        threads_.emplace_back([this, connection] { serveConnection(connection); });
+    }
+    {
+        // Ends every conversation and tunnel; each thread closes its own socket.
+        const std::lock_guard lock(mutex_);
+        for (const auto& connection : connections_) {
+            ::shutdown(connection->fd, SHUT_RDWR);
+        }
+    }
+    for (auto& thread : threads_) {
+        thread.join();
+    }
+    threads_.clear();
+}
+
+void UsbmuxdSimulator::serveConnection(const std::shared_ptr<Connection>& connection) {
+    while (const auto packet = readPacket(connection->fd)) {
+        try {
+            const PropertyList request = PropertyList::parse(packet->body);
+            if (!handle(connection, packet->tag, request, PropertyList::formatOf(packet->body))) {
+                break;
+            }
+        } catch (const PropertyList::ParseError&) {
+            // What usbmuxd does with a body it cannot read: hang up.
+            break;
+        }
+    }
+    {
+        const std::lock_guard lock(mutex_);
+        std::erase(connections_, connection);
+    }
+    ::close(connection->fd);
+}
+
+void UsbmuxdSimulator::reply(Connection& connection, std::uint32_t tag, const PropertyList& body,
+                             PropertyList::Format format) {
+    const std::lock_guard lock(connection.writeMutex);
+    writeAll(connection.fd, UsbmuxdProtocol::encode(tag, body.serialize(format)));
+}
+
+bool UsbmuxdSimulator::handle(const std::shared_ptr<Connection>& connection, std::uint32_t tag,
+                              const PropertyList& request, PropertyList::Format format) {
+    const std::string type = PropertyList::stringAt(request.get(), "MessageType").value_or("");
+    if (type == "ListDevices") {
+        PropertyList list = PropertyList::array();
+        {
+            const std::lock_guard lock(mutex_);
+            for (const auto& [id, device] : devices_) {
+                list.append(attachedMessage(id, device.phone));
+            }
+        }
+        PropertyList body = PropertyList::dictionary();
+        body.set("DeviceList", std::move(list));
+        reply(*connection, tag, body, format);
+        return true;
+    }
+    if (type == "Listen") {
+        // Holding the write lock from before registration keeps every event
+        // behind the list of devices already present.
+        const std::lock_guard writing(connection->writeMutex);
+        std::vector<PropertyList> present;
+        {
+            const std::lock_guard lock(mutex_);
+            connection->listening = true;
+            connection->listenFormat = format;
+            for (const auto& [id, device] : devices_) {
+                present.push_back(attachedMessage(id, device.phone));
+            }
+        }
+        writeAll(connection->fd, UsbmuxdProtocol::encode(tag, result(resultOK).serialize(format)));
+        for (const auto& message : present) {
+            writeAll(connection->fd, UsbmuxdProtocol::encode(0, message.serialize(format)));
+        }
+        return true;
+    }
+    if (type == "ReadBUID") {
+        PropertyList body = PropertyList::dictionary();
+        body.set("BUID", PropertyList::string(options_.buid));
+        reply(*connection, tag, body, format);
+        return true;
+    }
+    if (type == "Connect") {
+        const auto id = PropertyList::integerAt(request.get(), "DeviceID");
+        const auto swapped = PropertyList::integerAt(request.get(), "PortNumber").value_or(0);
+        const auto port =
+            static_cast<std::uint16_t>(((swapped & 0xFF) << 8) | ((swapped >> 8) & 0xFF));
+        std::optional<VirtualPhone> phone;
+        {
+            const std::lock_guard lock(mutex_);
+            if (const auto found = devices_.find(id.value_or(0)); found != devices_.end()) {
+                phone = found->second.phone;
+            }
+        }
+        if (!phone || phone->receiver == VirtualPhone::Receiver::vanished) {
+            reply(*connection, tag, result(resultBadDevice), format);
+            return true;
+        }
+        if (!phone->accepts(port)) {
+            reply(*connection, tag, result(resultConnectionRefused), format);
+            return true;
+        }
+        {
+            const std::lock_guard lock(mutex_);
+            connection->tunnelDevice = *id;
+        }
+        reply(*connection, tag, result(resultOK), format);
+        say("tunnel to " + phone->serial + " port " + std::to_string(port));
+        phone->serve(connection->fd, [this](const std::string& line) { say(line); });
+        return false;
+    }
+    if (type == "Attach") {
+        const auto spec = PropertyList::stringAt(request.get(), "Phone");
+        PropertyList body = result(resultBadCommand);
+        try {
+            if (!spec) {
+                throw std::invalid_argument("Attach needs a \"Phone\" string");
+            }
+            const std::int64_t id = attach(VirtualPhone::parse(*spec));
+            body = result(resultOK);
+            body.set("DeviceID", PropertyList::integer(id));
+        } catch (const std::invalid_argument& error) {
+            body.set("String", PropertyList::string(error.what()));
+        }
+        reply(*connection, tag, body, format);
+        return true;
+    }
+    if (type == "Detach") {
+        const auto serial = PropertyList::stringAt(request.get(), "SerialNumber");
+        const bool found = serial && detach(*serial);
+        reply(*connection, tag, result(found ? resultOK : resultBadDevice), format);
+        return true;
+    }
+    reply(*connection, tag, result(resultBadCommand), format);
+    return true;
+}
+
+PropertyList UsbmuxdSimulator::attachedMessage(std::int64_t id, const VirtualPhone& phone) {
+    PropertyList properties = PropertyList::dictionary();
+    properties.set("ConnectionSpeed", PropertyList::integer(480000000));
+    properties.set("ConnectionType", PropertyList::string("USB"));
+    properties.set("DeviceID", PropertyList::integer(id));
+    properties.set("LocationID", PropertyList::integer(0x1000 + id));
+    properties.set("ProductID", PropertyList::integer(phone.productID));
+    properties.set("SerialNumber", PropertyList::string(phone.serial));
+    PropertyList message = PropertyList::dictionary();
+    message.set("DeviceID", PropertyList::integer(id));
+    message.set("MessageType", PropertyList::string("Attached"));
+    message.set("Properties", std::move(properties));
+    return message;
+}
+
+std::int64_t UsbmuxdSimulator::attach(VirtualPhone phone) {
+    std::int64_t id = 0;
+    PropertyList event = PropertyList::dictionary();
+    {
+        const std::lock_guard lock(mutex_);
+        id = nextDeviceID_++;
+        event = attachedMessage(id, phone);
+        devices_.emplace(id, Attached{std::move(phone)});
+    }
+    broadcast(event);
+    return id;
+}
+
+bool UsbmuxdSimulator::detach(const std::string& serial) {
+    std::int64_t id = 0;
+    {
+        const std::lock_guard lock(mutex_);
+        const auto found = std::find_if(devices_.begin(), devices_.end(), [&](const auto& entry) {
+            return entry.second.phone.serial == serial;
+        });
+        if (found == devices_.end()) {
+            return false;
+        }
+        id = found->first;
+        devices_.erase(found);
+        // The cable is gone: so are its tunnels.
+        for (const auto& connection : connections_) {
+            if (connection->tunnelDevice == id) {
+                ::shutdown(connection->fd, SHUT_RDWR);
+            }
+        }
+    }
+    PropertyList event = PropertyList::dictionary();
+    event.set("DeviceID", PropertyList::integer(id));
+    event.set("MessageType", PropertyList::string("Detached"));
+    broadcast(event);
+    return true;
+}
+
+void UsbmuxdSimulator::broadcast(const PropertyList& event) {
+    std::vector<std::pair<std::shared_ptr<Connection>, PropertyList::Format>> listeners;
+    {
+        const std::lock_guard lock(mutex_);
+        for (const auto& connection : connections_) {
+            if (connection->listening) {
+                listeners.emplace_back(connection, connection->listenFormat);
+            }
+        }
+    }
+    for (const auto& [connection, format] : listeners) {
+        const std::lock_guard writing(connection->writeMutex);
+        writeAll(connection->fd, UsbmuxdProtocol::encode(0, event.serialize(format)));
+    }
+}
+
+void UsbmuxdSimulator::say(const std::string& line) {
+    const std::lock_guard lock(outputMutex_);
+    std::cout << line << std::endl;
+}
+
+} // namespace kestrelvane::sim

@@ -1,0 +1,77 @@
+#pragma once
+
+#include "KestrelvaneKit/usb/PropertyList.h"
+#include "VirtualPhone.h"
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace kestrelvane::sim {
+
+/// A usbmuxd-compatible daemon whose devices are virtual phones. It answers
+/// ListDevices, Connect, Listen and ReadBUID the way usbmuxd does (same keys,
+/// the request's tag, the request's property-list format), and two requests of
+/// its own that attach and detach phones while it runs.
+///
+/// One thread per client connection; a connect that succeeds turns that
+/// thread into the phone's end of the tunnel.
+class UsbmuxdSimulator {
+public:
+    struct Options {
+        std::string socketPath{};               ///< listen on this Unix path...
+        std::optional<std::uint16_t> tcpPort{}; ///< ...or on 127.0.0.1 at this port (0: any)
+        std::vector<VirtualPhone> phones{};
+        std::string buid = "4B455354-524C-5641-4E45-53494D554C41";
+    };
+
+    explicit UsbmuxdSimulator(Options options);
+    ~UsbmuxdSimulator();
+    UsbmuxdSimulator(const UsbmuxdSimulator&) = delete;
+    UsbmuxdSimulator& operator=(const UsbmuxdSimulator&) = delete;
+
+    /// Binds and listens; returns where ("/path" or "127.0.0.1:PORT").
+    /// Throws std::system_error.
+    std::string listen();
+    /// Accepts and serves until requestStop(); then ends every connection and
+    /// joins every thread before returning.
+    void run();
+    /// Async-signal-safe.
+    void requestStop() noexcept;
+
+private:
+    struct Connection;
+    struct Attached {
+        VirtualPhone phone;
+    };
+
+    void serveConnection(const std::shared_ptr<Connection>& connection);
+    /// Handles one request; false when the connection is done with requests.
+    bool handle(const std::shared_ptr<Connection>& connection, std::uint32_t tag,
+                const PropertyList& request, PropertyList::Format format);
+    void reply(Connection& connection, std::uint32_t tag, const PropertyList& body,
+               PropertyList::Format format);
+    std::int64_t attach(VirtualPhone phone);
+    bool detach(const std::string& serial);
+    void broadcast(const PropertyList& event);
+    static PropertyList attachedMessage(std::int64_t id, const VirtualPhone& phone);
+    void say(const std::string& line);
+
+    Options options_;
+    int listenFd_ = -1;
+    int stopPipe_[2] = {-1, -1};
+
+    std::mutex mutex_; // guards everything below; no I/O while held but shutdown()
+    std::int64_t nextDeviceID_ = 1;
+    std::map<std::int64_t, Attached> devices_;
+    std::vector<std::shared_ptr<Connection>> connections_;
+    std::vector<std::thread> threads_;
+    std::mutex outputMutex_;
+};
+
+} // namespace kestrelvane::sim

@@ -1,0 +1,116 @@
+#include "VirtualPhone.h"
+
+#include "KestrelvaneKit/receiving/FolderSaver.h"
+#include "KestrelvaneKit/receiving/TransferServer.h"
+#include "KestrelvaneKit/usb/UsbmuxdStream.h"
+
+#include <cerrno>
+#include <memory>
+#include <stdexcept>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace kestrelvane::sim {
+namespace {
+
+void echo(int fd) {
+    std::uint8_t buffer[65536];
+    for (;;) {
+        const ssize_t n = ::read(fd, buffer, sizeof buffer);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            return;
+        }
+        for (ssize_t done = 0; done < n;) {
+            const ssize_t w =
+                ::send(fd, buffer + done, static_cast<std::size_t>(n - done), MSG_NOSIGNAL);
+            if (w < 0 && errno == EINTR) {
+                continue;
+            }
+            if (w <= 0) {
+                return;
+            }
+            done += w;
+        }
+    }
+}
+
+} // namespace
+
+VirtualPhone VirtualPhone::parse(const std::string& spec) {
+    const auto first = spec.find(',');
+    const auto second = first == std::string::npos ? first : spec.find(',', first + 1);
+    if (second == std::string::npos) {
+        throw std::invalid_argument("phone '" + spec + "' is not SERIAL,PRODUCTID,RECEIVER");
+    }
+    VirtualPhone phone;
+    phone.serial = spec.substr(0, first);
+    if (phone.serial.empty()) {
+        throw std::invalid_argument("phone '" + spec + "' has an empty serial");
+    }
+    const std::string product = spec.substr(first + 1, second - first - 1);
+    std::size_t used = 0;
+    try {
+        phone.productID = std::stoll(product, &used, 0);
+    } catch (const std::exception&) {
+        used = 0;
+    }
+    if (product.empty() || used != product.size() || phone.productID < 0) {
+        throw std::invalid_argument("phone '" + spec + "' has a bad product id '" + product + "'");
+    }
+    const std::string receiver = spec.substr(second + 1);
+    if (receiver.starts_with("folder=") && receiver.size() > 7) {
+        phone.receiver = Receiver::folder;
+        phone.folder = receiver.substr(7);
+    } else if (receiver == "test") {
+        phone.receiver = Receiver::test;
+    } else if (receiver == "echo") {
+        phone.receiver = Receiver::echo;
+    } else if (receiver == "none") {
+        phone.receiver = Receiver::none;
+    } else if (receiver == "vanished") {
+        phone.receiver = Receiver::vanished;
+    } else {
+        throw std::invalid_argument("phone '" + spec + "' has an unknown receiver '" + receiver +
+                                    "' (folder=DIR, test, echo, none, vanished)");
+    }
+    return phone;
+}
+
+bool VirtualPhone::accepts(std::uint16_t port) const noexcept {
+    return port == receiverPort && receiver != Receiver::none && receiver != Receiver::vanished;
+}
+
+void VirtualPhone::serve(int fd, const OnLine& onLine) const {
+    if (receiver == Receiver::echo) {
+        echo(fd);
+        return;
+    }
+    std::unique_ptr<BatchSaving> saver;
+    if (receiver == Receiver::folder) {
+        saver = std::make_unique<FolderSaver>(folder);
+    } else {
+        saver = std::make_unique<TestBatchSaver>([](const auto&, const auto&) {});
+    }
+    // The stream gets its own descriptor; the simulator keeps `fd` so that it
+    // can shut the tunnel down from outside.
+    const int own = ::dup(fd);
+    if (own < 0) {
+        return;
+    }
+    FrameChannel channel(std::make_shared<UsbmuxdStream>(own));
+    channel.start();
+    TransferServer(*saver).run(channel, [&](const TransferServer::Event& event) {
+        if (onLine) {
+            onLine(serial + ": " + event.name + " " +
+                   (event.ack.status == Ack::Status::ok
+                        ? std::string("saved")
+                        : "failed: " + event.ack.message.value_or("")));
+        }
+    });
+    channel.cancel();
+}
+
+} // namespace kestrelvane::sim

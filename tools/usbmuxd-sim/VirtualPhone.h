@@ -1,0 +1,43 @@
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <string>
+
+namespace kestrelvane::sim {
+
+/// A phone the simulator pretends is attached, and what listens on its
+/// receiver port.
+struct VirtualPhone {
+    enum class Receiver {
+        folder,   ///< the receiving engine, saving into `folder`
+        test,     ///< the receiving engine with a saver that keeps nothing
+        echo,     ///< sends back every byte it gets
+        none,     ///< nothing listens: connects are refused
+        vanished, ///< still listed, but gone by the time anyone connects
+    };
+
+    static constexpr std::uint16_t receiverPort = 9876;
+
+    std::string serial{};
+    std::int64_t productID = 0;
+    Receiver receiver = Receiver::test;
+    std::filesystem::path folder{};
+
+    /// "SERIAL,PRODUCTID,RECEIVER" with RECEIVER one of folder=DIR, test,
+    /// echo, none, vanished; PRODUCTID in decimal or 0x-hex. Throws
+    /// std::invalid_argument saying what is wrong.
+    static VirtualPhone parse(const std::string& spec);
+
+    /// Whether a connect to `port` reaches something.
+    bool accepts(std::uint16_t port) const noexcept;
+
+    /// One line per acknowledged file, for the simulator's output.
+    using OnLine = std::function<void(const std::string&)>;
+    /// Serves one tunnel on the connected socket `fd` until the sender hangs
+    /// up. Does not close `fd`.
+    void serve(int fd, const OnLine& onLine) const;
+};
+
+} // namespace kestrelvane::sim
