@@ -1,0 +1,69 @@
+#pragma once
+
+#include "KestrelvaneKit/usb/PropertyList.h"
+#include "KestrelvaneKit/usb/UsbmuxdClient.h"
+#include "support/TemporaryFolder.h"
+
+#include <atomic>
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace kestrelvane::testing {
+
+/// A scripted usbmuxd on a Unix socket in a temporary folder: for each
+/// connection it reads one request, records it, writes what the script says,
+/// and then either echoes bytes (a tunnel), waits for the client to hang up,
+/// or (when the reply is empty) hangs up itself.
+class FakeUsbmuxd {
+public:
+    struct Request {
+        std::uint32_t tag = 0;
+        PropertyList::Format format = PropertyList::Format::xml;
+        std::string messageType{};
+        std::optional<std::int64_t> deviceID{};
+        std::optional<std::int64_t> portNumber{};
+        std::optional<std::string> clientVersion{};
+        std::optional<std::string> progName{};
+    };
+    struct Reply {
+        Bytes bytes{};       ///< written as one block
+        bool tunnel = false; ///< echo afterwards instead of waiting for the hang-up
+    };
+    using Script = std::function<Reply(const Request&)>;
+
+    explicit FakeUsbmuxd(Script script);
+    ~FakeUsbmuxd();
+    FakeUsbmuxd(const FakeUsbmuxd&) = delete;
+    FakeUsbmuxd& operator=(const FakeUsbmuxd&) = delete;
+
+    UsbmuxdClient::SocketAddress address() const { return {socketPath_, {}, 0}; }
+    std::vector<Request> requests() const;
+    /// Connections whose client hung up after the reply.
+    int hangUps() const noexcept { return hangUps_.load(); }
+
+    /// A whole packet with an XML (or binary) body.
+    static Bytes packet(std::uint32_t tag, const PropertyList& body,
+                        PropertyList::Format format = PropertyList::Format::xml);
+    /// A reply {MessageType: Result, Number: number}.
+    static PropertyList result(std::int64_t number);
+
+private:
+    void serve();
+
+    TemporaryFolder folder_;
+    std::string socketPath_;
+    Script script_;
+    int listenFd_ = -1;
+    int connectionFd_ = -1; // guarded by mutex_
+    std::atomic<bool> stopping_{false};
+    std::atomic<int> hangUps_{0};
+    mutable std::mutex mutex_;
+    std::vector<Request> requests_;
+    std::thread thread_;
+};
+
+} // namespace kestrelvane::testing
