@@ -142,12 +142,8 @@ void SenderViewModel::startSend(const std::vector<std::filesystem::path>& urls,
                 const QString message = progress.ack.message
                                             ? QString::fromStdString(*progress.ack.message)
                                             : QStringLiteral("failed");
-                QMetaObject::invokeMethod(
-                    this,
-                    [this, name = QString::fromStdString(progress.fileName), ok, message] {
-                        applyProgress(name, ok, message);
-                    },
-                    Qt::QueuedConnection);
+                delivery_.deliver([this, name = QString::fromStdString(progress.fileName), ok,
+                                   message] { applyProgress(name, ok, message); });
             });
         } catch (const std::exception&) {
             dropped = true;
@@ -160,9 +156,7 @@ void SenderViewModel::startSend(const std::vector<std::filesystem::path>& urls,
             }
             channel_.reset();
         }
-        QMetaObject::invokeMethod(
-            this, [this, dropped, onFailure] { finishSend(dropped, onFailure); },
-            Qt::QueuedConnection);
+        delivery_.deliver([this, dropped, onFailure] { finishSend(dropped, onFailure); });
     });
 }
 

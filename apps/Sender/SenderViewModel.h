@@ -1,5 +1,6 @@
 #pragma once
 
+#include "Sender/BackgroundWork.h"
 #include "Sender/TransferQueue.h"
 
 #include <QObject>
@@ -90,6 +91,7 @@ private:
     std::shared_ptr<FrameChannel> channel_;
     bool stopping_ = false;
     std::thread worker_;
+    BackgroundWork delivery_{0}; // the worker's reports, brought to the GUI thread
 };
 
 } // namespace kestrelvane

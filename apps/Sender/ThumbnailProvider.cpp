@@ -1,10 +1,11 @@
 #include "Sender/ThumbnailProvider.h"
 
+#include "Sender/BackgroundWork.h"
+
 #include <QBuffer>
 #include <QGuiApplication>
 #include <QImageReader>
 #include <QScreen>
-#include <QThreadPool>
 #include <exiv2/exiv2.hpp>
 
 #include <algorithm>
@@ -163,14 +164,12 @@ QImage fromVideo(const std::filesystem::path& file, int pixelSize) {
 } // namespace
 
 ThumbnailProvider::ThumbnailProvider(int maxThreads, QObject* parent)
-    : QObject(parent), pool_(std::make_unique<QThreadPool>()) {
-    pool_->setMaxThreadCount(std::max(1, maxThreads));
+    : QObject(parent), work_(std::make_unique<BackgroundWork>(std::max(1, maxThreads))) {
 }
 
 ThumbnailProvider::~ThumbnailProvider() {
     cancelAll();
-    pool_->clear();
-    pool_->waitForDone();
+    work_.reset();
 }
 
 void ThumbnailProvider::request(const QString& id, const std::filesystem::path& file,
@@ -178,7 +177,7 @@ void ThumbnailProvider::request(const QString& id, const std::filesystem::path& 
     cancel(id);
     auto token = std::make_shared<std::atomic<bool>>(false);
     waiting_.insert(id, token);
-    pool_->start([this, id, file, pixelSize, token] {
+    work_->run([this, id, file, pixelSize, token] {
         if (token->load()) {
             return;
         }
@@ -186,9 +185,7 @@ void ThumbnailProvider::request(const QString& id, const std::filesystem::path& 
         if (image.isNull() || token->load()) {
             return;
         }
-        // Bound to this object: a provider gone meanwhile receives nothing.
-        QMetaObject::invokeMethod(
-            this, [this, id, token, image] { finished(id, token, image); }, Qt::QueuedConnection);
+        work_->deliver([this, id, token, image] { finished(id, token, image); });
     });
 }
 
@@ -216,7 +213,8 @@ void ThumbnailProvider::cancelAll() {
 }
 
 bool ThumbnailProvider::waitForDone(int msecs) {
-    return pool_->waitForDone(msecs);
+    return work_->waitForDone(msecs < 0 ? std::chrono::hours(24)
+                                        : std::chrono::milliseconds(msecs));
 }
 
 QImage ThumbnailProvider::generate(const std::filesystem::path& file, int pixelSize) {

@@ -9,9 +9,9 @@
 #include <filesystem>
 #include <memory>
 
-class QThreadPool;
-
 namespace kestrelvane {
+
+class BackgroundWork;
 
 /// Small previews of photos and videos, decoded on a few worker threads and
 /// delivered on the owner's thread through thumbnailReady(). Requests wait in
@@ -51,7 +51,7 @@ private:
 
     void finished(const QString& id, const Token& token, const QImage& image);
 
-    std::unique_ptr<QThreadPool> pool_;
+    std::unique_ptr<BackgroundWork> work_;
     QHash<QString, Token> waiting_; // owner's thread only
 };
 

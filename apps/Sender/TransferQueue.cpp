@@ -2,9 +2,8 @@
 
 #include "KestrelvaneKit/intake/MediaScanner.h"
 #include "KestrelvaneKit/intake/QueuePlanner.h"
+#include "Sender/BackgroundWork.h"
 #include "Sender/ThumbnailProvider.h"
-
-#include <QThreadPool>
 
 #include <algorithm>
 #include <system_error>
@@ -14,16 +13,16 @@ namespace kestrelvane {
 namespace fs = std::filesystem;
 
 TransferQueue::TransferQueue(QObject* parent)
-    : QAbstractListModel(parent), planner_(std::make_unique<QThreadPool>()),
+    : QAbstractListModel(parent), planner_(std::make_unique<BackgroundWork>(1)),
       thumbnails_(std::make_unique<ThumbnailProvider>()) {
-    planner_->setMaxThreadCount(1);
     connect(thumbnails_.get(), &ThumbnailProvider::thumbnailReady, this,
             &TransferQueue::applyThumbnail);
 }
 
 TransferQueue::~TransferQueue() {
     pendingDrops_.clear();
-    planner_->waitForDone();
+    planner_.reset(); // a drop being planned finishes; its result is dropped
+    thumbnails_.reset();
 }
 
 int TransferQueue::rowCount(const QModelIndex& parent) const {
@@ -126,16 +125,13 @@ void TransferQueue::planNext() {
     for (const Item& item : items_) {
         queued.push_back(item.url);
     }
-    planner_->start([this, adding = std::move(adding), queued = std::move(queued)] {
+    planner_->run([this, adding = std::move(adding), queued = std::move(queued)] {
         std::vector<Planned> planned = plan(adding, queued);
-        QMetaObject::invokeMethod(
-            this,
-            [this, planned = std::move(planned)] {
-                appendPlanned(planned);
-                emit addFinished();
-                planNext();
-            },
-            Qt::QueuedConnection);
+        planner_->deliver([this, planned = std::move(planned)] {
+            appendPlanned(planned);
+            emit addFinished();
+            planNext();
+        });
     });
 }
 

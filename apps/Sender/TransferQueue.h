@@ -14,10 +14,9 @@
 #include <string>
 #include <vector>
 
-class QThreadPool;
-
 namespace kestrelvane {
 
+class BackgroundWork;
 class ThumbnailProvider;
 
 /// The files the user has put into the window, each with its send status and
@@ -120,7 +119,7 @@ private:
     std::vector<Item> items_;
     std::deque<std::vector<std::filesystem::path>> pendingDrops_;
     bool planning_ = false;
-    std::unique_ptr<QThreadPool> planner_; // one thread: drops are planned in order
+    std::unique_ptr<BackgroundWork> planner_; // one thread: drops are planned in order
     std::unique_ptr<ThumbnailProvider> thumbnails_;
 };
 

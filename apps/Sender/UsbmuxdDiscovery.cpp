@@ -1,6 +1,6 @@
 #include "Sender/UsbmuxdDiscovery.h"
 
-#include <QThreadPool>
+#include "Sender/BackgroundWork.h"
 
 #include <unistd.h>
 
@@ -35,15 +35,14 @@ UsbmuxdDiscovery::UsbmuxdDiscovery(UsbmuxdClient::SocketAddress address,
                                    std::chrono::milliseconds interval, QObject* parent)
     : QObject(parent), interval_(interval),
       client_(std::make_shared<UsbmuxdClient>(std::move(address))),
-      worker_(std::make_unique<QThreadPool>()) {
-    worker_->setMaxThreadCount(1);
+      worker_(std::make_unique<BackgroundWork>(1)) {
     timer_.setSingleShot(true);
     connect(&timer_, &QTimer::timeout, this, &UsbmuxdDiscovery::tick);
 }
 
 UsbmuxdDiscovery::~UsbmuxdDiscovery() {
     stop();
-    worker_->waitForDone();
+    worker_.reset();
     // Answers still queued for this object are dropped with it; their Tunnel
     // holders close any descriptor they carry.
 }
@@ -106,16 +105,14 @@ void UsbmuxdDiscovery::tick() {
         endPass(generation);
         return;
     }
-    worker_->start([this, client = client_, generation] {
+    worker_->run([this, client = client_, generation] {
         std::optional<std::vector<UsbmuxdClient::Device>> devices;
         try {
             devices = client->listDevices();
         } catch (const std::exception&) {
             // Unreachable or confused daemon: shows as no device.
         }
-        QMetaObject::invokeMethod(
-            this, [this, generation, devices] { listed(generation, devices); },
-            Qt::QueuedConnection);
+        worker_->deliver([this, generation, devices] { listed(generation, devices); });
     });
 }
 
@@ -138,7 +135,7 @@ void UsbmuxdDiscovery::listed(std::uint64_t generation,
         endPass(generation); // the held tunnel is not probed again
         return;
     }
-    worker_->start([this, client = client_, generation, deviceID] {
+    worker_->run([this, client = client_, generation, deviceID] {
         std::optional<UsbmuxdClient::ConnectResult> result;
         try {
             result = client->connect(deviceID, receiverPort);
@@ -148,12 +145,9 @@ void UsbmuxdDiscovery::listed(std::uint64_t generation,
             result && result->kind == UsbmuxdClient::ConnectResult::Kind::tunneled
                 ? result->fileDescriptor
                 : -1);
-        QMetaObject::invokeMethod(
-            this,
-            [this, generation, deviceID, result, tunnel] {
-                connected(generation, deviceID, result, tunnel);
-            },
-            Qt::QueuedConnection);
+        worker_->deliver([this, generation, deviceID, result, tunnel] {
+            connected(generation, deviceID, result, tunnel);
+        });
     });
 }
 

@@ -11,9 +11,9 @@
 #include <optional>
 #include <vector>
 
-class QThreadPool;
-
 namespace kestrelvane {
+
+class BackgroundWork;
 
 /// Watches usbmuxd for a phone whose receiver is listening and holds an open
 /// tunnel to it, ready for the next send. Lives on the GUI thread; each pass
@@ -93,7 +93,7 @@ private:
     std::uint64_t generation_ = 0; // a stop makes passes still under way stale
     const std::chrono::milliseconds interval_;
     std::shared_ptr<UsbmuxdClient> client_;
-    std::unique_ptr<QThreadPool> worker_; // one thread: usbmuxd calls in order
+    std::unique_ptr<BackgroundWork> worker_; // one thread: usbmuxd calls in order
     QTimer timer_;
 };
 
