@@ -1,0 +1,91 @@
+#include "KestrelvaneKit/network/AvahiConnection.h"
+
+#include "KestrelvaneKit/log/KVLog.h"
+
+#include <avahi-common/error.h>
+
+namespace kestrelvane {
+
+AvahiConnection::AvahiConnection(std::string purpose, OnStateChange onStateChange)
+    : purpose_(std::move(purpose)), onStateChange_(std::move(onStateChange)) {
+}
+
+AvahiConnection::~AvahiConnection() {
+    stop();
+}
+
+bool AvahiConnection::start() {
+    if (poll_ != nullptr) {
+        return true;
+    }
+    poll_ = avahi_threaded_poll_new();
+    if (poll_ == nullptr) {
+        KVLog::net().error("DNS-SD " + purpose_ + " unavailable: cannot create Avahi event loop");
+        return false;
+    }
+    int error = 0;
+    // The callback may run inside avahi_client_new(), before client_ is set.
+    client_ = avahi_client_new(avahi_threaded_poll_get(poll_), AVAHI_CLIENT_NO_FAIL,
+                               &AvahiConnection::clientCallback, this, &error);
+    if (client_ == nullptr) {
+        // Typically no system D-Bus at all; said once, however often start() is tried.
+        if (!reportedUnreachable_) {
+            reportedUnreachable_ = true;
+            KVLog::net().error("DNS-SD " + purpose_ + " unavailable: no Avahi daemon reachable (" +
+                               avahi_strerror(error) + ")");
+        }
+        avahi_threaded_poll_free(poll_);
+        poll_ = nullptr;
+        return false;
+    }
+    if (avahi_threaded_poll_start(poll_) < 0) {
+        KVLog::net().error("DNS-SD " + purpose_ + " unavailable: cannot start Avahi event thread");
+        stop();
+        return false;
+    }
+    return true;
+}
+
+void AvahiConnection::stop() noexcept {
+    if (poll_ == nullptr) {
+        return;
+    }
+    avahi_threaded_poll_stop(poll_);
+    if (client_ != nullptr) {
+        avahi_client_free(client_);
+        client_ = nullptr;
+    }
+    avahi_threaded_poll_free(poll_);
+    poll_ = nullptr;
+    reportedUnreachable_ = false;
+}
+
+void AvahiConnection::clientCallback(AvahiClient* client, AvahiClientState state, void* self) {
+    auto& connection = *static_cast<AvahiConnection*>(self);
+    switch (state) {
+    case AVAHI_CLIENT_CONNECTING:
+        if (!connection.reportedUnreachable_) {
+            connection.reportedUnreachable_ = true;
+            KVLog::net().error("DNS-SD " + connection.purpose_ +
+                               " waiting: no Avahi daemon reachable; nothing is found or "
+                               "advertised until one starts");
+        }
+        break;
+    case AVAHI_CLIENT_FAILURE:
+        KVLog::net().error("DNS-SD " + connection.purpose_ +
+                           " failed: " + avahi_strerror(avahi_client_errno(client)));
+        break;
+    case AVAHI_CLIENT_S_RUNNING:
+        if (connection.reportedUnreachable_) {
+            connection.reportedUnreachable_ = false;
+            KVLog::net().info("DNS-SD " + connection.purpose_ + ": Avahi daemon reachable");
+        }
+        break;
+    case AVAHI_CLIENT_S_REGISTERING:
+    case AVAHI_CLIENT_S_COLLISION:
+        break;
+    }
+    connection.onStateChange_(client, state);
+}
+
+} // namespace kestrelvane

@@ -1,0 +1,107 @@
+#include "KestrelvaneKit/network/BonjourStream.h"
+
+#include <condition_variable>
+#include <exception>
+#include <stdexcept>
+
+namespace kestrelvane {
+namespace {
+
+/// Where the state handler leaves the outcome of one start() for the waiting caller.
+struct StartOutcome {
+    std::mutex mutex;
+    std::condition_variable settled;
+    bool done = false;
+    std::exception_ptr error;
+
+    void settle(std::exception_ptr outcome) {
+        std::lock_guard lock(mutex);
+        if (!done) {
+            done = true;
+            error = std::move(outcome);
+            settled.notify_all();
+        }
+    }
+};
+
+} // namespace
+
+BonjourStream::BonjourStream(std::shared_ptr<TcpConnection> connection)
+    : connection_(std::move(connection)) {
+    if (!connection_) {
+        throw std::invalid_argument("BonjourStream needs a connection");
+    }
+}
+
+void BonjourStream::start() {
+    {
+        std::lock_guard lock(mutex_);
+        if (isStarted_) {
+            return;
+        }
+        isStarted_ = true; // set before waiting: a second start() returns at once
+    }
+    auto outcome = std::make_shared<StartOutcome>();
+    std::weak_ptr<TcpConnection> weakConnection = connection_;
+    connection_->setStateHandler(
+        [outcome, weakConnection](TcpConnection::State state, const TcpConnection::Error& error) {
+            std::exception_ptr result;
+            switch (state) {
+            case TcpConnection::State::ready:
+                break;
+            case TcpConnection::State::failed:
+                result = std::make_exception_ptr(*error);
+                break;
+            case TcpConnection::State::cancelled:
+                result = std::make_exception_ptr(StreamError::closed());
+                break;
+            case TcpConnection::State::setup:
+            case TcpConnection::State::preparing:
+            case TcpConnection::State::waiting:
+                return;
+            }
+            if (auto connection = weakConnection.lock()) {
+                connection->setStateHandler(nullptr);
+            }
+            outcome->settle(result);
+        });
+    connection_->start();
+    if (connection_->state() == TcpConnection::State::ready) {
+        outcome->settle(nullptr); // was ready before: start() reports nothing new
+    }
+
+    std::unique_lock lock(outcome->mutex);
+    outcome->settled.wait(lock, [&] { return outcome->done; });
+    if (outcome->error) {
+        {
+            std::lock_guard started(mutex_);
+            isStarted_ = false;
+        }
+        std::rethrow_exception(outcome->error);
+    }
+}
+
+void BonjourStream::send(ByteView data) {
+    connection_->send(data);
+}
+
+Bytes BonjourStream::receive(std::int64_t max) {
+    if (max < 1) {
+        throw std::invalid_argument("receive(max) needs max >= 1, got " + std::to_string(max));
+    }
+    for (;;) {
+        auto received = connection_->receive(static_cast<std::size_t>(max));
+        if (!received.data.empty()) {
+            return std::move(received.data); // even if the peer has also finished
+        }
+        if (received.isComplete) {
+            throw StreamError::closed();
+        }
+    }
+}
+
+void BonjourStream::close() noexcept {
+    connection_->cancel();
+}
+
+} // namespace kestrelvane

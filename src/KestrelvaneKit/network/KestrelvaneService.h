@@ -1,0 +1,17 @@
+#pragma once
+
+#include <cstdint>
+#include <string_view>
+
+namespace kestrelvane {
+
+/// The two constants by which senders and receivers find each other.
+namespace KestrelvaneService {
+
+/// The DNS-SD service type a receiver advertises and the browser looks for.
+inline constexpr std::string_view type = "_kestrelvane._tcp";
+/// The TCP port a receiver listens on; the USB path tunnels to it as well.
+inline constexpr std::uint16_t listenerPort = 9876;
+
+} // namespace KestrelvaneService
+} // namespace kestrelvane

@@ -1,0 +1,347 @@
+#include "KestrelvaneKit/network/TcpConnection.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <fcntl.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <stdexcept>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace kestrelvane {
+namespace {
+
+std::system_error callError(const char* call, int code,
+                            const std::error_category& category = std::generic_category()) {
+    return std::system_error(code, category,
+                             std::string(call) + " failed (" + std::to_string(code) + ")");
+}
+
+/// Errors after which the network may yet come: the connection waits and retries.
+bool isTransient(const std::system_error& error) {
+    if (error.code().category() == TcpConnection::resolverCategory()) {
+        return error.code().value() == EAI_AGAIN;
+    }
+    const int code = error.code().value();
+    return code == ENETUNREACH || code == ENETDOWN || code == EHOSTUNREACH;
+}
+
+class ResolverCategory final : public std::error_category {
+public:
+    const char* name() const noexcept override { return "getaddrinfo"; }
+    std::string message(int code) const override { return gai_strerror(code); }
+};
+
+void closeQuietly(int fd) {
+    if (fd >= 0) {
+        ::close(fd);
+    }
+}
+
+void setNoDelay(int fd) {
+    // Acknowledgements are small frames; Nagle's algorithm would hold them back.
+    const int on = 1;
+    ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+}
+
+} // namespace
+
+const std::error_category& TcpConnection::resolverCategory() noexcept {
+    static const ResolverCategory category;
+    return category;
+}
+
+TcpConnection::TcpConnection(std::string host, std::uint16_t port)
+    : host_(std::move(host)), port_(port), wakeFd_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+    if (wakeFd_ < 0) {
+        throw callError("eventfd()", errno);
+    }
+}
+
+TcpConnection::TcpConnection(int connectedSocket) : accepted_(true), socket_(connectedSocket) {
+    if (connectedSocket < 0) {
+        throw std::invalid_argument("TcpConnection needs a connected socket");
+    }
+    setNoDelay(socket_);
+}
+
+TcpConnection::~TcpConnection() {
+    std::vector<std::thread> connectors;
+    {
+        std::lock_guard lock(mutex_);
+        handler_ = nullptr; // whoever installed it may be gone; nothing more is reported
+        cancelRequested_ = true;
+        connectors.swap(connectors_);
+    }
+    if (wakeFd_ >= 0) {
+        const std::uint64_t one = 1;
+        [[maybe_unused]] auto written = ::write(wakeFd_, &one, sizeof one);
+    }
+    for (auto& connector : connectors) {
+        connector.join();
+    }
+    closeQuietly(socket_);
+    closeQuietly(wakeFd_);
+}
+
+void TcpConnection::setStateHandler(StateHandler handler) {
+    std::lock_guard lock(mutex_);
+    handler_ = std::move(handler);
+}
+
+TcpConnection::State TcpConnection::state() const {
+    std::lock_guard lock(mutex_);
+    return state_;
+}
+
+void TcpConnection::enqueueLocked(State state, Error error) {
+    state_ = state;
+    pendingReports_.emplace_back(state, std::move(error));
+}
+
+void TcpConnection::deliverReports() {
+    // Whoever finds nobody delivering delivers everything queued, in order, so
+    // reports from the connecting thread and from cancel() never overtake each
+    // other and a handler may call back in without deadlock.
+    std::unique_lock lock(mutex_);
+    if (delivering_) {
+        return;
+    }
+    delivering_ = true;
+    while (!pendingReports_.empty()) {
+        auto [state, error] = std::move(pendingReports_.front());
+        pendingReports_.pop_front();
+        StateHandler handler = handler_;
+        lock.unlock();
+        if (handler) {
+            handler(state, error);
+        }
+        lock.lock();
+    }
+    delivering_ = false;
+}
+
+void TcpConnection::start() {
+    {
+        std::lock_guard lock(mutex_);
+        if (cancelRequested_) {
+            if (!connecting_) {
+                enqueueLocked(State::cancelled, std::nullopt);
+            }
+        } else if (connecting_ || state_ == State::ready) {
+            return;
+        } else if (accepted_) {
+            enqueueLocked(State::ready, std::nullopt);
+        } else {
+            connecting_ = true;
+            enqueueLocked(State::preparing, std::nullopt);
+            connectors_.emplace_back([this] { connectLoop(); });
+        }
+    }
+    deliverReports();
+}
+
+void TcpConnection::cancel() noexcept {
+    {
+        std::lock_guard lock(mutex_);
+        if (cancelRequested_) {
+            return;
+        }
+        cancelRequested_ = true;
+        if (connecting_) {
+            // The connecting thread reports cancelled once it has let go of its socket.
+            const std::uint64_t one = 1;
+            [[maybe_unused]] auto written = ::write(wakeFd_, &one, sizeof one);
+            return;
+        }
+        if (socket_ >= 0) {
+            // Wakes blocked send() and receive(); the descriptor stays open
+            // until no thread can still be using it.
+            ::shutdown(socket_, SHUT_RDWR);
+        }
+        enqueueLocked(State::cancelled, std::nullopt);
+    }
+    deliverReports();
+}
+
+void TcpConnection::connectLoop() {
+    for (;;) {
+        Error error;
+        const int fd = connectOnce(error);
+        {
+            std::lock_guard lock(mutex_);
+            if (cancelRequested_ || fd == -2) {
+                closeQuietly(fd);
+                connecting_ = false;
+                enqueueLocked(State::cancelled, std::nullopt);
+                break;
+            }
+            if (fd >= 0) {
+                socket_ = fd;
+                connecting_ = false;
+                enqueueLocked(State::ready, std::nullopt);
+                break;
+            }
+            if (!isTransient(*error)) {
+                connecting_ = false;
+                enqueueLocked(State::failed, std::move(error));
+                break;
+            }
+            enqueueLocked(State::waiting, std::move(error));
+        }
+        deliverReports();
+        const bool slept = sleepUnlessCancelled(waitingRetryInterval);
+        {
+            std::lock_guard lock(mutex_);
+            if (!slept || cancelRequested_) {
+                connecting_ = false;
+                enqueueLocked(State::cancelled, std::nullopt);
+                break;
+            }
+            enqueueLocked(State::preparing, std::nullopt);
+        }
+        deliverReports();
+    }
+    deliverReports();
+}
+
+bool TcpConnection::sleepUnlessCancelled(std::chrono::milliseconds interval) {
+    pollfd wake{wakeFd_, POLLIN, 0};
+    int result;
+    do {
+        result = ::poll(&wake, 1, static_cast<int>(interval.count()));
+    } while (result < 0 && errno == EINTR);
+    return result == 0;
+}
+
+int TcpConnection::connectOnce(Error& error) {
+    addrinfo hints{};
+    hints.ai_family = AF_UNSPEC;
+    hints.ai_socktype = SOCK_STREAM;
+    hints.ai_flags = AI_NUMERICSERV;
+    addrinfo* found = nullptr;
+    // A lookup in progress cannot be interrupted; cancel() takes effect when it returns.
+    const int resolved =
+        ::getaddrinfo(host_.c_str(), std::to_string(port_).c_str(), &hints, &found);
+    if (resolved != 0) {
+        error = resolved == EAI_SYSTEM ? callError("getaddrinfo()", errno)
+                                       : callError("getaddrinfo()", resolved, resolverCategory());
+        return -1;
+    }
+    std::unique_ptr<addrinfo, decltype(&::freeaddrinfo)> addresses(found, &::freeaddrinfo);
+
+    Error firstLasting;
+    Error lastTransient;
+    Error socketFailure; // e.g. IPv6 switched off: only worth reporting when nothing else is
+    for (const addrinfo* address = found; address != nullptr; address = address->ai_next) {
+        const int fd =
+            ::socket(address->ai_family, address->ai_socktype | SOCK_NONBLOCK | SOCK_CLOEXEC,
+                     address->ai_protocol);
+        if (fd < 0) {
+            socketFailure = callError("socket()", errno);
+            continue;
+        }
+        int code = 0;
+        if (::connect(fd, address->ai_addr, address->ai_addrlen) != 0) {
+            code = errno;
+        }
+        if (code == EINPROGRESS || code == EINTR) {
+            pollfd waits[2] = {{fd, POLLOUT, 0}, {wakeFd_, POLLIN, 0}};
+            int ready;
+            do {
+                ready = ::poll(waits, 2, -1);
+            } while (ready < 0 && errno == EINTR);
+            if (waits[1].revents != 0) {
+                ::close(fd);
+                return -2;
+            }
+            socklen_t length = sizeof code;
+            if (::getsockopt(fd, SOL_SOCKET, SO_ERROR, &code, &length) != 0) {
+                code = errno;
+            }
+        }
+        if (code == 0) {
+            const int flags = ::fcntl(fd, F_GETFL);
+            ::fcntl(fd, F_SETFL, flags & ~O_NONBLOCK);
+            setNoDelay(fd);
+            return fd;
+        }
+        ::close(fd);
+        auto failure = callError("connect()", code);
+        if (isTransient(failure)) {
+            lastTransient = failure;
+        } else if (!firstLasting) {
+            firstLasting = failure;
+        }
+    }
+    // One address that answered decides: refused outweighs an unreachable sibling.
+    error = firstLasting ? firstLasting : lastTransient ? lastTransient : socketFailure;
+    if (!error) {
+        error = callError("connect()", EADDRNOTAVAIL);
+    }
+    return -1;
+}
+
+int TcpConnection::socketFor(const char* call) const {
+    std::lock_guard lock(mutex_);
+    if (cancelRequested_) {
+        throw callError(call, ECANCELED);
+    }
+    if (state_ != State::ready || socket_ < 0) {
+        throw callError(call, ENOTCONN);
+    }
+    return socket_;
+}
+
+void TcpConnection::send(ByteView data) {
+    if (data.empty()) {
+        return;
+    }
+    std::lock_guard sending(sendMutex_);
+    const int fd = socketFor("send()");
+    std::size_t written = 0;
+    while (written < data.size()) {
+        const ssize_t n = ::send(fd, data.data() + written, data.size() - written, MSG_NOSIGNAL);
+        if (n >= 0) {
+            written += static_cast<std::size_t>(n);
+            continue;
+        }
+        const int code = errno;
+        if (code == EINTR) {
+            socketFor("send()");
+            continue;
+        }
+        socketFor("send()"); // a cancel that broke the write is reported as such
+        throw callError("send()", code);
+    }
+}
+
+TcpConnection::Received TcpConnection::receive(std::size_t maximum) {
+    if (maximum == 0) {
+        throw std::invalid_argument("receive() needs a maximum of at least 1 byte");
+    }
+    std::lock_guard receiving(receiveMutex_);
+    const int fd = socketFor("recv()");
+    Bytes buffer(std::min(maximum, maxReceiveBytes));
+    for (;;) {
+        const ssize_t n = ::recv(fd, buffer.data(), buffer.size(), 0);
+        if (n > 0) {
+            buffer.resize(static_cast<std::size_t>(n));
+            return {std::move(buffer), false};
+        }
+        const int code = errno;
+        socketFor("recv()"); // woken by cancel(): say so rather than report an end
+        if (n == 0) {
+            return {{}, true};
+        }
+        if (code != EINTR) {
+            throw callError("recv()", code);
+        }
+    }
+}
+
+} // namespace kestrelvane

@@ -1,0 +1,103 @@
+#pragma once
+
+#include "KestrelvaneKit/wire/Bytes.h"
+
+#include <chrono>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <system_error>
+#include <thread>
+#include <vector>
+
+namespace kestrelvane {
+
+/// A TCP connection that reports its progress as states: to a host and port
+/// (name lookup included, IPv4 and IPv6) or around a socket a listener
+/// accepted.
+///
+/// start() works on a private thread and reports preparing, then ready,
+/// failed or — while the network is unreachable, retrying once a second —
+/// waiting. cancel() may come at any time, also while connecting; it reports
+/// cancelled and wakes any thread blocked in send() or receive(). State
+/// reports reach the handler one at a time, in order, from whichever thread
+/// caused them; a handler may call setStateHandler() and cancel().
+///
+/// Errors carry the failing call and errno, e.g. "connect() failed (111)";
+/// name lookup errors use resolverCategory().
+class TcpConnection {
+public:
+    enum class State { setup, preparing, waiting, ready, failed, cancelled };
+    using Error = std::optional<std::system_error>;
+    /// Called with every new state; `error` is set for waiting and failed.
+    using StateHandler = std::function<void(State state, const Error& error)>;
+
+    /// What one receive() brought: bytes, or the peer's end of sending.
+    struct Received {
+        Bytes data;
+        bool isComplete = false; ///< the peer has finished sending
+    };
+
+    /// How long a connection waits before trying an unreachable network again.
+    static constexpr std::chrono::milliseconds waitingRetryInterval{1000};
+    /// The most bytes one receive() allocates for, whatever it is asked.
+    static constexpr std::size_t maxReceiveBytes = 1'048'576;
+
+    /// A connection to `host` (a name or a numeric IPv4/IPv6 address) and `port`.
+    TcpConnection(std::string host, std::uint16_t port);
+    /// Takes ownership of a connected socket; start() reports ready at once.
+    explicit TcpConnection(int connectedSocket);
+    ~TcpConnection();
+    TcpConnection(const TcpConnection&) = delete;
+    TcpConnection& operator=(const TcpConnection&) = delete;
+
+    void setStateHandler(StateHandler handler);
+    /// Begins connecting. Does nothing while connecting or ready; after failed
+    /// it tries afresh; after cancelled it reports cancelled again.
+    void start();
+    /// Ends the connection. A second call does nothing.
+    void cancel() noexcept;
+    State state() const;
+
+    /// Writes every byte of `data`; concurrent sends never interleave.
+    /// Throws std::system_error ("send() failed (errno)"); ECANCELED after cancel().
+    void send(ByteView data);
+    /// Waits for at least one and at most `maximum` bytes (capped at
+    /// maxReceiveBytes), or the peer's end. Throws std::system_error.
+    Received receive(std::size_t maximum);
+
+    /// The error category of getaddrinfo() results (EAI_*).
+    static const std::error_category& resolverCategory() noexcept;
+
+private:
+    void enqueueLocked(State state, Error error);
+    void deliverReports();
+    int socketFor(const char* call) const;
+    void connectLoop();
+    int connectOnce(Error& error);
+    bool sleepUnlessCancelled(std::chrono::milliseconds interval);
+
+    const std::string host_;
+    const std::uint16_t port_ = 0;
+    const bool accepted_ = false;
+    int wakeFd_ = -1; // eventfd: cancel() wakes the connecting thread with it
+
+    mutable std::mutex mutex_; // guards everything below
+    StateHandler handler_;
+    State state_ = State::setup;
+    bool cancelRequested_ = false;
+    bool connecting_ = false;
+    int socket_ = -1; // the ready socket; closed only by the destructor
+    std::deque<std::pair<State, Error>> pendingReports_;
+    bool delivering_ = false;
+    std::vector<std::thread> connectors_; // one per attempt; joined by the destructor
+
+    std::mutex sendMutex_;
+    std::mutex receiveMutex_;
+};
+
+} // namespace kestrelvane

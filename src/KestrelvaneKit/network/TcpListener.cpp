@@ -1,0 +1,169 @@
+#include "KestrelvaneKit/network/TcpListener.h"
+
+#include <arpa/inet.h>
+#include <cerrno>
+#include <cstring>
+#include <netinet/in.h>
+#include <poll.h>
+#include <string>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <system_error>
+#include <unistd.h>
+
+namespace kestrelvane {
+namespace {
+
+std::system_error callError(const char* call, int code) {
+    return std::system_error(code, std::generic_category(),
+                             std::string(call) + " failed (" + std::to_string(code) + ")");
+}
+
+/// A listening socket of one family, or -1 with `error` set.
+int listenOn(int family, std::uint16_t port, TcpListener::Scope scope, int& error) {
+    const int fd = ::socket(family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    if (fd < 0) {
+        error = errno;
+        return -1;
+    }
+    const int on = 1;
+    ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    sockaddr_storage storage{};
+    socklen_t length = 0;
+    if (family == AF_INET6) {
+        // Each family has its own socket, so IPv4 never arrives here mapped.
+        ::setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on);
+        auto& address = reinterpret_cast<sockaddr_in6&>(storage);
+        address.sin6_family = AF_INET6;
+        address.sin6_port = htons(port);
+        address.sin6_addr = scope == TcpListener::Scope::loopback ? in6addr_loopback : in6addr_any;
+        length = sizeof address;
+    } else {
+        auto& address = reinterpret_cast<sockaddr_in&>(storage);
+        address.sin_family = AF_INET;
+        address.sin_port = htons(port);
+        address.sin_addr.s_addr =
+            htonl(scope == TcpListener::Scope::loopback ? INADDR_LOOPBACK : INADDR_ANY);
+        length = sizeof address;
+    }
+    if (::bind(fd, reinterpret_cast<const sockaddr*>(&storage), length) != 0 ||
+        ::listen(fd, SOMAXCONN) != 0) {
+        error = errno;
+        ::close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+std::uint16_t boundPort(int fd) {
+    sockaddr_storage storage{};
+    socklen_t length = sizeof storage;
+    ::getsockname(fd, reinterpret_cast<sockaddr*>(&storage), &length);
+    return storage.ss_family == AF_INET6
+               ? ntohs(reinterpret_cast<const sockaddr_in6&>(storage).sin6_port)
+               : ntohs(reinterpret_cast<const sockaddr_in&>(storage).sin_port);
+}
+
+bool familyIsMissing(int error) {
+    return error == EAFNOSUPPORT || error == EADDRNOTAVAIL || error == EPROTONOSUPPORT;
+}
+
+} // namespace
+
+TcpListener::TcpListener(std::uint16_t port, Scope scope)
+    : wakeFd_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+    if (wakeFd_ < 0) {
+        throw callError("eventfd()", errno);
+    }
+    int lastError = 0;
+    // With port 0 the IPv6 socket picks a port that IPv4 may already use
+    // elsewhere; a few fresh picks settle it.
+    for (int attempt = 0; attempt < 16; ++attempt) {
+        if (bindAll(port, scope, lastError) || port != 0 || lastError != EADDRINUSE) {
+            break;
+        }
+    }
+    if (sockets_.empty()) {
+        ::close(wakeFd_);
+        throw callError("bind()", lastError);
+    }
+}
+
+bool TcpListener::bindAll(std::uint16_t port, Scope scope, int& lastError) {
+    for (int fd : sockets_) {
+        ::close(fd);
+    }
+    sockets_.clear();
+    std::uint16_t chosen = port;
+    for (int family : {AF_INET6, AF_INET}) {
+        int error = 0;
+        const int fd = listenOn(family, chosen, scope, error);
+        if (fd < 0) {
+            lastError = error;
+            if (familyIsMissing(error)) {
+                continue;
+            }
+            for (int open : sockets_) {
+                ::close(open);
+            }
+            sockets_.clear();
+            return false;
+        }
+        sockets_.push_back(fd);
+        chosen = boundPort(fd);
+    }
+    port_ = chosen;
+    return !sockets_.empty();
+}
+
+TcpListener::~TcpListener() {
+    for (int fd : sockets_) {
+        ::close(fd);
+    }
+    ::close(wakeFd_);
+}
+
+void TcpListener::stop() noexcept {
+    stopped_ = true;
+    const std::uint64_t one = 1;
+    [[maybe_unused]] auto written = ::write(wakeFd_, &one, sizeof one);
+}
+
+std::shared_ptr<TcpConnection> TcpListener::accept() {
+    std::lock_guard accepting(acceptMutex_);
+    std::vector<pollfd> waits;
+    for (int fd : sockets_) {
+        waits.push_back({fd, POLLIN, 0});
+    }
+    waits.push_back({wakeFd_, POLLIN, 0});
+    while (!stopped_) {
+        for (auto& wait : waits) {
+            wait.revents = 0;
+        }
+        if (::poll(waits.data(), waits.size(), -1) < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            throw callError("poll()", errno);
+        }
+        for (std::size_t i = 0; i + 1 < waits.size() && !stopped_; ++i) {
+            if (waits[i].revents == 0) {
+                continue;
+            }
+            const int fd = ::accept4(waits[i].fd, nullptr, nullptr, SOCK_CLOEXEC);
+            if (fd >= 0) {
+                return std::make_shared<TcpConnection>(fd);
+            }
+            const int code = errno;
+            // Gone before it was taken, or taken by nobody yet: look again.
+            if (code == EAGAIN || code == EWOULDBLOCK || code == ECONNABORTED || code == EINTR ||
+                code == EPROTO) {
+                continue;
+            }
+            throw callError("accept()", code);
+        }
+    }
+    return nullptr;
+}
+
+} // namespace kestrelvane

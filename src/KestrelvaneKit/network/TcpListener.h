@@ -1,0 +1,54 @@
+#pragma once
+
+#include "KestrelvaneKit/network/TcpConnection.h"
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+namespace kestrelvane {
+
+/// Accepts TCP connections on one port, over IPv4 and IPv6, each as a
+/// TcpConnection that is ready as soon as it is started.
+///
+/// accept() blocks until a connection comes or stop() is called from another
+/// thread; after stop() it returns nullptr at once, so a serving loop ends
+/// without a thread left blocked. Destroy the listener only after the thread
+/// in accept() has returned.
+class TcpListener {
+public:
+    enum class Scope {
+        anyAddress, ///< every interface (0.0.0.0 and ::)
+        loopback,   ///< this machine only (127.0.0.1 and ::1)
+    };
+
+    /// Binds and listens. `port` 0 takes any free port (the same one for both
+    /// families); port() tells which. A family the machine lacks is left out;
+    /// throws std::system_error ("bind() failed (errno)") when neither works.
+    explicit TcpListener(std::uint16_t port = 0, Scope scope = Scope::anyAddress);
+    ~TcpListener();
+    TcpListener(const TcpListener&) = delete;
+    TcpListener& operator=(const TcpListener&) = delete;
+
+    std::uint16_t port() const noexcept { return port_; }
+
+    /// The next connection, not yet started; nullptr once stopped. Throws
+    /// std::system_error when accepting fails for a reason other than a
+    /// connection that was aborted before it could be taken.
+    std::shared_ptr<TcpConnection> accept();
+    /// Wakes accept() and makes every later call return nullptr. Any thread, any time.
+    void stop() noexcept;
+
+private:
+    bool bindAll(std::uint16_t port, Scope scope, int& lastError);
+
+    std::vector<int> sockets_;
+    std::uint16_t port_ = 0;
+    int wakeFd_ = -1;
+    std::atomic<bool> stopped_{false};
+    std::mutex acceptMutex_; // one accepting thread at a time
+};
+
+} // namespace kestrelvane

@@ -1,0 +1,151 @@
+// Checks that need a network of their own: run only by run-in-private-network.sh
+// (through ServiceDiscoveryTest), inside a namespace with nothing but loopback
+// and an avahi-daemon restricted to it.
+#include "KestrelvaneKit/network/BonjourStream.h"
+#include "KestrelvaneKit/network/ServiceBrowser.h"
+#include "KestrelvaneKit/network/ServicePublisher.h"
+#include "support/Eventually.h"
+
+#include <gtest/gtest.h>
+
+#include <condition_variable>
+#include <cstdlib>
+#include <future>
+#include <mutex>
+
+namespace kestrelvane {
+namespace {
+
+/// Keeps every set the browser hands over and lets a test wait for one.
+class SetRecorder {
+public:
+    void record(const std::vector<DiscoveredService>& services) {
+        std::lock_guard lock(mutex_);
+        latest_ = services;
+        ++count_;
+        changed_.notify_all();
+    }
+
+    /// Waits until the latest set satisfies `condition`; false after the deadline.
+    template <class Condition> bool waitFor(Condition condition) {
+        std::unique_lock lock(mutex_);
+        return changed_.wait_for(lock, std::chrono::seconds(30),
+                                 [&] { return condition(latest_); });
+    }
+
+    std::vector<DiscoveredService> latest() const {
+        std::lock_guard lock(mutex_);
+        return latest_;
+    }
+
+private:
+    mutable std::mutex mutex_;
+    std::condition_variable changed_;
+    std::vector<DiscoveredService> latest_;
+    int count_ = 0;
+};
+
+std::vector<std::string> namesOf(const std::vector<DiscoveredService>& services) {
+    std::vector<std::string> names;
+    for (const auto& service : services) {
+        names.push_back(service.name);
+    }
+    return names;
+}
+
+class PrivateNetwork : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (std::getenv("KV_PRIVATE_NETWORK") == nullptr) {
+            GTEST_SKIP() << "needs the private network of run-in-private-network.sh";
+        }
+    }
+};
+
+TEST_F(PrivateNetwork, PublishedServicesAppearBesideEachOtherAndGoWhenWithdrawn) {
+    SetRecorder recorder;
+    ServiceBrowser browser([&](const auto& services) { recorder.record(services); });
+    browser.start();
+
+    ServicePublisher first("Kitchen receiver", KestrelvaneService::listenerPort);
+    first.publish();
+    ASSERT_TRUE(recorder.waitFor([](const auto& set) { return set.size() == 1; }))
+        << "the first service never showed up";
+    const auto one = recorder.latest();
+    EXPECT_EQ(one[0].name, "Kitchen receiver");
+    EXPECT_EQ(one[0].port, 9876);
+    EXPECT_EQ(one[0].domain, "local");
+    EXPECT_FALSE(one[0].host.empty());
+    EXPECT_NE(std::find(one[0].addresses.begin(), one[0].addresses.end(), "127.0.0.1"),
+              one[0].addresses.end());
+    EXPECT_TRUE(first.isEstablished());
+
+    ServicePublisher second("Attic receiver", 9877);
+    second.publish();
+    ASSERT_TRUE(recorder.waitFor([](const auto& set) { return set.size() == 2; }));
+    EXPECT_EQ(namesOf(recorder.latest()),
+              (std::vector<std::string>{"Attic receiver", "Kitchen receiver"}));
+    EXPECT_EQ(recorder.latest()[0].port, 9877);
+
+    first.withdraw();
+    ASSERT_TRUE(recorder.waitFor([](const auto& set) { return set.size() == 1; }));
+    EXPECT_EQ(namesOf(recorder.latest()), std::vector<std::string>{"Attic receiver"});
+    second.withdraw();
+    EXPECT_TRUE(recorder.waitFor([](const auto& set) { return set.empty(); }));
+    browser.stop();
+}
+
+TEST_F(PrivateNetwork, ANameAlreadyAdvertisedMakesTheSecondPublisherTakeTheNextOne) {
+    SetRecorder recorder;
+    ServiceBrowser browser([&](const auto& services) { recorder.record(services); });
+    browser.start();
+    ServicePublisher first("Den", 9876);
+    first.publish();
+    ASSERT_TRUE(recorder.waitFor([](const auto& set) { return set.size() == 1; }));
+    ServicePublisher second("Den", 9877);
+    second.publish();
+    ASSERT_TRUE(recorder.waitFor([](const auto& set) { return set.size() == 2; }));
+    EXPECT_EQ(second.name(), "Den #2");
+    EXPECT_EQ(namesOf(recorder.latest()), (std::vector<std::string>{"Den", "Den #2"}));
+}
+
+TEST_F(PrivateNetwork, ConnectionWaitsWhileTheNetworkIsUnreachableUntilCancelled) {
+    // Nothing but loopback here: any other address is unreachable.
+    auto connection = std::make_shared<TcpConnection>("192.0.2.1", 9876);
+    BonjourStream stream(connection);
+    auto started = std::async(std::launch::async, [&] { stream.start(); });
+    // The stream's own handler is installed by start(); watch the state instead.
+    ASSERT_TRUE(
+        testing::eventually([&] { return connection->state() == TcpConnection::State::waiting; }));
+    EXPECT_EQ(started.wait_for(std::chrono::milliseconds(0)), std::future_status::timeout);
+    stream.close();
+    try {
+        started.get();
+        FAIL() << "start() returned while the network was unreachable";
+    } catch (const StreamError& error) {
+        EXPECT_TRUE(error.isClosed());
+    }
+}
+
+TEST_F(PrivateNetwork, WaitingCarriesTheUnreachableError) {
+    TcpConnection connection("192.0.2.1", 9876);
+    std::promise<TcpConnection::Error> waiting;
+    bool seen = false;
+    connection.setStateHandler([&](TcpConnection::State state, const TcpConnection::Error& error) {
+        if (state == TcpConnection::State::waiting && !seen) {
+            seen = true;
+            waiting.set_value(error);
+        }
+    });
+    connection.start();
+    auto future = waiting.get_future();
+    ASSERT_EQ(future.wait_for(std::chrono::seconds(30)), std::future_status::ready);
+    const auto error = future.get();
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->code(), std::errc::network_unreachable);
+    EXPECT_EQ(std::string(error->what()).rfind("connect() failed (101)", 0), 0u) << error->what();
+    connection.cancel();
+}
+
+} // namespace
+} // namespace kestrelvane

@@ -1,0 +1,127 @@
+#include "KestrelvaneKit/network/TcpListener.h"
+
+#include "support/Eventually.h"
+
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <future>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace kestrelvane {
+namespace {
+
+/// Whether this machine can open a socket on ::1 at all.
+bool hasIPv6Loopback() {
+    const int fd = ::socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) {
+        return false;
+    }
+    sockaddr_in6 address{};
+    address.sin6_family = AF_INET6;
+    address.sin6_addr = in6addr_loopback;
+    const bool bound = ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+    ::close(fd);
+    return bound;
+}
+
+/// Connects from `host`, sends `word` and checks the accepted side reads it.
+void expectRoundTrip(TcpListener& listener, const std::string& host, const std::string& word) {
+    TcpConnection client(host, listener.port());
+    client.start();
+    auto accepted = listener.accept();
+    ASSERT_NE(accepted, nullptr) << host;
+    accepted->start();
+    ASSERT_EQ(accepted->state(), TcpConnection::State::ready);
+    // The accept can come before the connecting side has seen its handshake end.
+    ASSERT_TRUE(testing::eventually([&] { return client.state() == TcpConnection::State::ready; }))
+        << host;
+    client.send(asBytes(word));
+    const auto received = accepted->receive(100);
+    EXPECT_EQ(asText(received.data), word) << host;
+    client.cancel();
+    EXPECT_TRUE(accepted->receive(100).isComplete) << host;
+}
+
+TEST(TcpListener, AcceptsIPv4AndIPv6AndNamesOnTheOnePortItReports) {
+    TcpListener listener(0, TcpListener::Scope::loopback);
+    ASSERT_NE(listener.port(), 0);
+    expectRoundTrip(listener, "127.0.0.1", "four");
+    expectRoundTrip(listener, "localhost", "name");
+    if (hasIPv6Loopback()) {
+        expectRoundTrip(listener, "::1", "six");
+    } else {
+        std::cout << "IPv6 part left out: this machine has no ::1\n";
+    }
+}
+
+TEST(TcpListener, StopWakesAWaitingAcceptAndEveryLaterOneReturnsNothing) {
+    TcpListener listener(0, TcpListener::Scope::loopback);
+    auto waiting = std::async(std::launch::async, [&] { return listener.accept(); });
+    EXPECT_EQ(waiting.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
+    listener.stop();
+    EXPECT_EQ(waiting.get(), nullptr);
+    EXPECT_EQ(listener.accept(), nullptr);
+}
+
+TEST(TcpListener, PortInUseFailsWithTheBindError) {
+    TcpListener first(0, TcpListener::Scope::loopback);
+    try {
+        TcpListener second(first.port(), TcpListener::Scope::loopback);
+        FAIL() << "a second listener took port " << first.port();
+    } catch (const std::system_error& error) {
+        EXPECT_EQ(error.code(), std::errc::address_in_use);
+        EXPECT_EQ(std::string(error.what()).rfind("bind() failed (98)", 0), 0u) << error.what();
+    }
+}
+
+TEST(TcpConnection, ReportsPreparingThenReadyAndCancelledInOrder) {
+    TcpListener listener(0, TcpListener::Scope::loopback);
+    TcpConnection connection("127.0.0.1", listener.port());
+    std::mutex mutex;
+    std::vector<TcpConnection::State> states;
+    connection.setStateHandler([&](TcpConnection::State state, const TcpConnection::Error& error) {
+        EXPECT_FALSE(error);
+        std::lock_guard lock(mutex);
+        states.push_back(state);
+    });
+    EXPECT_EQ(connection.state(), TcpConnection::State::setup);
+    connection.start();
+    auto accepted = listener.accept();
+    ASSERT_TRUE(
+        testing::eventually([&] { return connection.state() == TcpConnection::State::ready; }));
+    connection.cancel();
+    connection.cancel();
+    connection.start(); // a cancelled connection says so again
+    std::lock_guard lock(mutex);
+    EXPECT_EQ(states,
+              (std::vector{TcpConnection::State::preparing, TcpConnection::State::ready,
+                           TcpConnection::State::cancelled, TcpConnection::State::cancelled}));
+}
+
+TEST(TcpConnection, UnknownHostReportsTheResolverError) {
+    TcpConnection connection("no-such-host.invalid", 1);
+    std::promise<TcpConnection::Error> failed;
+    bool settled = false;
+    connection.setStateHandler([&](TcpConnection::State state, const TcpConnection::Error& error) {
+        // Without a reachable name server the lookup cannot know yet: waiting, not failed.
+        if ((state == TcpConnection::State::failed || state == TcpConnection::State::waiting) &&
+            !settled) {
+            settled = true;
+            failed.set_value(error);
+        }
+    });
+    connection.start();
+    auto future = failed.get_future();
+    ASSERT_EQ(future.wait_for(std::chrono::seconds(30)), std::future_status::ready);
+    const auto error = future.get();
+    ASSERT_TRUE(error);
+    EXPECT_EQ(&error->code().category(), &TcpConnection::resolverCategory());
+    EXPECT_EQ(std::string(error->what()).rfind("getaddrinfo() failed (", 0), 0u) << error->what();
+    connection.cancel();
+}
+
+} // namespace
+} // namespace kestrelvane
