@@ -25,7 +25,7 @@ namespace {
 
 constexpr std::chrono::milliseconds testInterval{20};
 
-/// The simulator run as a program, with its virtual phones given as specs.
+/// The simulator run as a program, with its virtual phones given on the command line.
 class Simulator {
 public:
     explicit Simulator(const std::vector<std::string>& phones)
