@@ -1,0 +1,97 @@
+#pragma once
+
+#include "Sender/BackgroundWork.h"
+#include "Sender/TransferQueue.h"
+
+#include <QObject>
+#include <QString>
+
+#include <chrono>
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+namespace kestrelvane {
+
+class FrameChannel;
+
+/// The window's model: the queue, the album name, whether a send runs and the
+/// statistics line. A send runs on a worker thread; everything it reports is
+/// applied here, on the GUI thread, in the order it was reported.
+class SenderViewModel : public QObject {
+    Q_OBJECT
+    Q_PROPERTY(QString albumName READ albumName WRITE setAlbumName NOTIFY albumNameChanged)
+    Q_PROPERTY(bool isSending READ isSending NOTIFY isSendingChanged)
+    Q_PROPERTY(QString statsLine READ statsLine NOTIFY statsLineChanged)
+public:
+    using MakeChannel = std::function<std::unique_ptr<FrameChannel>()>;
+    using OnFailure = std::function<void()>;
+
+    explicit SenderViewModel(QObject* parent = nullptr);
+    /// Ends a send still running by closing its connection, and waits for it.
+    ~SenderViewModel() override;
+
+    TransferQueue& queue() noexcept { return queue_; }
+    QString albumName() const { return albumName_; }
+    void setAlbumName(const QString& name);
+    bool isSending() const noexcept { return isSending_; }
+    QString statsLine() const { return statsLine_; }
+    /// Bytes of the files acknowledged as saved during the current send.
+    std::int64_t bytesDone() const noexcept { return bytesDone_; }
+
+    void addURLs(const std::vector<std::filesystem::path>& urls);
+    void clearQueue();
+
+    /// Sends every unsent item over the open usbmuxd tunnel `fd`, which this
+    /// call takes over (it is closed even when there is nothing to send).
+    /// `onFailure` runs if the transfer breaks off with files still unsent.
+    void send(int fd, OnFailure onFailure);
+    /// Sends `urls` over the channel `makeChannel` gives, on a worker thread.
+    void startSend(const std::vector<std::filesystem::path>& urls, MakeChannel makeChannel,
+                   OnFailure onFailure);
+
+    /// "%d:%02d" minutes and seconds, rounded to the nearest second.
+    static QString clock(double seconds);
+    /// The running line: "38.2 MB/s · 1:05".
+    static QString progressLine(std::int64_t bytesDone, double elapsedSeconds);
+    /// The closing line: "1187 MB in 1:05 · avg 18.3 MB/s".
+    static QString summaryLine(std::int64_t bytesDone, double elapsedSeconds);
+
+signals:
+    void albumNameChanged();
+    void isSendingChanged();
+    void statsLineChanged();
+    /// The queue changed in any way (items added, removed or updated).
+    void queueChanged();
+
+private:
+    using Clock = std::chrono::steady_clock;
+
+    void applyProgress(const QString& fileName, bool ok, const QString& message);
+    void finishSend(bool dropped, const OnFailure& onFailure);
+    void setSending(bool sending);
+    void setStatsLine(const QString& line);
+    double elapsedSeconds() const;
+    void joinWorker();
+
+    TransferQueue queue_;
+    QString albumName_;
+    bool isSending_ = false;
+    QString statsLine_;
+    std::int64_t bytesDone_ = 0;
+    Clock::time_point start_{};
+    std::map<QString, std::int64_t> sizeByName_;
+
+    std::mutex channelMutex_; // guards channel_ and stopping_ (worker and destructor)
+    std::shared_ptr<FrameChannel> channel_;
+    bool stopping_ = false;
+    std::thread worker_;
+    BackgroundWork delivery_{0}; // the worker's reports, brought to the GUI thread
+};
+
+} // namespace kestrelvane

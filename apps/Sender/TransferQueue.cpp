@@ -1,0 +1,253 @@
+#include "Sender/TransferQueue.h"
+
+#include "KestrelvaneKit/intake/MediaScanner.h"
+#include "KestrelvaneKit/intake/QueuePlanner.h"
+#include "Sender/BackgroundWork.h"
+#include "Sender/ThumbnailProvider.h"
+
+#include <algorithm>
+#include <system_error>
+
+namespace kestrelvane {
+
+namespace fs = std::filesystem;
+
+TransferQueue::TransferQueue(QObject* parent)
+    : QAbstractListModel(parent), planner_(std::make_unique<BackgroundWork>(1)),
+      thumbnails_(std::make_unique<ThumbnailProvider>()) {
+    connect(thumbnails_.get(), &ThumbnailProvider::thumbnailReady, this,
+            &TransferQueue::applyThumbnail);
+}
+
+TransferQueue::~TransferQueue() {
+    pendingDrops_.clear();
+    planner_.reset(); // a drop being planned finishes; its result is dropped
+    thumbnails_.reset();
+}
+
+int TransferQueue::rowCount(const QModelIndex& parent) const {
+    return parent.isValid() ? 0 : static_cast<int>(items_.size());
+}
+
+QVariant TransferQueue::data(const QModelIndex& index, int role) const {
+    if (!index.isValid() || index.row() < 0 ||
+        static_cast<std::size_t>(index.row()) >= items_.size()) {
+        return {};
+    }
+    const Item& item = items_[static_cast<std::size_t>(index.row())];
+    switch (role) {
+    case Qt::DisplayRole:
+    case NameRole:
+        return item.name;
+    case IdRole:
+        return item.id;
+    case SizeRole:
+        return QVariant::fromValue<qint64>(item.size);
+    case MediaTypeRole:
+        return QString::fromUtf8(wireString(item.mediaType).data(),
+                                 static_cast<qsizetype>(wireString(item.mediaType).size()));
+    case StatusRole:
+        return statusName(item.status.kind);
+    case StatusMessageRole:
+        return item.status.message;
+    case Qt::DecorationRole:
+    case ThumbnailRole:
+        return item.thumbnail.isNull() ? QVariant() : QVariant(item.thumbnail);
+    default:
+        return {};
+    }
+}
+
+QHash<int, QByteArray> TransferQueue::roleNames() const {
+    return {{IdRole, "id"},
+            {NameRole, "name"},
+            {SizeRole, "size"},
+            {MediaTypeRole, "mediaType"},
+            {StatusRole, "status"},
+            {StatusMessageRole, "statusMessage"},
+            {ThumbnailRole, "thumbnail"}};
+}
+
+QString TransferQueue::statusName(Status::Kind kind) {
+    switch (kind) {
+    case Status::Kind::queued:
+        return QStringLiteral("queued");
+    case Status::Kind::sending:
+        return QStringLiteral("sending");
+    case Status::Kind::saved:
+        return QStringLiteral("saved");
+    case Status::Kind::failed:
+        return QStringLiteral("failed");
+    }
+    return {};
+}
+
+int TransferQueue::savedCount() const {
+    return static_cast<int>(std::count_if(items_.begin(), items_.end(), [](const Item& item) {
+        return item.status.kind == Status::Kind::saved;
+    }));
+}
+
+std::vector<TransferQueue::Item> TransferQueue::unsentItems() const {
+    std::vector<Item> unsent;
+    std::copy_if(items_.begin(), items_.end(), std::back_inserter(unsent),
+                 [](const Item& item) { return item.status.kind != Status::Kind::saved; });
+    return unsent;
+}
+
+std::int64_t TransferQueue::totalBytes() const {
+    std::int64_t total = 0;
+    for (const Item& item : items_) {
+        total += item.size;
+    }
+    return total;
+}
+
+void TransferQueue::add(const std::vector<fs::path>& urls) {
+    pendingDrops_.push_back(urls);
+    if (!planning_) {
+        planNext();
+    }
+}
+
+// One drop at a time: the next is planned against the queue as the previous
+// one left it, so two quick drops of the same file add it once.
+void TransferQueue::planNext() {
+    if (pendingDrops_.empty()) {
+        planning_ = false;
+        return;
+    }
+    planning_ = true;
+    std::vector<fs::path> adding = std::move(pendingDrops_.front());
+    pendingDrops_.pop_front();
+    std::vector<fs::path> queued;
+    queued.reserve(items_.size());
+    for (const Item& item : items_) {
+        queued.push_back(item.url);
+    }
+    planner_->run([this, adding = std::move(adding), queued = std::move(queued)] {
+        std::vector<Planned> planned = plan(adding, queued);
+        planner_->deliver([this, planned = std::move(planned)] {
+            appendPlanned(planned);
+            emit addFinished();
+            planNext();
+        });
+    });
+}
+
+std::vector<TransferQueue::Planned> TransferQueue::plan(const std::vector<fs::path>& adding,
+                                                        const std::vector<fs::path>& queued) {
+    std::vector<fs::path> urls;
+    try {
+        urls = QueuePlanner::plan(adding, queued);
+    } catch (const std::exception&) {
+        return {}; // a drop that cannot be planned adds nothing
+    }
+    std::vector<Planned> planned;
+    planned.reserve(urls.size());
+    for (fs::path& url : urls) {
+        const std::optional<MediaType> type = MediaScanner::mediaType(url);
+        if (!type) {
+            continue;
+        }
+        std::error_code error;
+        const std::uintmax_t size = fs::file_size(url, error);
+        const bool sizeUnreadable = static_cast<bool>(error);
+        QString id = QString::fromStdString(fs::absolute(url, error).lexically_normal().string());
+        planned.push_back({std::move(id), std::move(url),
+                           sizeUnreadable ? 0 : static_cast<std::int64_t>(size), *type});
+    }
+    return planned;
+}
+
+void TransferQueue::appendPlanned(const std::vector<Planned>& planned) {
+    const int pixelSize = ThumbnailProvider::pixelSizeFor(thumbnailPoints);
+    for (const Planned& entry : planned) {
+        Item item;
+        item.id = entry.id;
+        item.url = entry.url;
+        item.name = QString::fromStdString(entry.url.filename().string());
+        item.size = entry.size;
+        item.mediaType = entry.mediaType;
+        const int row = static_cast<int>(items_.size());
+        beginInsertRows({}, row, row);
+        items_.push_back(item);
+        endInsertRows();
+        thumbnails_->request(item.id, item.url, pixelSize);
+    }
+}
+
+void TransferQueue::remove(const std::set<QString>& ids) {
+    for (std::size_t row = items_.size(); row-- > 0;) {
+        if (ids.count(items_[row].id) != 0) {
+            thumbnails_->cancel(items_[row].id);
+            beginRemoveRows({}, static_cast<int>(row), static_cast<int>(row));
+            items_.erase(items_.begin() + static_cast<std::ptrdiff_t>(row));
+            endRemoveRows();
+        }
+    }
+}
+
+void TransferQueue::clear() {
+    if (items_.empty()) {
+        return;
+    }
+    thumbnails_->cancelAll();
+    beginResetModel();
+    items_.clear();
+    endResetModel();
+}
+
+std::vector<fs::path> TransferQueue::unsentURLs() const {
+    std::vector<fs::path> urls;
+    for (const Item& item : items_) {
+        if (item.status.kind != Status::Kind::saved) {
+            urls.push_back(item.url);
+        }
+    }
+    return urls;
+}
+
+void TransferQueue::changeStatus(std::size_t row, const Status& status) {
+    items_[row].status = status;
+    const QModelIndex changed = index(static_cast<int>(row));
+    emit dataChanged(changed, changed, {StatusRole, StatusMessageRole});
+}
+
+void TransferQueue::markSending(const std::set<QString>& names) {
+    for (std::size_t row = 0; row < items_.size(); ++row) {
+        if (names.count(items_[row].name) != 0) {
+            changeStatus(row, Status::sending());
+        }
+    }
+}
+
+void TransferQueue::setStatus(const Status& status, const QString& name) {
+    for (std::size_t row = 0; row < items_.size(); ++row) {
+        if (items_[row].name == name) {
+            changeStatus(row, status);
+            return;
+        }
+    }
+}
+
+void TransferQueue::revertSending() {
+    for (std::size_t row = 0; row < items_.size(); ++row) {
+        if (items_[row].status.kind == Status::Kind::sending) {
+            changeStatus(row, Status::queued());
+        }
+    }
+}
+
+void TransferQueue::applyThumbnail(const QString& id, const QImage& image) {
+    const auto found = std::find_if(items_.begin(), items_.end(),
+                                    [&id](const Item& item) { return item.id == id; });
+    if (found == items_.end()) {
+        return;
+    }
+    found->thumbnail = image;
+    const QModelIndex changed = index(static_cast<int>(found - items_.begin()));
+    emit dataChanged(changed, changed, {Qt::DecorationRole, ThumbnailRole});
+}
+
+} // namespace kestrelvane

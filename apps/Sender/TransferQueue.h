@@ -1,0 +1,128 @@
+#pragma once
+
+#include "KestrelvaneKit/wire/MediaType.h"
+
+#include <QAbstractListModel>
+#include <QImage>
+#include <QString>
+
+#include <cstdint>
+#include <deque>
+#include <filesystem>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace kestrelvane {
+
+class BackgroundWork;
+class ThumbnailProvider;
+
+/// The files the user has put into the window, each with its send status and
+/// a small thumbnail. Lives on the GUI thread; planning a drop, reading sizes
+/// and decoding thumbnails happen on workers and come back here.
+class TransferQueue : public QAbstractListModel {
+    Q_OBJECT
+public:
+    struct Status {
+        enum class Kind { queued, sending, saved, failed };
+
+        static Status queued() { return {Kind::queued, {}}; }
+        static Status sending() { return {Kind::sending, {}}; }
+        static Status saved() { return {Kind::saved, {}}; }
+        static Status failed(QString message) { return {Kind::failed, std::move(message)}; }
+
+        Kind kind = Kind::queued;
+        QString message{}; ///< the reason shown for `failed`; empty otherwise
+
+        friend bool operator==(const Status&, const Status&) = default;
+    };
+
+    struct Item {
+        QString id;                ///< absolute path with "." and ".." removed
+        std::filesystem::path url; ///< as the planner returned it
+        QString name;              ///< file name; acknowledgements address items by it
+        std::int64_t size = 0;     ///< 0 when it could not be read
+        MediaType mediaType = MediaType::photo;
+        Status status{};
+        QImage thumbnail{}; ///< null until one has been generated
+    };
+
+    enum Role {
+        IdRole = Qt::UserRole + 1,
+        NameRole,
+        SizeRole,
+        MediaTypeRole,
+        StatusRole, ///< "queued", "sending", "saved" or "failed"
+        StatusMessageRole,
+        ThumbnailRole,
+    };
+
+    /// Thumbnails are `thumbnailPoints` square at the primary screen's pixel ratio.
+    static constexpr int thumbnailPoints = 48;
+
+    explicit TransferQueue(QObject* parent = nullptr);
+    ~TransferQueue() override;
+
+    int rowCount(const QModelIndex& parent = QModelIndex()) const override;
+    QVariant data(const QModelIndex& index, int role = Qt::DisplayRole) const override;
+    QHash<int, QByteArray> roleNames() const override;
+
+    const std::vector<Item>& items() const noexcept { return items_; }
+    int savedCount() const;
+    std::vector<Item> unsentItems() const;
+    std::int64_t totalBytes() const;
+
+    /// Adds the photos and videos among `urls` (folders expanded) that are not
+    /// queued yet. Returns at once: the drop is planned on a worker and its
+    /// items are appended here one by one; drops are planned one after the
+    /// other, so a later drop sees everything an earlier one added.
+    void add(const std::vector<std::filesystem::path>& urls);
+    /// Whether a drop is still being planned.
+    bool isPlanning() const noexcept { return planning_; }
+
+    void remove(const std::set<QString>& ids);
+    void clear();
+    std::vector<std::filesystem::path> unsentURLs() const;
+    void markSending(const std::set<QString>& names);
+    /// Changes the first item called `name`; nothing when there is none.
+    void setStatus(const Status& status, const QString& name);
+    void revertSending();
+
+    /// Sets the thumbnail of the item `id` if it is still queued; a thumbnail
+    /// for an item removed meanwhile is dropped.
+    void applyThumbnail(const QString& id, const QImage& image);
+
+    ThumbnailProvider& thumbnails() noexcept { return *thumbnails_; }
+
+    static QString statusName(Status::Kind kind);
+
+signals:
+    /// A drop has been planned and all of its items appended.
+    void addFinished();
+
+private:
+    struct Planned {
+        QString id;
+        std::filesystem::path url;
+        std::int64_t size = 0;
+        MediaType mediaType = MediaType::photo;
+    };
+
+    void planNext();
+    void appendPlanned(const std::vector<Planned>& planned);
+    void changeStatus(std::size_t row, const Status& status);
+    static std::vector<Planned> plan(const std::vector<std::filesystem::path>& adding,
+                                     const std::vector<std::filesystem::path>& queued);
+
+    std::vector<Item> items_;
+    std::deque<std::vector<std::filesystem::path>> pendingDrops_;
+    bool planning_ = false;
+    std::unique_ptr<BackgroundWork> planner_; // one thread: drops are planned in order
+    std::unique_ptr<ThumbnailProvider> thumbnails_;
+};
+
+} // namespace kestrelvane
+
+Q_DECLARE_METATYPE(kestrelvane::TransferQueue::Status)

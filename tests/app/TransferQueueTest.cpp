@@ -1,0 +1,196 @@
+#include "Sender/TransferQueue.h"
+
+#include "KestrelvaneKit/intake/QueuePlanner.h"
+#include "Sender/ThumbnailProvider.h"
+#include "support/TemporaryFolder.h"
+
+#include <QSignalSpy>
+#include <QTest>
+
+#include <fstream>
+
+namespace kestrelvane {
+
+namespace fs = std::filesystem;
+using Status = TransferQueue::Status;
+
+namespace {
+
+fs::path writeFile(const fs::path& path, std::size_t size) {
+    fs::create_directories(path.parent_path());
+    std::ofstream(path, std::ios::binary) << std::string(size, 'x');
+    return path;
+}
+
+/// Adds `urls` and waits for the drop to be planned and appended.
+bool addAndWait(TransferQueue& queue, const std::vector<fs::path>& urls) {
+    QSignalSpy finished(&queue, &TransferQueue::addFinished);
+    queue.add(urls);
+    return finished.wait(30'000);
+}
+
+QStringList names(const TransferQueue& queue) {
+    QStringList out;
+    for (const auto& item : queue.items()) {
+        out << item.name;
+    }
+    return out;
+}
+
+} // namespace
+
+class TransferQueueTest : public QObject {
+    Q_OBJECT
+
+private slots:
+    void newItemsAreQueuedWithTheirSizeTypeAndId() {
+        testing::TemporaryFolder folder;
+        const fs::path photo = writeFile(folder.path() / "sub" / "IMG_1.JPG", 1234);
+        writeFile(folder.path() / "clip.mov", 10);
+        TransferQueue queue;
+        QVERIFY(addAndWait(queue, {folder.path() / "sub" / ".." / "sub" / "IMG_1.JPG",
+                                   folder.path() / "clip.mov"}));
+        QCOMPARE(queue.rowCount(), 2);
+        const auto& item = queue.items()[0];
+        QCOMPARE(item.id, QString::fromStdString(photo.string()));
+        QCOMPARE(item.name, QStringLiteral("IMG_1.JPG"));
+        QCOMPARE(item.size, 1234);
+        QVERIFY(item.mediaType == MediaType::photo);
+        QVERIFY(item.status == Status::queued());
+        QVERIFY(queue.items()[1].mediaType == MediaType::video);
+        QCOMPARE(queue.totalBytes(), 1244);
+        QCOMPARE(queue.data(queue.index(1), TransferQueue::StatusRole).toString(),
+                 QStringLiteral("queued"));
+    }
+
+    void theSameFileIsQueuedOnceEvenWhenASecondDropArrivesDuringPlanning() {
+        testing::TemporaryFolder folder;
+        const fs::path photo = writeFile(folder.path() / "a.jpg", 5);
+        const fs::path other = writeFile(folder.path() / "b.jpg", 5);
+        TransferQueue queue;
+        QSignalSpy finished(&queue, &TransferQueue::addFinished);
+        queue.add({photo, photo});
+        queue.add({folder.path()}); // arrives while the first drop is planned
+        queue.add({photo, other});
+        QTRY_COMPARE_WITH_TIMEOUT(finished.count(), 3, 30'000);
+        QCOMPARE(names(queue), (QStringList{"a.jpg", "b.jpg"}));
+        QVERIFY(!queue.isPlanning());
+        QVERIFY(addAndWait(queue, {photo}));
+        QCOMPARE(queue.rowCount(), 2);
+    }
+
+    void aFolderAddsItsMediaInPlannerOrderOneAnnouncementPerItem() {
+        testing::TemporaryFolder folder;
+        writeFile(folder.path() / "pics" / "b.jpg", 1);
+        writeFile(folder.path() / "pics" / "notes.txt", 1);
+        writeFile(folder.path() / "pics" / "A.png", 1);
+        writeFile(folder.path() / "pics" / "deep" / "c.mov", 1);
+        const fs::path loose = writeFile(folder.path() / "z.heic", 1);
+        const std::vector<fs::path> drop{loose, folder.path() / "pics"};
+
+        QStringList expected;
+        for (const auto& path : QueuePlanner::plan(drop, {})) {
+            expected << QString::fromStdString(path.filename().string());
+        }
+        QCOMPARE(expected.size(), 4);
+
+        TransferQueue queue;
+        QSignalSpy inserted(&queue, &QAbstractItemModel::rowsInserted);
+        QVERIFY(addAndWait(queue, drop));
+        QCOMPARE(names(queue), expected);
+        QCOMPARE(inserted.count(), 4);
+        for (int i = 0; i < inserted.count(); ++i) {
+            QCOMPARE(inserted[i][1].toInt(), i);
+            QCOMPARE(inserted[i][2].toInt(), i);
+        }
+    }
+
+    void sameNamesAllBecomeSendingButSetStatusChangesOnlyTheFirst() {
+        testing::TemporaryFolder folder;
+        const fs::path first = writeFile(folder.path() / "one" / "IMG.jpg", 1);
+        const fs::path second = writeFile(folder.path() / "two" / "IMG.jpg", 1);
+        const fs::path third = writeFile(folder.path() / "two" / "other.jpg", 1);
+        TransferQueue queue;
+        QVERIFY(addAndWait(queue, {first, second, third}));
+
+        QSignalSpy changed(&queue, &QAbstractItemModel::dataChanged);
+        queue.markSending({"IMG.jpg"});
+        QCOMPARE(changed.count(), 2);
+        QVERIFY(queue.items()[0].status == Status::sending());
+        QVERIFY(queue.items()[1].status == Status::sending());
+        QVERIFY(queue.items()[2].status == Status::queued());
+
+        queue.setStatus(Status::failed("disk full"), "IMG.jpg");
+        QVERIFY(queue.items()[0].status == Status::failed("disk full"));
+        QVERIFY(queue.items()[1].status == Status::sending());
+        queue.setStatus(Status::saved(), "missing.jpg");
+        QCOMPARE(changed.count(), 3);
+        QCOMPARE(queue.data(queue.index(0), TransferQueue::StatusMessageRole).toString(),
+                 QStringLiteral("disk full"));
+    }
+
+    void revertingAndUnsentLeaveSavedAndFailedItemsAlone() {
+        testing::TemporaryFolder folder;
+        std::vector<fs::path> files;
+        for (const char* name : {"a.jpg", "b.jpg", "c.jpg", "d.jpg"}) {
+            files.push_back(writeFile(folder.path() / name, 1));
+        }
+        TransferQueue queue;
+        QVERIFY(addAndWait(queue, files));
+        queue.markSending({"a.jpg", "b.jpg", "c.jpg"});
+        queue.setStatus(Status::saved(), "a.jpg");
+        queue.setStatus(Status::failed("bad"), "b.jpg");
+        queue.revertSending();
+        QVERIFY(queue.items()[0].status == Status::saved());
+        QVERIFY(queue.items()[1].status == Status::failed("bad"));
+        QVERIFY(queue.items()[2].status == Status::queued());
+        QCOMPARE(queue.savedCount(), 1);
+        QCOMPARE(queue.unsentItems().size(), std::size_t{3});
+        QVERIFY((queue.unsentURLs() == std::vector<fs::path>{files[1], files[2], files[3]}));
+
+        for (const char* name : {"b.jpg", "c.jpg", "d.jpg"}) {
+            queue.setStatus(Status::saved(), name);
+        }
+        QVERIFY(queue.unsentURLs().empty());
+        QCOMPARE(queue.savedCount(), 4);
+    }
+
+    void removeKeepsTheOthersInOrder() {
+        testing::TemporaryFolder folder;
+        std::vector<fs::path> files;
+        for (const char* name : {"a.jpg", "b.jpg", "c.jpg", "d.jpg"}) {
+            files.push_back(writeFile(folder.path() / name, 1));
+        }
+        TransferQueue queue;
+        QVERIFY(addAndWait(queue, files));
+        queue.remove({queue.items()[0].id, queue.items()[2].id, "not-there"});
+        QCOMPARE(names(queue), (QStringList{"b.jpg", "d.jpg"}));
+    }
+
+    void aThumbnailArrivesForItsItemAndIsDroppedForARemovedOne() {
+        testing::TemporaryFolder folder;
+        const fs::path source = fs::path(KV_FIXTURES_DIR) / "thumbnails" / "landscape.jpg";
+        fs::copy_file(source, folder.path() / "kept.jpg");
+        fs::copy_file(source, folder.path() / "gone.jpg");
+        TransferQueue queue;
+        QVERIFY(addAndWait(queue, {folder.path() / "kept.jpg", folder.path() / "gone.jpg"}));
+        const QString goneID = queue.items()[1].id;
+        queue.remove({goneID});
+        QTRY_VERIFY_WITH_TIMEOUT(!queue.items()[0].thumbnail.isNull(), 30'000);
+        QVERIFY(queue.thumbnails().waitForDone(30'000));
+        QCoreApplication::processEvents();
+        QCOMPARE(queue.rowCount(), 1);
+
+        // A late delivery for the removed id changes nothing.
+        QSignalSpy changed(&queue, &QAbstractItemModel::dataChanged);
+        queue.applyThumbnail(goneID, QImage(4, 4, QImage::Format_RGB32));
+        QCOMPARE(changed.count(), 0);
+        QCOMPARE(queue.rowCount(), 1);
+        QVERIFY(!queue.data(queue.index(0), Qt::DecorationRole).isNull());
+    }
+};
+
+} // namespace kestrelvane
+
+QTEST_MAIN(kestrelvane::TransferQueueTest)
+#include "TransferQueueTest.moc"

@@ -1,0 +1,246 @@
+#include "Sender/UsbmuxdDiscovery.h"
+
+#include "KestrelvaneKit/usb/PropertyList.h"
+#include "KestrelvaneKit/usb/UsbmuxdProtocol.h"
+#include "KestrelvaneKit/wire/ReceiveBuffer.h"
+#include "Sender/SenderViewModel.h"
+#include "support/ChildProcess.h"
+#include "support/TemporaryFolder.h"
+
+#include <QSignalSpy>
+#include <QTest>
+
+#include <fstream>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+namespace kestrelvane {
+
+namespace fs = std::filesystem;
+using State = UsbmuxdDiscovery::State;
+using testing::ChildProcess;
+
+namespace {
+
+constexpr std::chrono::milliseconds testInterval{20};
+
+/// The simulator run as a program, with its virtual phones given on the command line.
+class Simulator {
+public:
+    explicit Simulator(const std::vector<std::string>& phones)
+        : socket_(folder_.path() / "usbmuxd") {
+        std::vector<std::string> argv{KV_USBMUXD_SIM, "--socket", socket_.string()};
+        for (const auto& phone : phones) {
+            argv.insert(argv.end(), {"--phone", phone});
+        }
+        process_ = std::make_unique<ChildProcess>(argv);
+        ready_ = process_->readLine() == "listening on " + socket_.string();
+    }
+    bool ready() const { return ready_; }
+    UsbmuxdClient::SocketAddress address() const { return {socket_.string(), {}, 0}; }
+
+    /// Sends one request of the simulator's own and returns its "Number".
+    std::optional<std::int64_t> request(const PropertyList& body) const {
+        const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::snprintf(address.sun_path, sizeof address.sun_path, "%s", socket_.c_str());
+        std::optional<std::int64_t> number;
+        if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
+            const Bytes packet =
+                UsbmuxdProtocol::encode(1, body.serialize(PropertyList::Format::xml));
+            if (::write(fd, packet.data(), packet.size()) == static_cast<ssize_t>(packet.size())) {
+                ReceiveBuffer buffer;
+                std::uint8_t chunk[4096];
+                ssize_t got = 0;
+                while (!number && (got = ::read(fd, chunk, sizeof chunk)) > 0) {
+                    buffer.append(ByteView(chunk, static_cast<std::size_t>(got)));
+                    if (auto decoded = UsbmuxdProtocol::decode(buffer)) {
+                        number = PropertyList::integerAt(PropertyList::parse(decoded->body).get(),
+                                                         "Number");
+                    }
+                }
+            }
+        }
+        ::close(fd);
+        return number;
+    }
+    bool detach(const std::string& serial) const {
+        PropertyList body = PropertyList::dictionary();
+        body.set("MessageType", PropertyList::string("Detach"));
+        body.set("SerialNumber", PropertyList::string(serial));
+        return request(body) == 0;
+    }
+    /// Ends the simulator and counts the tunnels it opened over its whole run.
+    int tunnelsOpened() {
+        process_->terminate();
+        int tunnels = 0;
+        while (auto line = process_->readLine()) {
+            tunnels += line->rfind("tunnel to ", 0) == 0 ? 1 : 0;
+        }
+        return tunnels;
+    }
+
+private:
+    testing::TemporaryFolder folder_;
+    fs::path socket_;
+    std::unique_ptr<ChildProcess> process_;
+    bool ready_ = false;
+};
+
+bool waitForPasses(QSignalSpy& passes, int more) {
+    const int target = passes.count() + more;
+    return QTest::qWaitFor([&] { return passes.count() >= target; }, 30'000);
+}
+
+} // namespace
+
+class UsbmuxdDiscoveryTest : public QObject {
+    Q_OBJECT
+
+private slots:
+    void withoutADaemonThereIsNoDeviceAndPassesGoOn() {
+        testing::TemporaryFolder folder;
+        UsbmuxdDiscovery discovery({(folder.path() / "absent").string(), {}, 0}, testInterval);
+        QSignalSpy changes(&discovery, &UsbmuxdDiscovery::stateChanged);
+        QSignalSpy passes(&discovery, &UsbmuxdDiscovery::passFinished);
+        discovery.start();
+        discovery.start(); // a second start does not add a second loop
+        QVERIFY(waitForPasses(passes, 3));
+        QVERIFY(discovery.state() == State::noDevice());
+        QCOMPARE(changes.count(), 0);
+    }
+
+    void aRefusingReceiverIsNotListening() {
+        Simulator sim({"REFUSER,0x12a8,none"});
+        QVERIFY(sim.ready());
+        UsbmuxdDiscovery discovery(sim.address(), testInterval);
+        discovery.start();
+        QTRY_VERIFY_WITH_TIMEOUT(discovery.state() == State::appNotListening(1), 30'000);
+    }
+
+    void aListeningReceiverIsHeldReadyAndNeverProbedAgain() {
+        Simulator sim({"PHONE,0x12a8,test"});
+        QVERIFY(sim.ready());
+        UsbmuxdDiscovery discovery(sim.address(), testInterval);
+        QSignalSpy changes(&discovery, &UsbmuxdDiscovery::stateChanged);
+        QSignalSpy passes(&discovery, &UsbmuxdDiscovery::passFinished);
+        discovery.start();
+        QTRY_VERIFY_WITH_TIMEOUT(discovery.state().kind == State::Kind::ready, 30'000);
+        QCOMPARE(discovery.state().deviceID, 1);
+        QVERIFY(discovery.state().fileDescriptor >= 0);
+        QVERIFY(waitForPasses(passes, 5));
+        QCOMPARE(changes.count(), 1);
+        discovery.stop();
+        QVERIFY(discovery.state() == State::noDevice());
+        QCOMPARE(sim.tunnelsOpened(), 1);
+    }
+
+    void onlyTheFirstOfTwoPhonesIsProbed() {
+        Simulator sim({"FIRST,0x12a8,none", "SECOND,0x12a8,test"});
+        QVERIFY(sim.ready());
+        UsbmuxdDiscovery discovery(sim.address(), testInterval);
+        QSignalSpy passes(&discovery, &UsbmuxdDiscovery::passFinished);
+        discovery.start();
+        QVERIFY(waitForPasses(passes, 4));
+        QVERIFY(discovery.state() == State::appNotListening(1));
+        discovery.stop();
+        QCOMPARE(sim.tunnelsOpened(), 0);
+    }
+
+    void theTunnelIsHandedOutOnceAndThenProbedAfresh() {
+        Simulator sim({"PHONE,0x12a8,echo"});
+        QVERIFY(sim.ready());
+        UsbmuxdDiscovery discovery(sim.address(), testInterval);
+        discovery.start();
+        QTRY_VERIFY_WITH_TIMEOUT(discovery.state().kind == State::Kind::ready, 30'000);
+        const int held = discovery.state().fileDescriptor;
+        discovery.setPaused(true);
+        const std::optional<int> taken = discovery.takeReadyTunnel();
+        QVERIFY(taken == held);
+        QVERIFY(discovery.state() == State::appNotListening(1));
+        QVERIFY(!discovery.takeReadyTunnel());
+
+        // The caller owns a working tunnel: the echo receiver answers through it.
+        const char ping[] = "ping";
+        QCOMPARE(::write(*taken, ping, 4), 4);
+        char pong[4] = {};
+        QCOMPARE(::read(*taken, pong, 4), 4);
+        QCOMPARE(std::string(pong, 4), std::string("ping"));
+        ::close(*taken);
+
+        discovery.setPaused(false);
+        QTRY_VERIFY_WITH_TIMEOUT(discovery.state().kind == State::Kind::ready, 30'000);
+    }
+
+    void whilePausedAnUnpluggedPhoneLeavesTheStateUntilResumed() {
+        Simulator sim({"PHONE,0x12a8,test"});
+        QVERIFY(sim.ready());
+        UsbmuxdDiscovery discovery(sim.address(), testInterval);
+        QSignalSpy passes(&discovery, &UsbmuxdDiscovery::passFinished);
+        discovery.start();
+        QTRY_VERIFY_WITH_TIMEOUT(discovery.state().kind == State::Kind::ready, 30'000);
+        const State ready = discovery.state();
+        discovery.setPaused(true);
+        QVERIFY(sim.detach("PHONE"));
+        QVERIFY(waitForPasses(passes, 3));
+        QVERIFY(discovery.state() == ready);
+        discovery.setPaused(false);
+        QTRY_VERIFY_WITH_TIMEOUT(discovery.state() == State::noDevice(), 30'000);
+    }
+
+    void stopThenStartPollsAgainFromNoDevice() {
+        Simulator sim({"PHONE,0x12a8,test"});
+        QVERIFY(sim.ready());
+        UsbmuxdDiscovery discovery(sim.address(), testInterval);
+        QSignalSpy changes(&discovery, &UsbmuxdDiscovery::stateChanged);
+        discovery.start();
+        QTRY_VERIFY_WITH_TIMEOUT(discovery.state().kind == State::Kind::ready, 30'000);
+        discovery.stop();
+        QVERIFY(!discovery.isRunning());
+        QVERIFY(discovery.state() == State::noDevice());
+        discovery.start();
+        QTRY_VERIFY_WITH_TIMEOUT(discovery.state().kind == State::Kind::ready, 30'000);
+        QCOMPARE(changes.count(), 3);
+    }
+
+    void aSendFromTheViewModelReachesThePhoneThroughTheTunnel() {
+        testing::TemporaryFolder received;
+        Simulator sim({"PHONE,0x12a8,folder=" + received.path().string()});
+        QVERIFY(sim.ready());
+        testing::TemporaryFolder source;
+        std::vector<fs::path> files;
+        for (int i = 0; i < 5; ++i) {
+            files.push_back(source.path() / ("IMG_" + std::to_string(i) + ".jpg"));
+            std::ofstream(files.back(), std::ios::binary) << std::string(5000 + i, 'p');
+        }
+        SenderViewModel model;
+        QSignalSpy added(&model.queue(), &TransferQueue::addFinished);
+        model.addURLs(files);
+        QVERIFY(added.wait(30'000));
+
+        UsbmuxdDiscovery discovery(sim.address(), testInterval);
+        discovery.start();
+        QTRY_VERIFY_WITH_TIMEOUT(discovery.state().kind == State::Kind::ready, 30'000);
+        const std::optional<int> tunnel = discovery.takeReadyTunnel();
+        QVERIFY(tunnel);
+        discovery.setPaused(true);
+        int failures = 0;
+        model.send(*tunnel, [&] { ++failures; });
+        QVERIFY(model.isSending());
+        QCOMPARE(model.queue().unsentItems().front().status, TransferQueue::Status::sending());
+        QTRY_VERIFY_WITH_TIMEOUT(!model.isSending(), 30'000);
+        QCOMPARE(model.queue().savedCount(), 5);
+        QCOMPARE(failures, 0);
+        QCOMPARE(received.fileNames(),
+                 (std::vector<std::string>{"IMG_0.jpg", "IMG_1.jpg", "IMG_2.jpg", "IMG_3.jpg",
+                                           "IMG_4.jpg"}));
+        QCOMPARE(fs::file_size(received.path() / "IMG_4.jpg"), std::uintmax_t{5004});
+    }
+};
+
+} // namespace kestrelvane
+
+QTEST_MAIN(kestrelvane::UsbmuxdDiscoveryTest)
+#include "UsbmuxdDiscoveryTest.moc"
