@@ -3,6 +3,7 @@
 #include <nlohmann/json.hpp>
 
 #include <cmath>
+#include <condition_variable>
 
 namespace kestrelvane::cli {
 
@@ -41,8 +42,13 @@ SendReporter::SendReporter(Style style, std::FILE* out, Clock clock)
     : style_(style), out_(out), clock_(std::move(clock)) {
 }
 
+SendReporter::~SendReporter() {
+    ticker_.request_stop();
+}
+
 void SendReporter::start(std::int64_t files, std::uint64_t bytes, const std::string& destination,
                          const std::optional<std::string>& album) {
+    const std::lock_guard lock(mutex_);
     startedAt_ = clock_();
     files_ = files;
     bytes_ = bytes;
@@ -62,10 +68,26 @@ void SendReporter::start(std::int64_t files, std::uint64_t bytes, const std::str
     }
     printLine(line);
     drawLiveLine();
+    if (style_ == Style::terminal) {
+        ticker_ = std::jthread([this](std::stop_token stop) {
+            std::mutex sleepMutex;
+            std::condition_variable_any sleep;
+            std::unique_lock sleepLock(sleepMutex);
+            while (!stop.stop_requested()) {
+                sleep.wait_for(sleepLock, stop, std::chrono::milliseconds(500),
+                               [] { return false; });
+                const std::lock_guard drawing(mutex_);
+                if (liveLineShown_ && !stop.stop_requested()) {
+                    drawLiveLine();
+                }
+            }
+        });
+    }
 }
 
 void SendReporter::acknowledged(const std::string& name, bool ok,
                                 const std::optional<std::string>& message, std::uint64_t bytes) {
+    const std::lock_guard lock(mutex_);
     ++done_;
     if (ok) {
         bytesDone_ += bytes;
@@ -92,6 +114,8 @@ void SendReporter::acknowledged(const std::string& name, bool ok,
 }
 
 void SendReporter::finish(const Summary& summary) {
+    ticker_ = {}; // stopped and joined: the live line is not drawn again
+    const std::lock_guard lock(mutex_);
     if (style_ == Style::json) {
         nlohmann::json unsaved = nlohmann::json::array();
         for (const auto& file : summary.unsaved) {
@@ -130,7 +154,7 @@ void SendReporter::drawLiveLine() {
     const double rate = elapsed > 0 ? static_cast<double>(bytesDone_) / elapsed : 0;
     std::string line = std::to_string(done_) + "/" + std::to_string(files_) + " files, " +
                        format("%.1f", static_cast<double>(bytesDone_) / 1'048'576.0) + " of " +
-                       megabytes(bytes_);
+                       megabytes(bytes_) + ", " + minutesAndSeconds(elapsed);
     if (rate > 0) {
         line += format(", %.1f MB/s", rate / 1'048'576.0);
         const auto left = bytes_ > bytesDone_ ? bytes_ - bytesDone_ : 0;

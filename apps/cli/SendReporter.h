@@ -4,14 +4,18 @@
 #include <cstdint>
 #include <cstdio>
 #include <functional>
+#include <mutex>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace kestrelvane::cli {
 
 /// How `kestrelvane send` tells the user what happens: a live line on a
-/// terminal, one plain line per file otherwise, or JSON lines for scripts.
+/// terminal (redrawn twice a second, so the time keeps moving while a large
+/// file is on its way), one plain line per file otherwise, or JSON lines for
+/// scripts. Its calls may come from different threads, one at a time or not.
 class SendReporter {
 public:
     enum class Style { terminal, plain, json };
@@ -35,6 +39,9 @@ public:
     using Clock = std::function<double()>; ///< seconds; only differences matter
 
     SendReporter(Style style, std::FILE* out, Clock clock = steadySeconds);
+    ~SendReporter();
+    SendReporter(const SendReporter&) = delete;
+    SendReporter& operator=(const SendReporter&) = delete;
 
     void start(std::int64_t files, std::uint64_t bytes, const std::string& destination,
                const std::optional<std::string>& album);
@@ -59,6 +66,8 @@ private:
     std::uint64_t bytes_ = 0;
     std::uint64_t bytesDone_ = 0;
     bool liveLineShown_ = false;
+    std::mutex mutex_;    // one writer of the output at a time
+    std::jthread ticker_; // redraws the live line; terminal only
 };
 
 /// "12.3 MB" for bytes in units of 1,048,576.
