@@ -1,12 +1,17 @@
 #include "Sender/AppcastUpdater.h"
 
 #include "AppcastServer.h"
+#include "support/TemporaryFolder.h"
 
 #include <QSignalSpy>
 #include <QTest>
 
+#include <filesystem>
+#include <fstream>
+
 namespace kestrelvane {
 
+namespace fs = std::filesystem;
 using Kind = AppcastUpdater::Result::Kind;
 using testing::AppcastServer;
 
@@ -119,6 +124,26 @@ private slots:
         current.start();
         QTRY_VERIFY_WITH_TIMEOUT(current.canCheckForUpdates(), 30'000);
         QCOMPARE(checkOnce(current).kind, Kind::upToDate);
+    }
+
+    void theFeedComesFromTheEnvironmentElseTheInstalledDesktopEntry() {
+        testing::TemporaryFolder data;
+        fs::create_directories(data.path() / "applications");
+        std::ofstream(data.path() / "applications" / "kestrelvane.desktop")
+            << "[Desktop Entry]\nType=Application\nName=Kestrelvane\n"
+               "Categories=Graphics;Photography;\n"
+               "X-Kestrelvane-Appcast-URL=https://updates.example.org/appcast.xml\n";
+        const QByteArray savedData = qgetenv("XDG_DATA_HOME");
+        const QByteArray savedFeed = qgetenv("KESTRELVANE_APPCAST_URL");
+        qputenv("XDG_DATA_HOME", QByteArray::fromStdString(data.path().string()));
+        qunsetenv("KESTRELVANE_APPCAST_URL");
+        const QUrl fromEntry = AppcastUpdater::configuredFeed();
+        qputenv("KESTRELVANE_APPCAST_URL", "http://127.0.0.1:1/feed.xml");
+        const QUrl fromEnvironment = AppcastUpdater::configuredFeed();
+        qputenv("XDG_DATA_HOME", savedData);
+        qputenv("KESTRELVANE_APPCAST_URL", savedFeed);
+        QCOMPARE(fromEntry, QUrl("https://updates.example.org/appcast.xml"));
+        QCOMPARE(fromEnvironment, QUrl("http://127.0.0.1:1/feed.xml"));
     }
 
     void anUnreachableOrBrokenFeedFailsAndCanBeCheckedAgain() {
