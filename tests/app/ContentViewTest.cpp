@@ -7,8 +7,10 @@
 #include "support/TemporaryFolder.h"
 
 #include <QAction>
+#include <QDialogButtonBox>
 #include <QDir>
 #include <QDropEvent>
+#include <QFileDialog>
 #include <QLabel>
 #include <QLineEdit>
 #include <QListView>
@@ -16,7 +18,9 @@
 #include <QPushButton>
 #include <QSignalSpy>
 #include <QTest>
+#include <QTimer>
 
+#include <algorithm>
 #include <fstream>
 
 namespace kestrelvane {
@@ -356,6 +360,43 @@ private slots:
 
         QTest::mouseClick(child<QPushButton>(*view, "addButton"), Qt::LeftButton);
         QCOMPARE(opened, 3);
+    }
+
+    void theChooserDialogTakesFilesAndFoldersSelectedTogether() {
+        const fs::path photo = writeFile(folder_->path() / "one.jpg", 10);
+        writeFile(folder_->path() / "trip" / "two.mov", 10);
+        writeFile(folder_->path() / "notes.txt", 10); // not offered
+        const QString previous = QDir::currentPath();
+        QDir::setCurrent(QString::fromStdString(folder_->path().string()));
+        int offered = -1;
+        QTimer pick;
+        pick.setInterval(10);
+        connect(&pick, &QTimer::timeout, &pick, [&] {
+            auto* dialog = qobject_cast<QFileDialog*>(QApplication::activeModalWidget());
+            auto* view = dialog != nullptr ? dialog->findChild<QListView*>("listView") : nullptr;
+            if (view == nullptr || view->model()->rowCount(view->rootIndex()) < 2) {
+                return; // the folder is still being read
+            }
+            pick.stop();
+            offered = view->model()->rowCount(view->rootIndex());
+            view->selectAll();
+            QTest::mouseClick(
+                dialog->findChild<QDialogButtonBox*>()->button(QDialogButtonBox::Open),
+                Qt::LeftButton);
+        });
+        pick.start();
+        QTimer::singleShot(30'000, [] {
+            if (auto* dialog = QApplication::activeModalWidget()) {
+                dialog->close(); // never left waiting
+            }
+        });
+        const auto chosen = ContentView::chooseWithDialog(nullptr);
+        QDir::setCurrent(previous);
+        QCOMPARE(offered, 2);
+        QVERIFY(chosen.has_value());
+        std::vector<fs::path> sorted = *chosen;
+        std::sort(sorted.begin(), sorted.end());
+        QCOMPARE(sorted, (std::vector<fs::path>{photo, folder_->path() / "trip"}));
     }
 
     void sendingThroughTheSimulatedPhoneSavesEveryRowAndFindsThePhoneAgain() {
