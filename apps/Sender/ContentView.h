@@ -1,0 +1,102 @@
+#pragma once
+
+#include "KestrelvaneKit/usb/UsbmuxdClient.h"
+#include "Sender/DeviceBrowser.h"
+#include "Sender/SenderViewModel.h"
+#include "Sender/UsbmuxdDiscovery.h"
+
+#include <QSet>
+#include <QWidget>
+
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <optional>
+#include <vector>
+
+class QAction;
+class QFrame;
+class QLabel;
+class QLineEdit;
+class QListView;
+class QPushButton;
+class QStackedWidget;
+
+namespace kestrelvane {
+
+/// The application's one window content: a toolbar with the device status,
+/// the queue (or a prompt when it is empty), and a footer with the album name
+/// and the Send button. Owns the view model, the USB discovery and the
+/// network browser for as long as it lives.
+class ContentView : public QWidget {
+    Q_OBJECT
+public:
+    /// What the chooser returns: the chosen files and folders, or nothing when cancelled.
+    using Chooser = std::function<std::optional<std::vector<std::filesystem::path>>(QWidget*)>;
+
+    /// Discovery talks to the daemon named by USBMUXD_SOCKET_ADDRESS, else the default.
+    explicit ContentView(QWidget* parent = nullptr);
+    ContentView(UsbmuxdClient::SocketAddress usbmuxd, std::chrono::milliseconds discoveryInterval,
+                QWidget* parent = nullptr);
+    ~ContentView() override;
+
+    SenderViewModel& viewModel() noexcept { return vm_; }
+    UsbmuxdDiscovery& discovery() noexcept { return *discovery_; }
+    DeviceBrowser& browser() noexcept { return browser_; }
+    /// The ids of the selected rows.
+    QSet<QString> selection() const;
+    bool isReverseNoteShown() const;
+
+    /// Removes the selected items; the Delete key and the Edit menu's Delete.
+    QAction* deleteAction() const noexcept { return deleteAction_; }
+    /// Opens the chooser for files and folders; "Add…", its shortcut and "Choose…".
+    QAction* addAction() const noexcept { return addAction_; }
+
+    /// Replaces the file dialog, for tests.
+    void setChooser(Chooser chooser);
+    /// The platform dialog: folders, images and movies, several at a time.
+    static std::optional<std::vector<std::filesystem::path>> chooseWithDialog(QWidget* parent);
+
+    /// "Send 3 →", "Resume 2 →" or "Sent ✓".
+    static QString sendLabel(int unsent, int saved);
+    static QString deviceText(UsbmuxdDiscovery::State::Kind kind);
+
+protected:
+    void showEvent(QShowEvent* event) override;
+    void hideEvent(QHideEvent* event) override;
+    void dragEnterEvent(QDragEnterEvent* event) override;
+    void dragMoveEvent(QDragMoveEvent* event) override;
+    void dropEvent(QDropEvent* event) override;
+
+private:
+    QWidget* makeToolbar();
+    QWidget* makeDirectionControl();
+    QWidget* makeQueueArea();
+    QWidget* makeFooter();
+
+    void openChooser();
+    void clearQueue();
+    void removeSelection();
+    void sendQueue();
+    void showReverseNote();
+    void refresh();
+    void sendingChanged();
+
+    SenderViewModel vm_;
+    std::unique_ptr<UsbmuxdDiscovery> discovery_;
+    DeviceBrowser browser_;
+    Chooser chooser_;
+
+    QAction* addAction_ = nullptr;
+    QAction* deleteAction_ = nullptr;
+    QLabel* deviceStatus_ = nullptr;
+    QPushButton* clearButton_ = nullptr;
+    QFrame* reverseNote_ = nullptr;
+    QStackedWidget* queueArea_ = nullptr;
+    QListView* list_ = nullptr;
+    QLineEdit* albumField_ = nullptr;
+    QLabel* statsLabel_ = nullptr;
+    QPushButton* primaryButton_ = nullptr;
+};
+
+} // namespace kestrelvane

@@ -1,0 +1,44 @@
+#pragma once
+
+#include "Sender/AppcastUpdater.h"
+
+#include <QObject>
+
+#include <memory>
+
+class QAction;
+class QMainWindow;
+
+namespace kestrelvane {
+
+class ContentView;
+
+/// The application: its updater, its one main window holding ContentView,
+/// and the menus. Construct it after the QApplication.
+class KestrelvaneSenderApp : public QObject {
+    Q_OBJECT
+public:
+    /// Creates and starts the updater, ignores SIGPIPE and builds the window.
+    explicit KestrelvaneSenderApp(QUrl appcast = AppcastUpdater::configuredFeed(),
+                                  QObject* parent = nullptr);
+    ~KestrelvaneSenderApp() override;
+
+    void show();
+
+    QMainWindow& window() noexcept { return *window_; }
+    ContentView& content() noexcept { return *content_; }
+    AppcastUpdater& updater() noexcept { return updater_; }
+    /// "Check for Updates…", enabled exactly while the updater can check.
+    QAction* checkForUpdatesAction() const noexcept { return checkForUpdates_; }
+
+private:
+    void buildMenus();
+    void presentResult(const AppcastUpdater::Result& result);
+
+    AppcastUpdater updater_;
+    std::unique_ptr<QMainWindow> window_;
+    ContentView* content_ = nullptr;
+    QAction* checkForUpdates_ = nullptr;
+};
+
+} // namespace kestrelvane
