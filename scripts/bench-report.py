@@ -15,7 +15,8 @@ MIB = 1 << 20
 
 # What each row measures, in the order of the table.
 LABELS = {
-    ("sha256", "large"): "OpenSSL SHA-256, one core",
+    ("sha256_speed", "large"): "openssl speed sha256, one core, in memory",
+    ("sha256", "large"): "openssl dgst -sha256 of the files, one core",
     ("dd_fsync", "large"): "dd conv=fsync to disk",
     ("unix_socket", "large"): "plain copy through a Unix socket (socat)",
     ("rsync", "large"): "rsync to a loopback daemon",
@@ -23,20 +24,23 @@ LABELS = {
     ("tcp", "large"): "kestrelvane send/receive over TCP, tmpfs",
     ("usb", "large"): "kestrelvane send over the usbmuxd simulator, tmpfs",
     ("tcp_disk", "large"): "kestrelvane send/receive over TCP, to disk",
-    ("sha256", "photos"): "OpenSSL SHA-256, one core",
+    ("sha256_speed", "photos"): "openssl speed sha256, one core, in memory",
+    ("sha256", "photos"): "openssl dgst -sha256 of the files, one core",
     ("rsync", "photos"): "rsync to a loopback daemon",
     ("tcp", "photos"): "kestrelvane send/receive over TCP, tmpfs",
     ("usb", "photos"): "kestrelvane send over the usbmuxd simulator, tmpfs",
 }
 KESTRELVANE = {"socketpair", "tcp", "usb", "tcp_disk"}
 BASELINES = {
-    "large": ["sha256", "dd_fsync", "unix_socket", "rsync"],
-    "photos": ["sha256", "rsync"],
+    "large": ["sha256", "sha256_speed", "dd_fsync", "unix_socket", "rsync"],
+    "photos": ["sha256", "sha256_speed", "rsync"],
 }
 # (kind, set, baseline or None, least ratio or files/s, what it asks)
 TARGETS = [
-    ("tcp", "large", "sha256", 0.6, "at least 0.6x single-core SHA-256"),
-    ("usb", "large", "sha256", 0.6, "at least 0.6x single-core SHA-256"),
+    ("tcp", "large", "sha256", 0.6, "at least 0.6x openssl dgst -sha256"),
+    ("usb", "large", "sha256", 0.6, "at least 0.6x openssl dgst -sha256"),
+    ("tcp", "large", "sha256_speed", 0.6, "at least 0.6x openssl speed sha256"),
+    ("usb", "large", "sha256_speed", 0.6, "at least 0.6x openssl speed sha256"),
     ("tcp", "large", "rsync", 1.3, "at least 1.3x rsync"),
     ("usb", "large", "rsync", 1.3, "at least 1.3x rsync"),
     ("tcp_disk", "large", "dd_fsync", 0.8, "at least 0.8x dd conv=fsync"),
@@ -113,7 +117,7 @@ def main():
         rows = [f for f in ordered if f["set"] == group]
         if not rows:
             continue
-        first = rows[0]
+        first = next(f for f in rows if f["files"])
         print(f"{title}: {first['files']} files, {first['bytes'] / MIB:.0f} MiB, "
               f"median of {runs} run(s)")
         names = BASELINES[group]
@@ -122,7 +126,8 @@ def main():
         for figure in rows:
             ratios = figure.get("ratio_to", {})
             cells = "".join(f" {ratios[n]:>13.2f}" if n in ratios else f" {'':>13}" for n in names)
-            print(f"  {figure['label']:<52} {figure['MiB_per_s']:>8.1f} {figure['files_per_s']:>8.1f}"
+            files = f"{figure['files_per_s']:>8.1f}" if figure["files"] else f"{'-':>8}"
+            print(f"  {figure['label']:<52} {figure['MiB_per_s']:>8.1f} {files}"
                   + cells)
         print()
     if peaks:
