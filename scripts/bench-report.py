@@ -79,10 +79,19 @@ def main():
     for (kind, group), figure in figures.items():
         if kind not in KESTRELVANE:
             continue
+        present = [b for b in BASELINES[group] if (b, group) in figures]
         figure["ratio_to"] = {
             baseline: figure["MiB_per_s"] / figures[(baseline, group)]["MiB_per_s"]
-            for baseline in BASELINES[group]
-            if (baseline, group) in figures
+            for baseline in present
+        }
+        # The same ratio within each run, paired with the baseline of that run.
+        figure["ratio_to_each_run"] = {
+            baseline: [
+                (figure["bytes"] / ours) / (figures[(baseline, group)]["bytes"] / theirs)
+                for ours, theirs in zip(figure["seconds_each_run"],
+                                        figures[(baseline, group)]["seconds_each_run"])
+            ]
+            for baseline in present
         }
 
     targets = []
