@@ -91,13 +91,23 @@ TEST(BonjourStream, CancelDuringStartEndsItWithClosed) {
         fillers.push_back(std::make_shared<TcpConnection>("127.0.0.1", port));
         fillers.back()->start();
     }
+    // One filler takes the queue's only place; until it has, the connect
+    // below could still be taken.
+    ASSERT_TRUE(eventually([&] {
+        return std::any_of(fillers.begin(), fillers.end(), [](const auto& filler) {
+            return filler->state() == TcpConnection::State::ready;
+        });
+    }));
 
     auto connection = std::make_shared<TcpConnection>("127.0.0.1", port);
     BonjourStream stream(connection);
     auto started = std::async(std::launch::async, [&] { stream.start(); });
     ASSERT_TRUE(eventually([&] { return connection->state() != TcpConnection::State::setup; }));
-    EXPECT_EQ(started.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout)
-        << "the connect was expected to hang";
+    if (started.wait_for(std::chrono::milliseconds(50)) != std::future_status::timeout) {
+        started.wait();
+        GTEST_SKIP() << "the kernel completed the handshake despite the full queue; "
+                        "no connect in progress to cancel";
+    }
     stream.close();
     try {
         started.get();
