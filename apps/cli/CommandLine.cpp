@@ -6,7 +6,7 @@
 
 namespace kestrelvane::cli {
 
-CommandLine::CommandLine(const std::vector<std::string>& arguments, const Spec& spec) {
+CommandLine::CommandLine(const std::vector<std::string>& arguments, const Grammar& grammar) {
     for (std::size_t i = 0; i < arguments.size(); ++i) {
         const std::string& word = arguments[i];
         if (word == "--") {
@@ -28,12 +28,12 @@ CommandLine::CommandLine(const std::vector<std::string>& arguments, const Spec& 
         if (equals != std::string::npos) {
             inlineValue = word.substr(equals + 1);
         }
-        if (spec.flags.count(name) != 0) {
+        if (grammar.flags.count(name) != 0) {
             if (inlineValue) {
                 throw UsageError("option '--" + name + "' takes no value");
             }
             values_[name] = "";
-        } else if (spec.valued.count(name) != 0) {
+        } else if (grammar.valued.count(name) != 0) {
             if (inlineValue) {
                 values_[name] = *inlineValue;
             } else if (i + 1 < arguments.size()) {
@@ -41,7 +41,7 @@ CommandLine::CommandLine(const std::vector<std::string>& arguments, const Spec& 
             } else {
                 throw UsageError("option '--" + name + "' needs a value");
             }
-        } else if (spec.optionalValue.count(name) != 0) {
+        } else if (grammar.optionalValue.count(name) != 0) {
             if (inlineValue) {
                 values_[name] = *inlineValue;
             } else if (i + 1 < arguments.size() && !arguments[i + 1].empty() &&

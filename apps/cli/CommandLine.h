@@ -22,13 +22,13 @@ public:
 /// that does not start with "-". "--" ends the options.
 class CommandLine {
 public:
-    struct Spec {
+    struct Grammar {
         std::set<std::string> flags{};         ///< e.g. "json", "once"
         std::set<std::string> valued{};        ///< e.g. "album", "to"
         std::set<std::string> optionalValue{}; ///< e.g. "advertise"
     };
 
-    CommandLine(const std::vector<std::string>& arguments, const Spec& spec);
+    CommandLine(const std::vector<std::string>& arguments, const Grammar& grammar);
 
     bool has(const std::string& name) const { return values_.count(name) != 0; }
     /// The value of an option given with one (the last one when repeated).

@@ -137,7 +137,8 @@ private:
 int runDemo(const std::vector<std::string>& arguments) {
     std::vector<std::string> passOn;
     try {
-        const CommandLine line(arguments, CommandLine::Spec{.flags = {"help"}, .valued = {"log"}});
+        const CommandLine line(arguments,
+                               CommandLine::Grammar{.flags = {"help"}, .valued = {"log"}});
         if (line.has("help")) {
             std::fputs(demoUsage, stdout);
             return exitOk;

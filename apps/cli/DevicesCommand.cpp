@@ -109,7 +109,7 @@ int runDevices(const std::vector<std::string>& arguments) {
     double waitSeconds = 2;
     try {
         line.emplace(arguments,
-                     CommandLine::Spec{.flags = {"json", "help"}, .valued = {"wait", "log"}});
+                     CommandLine::Grammar{.flags = {"json", "help"}, .valued = {"wait", "log"}});
         if (line->has("help")) {
             std::fputs(devicesUsage, stdout);
             return exitOk;

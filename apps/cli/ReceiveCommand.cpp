@@ -143,9 +143,9 @@ int runReceive(const std::vector<std::string>& arguments) {
     int port = KestrelvaneService::listenerPort;
     TcpListener::Scope scope = TcpListener::Scope::anyAddress;
     try {
-        line.emplace(arguments, CommandLine::Spec{.flags = {"once", "help"},
-                                                  .valued = {"dir", "port", "bind", "log"},
-                                                  .optionalValue = {"advertise"}});
+        line.emplace(arguments, CommandLine::Grammar{.flags = {"once", "help"},
+                                                     .valued = {"dir", "port", "bind", "log"},
+                                                     .optionalValue = {"advertise"}});
         if (line->has("help")) {
             std::fputs(receiveUsage, stdout);
             return exitOk;

@@ -78,8 +78,8 @@ int runSend(const std::vector<std::string>& arguments) {
     std::optional<CommandLine> line;
     std::optional<Destination> destination;
     try {
-        line.emplace(arguments, CommandLine::Spec{.flags = {"json", "help"},
-                                                  .valued = {"album", "to", "log"}});
+        line.emplace(arguments, CommandLine::Grammar{.flags = {"json", "help"},
+                                                     .valued = {"album", "to", "log"}});
         if (line->has("help")) {
             std::fputs(sendUsage, stdout);
             return exitOk;
