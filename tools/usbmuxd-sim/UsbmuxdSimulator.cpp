@@ -304,13 +304,13 @@ bool UsbmuxdSimulator::handle(const std::shared_ptr<Connection>& connection, std
         return false;
     }
     if (type == "Attach") {
-        const auto spec = PropertyList::stringAt(request.get(), "Phone");
+        const auto description = PropertyList::stringAt(request.get(), "Phone");
         PropertyList body = result(resultBadCommand);
         try {
-            if (!spec) {
+            if (!description) {
                 throw std::invalid_argument("Attach needs a \"Phone\" string");
             }
-            const std::int64_t id = attach(VirtualPhone::parse(*spec));
+            const std::int64_t id = attach(VirtualPhone::parse(*description));
             body = result(resultOK);
             body.set("DeviceID", PropertyList::integer(id));
         } catch (const std::invalid_argument& error) {

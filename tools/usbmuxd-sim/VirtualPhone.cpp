@@ -39,18 +39,18 @@ void echo(int fd) {
 
 } // namespace
 
-VirtualPhone VirtualPhone::parse(const std::string& spec) {
-    const auto first = spec.find(',');
-    const auto second = first == std::string::npos ? first : spec.find(',', first + 1);
+VirtualPhone VirtualPhone::parse(const std::string& description) {
+    const auto first = description.find(',');
+    const auto second = first == std::string::npos ? first : description.find(',', first + 1);
     if (second == std::string::npos) {
-        throw std::invalid_argument("phone '" + spec + "' is not SERIAL,PRODUCTID,RECEIVER");
+        throw std::invalid_argument("phone '" + description + "' is not SERIAL,PRODUCTID,RECEIVER");
     }
     VirtualPhone phone;
-    phone.serial = spec.substr(0, first);
+    phone.serial = description.substr(0, first);
     if (phone.serial.empty()) {
-        throw std::invalid_argument("phone '" + spec + "' has an empty serial");
+        throw std::invalid_argument("phone '" + description + "' has an empty serial");
     }
-    const std::string product = spec.substr(first + 1, second - first - 1);
+    const std::string product = description.substr(first + 1, second - first - 1);
     std::size_t used = 0;
     try {
         phone.productID = std::stoll(product, &used, 0);
@@ -58,9 +58,10 @@ VirtualPhone VirtualPhone::parse(const std::string& spec) {
         used = 0;
     }
     if (product.empty() || used != product.size() || phone.productID < 0) {
-        throw std::invalid_argument("phone '" + spec + "' has a bad product id '" + product + "'");
+        throw std::invalid_argument("phone '" + description + "' has a bad product id '" + product +
+                                    "'");
     }
-    const std::string receiver = spec.substr(second + 1);
+    const std::string receiver = description.substr(second + 1);
     if (receiver.starts_with("folder=") && receiver.size() > 7) {
         phone.receiver = Receiver::folder;
         phone.folder = receiver.substr(7);
@@ -73,8 +74,8 @@ VirtualPhone VirtualPhone::parse(const std::string& spec) {
     } else if (receiver == "vanished") {
         phone.receiver = Receiver::vanished;
     } else {
-        throw std::invalid_argument("phone '" + spec + "' has an unknown receiver '" + receiver +
-                                    "' (folder=DIR, test, echo, none, vanished)");
+        throw std::invalid_argument("phone '" + description + "' has an unknown receiver '" +
+                                    receiver + "' (folder=DIR, test, echo, none, vanished)");
     }
     return phone;
 }

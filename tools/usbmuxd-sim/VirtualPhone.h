@@ -28,7 +28,7 @@ struct VirtualPhone {
     /// "SERIAL,PRODUCTID,RECEIVER" with RECEIVER one of folder=DIR, test,
     /// echo, none, vanished; PRODUCTID in decimal or 0x-hex. Throws
     /// std::invalid_argument saying what is wrong.
-    static VirtualPhone parse(const std::string& spec);
+    static VirtualPhone parse(const std::string& description);
 
     /// Whether a connect to `port` reaches something.
     bool accepts(std::uint16_t port) const noexcept;

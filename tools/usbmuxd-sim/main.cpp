@@ -10,18 +10,18 @@
 namespace {
 
 constexpr const char* usage =
-    R"(Usage: kestrelvane-usbmuxd-sim (--socket PATH | --tcp PORT) [--phone SPEC]... [--buid TEXT]
+    R"(Usage: kestrelvane-usbmuxd-sim (--socket PATH | --tcp PORT) [--phone PHONE]... [--buid TEXT]
 
 A usbmuxd-compatible daemon whose devices are virtual phones. Clients find it
 through USBMUXD_SOCKET_ADDRESS=UNIX:PATH (or 127.0.0.1:PORT).
 
   --socket PATH   listen on a Unix socket at PATH
   --tcp PORT      listen on 127.0.0.1:PORT (0 picks a free port)
-  --phone SPEC    attach a virtual phone at start; repeatable
+  --phone PHONE   attach a virtual phone at start; repeatable
   --buid TEXT     the answer to ReadBUID
   -h, --help      this text
 
-SPEC is SERIAL,PRODUCTID,RECEIVER, where PRODUCTID is decimal or 0x-hex and
+PHONE is SERIAL,PRODUCTID,RECEIVER, where PRODUCTID is decimal or 0x-hex and
 RECEIVER says what listens on the phone's port 9876:
   folder=DIR   the receiving engine, saving into DIR
   test         the receiving engine, keeping nothing
@@ -32,7 +32,7 @@ RECEIVER says what listens on the phone's port 9876:
 Requests: ListDevices, Connect, Listen, ReadBUID as usbmuxd answers them, in
 the format of the request (XML or binary) and with its tag. Phones come and go
 while it runs through two requests of its own on the same socket:
-  {MessageType: "Attach", Phone: SPEC}          -> Result 0 and the new DeviceID
+  {MessageType: "Attach", Phone: PHONE}         -> Result 0 and the new DeviceID
   {MessageType: "Detach", SerialNumber: SERIAL} -> Result 0, or 2 when unknown
 Listeners get Attached and Detached events; detaching also ends the phone's
 open tunnels.
