@@ -30,6 +30,14 @@ void BackgroundWork::run(std::function<void()> job) {
     changed_.notify_all();
 }
 
+void BackgroundWork::runThenDeliver(std::function<std::function<void()>()> job) {
+    run([this, job = std::move(job)] {
+        if (std::function<void()> then = job()) {
+            deliver(std::move(then));
+        }
+    });
+}
+
 void BackgroundWork::clearWaiting() {
     {
         const std::lock_guard lock(mutex_);

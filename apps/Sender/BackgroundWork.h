@@ -29,6 +29,11 @@ public:
 
     /// Queues `job` for the next free worker.
     void run(std::function<void()> job);
+    /// Queues `job` for the next free worker and delivers what it returns
+    /// (when not empty). Jobs use this rather than reaching this object
+    /// through their owner, whose pointer to it is gone once its destruction
+    /// has begun, while a running job still finishes.
+    void runThenDeliver(std::function<std::function<void()>()> job);
     /// Drops the jobs that have not started.
     void clearWaiting();
     /// Waits until no job waits or runs; false when `deadline` passed first.

@@ -177,15 +177,15 @@ void ThumbnailProvider::request(const QString& id, const std::filesystem::path& 
     cancel(id);
     auto token = std::make_shared<std::atomic<bool>>(false);
     waiting_.insert(id, token);
-    work_->run([this, id, file, pixelSize, token] {
+    work_->runThenDeliver([this, id, file, pixelSize, token]() -> std::function<void()> {
         if (token->load()) {
-            return;
+            return {};
         }
         QImage image = generate(file, pixelSize);
         if (image.isNull() || token->load()) {
-            return;
+            return {};
         }
-        work_->deliver([this, id, token, image] { finished(id, token, image); });
+        return [this, id, token, image] { finished(id, token, image); };
     });
 }
 

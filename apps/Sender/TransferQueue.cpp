@@ -125,14 +125,15 @@ void TransferQueue::planNext() {
     for (const Item& item : items_) {
         queued.push_back(item.url);
     }
-    planner_->run([this, adding = std::move(adding), queued = std::move(queued)] {
-        std::vector<Planned> planned = plan(adding, queued);
-        planner_->deliver([this, planned = std::move(planned)] {
-            appendPlanned(planned);
-            emit addFinished();
-            planNext();
+    planner_->runThenDeliver(
+        [this, adding = std::move(adding), queued = std::move(queued)]() -> std::function<void()> {
+            std::vector<Planned> planned = plan(adding, queued);
+            return [this, planned = std::move(planned)] {
+                appendPlanned(planned);
+                emit addFinished();
+                planNext();
+            };
         });
-    });
 }
 
 std::vector<TransferQueue::Planned> TransferQueue::plan(const std::vector<fs::path>& adding,

@@ -105,14 +105,14 @@ void UsbmuxdDiscovery::tick() {
         endPass(generation);
         return;
     }
-    worker_->run([this, client = client_, generation] {
+    worker_->runThenDeliver([this, client = client_, generation]() -> std::function<void()> {
         std::optional<std::vector<UsbmuxdClient::Device>> devices;
         try {
             devices = client->listDevices();
         } catch (const std::exception&) {
             // Unreachable or confused daemon: shows as no device.
         }
-        worker_->deliver([this, generation, devices] { listed(generation, devices); });
+        return [this, generation, devices] { listed(generation, devices); };
     });
 }
 
@@ -135,20 +135,21 @@ void UsbmuxdDiscovery::listed(std::uint64_t generation,
         endPass(generation); // the held tunnel is not probed again
         return;
     }
-    worker_->run([this, client = client_, generation, deviceID] {
-        std::optional<UsbmuxdClient::ConnectResult> result;
-        try {
-            result = client->connect(deviceID, receiverPort);
-        } catch (const std::exception&) {
-        }
-        auto tunnel = std::make_shared<Tunnel>(
-            result && result->kind == UsbmuxdClient::ConnectResult::Kind::tunneled
-                ? result->fileDescriptor
-                : -1);
-        worker_->deliver([this, generation, deviceID, result, tunnel] {
-            connected(generation, deviceID, result, tunnel);
+    worker_->runThenDeliver(
+        [this, client = client_, generation, deviceID]() -> std::function<void()> {
+            std::optional<UsbmuxdClient::ConnectResult> result;
+            try {
+                result = client->connect(deviceID, receiverPort);
+            } catch (const std::exception&) {
+            }
+            auto tunnel = std::make_shared<Tunnel>(
+                result && result->kind == UsbmuxdClient::ConnectResult::Kind::tunneled
+                    ? result->fileDescriptor
+                    : -1);
+            return [this, generation, deviceID, result, tunnel] {
+                connected(generation, deviceID, result, tunnel);
+            };
         });
-    });
 }
 
 void UsbmuxdDiscovery::connected(std::uint64_t generation, std::int64_t deviceID,

@@ -5,14 +5,18 @@
 #include "KestrelvaneKit/wire/ReceiveBuffer.h"
 #include "Sender/SenderViewModel.h"
 #include "support/ChildProcess.h"
+#include "support/FakeUsbmuxd.h"
 #include "support/TemporaryFolder.h"
 
 #include <QSignalSpy>
 #include <QTest>
 
+#include <atomic>
 #include <fstream>
+#include <future>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <thread>
 #include <unistd.h>
 
 namespace kestrelvane {
@@ -110,6 +114,31 @@ private slots:
         QVERIFY(waitForPasses(passes, 3));
         QVERIFY(discovery.state() == State::noDevice());
         QCOMPARE(changes.count(), 0);
+    }
+
+    // The daemon answers only once the discovery's destruction is under way,
+    // so the answer reaches a worker whose owner is going away.
+    void destroyingTheDiscoveryDuringAPassEndsIt() {
+        std::promise<void> entered;
+        std::promise<void> release;
+        std::shared_future<void> released = release.get_future().share();
+        std::atomic<bool> first{true};
+        testing::FakeUsbmuxd daemon([&](const testing::FakeUsbmuxd::Request& request) {
+            if (first.exchange(false)) {
+                entered.set_value();
+                released.wait();
+            }
+            PropertyList reply = PropertyList::dictionary();
+            reply.set("DeviceList", PropertyList::array());
+            return testing::FakeUsbmuxd::Reply{testing::FakeUsbmuxd::packet(request.tag, reply)};
+        });
+        auto discovery = std::make_unique<UsbmuxdDiscovery>(daemon.address(), testInterval);
+        discovery->start();
+        QVERIFY(entered.get_future().wait_for(std::chrono::seconds(30)) ==
+                std::future_status::ready);
+        std::thread releaser([&release] { release.set_value(); });
+        discovery.reset();
+        releaser.join();
     }
 
     void aRefusingReceiverIsNotListening() {
