@@ -9,12 +9,17 @@
 #include "KestrelvaneKit/receiving/TransferServer.h"
 
 #include <atomic>
+#include <charconv>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
-#include <list>
+#include <functional>
+#include <map>
 #include <mutex>
+#include <optional>
 #include <pthread.h>
 #include <set>
+#include <system_error>
 #include <thread>
 #include <unistd.h>
 
@@ -25,6 +30,7 @@ namespace fs = std::filesystem;
 
 constexpr const char* receiveUsage =
     R"(usage: kestrelvane receive --dir DIR [--port PORT] [--bind ADDR] [--advertise [NAME]]
+                          [--max-sessions N] [--idle-timeout SECONDS]
                           [--once] [--log stderr]
 
 Receives photos and videos as the phone does: verifies each file's SHA-256,
@@ -40,11 +46,32 @@ once. Stops on Ctrl+C or SIGTERM.
                      on this machine only (127.0.0.1, ::1 or localhost)
   --advertise [NAME] announce the receiver on the local network with DNS-SD
                      (_kestrelvane._tcp) under NAME, by default the host name
+  --max-sessions N   serve at most N senders at once (default 8); a further
+                     connection is closed at once, with a line saying so
+  --idle-timeout SECONDS
+                     end a session when its sender has sent nothing (or read
+                     nothing) for this long (default 60; 0 waits for ever)
   --once             exit after the first session has ended
   --log stderr       the library's log lines on stderr instead of the journal
 
-Prints one line per file and one per session.
+Prints one line per file and one per session. Whatever a sender sends, a
+protocol message above 1 MiB or a file above 8 GiB ends its session, and
+nothing is written outside DIR.
 )";
+
+constexpr int defaultMaxSessions = 8;
+constexpr int defaultIdleSeconds = 60;
+
+int parseCount(const std::string& option, const std::string& text, int minimum, int maximum) {
+    int value = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (error != std::errc() || end != text.data() + text.size() || value < minimum ||
+        value > maximum) {
+        throw UsageError("--" + option + " takes a whole number from " + std::to_string(minimum) +
+                         " to " + std::to_string(maximum) + ", not '" + text + "'");
+    }
+    return value;
+}
 
 /// Lines from several session threads, each whole and flushed at once.
 class Output {
@@ -106,9 +133,108 @@ private:
     bool closing_ = false;
 };
 
+/// The session threads, each joined soon after its session has ended, so that
+/// threads and descriptors stay bounded however many connections come and go.
+class SessionThreads {
+public:
+    ~SessionThreads() { joinAll(); }
+
+    /// Runs `work` on a new thread unless `limit` sessions are running already.
+    bool tryStart(std::size_t limit, std::function<void()> work) {
+        reap();
+        const std::lock_guard lock(mutex_);
+        if (running_.size() - finished_.size() >= limit) {
+            return false;
+        }
+        const int id = nextId_++;
+        // Under the lock: the thread cannot report itself finished before it is listed.
+        running_.emplace(id, std::thread([this, id, work = std::move(work)]() mutable {
+                             work();
+                             work = nullptr; // its connection goes now, not at the join
+                             const std::lock_guard done(mutex_);
+                             finished_.push_back(id);
+                         }));
+        return true;
+    }
+
+    /// Joins the threads whose sessions have ended.
+    void reap() {
+        std::vector<std::thread> ended;
+        {
+            const std::lock_guard lock(mutex_);
+            for (const int id : finished_) {
+                ended.push_back(std::move(running_.at(id)));
+                running_.erase(id);
+            }
+            finished_.clear();
+        }
+        for (auto& thread : ended) {
+            thread.join();
+        }
+    }
+
+    void joinAll() {
+        std::map<int, std::thread> all;
+        {
+            const std::lock_guard lock(mutex_);
+            all.swap(running_);
+            finished_.clear();
+        }
+        for (auto& [id, thread] : all) {
+            thread.join();
+        }
+    }
+
+private:
+    std::mutex mutex_;
+    std::map<int, std::thread> running_;
+    std::vector<int> finished_; // ended, not yet joined
+    int nextId_ = 0;
+};
+
+/// The connection's stream, remembering the transport error that ended it, so
+/// that the session's last line can say why (the engine never throws).
+class WatchedStream final : public KestrelvaneStream {
+public:
+    explicit WatchedStream(std::shared_ptr<KestrelvaneStream> inner) : inner_(std::move(inner)) {}
+
+    void start() override { inner_->start(); }
+    void send(ByteView data) override {
+        watch([&] { inner_->send(data); });
+    }
+    Bytes receive(std::int64_t max) override {
+        Bytes bytes;
+        watch([&] { bytes = inner_->receive(max); });
+        return bytes;
+    }
+    void close() noexcept override { inner_->close(); }
+
+    std::optional<std::string> failure() const {
+        const std::lock_guard lock(mutex_);
+        return failure_;
+    }
+
+private:
+    template <class Call> void watch(const Call& call) {
+        try {
+            call();
+        } catch (const std::system_error& error) {
+            const std::lock_guard lock(mutex_);
+            if (!failure_) {
+                failure_ = error.what();
+            }
+            throw;
+        }
+    }
+
+    const std::shared_ptr<KestrelvaneStream> inner_;
+    mutable std::mutex mutex_;
+    std::optional<std::string> failure_;
+};
+
 void serve(const std::shared_ptr<TcpConnection>& connection, const fs::path& folder, int number,
            Output& output, Sessions& sessions) {
-    auto stream = std::make_shared<BonjourStream>(connection);
+    auto stream = std::make_shared<WatchedStream>(std::make_shared<BonjourStream>(connection));
     sessions.add(stream);
     FrameChannel channel(stream);
     int saved = 0;
@@ -129,6 +255,9 @@ void serve(const std::shared_ptr<TcpConnection>& connection, const fs::path& fol
     } catch (const std::exception& error) {
         output.line("session " + std::to_string(number) + ": " + error.what());
     }
+    if (const auto failure = stream->failure()) {
+        output.line("session " + std::to_string(number) + ": " + *failure);
+    }
     channel.cancel();
     sessions.remove(stream);
     output.line("session " + std::to_string(number) + " ended: " + std::to_string(saved) +
@@ -142,9 +271,12 @@ int runReceive(const std::vector<std::string>& arguments) {
     fs::path folder;
     int port = KestrelvaneService::listenerPort;
     TcpListener::Scope scope = TcpListener::Scope::anyAddress;
+    int maxSessions = defaultMaxSessions;
+    int idleSeconds = defaultIdleSeconds;
     try {
         line.emplace(arguments, CommandLine::Grammar{.flags = {"once", "help"},
-                                                     .valued = {"dir", "port", "bind", "log"},
+                                                     .valued = {"dir", "port", "bind", "log",
+                                                                "max-sessions", "idle-timeout"},
                                                      .optionalValue = {"advertise"}});
         if (line->has("help")) {
             std::fputs(receiveUsage, stdout);
@@ -163,6 +295,12 @@ int runReceive(const std::vector<std::string>& arguments) {
         }
         if (const auto address = line->value("bind")) {
             scope = scopeFor(*address);
+        }
+        if (const auto text = line->value("max-sessions")) {
+            maxSessions = parseCount("max-sessions", *text, 1, 1024);
+        }
+        if (const auto text = line->value("idle-timeout")) {
+            idleSeconds = parseCount("idle-timeout", *text, 0, 86'400);
         }
     } catch (const UsageError& error) {
         std::fprintf(stderr, "kestrelvane receive: %s\n\n%s", error.what(), receiveUsage);
@@ -221,9 +359,9 @@ int runReceive(const std::vector<std::string>& arguments) {
     }
 
     const bool once = line->has("once");
-    std::list<std::jthread> sessionThreads;
+    SessionThreads sessionThreads;
     int status = exitOk;
-    for (int number = 1;; ++number) {
+    for (int number = 1;;) {
         std::shared_ptr<TcpConnection> connection;
         try {
             connection = listener->accept();
@@ -235,12 +373,23 @@ int runReceive(const std::vector<std::string>& arguments) {
         if (!connection) {
             break;
         }
-        sessionThreads.emplace_back([&, connection, number] {
-            serve(connection, folder, number, output, sessions);
-            if (once) {
-                listener->stop();
-            }
-        });
+        connection->setIdleTimeout(std::chrono::seconds(idleSeconds));
+        const bool started =
+            sessionThreads.tryStart(static_cast<std::size_t>(maxSessions), [&, connection, number] {
+                serve(connection, folder, number, output, sessions);
+                if (once) {
+                    listener->stop();
+                }
+            });
+        if (!started) {
+            // Closed rather than left waiting: the sender learns at once, and a
+            // flood of connections holds neither threads nor descriptors.
+            connection->cancel();
+            output.line("connection refused: " + std::to_string(maxSessions) +
+                        " sessions already open (--max-sessions)");
+            continue;
+        }
+        ++number;
         if (once) {
             break;
         }
@@ -248,7 +397,7 @@ int runReceive(const std::vector<std::string>& arguments) {
     if (!once) {
         sessions.closeAll(); // the listener failed: nothing more will come
     }
-    sessionThreads.clear(); // joins every session
+    sessionThreads.joinAll();
     publisher.reset();
 
     finished = true;

@@ -143,11 +143,27 @@ int runSend(const std::vector<std::string>& arguments) {
                    session.albumName);
 
     std::vector<Ack> acks; // written by the acknowledgement reader, read after send returns
+    // A receiver may acknowledge names it was never sent, or one file twice;
+    // only the first acknowledgement of a file that awaits one counts.
+    std::map<std::string, int> awaiting;
+    for (const auto& file : planned) {
+        ++awaiting[file.name];
+    }
     std::optional<std::string> brokeOff;
     const double started = SendReporter::steadySeconds();
     FrameChannel channel(stream);
     try {
         TransferClient().send(files, channel, session, [&](const TransferClient::Progress& step) {
+            if (auto file = awaiting.find(step.fileName);
+                file == awaiting.end() || file->second == 0) {
+                std::fprintf(stderr,
+                             "kestrelvane send: ignored an acknowledgement for \"%s\", which "
+                             "awaited none\n",
+                             step.fileName.c_str());
+                return;
+            } else {
+                --file->second;
+            }
             acks.push_back(step.ack);
             reporter.acknowledged(step.fileName, step.ack.status == Ack::Status::ok,
                                   step.ack.message, bytesByName[step.fileName]);

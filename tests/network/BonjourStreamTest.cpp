@@ -9,6 +9,7 @@
 #include <future>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <thread>
 #include <unistd.h>
 
 namespace kestrelvane {
@@ -178,6 +179,68 @@ TEST(BonjourStream, CloseWakesAWaitingReceiveAndLaterCallsFail) {
     EXPECT_THROW(pair.client->send(asBytes("late")), std::system_error);
     EXPECT_THROW(pair.client->receive(1), std::system_error);
     pair.client->close(); // a second close does nothing
+}
+
+TEST(BonjourStream, IdleTimeoutEndsAReceiveThatGetsNothingButNotOneThatKeepsGettingBytes) {
+    TcpListener listener(0, TcpListener::Scope::loopback);
+    auto pair = connectThrough(listener);
+    pair.server->connection().setIdleTimeout(std::chrono::milliseconds(500));
+    EXPECT_EQ(pair.server->connection().idleTimeout(), std::chrono::milliseconds(500));
+    // Bytes that keep coming, each well within the limit, are not idleness.
+    auto trickle = std::async(std::launch::async, [&] {
+        for (int i = 0; i < 5; ++i) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+            pair.client->send(asBytes("x"));
+        }
+    });
+    Bytes all;
+    while (all.size() < 5) {
+        const auto piece = pair.server->receive(10);
+        all.insert(all.end(), piece.begin(), piece.end());
+    }
+    trickle.get();
+    try {
+        pair.server->receive(10);
+        FAIL() << "receive() returned with nothing sent";
+    } catch (const std::system_error& error) {
+        EXPECT_EQ(error.code(), std::errc::timed_out);
+        EXPECT_EQ(std::string(error.what()).rfind("recv() timed out after 500 ms", 0), 0u)
+            << error.what();
+    }
+    EXPECT_THROW(pair.server->connection().setIdleTimeout(std::chrono::milliseconds(-1)),
+                 std::invalid_argument);
+}
+
+TEST(BonjourStream, IdleTimeoutEndsASendThePeerNeverReads) {
+    TcpListener listener(0, TcpListener::Scope::loopback);
+    auto pair = connectThrough(listener);
+    pair.client->connection().setIdleTimeout(std::chrono::seconds(1));
+    const Bytes lump(1'048'576, 'z');
+    try {
+        for (int i = 0; i < 256; ++i) { // far beyond any socket buffer
+            pair.client->send(lump);
+        }
+        FAIL() << "256 MiB went out with nobody reading";
+    } catch (const std::system_error& error) {
+        EXPECT_EQ(error.code(), std::errc::timed_out);
+        EXPECT_EQ(std::string(error.what()).rfind("send() timed out after 1 s", 0), 0u)
+            << error.what();
+    }
+}
+
+TEST(BonjourStream, IdleTimeoutSetBeforeConnectingHoldsOnceConnected) {
+    TcpListener listener(0, TcpListener::Scope::loopback);
+    auto connection = std::make_shared<TcpConnection>("127.0.0.1", listener.port());
+    connection->setIdleTimeout(std::chrono::milliseconds(100));
+    BonjourStream client(connection);
+    client.start();
+    auto server = listener.accept();
+    try {
+        client.receive(1);
+        FAIL() << "receive() returned with nothing sent";
+    } catch (const std::system_error& error) {
+        EXPECT_EQ(error.code(), std::errc::timed_out);
+    }
 }
 
 TEST(BonjourStream, ConcurrentSendsArriveWholeAndUninterleaved) {

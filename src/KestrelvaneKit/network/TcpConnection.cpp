@@ -10,6 +10,7 @@
 #include <stdexcept>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 namespace kestrelvane {
@@ -67,6 +68,42 @@ TcpConnection::TcpConnection(int connectedSocket) : accepted_(true), socket_(con
         throw std::invalid_argument("TcpConnection needs a connected socket");
     }
     setNoDelay(socket_);
+}
+
+void TcpConnection::setIdleTimeout(std::chrono::milliseconds timeout) {
+    if (timeout.count() < 0) {
+        throw std::invalid_argument("an idle timeout cannot be negative");
+    }
+    std::lock_guard lock(mutex_);
+    idleTimeout_ = timeout;
+    applyIdleTimeoutLocked();
+}
+
+std::chrono::milliseconds TcpConnection::idleTimeout() const {
+    std::lock_guard lock(mutex_);
+    return idleTimeout_;
+}
+
+void TcpConnection::applyIdleTimeoutLocked() {
+    if (socket_ < 0) {
+        return; // applied once connected
+    }
+    // The kernel's own socket timeouts: a blocked call returns EAGAIN once no
+    // byte has moved for this long, with no timer thread of ours.
+    timeval limit{};
+    limit.tv_sec = static_cast<time_t>(idleTimeout_.count() / 1000);
+    limit.tv_usec = static_cast<suseconds_t>((idleTimeout_.count() % 1000) * 1000);
+    ::setsockopt(socket_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+    ::setsockopt(socket_, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+}
+
+std::system_error TcpConnection::idleError(const char* call) const {
+    const auto limit = idleTimeout();
+    const std::string amount = limit.count() % 1000 == 0
+                                   ? std::to_string(limit.count() / 1000) + " s"
+                                   : std::to_string(limit.count()) + " ms";
+    return std::system_error(ETIMEDOUT, std::generic_category(),
+                             std::string(call) + " timed out after " + amount);
 }
 
 TcpConnection::~TcpConnection() {
@@ -182,6 +219,7 @@ void TcpConnection::connectLoop() {
             }
             if (fd >= 0) {
                 socket_ = fd;
+                applyIdleTimeoutLocked();
                 connecting_ = false;
                 enqueueLocked(State::ready, std::nullopt);
                 break;
@@ -316,6 +354,9 @@ void TcpConnection::send(ByteView data) {
             continue;
         }
         socketFor("send()"); // a cancel that broke the write is reported as such
+        if (code == EAGAIN || code == EWOULDBLOCK) {
+            throw idleError("send()");
+        }
         throw callError("send()", code);
     }
 }
@@ -337,6 +378,9 @@ TcpConnection::Received TcpConnection::receive(std::size_t maximum) {
         socketFor("recv()"); // woken by cancel(): say so rather than report an end
         if (n == 0) {
             return {{}, true};
+        }
+        if (code == EAGAIN || code == EWOULDBLOCK) {
+            throw idleError("recv()");
         }
         if (code != EINTR) {
             throw callError("recv()", code);

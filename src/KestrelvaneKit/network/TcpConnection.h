@@ -28,7 +28,9 @@ namespace kestrelvane {
 /// caused them; a handler may call setStateHandler() and cancel().
 ///
 /// Errors carry the failing call and errno, e.g. "connect() failed (111)";
-/// name lookup errors use resolverCategory().
+/// name lookup errors use resolverCategory(). With an idle timeout set, a
+/// send() or receive() that makes no progress for that long fails with
+/// ETIMEDOUT ("recv() timed out after 60 s").
 class TcpConnection {
 public:
     enum class State { setup, preparing, waiting, ready, failed, cancelled };
@@ -63,6 +65,12 @@ public:
     void cancel() noexcept;
     State state() const;
 
+    /// How long one send() or receive() may wait without moving a byte before
+    /// it fails with ETIMEDOUT; zero (the default) waits for ever. Any time,
+    /// any thread; a wait already under way keeps its earlier limit.
+    void setIdleTimeout(std::chrono::milliseconds timeout);
+    std::chrono::milliseconds idleTimeout() const;
+
     /// Writes every byte of `data`; concurrent sends never interleave.
     /// Throws std::system_error ("send() failed (errno)"); ECANCELED after cancel().
     void send(ByteView data);
@@ -77,6 +85,8 @@ private:
     void enqueueLocked(State state, Error error);
     void deliverReports();
     int socketFor(const char* call) const;
+    void applyIdleTimeoutLocked();
+    std::system_error idleError(const char* call) const;
     void connectLoop();
     int connectOnce(Error& error);
     bool sleepUnlessCancelled(std::chrono::milliseconds interval);
@@ -92,6 +102,7 @@ private:
     bool cancelRequested_ = false;
     bool connecting_ = false;
     int socket_ = -1; // the ready socket; closed only by the destructor
+    std::chrono::milliseconds idleTimeout_{0};
     std::deque<std::pair<State, Error>> pendingReports_;
     bool delivering_ = false;
     std::vector<std::thread> connectors_; // one per attempt; joined by the destructor
