@@ -50,7 +50,7 @@ once. Stops on Ctrl+C or SIGTERM.
                      connection is closed at once, with a line saying so
   --idle-timeout SECONDS
                      end a session when its sender has sent nothing (or read
-                     nothing) for this long (default 60; 0 waits for ever)
+                     nothing) for this long (default 120; 0 waits for ever)
   --once             exit after the first session has ended
   --log stderr       the library's log lines on stderr instead of the journal
 
@@ -60,7 +60,7 @@ nothing is written outside DIR.
 )";
 
 constexpr int defaultMaxSessions = 8;
-constexpr int defaultIdleSeconds = 60;
+constexpr int defaultIdleSeconds = 120;
 
 int parseCount(const std::string& option, const std::string& text, int minimum, int maximum) {
     int value = 0;

@@ -157,11 +157,13 @@ class HostileSender : public ::testing::Test {
 protected:
     void SetUp() override {
         fs::create_directories(tmp_);
+        std::vector<std::string> argv = {KV_CLI,   "receive", "--dir",  inside_.string(),
+                                         "--port", "0",       "--bind", "127.0.0.1"};
+        for (const auto& argument : limits()) {
+            argv.push_back(argument);
+        }
         process_ = std::make_unique<ChildProcess>(
-            std::vector<std::string>{KV_CLI, "receive", "--dir", inside_.string(), "--port", "0",
-                                     "--bind", "127.0.0.1", "--idle-timeout", "1", "--max-sessions",
-                                     std::to_string(maxSessions)},
-            ChildProcess::Environment{{"TMPDIR", tmp_.string()}, {"TZ", "UTC"}});
+            argv, ChildProcess::Environment{{"TMPDIR", tmp_.string()}, {"TZ", "UTC"}});
         const auto first = process_->readLine();
         std::smatch match;
         ASSERT_TRUE(first && std::regex_search(*first, match, std::regex("on port ([0-9]+)$")))
@@ -181,6 +183,10 @@ protected:
         baselineDescriptors_ = countIn("fd");
         baselineThreads_ = countIn("task");
         baselineVirtualMiB_ = virtualMiB();
+    }
+
+    virtual std::vector<std::string> limits() const {
+        return {"--idle-timeout", "1", "--max-sessions", std::to_string(maxSessions)};
     }
 
     void TearDown() override {
@@ -431,6 +437,58 @@ TEST_F(HostileSender, AFloodOfAbandonedConnectionsHoldsNeitherThreadsNorDescript
     // Per session thread at most a stack (8 MiB) and a malloc arena (64 MiB of
     // address space); unjoined threads would have kept 2000 stacks, 16 GiB.
     EXPECT_LE(virtualMiB(), baselineVirtualMiB_ + (2 * maxSessions + 2) * (8 + 64) + 64);
+}
+
+/// One session at a time, and idle sessions kept long enough to be in the way.
+class OneSessionReceiver : public HostileSender {
+protected:
+    std::vector<std::string> limits() const override {
+        return {"--idle-timeout", "60", "--max-sessions", "1"};
+    }
+};
+
+TEST_F(OneSessionReceiver, AConnectionBeyondTheLimitFailsAtOnceAndTheNextOneIsServed) {
+    auto occupant = std::make_unique<RawPeer>(port_);
+    ASSERT_TRUE(occupant->connected());
+    ChildProcess turnedAway(
+        {KV_CLI, "send", "--to", "127.0.0.1:" + std::to_string(port_), photo.string()});
+    while (turnedAway.readLine()) {
+    }
+    EXPECT_EQ(turnedAway.waitFor(), 1);
+    EXPECT_TRUE(
+        eventually([&] { return outputMentions("connection refused: 1 sessions already open"); }));
+    occupant.reset(); // its session ends with the hang-up, long before the idle timeout
+    expectUnharmed("a connection refused for the session limit");
+}
+
+TEST(ReceiverLimits, HelpStatesThemAndOutOfRangeValuesAreUsageErrors) {
+    ChildProcess help({KV_CLI, "receive", "--help"});
+    std::string text;
+    while (auto line = help.readLine()) {
+        text += *line + "\n";
+    }
+    EXPECT_EQ(help.waitFor(), 0);
+    for (const char* mention : {"--max-sessions N", "(default 8)", "--idle-timeout SECONDS",
+                                "(default 120; 0 waits for ever)", "1 MiB", "8 GiB"}) {
+        EXPECT_NE(text.find(mention), std::string::npos) << mention;
+    }
+    TemporaryFolder folder;
+    for (const auto& [option, value] :
+         std::vector<std::pair<std::string, std::string>>{{"--max-sessions", "0"},
+                                                          {"--max-sessions", "many"},
+                                                          {"--max-sessions", "2000"},
+                                                          {"--idle-timeout", "-1"},
+                                                          {"--idle-timeout", "1.5"},
+                                                          {"--idle-timeout", "99999999999"}}) {
+        ChildProcess receiver({"/bin/sh", "-c", "exec \"$0\" \"$@\" 2>&1", KV_CLI, "receive",
+                               "--dir", folder.path().string(), "--port", "0", option, value});
+        bool named = false;
+        while (auto line = receiver.readLine()) {
+            named = named || line->find(option + " takes a whole number") != std::string::npos;
+        }
+        EXPECT_EQ(receiver.waitFor(), 2) << option << " " << value;
+        EXPECT_TRUE(named) << option << " " << value;
+    }
 }
 
 } // namespace

@@ -49,6 +49,20 @@ void setNoDelay(int fd) {
     ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
 }
 
+void setKeepAlive(int fd) {
+    // A peer that vanishes (switched off, out of range) sends no reset; probes
+    // after 30 s of silence, 3 unanswered 10 s apart, turn that into an error
+    // for a thread waiting in recv() instead of a wait without end.
+    const int on = 1;
+    const int idleSeconds = 30;
+    const int intervalSeconds = 10;
+    const int probes = 3;
+    ::setsockopt(fd, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
+    ::setsockopt(fd, IPPROTO_TCP, TCP_KEEPIDLE, &idleSeconds, sizeof idleSeconds);
+    ::setsockopt(fd, IPPROTO_TCP, TCP_KEEPINTVL, &intervalSeconds, sizeof intervalSeconds);
+    ::setsockopt(fd, IPPROTO_TCP, TCP_KEEPCNT, &probes, sizeof probes);
+}
+
 } // namespace
 
 const std::error_category& TcpConnection::resolverCategory() noexcept {
@@ -68,6 +82,7 @@ TcpConnection::TcpConnection(int connectedSocket) : accepted_(true), socket_(con
         throw std::invalid_argument("TcpConnection needs a connected socket");
     }
     setNoDelay(socket_);
+    setKeepAlive(socket_);
 }
 
 void TcpConnection::setIdleTimeout(std::chrono::milliseconds timeout) {
@@ -306,6 +321,7 @@ int TcpConnection::connectOnce(Error& error) {
             const int flags = ::fcntl(fd, F_GETFL);
             ::fcntl(fd, F_SETFL, flags & ~O_NONBLOCK);
             setNoDelay(fd);
+            setKeepAlive(fd);
             return fd;
         }
         ::close(fd);
