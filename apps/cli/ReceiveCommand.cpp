@@ -163,8 +163,10 @@ public:
         {
             const std::lock_guard lock(mutex_);
             for (const int id : finished_) {
-                ended.push_back(std::move(running_.at(id)));
-                running_.erase(id);
+                if (const auto found = running_.find(id); found != running_.end()) {
+                    ended.push_back(std::move(found->second));
+                    running_.erase(found);
+                }
             }
             finished_.clear();
         }
@@ -220,7 +222,8 @@ private:
             call();
         } catch (const std::system_error& error) {
             const std::lock_guard lock(mutex_);
-            if (!failure_) {
+            // A cancel is this side's own stop, reported as such elsewhere.
+            if (!failure_ && error.code() != std::errc::operation_canceled) {
                 failure_ = error.what();
             }
             throw;
