@@ -4,9 +4,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <future>
 #include <netinet/in.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -75,6 +77,61 @@ TEST(TcpListener, PortInUseFailsWithTheBindError) {
         EXPECT_EQ(error.code(), std::errc::address_in_use);
         EXPECT_EQ(std::string(error.what()).rfind("bind() failed (98)", 0), 0u) << error.what();
     }
+}
+
+TEST(TcpListener, RunningOutOfDescriptorsMakesAcceptWaitNotFail) {
+    TcpListener listener(0, TcpListener::Scope::loopback);
+    const int client = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    ASSERT_GE(client, 0);
+    rlimit original{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &original), 0);
+    // Every descriptor up to a low limit taken, so that accept() meets EMFILE.
+    rlimit low = original;
+    low.rlim_cur = std::min<rlim_t>(original.rlim_cur, 256);
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &low), 0);
+    std::vector<int> fillers;
+    for (int fd; (fd = ::dup(client)) >= 0;) {
+        fillers.push_back(fd);
+    }
+    ASSERT_FALSE(fillers.empty());
+
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(listener.port());
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(::connect(client, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    auto accepting = std::async(std::launch::async, [&] { return listener.accept(); });
+    EXPECT_EQ(accepting.wait_for(3 * TcpListener::resourceRetryInterval),
+              std::future_status::timeout);
+    ::close(fillers.back()); // a session ends somewhere and frees one
+    fillers.pop_back();
+    ASSERT_EQ(accepting.wait_for(std::chrono::seconds(30)), std::future_status::ready);
+    EXPECT_NE(accepting.get(), nullptr);
+
+    for (const int fd : fillers) {
+        ::close(fd);
+    }
+    ::setrlimit(RLIMIT_NOFILE, &original);
+    ::close(client);
+
+    // And stop() still ends a wait that is pausing for descriptors.
+    auto stopped = std::async(std::launch::async, [&] { return listener.accept(); });
+    listener.stop();
+    EXPECT_EQ(stopped.get(), nullptr);
+}
+
+TEST(TcpConnection, MisuseIsRefusedWithInvalidArgument) {
+    EXPECT_THROW(TcpConnection(-1), std::invalid_argument);
+    TcpListener listener(0, TcpListener::Scope::loopback);
+    TcpConnection client("127.0.0.1", listener.port());
+    client.start();
+    EXPECT_THROW(client.receive(0), std::invalid_argument);
+    EXPECT_THROW(client.setIdleTimeout(std::chrono::milliseconds(-5)), std::invalid_argument);
+    EXPECT_STREQ(TcpConnection::resolverCategory().name(), "getaddrinfo");
+    auto accepted = listener.accept();
+    ASSERT_TRUE(testing::eventually([&] { return client.state() == TcpConnection::State::ready; }));
+    client.start(); // already ready: nothing changes
+    EXPECT_EQ(client.state(), TcpConnection::State::ready);
 }
 
 TEST(TcpConnection, ReportsPreparingThenReadyAndCancelledInOrder) {

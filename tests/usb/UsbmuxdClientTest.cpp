@@ -1,5 +1,6 @@
 #include "KestrelvaneKit/usb/UsbmuxdClient.h"
 
+#include "KestrelvaneKit/network/TcpListener.h"
 #include "KestrelvaneKit/usb/UsbmuxdProtocol.h"
 #include "support/Eventually.h"
 #include "support/FakeUsbmuxd.h"
@@ -9,6 +10,7 @@
 
 #include <cstdlib>
 #include <sys/socket.h>
+#include <thread>
 #include <unistd.h>
 
 namespace kestrelvane {
@@ -230,6 +232,47 @@ TEST(UsbmuxdClient, FailedConversationsThrowCloseTheSocketAndLeaveTheClientUsabl
     EXPECT_THROW(garbageClient.connect(1, 9876), PropertyList::ParseError);
     EXPECT_EQ(garbageClient.nextTag(), 3u);
     EXPECT_EQ(garbage.requests().size(), 2u);
+}
+
+TEST(UsbmuxdClient, ADaemonAtHostAndPortIsAskedOverTcpAndFailuresThereAreSocketErrors) {
+    auto listener = std::make_unique<TcpListener>(0, TcpListener::Scope::loopback);
+    const std::uint16_t port = listener->port();
+    std::thread daemon([&] {
+        auto connection = listener->accept();
+        connection->start();
+        connection->receive(4096); // the request, whatever it says
+        std::vector<PropertyList> one;
+        one.push_back(device(7, "TCP0001", 0x12a8));
+        connection->send(FakeUsbmuxd::packet(1, deviceList(std::move(one))));
+        while (!connection->receive(4096).isComplete) {
+        }
+    });
+    UsbmuxdClient overTcp(UsbmuxdClient::SocketAddress{{}, "127.0.0.1", port});
+    EXPECT_EQ(overTcp.listDevices(), (std::vector<UsbmuxdClient::Device>{{7, "TCP0001", 0x12a8}}));
+    daemon.join();
+
+    listener.reset(); // nothing listens there any more
+    UsbmuxdClient refused(UsbmuxdClient::SocketAddress{{}, "127.0.0.1", port});
+    const auto error = errorOf([&] { refused.listDevices(); });
+    EXPECT_EQ(error, UsbmuxdError::socketError("connect(127.0.0.1:" + std::to_string(port) +
+                                               ") failed (111)"));
+
+    UsbmuxdClient nowhere(UsbmuxdClient::SocketAddress{{}, "no-such-host.invalid", 27015});
+    const std::string lookup = errorOf([&] { nowhere.listDevices(); }).what();
+    EXPECT_NE(lookup.find("getaddrinfo(no-such-host.invalid) failed"), std::string::npos) << lookup;
+}
+
+TEST(UsbmuxdClient, AReplyAnnouncingMoreThanTheLimitIsRefusedBeforeItIsRead) {
+    Bytes header(16, 0);
+    const std::uint32_t declared = UsbmuxdClient::maxReplyBytes + 1;
+    for (int i = 0; i < 4; ++i) {
+        header[static_cast<std::size_t>(i)] = static_cast<std::uint8_t>(declared >> (8 * i));
+    }
+    FakeUsbmuxd daemon(always(header));
+    UsbmuxdClient client(daemon.address());
+    EXPECT_EQ(
+        errorOf([&] { client.listDevices(); }),
+        UsbmuxdError::malformed("reply of " + std::to_string(declared) + " bytes is too large"));
 }
 
 TEST(UsbmuxdClient, SocketAddressIsReadAsLibusbmuxdReadsIt) {

@@ -160,6 +160,14 @@ std::shared_ptr<TcpConnection> TcpListener::accept() {
                 code == EPROTO) {
                 continue;
             }
+            if (code == EMFILE || code == ENFILE || code == ENOBUFS || code == ENOMEM) {
+                // Out of descriptors or memory for now: the connection waits in
+                // the backlog until a session ends and frees some. Pause rather
+                // than spin on a queue that stays readable; stop() still wakes.
+                pollfd wake{wakeFd_, POLLIN, 0};
+                ::poll(&wake, 1, static_cast<int>(resourceRetryInterval.count()));
+                break;
+            }
             throw callError("accept()", code);
         }
     }

@@ -3,6 +3,7 @@
 #include "KestrelvaneKit/network/TcpConnection.h"
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -34,9 +35,14 @@ public:
 
     std::uint16_t port() const noexcept { return port_; }
 
-    /// The next connection, not yet started; nullptr once stopped. Throws
-    /// std::system_error when accepting fails for a reason other than a
-    /// connection that was aborted before it could be taken.
+    /// How long accept() pauses before trying again when the process is out
+    /// of descriptors (or the system out of buffers).
+    static constexpr std::chrono::milliseconds resourceRetryInterval{100};
+
+    /// The next connection, not yet started; nullptr once stopped. Running out
+    /// of descriptors makes it wait until one is free, not fail. Throws
+    /// std::system_error when accepting fails for another reason than that or
+    /// a connection that was aborted before it could be taken.
     std::shared_ptr<TcpConnection> accept();
     /// Wakes accept() and makes every later call return nullptr. Any thread, any time.
     void stop() noexcept;
