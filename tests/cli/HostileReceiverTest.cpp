@@ -85,7 +85,12 @@ TEST(HostileReceiver, SenderCountsOnlyOkAcknowledgementsOfFilesItSentAndAlwaysEn
         stream->start();
         ScriptedReceiver receiver(stream, false);
         ASSERT_TRUE(receiver.waitForFiles(sentNames.size()));
-        misbehaviour.script(receiver);
+        try {
+            misbehaviour.script(receiver);
+        } catch (const std::system_error&) {
+            // The sender ends after as many acknowledgements as files, whatever
+            // they said, and may have hung up before the script's last words.
+        }
 
         std::vector<nlohmann::json> events;
         while (auto line = sender.readLine()) {
