@@ -161,6 +161,13 @@ TEST(KilledReceiver, RestartedAndResumedEndsWithEveryFileOnceAndNoStaleTemporary
     const auto scratch = entriesOf(temporary.path());
     ASSERT_EQ(scratch.size(), 1u) << ::testing::PrintToString(scratch);
     EXPECT_EQ(entriesOf(temporary.path() / scratch[0]), std::vector<std::string>{".lock"});
+    {
+        // A second receiver beside it leaves the running one's folder alone.
+        Receiver beside(destination.path(), temporary.path());
+        EXPECT_EQ(entriesOf(temporary.path()).size(), 2u);
+        EXPECT_EQ(beside.process().terminate(), 0);
+    }
+    EXPECT_EQ(entriesOf(temporary.path()), scratch);
 
     const auto resumed = send(unsaved, restarted.address());
     EXPECT_EQ(resumed.status, 0) << resumed.summary.dump();
