@@ -7,6 +7,7 @@
 #include "KestrelvaneKit/network/TcpListener.h"
 #include "KestrelvaneKit/receiving/FolderSaver.h"
 #include "KestrelvaneKit/receiving/TransferServer.h"
+#include "ScratchFolder.h"
 
 #include <atomic>
 #include <charconv>
@@ -235,8 +236,8 @@ private:
     std::optional<std::string> failure_;
 };
 
-void serve(const std::shared_ptr<TcpConnection>& connection, const fs::path& folder, int number,
-           Output& output, Sessions& sessions) {
+void serve(const std::shared_ptr<TcpConnection>& connection, const fs::path& folder,
+           const fs::path& scratch, int number, Output& output, Sessions& sessions) {
     auto stream = std::make_shared<WatchedStream>(std::make_shared<BonjourStream>(connection));
     sessions.add(stream);
     FrameChannel channel(stream);
@@ -246,7 +247,7 @@ void serve(const std::shared_ptr<TcpConnection>& connection, const fs::path& fol
         channel.start();
         output.line("session " + std::to_string(number) + ": connected");
         FolderSaver saver(folder);
-        TransferServer(saver).run(channel, [&](const TransferServer::Event& event) {
+        TransferServer(saver, scratch).run(channel, [&](const TransferServer::Event& event) {
             if (event.ack.status == Ack::Status::ok) {
                 ++saved;
                 output.line("saved   " + event.name);
@@ -336,6 +337,16 @@ int runReceive(const std::vector<std::string>& arguments) {
         return exitSomeFilesNotSaved;
     }
 
+    // Files still arriving wait in a folder of this receiver's own; what a
+    // killed receiver left behind is removed here.
+    std::unique_ptr<ScratchFolder> scratch;
+    try {
+        scratch = std::make_unique<ScratchFolder>();
+    } catch (const std::exception& failure) {
+        std::fprintf(stderr, "kestrelvane receive: %s\n", failure.what());
+        return exitSomeFilesNotSaved;
+    }
+
     Output output;
     Sessions sessions;
     std::atomic<bool> finished{false};
@@ -379,7 +390,7 @@ int runReceive(const std::vector<std::string>& arguments) {
         connection->setIdleTimeout(std::chrono::seconds(idleSeconds));
         const bool started =
             sessionThreads.tryStart(static_cast<std::size_t>(maxSessions), [&, connection, number] {
-                serve(connection, folder, number, output, sessions);
+                serve(connection, folder, scratch->path(), number, output, sessions);
                 if (once) {
                     listener->stop();
                 }

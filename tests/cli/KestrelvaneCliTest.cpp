@@ -136,17 +136,22 @@ TEST(KestrelvaneCli, SendOverTcpSavesIntoTheTrimmedAlbumByteForByteWithCaptureDa
     EXPECT_EQ(modificationTime(album / "jpeg-original.jpg"), jpegCaptureTime);
 }
 
-TEST(KestrelvaneCli, SendingTheSameFilesAgainKeepsBothCopies) {
+TEST(KestrelvaneCli, SendingTheSameFilesAgainSavesThemOnceAndADifferentFileOfTheSameNameBeside) {
     TemporaryFolder folder;
+    TemporaryFolder other;
     const std::string photo = (media / "jpeg-original.jpg").string();
-    for (int round = 0; round < 2; ++round) {
+    const fs::path changed = other.path() / "jpeg-original.jpg";
+    fs::copy_file(photo, changed);
+    std::ofstream(changed, std::ios::binary | std::ios::app) << "changed";
+    for (const std::string& file : {photo, photo, changed.string()}) {
         Receiver receiver(folder.path());
-        EXPECT_EQ(run({"send", "--to", receiver.address(), photo}).status, 0);
+        EXPECT_EQ(run({"send", "--to", receiver.address(), file}).status, 0);
         EXPECT_EQ(receiver.finish().status, 0);
     }
     EXPECT_EQ(namesIn(folder.path()),
               (std::vector<std::string>{"jpeg-original (1).jpg", "jpeg-original.jpg"}));
-    EXPECT_EQ(sha256(folder.path() / "jpeg-original (1).jpg"), sha256(photo));
+    EXPECT_EQ(sha256(folder.path() / "jpeg-original.jpg"), sha256(photo));
+    EXPECT_EQ(sha256(folder.path() / "jpeg-original (1).jpg"), sha256(changed));
 }
 
 TEST(KestrelvaneCli, AlbumsThatWouldLeaveTheFolderAreRefusedAndNothingIsWrittenOutside) {

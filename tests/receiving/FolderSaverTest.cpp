@@ -1,5 +1,6 @@
 #include "KestrelvaneKit/receiving/FolderSaver.h"
 
+#include "KestrelvaneKit/intake/Checksum.h"
 #include "support/TemporaryFolder.h"
 
 #include <gtest/gtest.h>
@@ -69,6 +70,31 @@ TEST(FolderSaver, WithoutAnAlbumSavesIntoTheFolderItself) {
     EXPECT_EQ(destination.fileNames(), (std::vector<std::string>{"README", "README (1)"}));
     saver.flushAndDrain();
     EXPECT_EQ(saver.outcomes().next(), std::nullopt);
+}
+
+TEST(FolderSaver, AResentFileAlreadyThereCountsAsSavedWithoutASecondCopy) {
+    TemporaryFolder temporary;
+    TemporaryFolder destination;
+    FolderSaver saver(destination.path());
+    saver.begin(SessionHeader{});
+    const auto headerOf = [](const std::string& contents) {
+        return FileHeader{
+            .name = "IMG_7.jpg",
+            .byteCount = contents.size(),
+            .sha256 = Checksum::sha256Hex(
+                ByteView(reinterpret_cast<const std::uint8_t*>(contents.data()), contents.size()))};
+    };
+    // The same name with other bytes of the same size is another file; a
+    // resend of either is recognised under the name it was given.
+    for (const char* contents : {"photo-a", "photo-b", "photo-a", "photo-b", "photo-b"}) {
+        const fs::path file = received(temporary.path(), contents);
+        EXPECT_EQ(saveOne(saver, file, headerOf(contents)), (BatchOutcome{.name = "IMG_7.jpg"}));
+        EXPECT_FALSE(fs::exists(file));
+    }
+    EXPECT_EQ(destination.fileNames(), (std::vector<std::string>{"IMG_7 (1).jpg", "IMG_7.jpg"}));
+    EXPECT_EQ(readText(destination.path() / "IMG_7.jpg"), "photo-a");
+    EXPECT_EQ(readText(destination.path() / "IMG_7 (1).jpg"), "photo-b");
+    EXPECT_TRUE(temporary.fileNames().empty());
 }
 
 TEST(FolderSaver, RefusesNamesAndAlbumsThatCouldLeaveTheFolder) {

@@ -1,5 +1,7 @@
 #include "KestrelvaneKit/receiving/FolderSaver.h"
 
+#include "KestrelvaneKit/intake/Checksum.h"
+
 #include <uuid/uuid.h>
 
 #include <array>
@@ -110,6 +112,21 @@ int renameNoReplace(const fs::path& from, const fs::path& to) {
 }
 
 constexpr int maxNameAttempts = 10'000;
+
+/// Whether `existing` already holds the file `header` describes: same size and
+/// same SHA-256. Anything that cannot be read counts as different.
+bool holdsSameFile(const fs::path& existing, const FileHeader& header) {
+    std::error_code error;
+    if (!fs::is_regular_file(fs::symlink_status(existing, error)) ||
+        fs::file_size(existing, error) != header.byteCount || error) {
+        return false;
+    }
+    try {
+        return Checksum::sha256HexOfFile(existing) == header.sha256;
+    } catch (const std::exception&) {
+        return false;
+    }
+}
 
 /// "IMG_1.jpg", then "IMG_1 (1).jpg", "IMG_1 (2).jpg", ...
 fs::path candidate(const fs::path& folder, const std::string& name, int attempt) {
@@ -225,6 +242,17 @@ fs::path FolderSaver::save(const fs::path& file, const FileHeader& header) {
             if (error != EEXIST) {
                 errno = error;
                 throwErrno("cannot save " + target.string());
+            }
+            if (holdsSameFile(target, header)) {
+                // A resend of a file saved before its acknowledgement was lost.
+                // Its saver may have died before syncing it.
+                syncPath(target, O_RDONLY);
+                syncFolder(folder);
+                if (copied) {
+                    std::error_code ignored;
+                    fs::remove(staged, ignored);
+                }
+                return target;
             }
         }
         errno = EEXIST;

@@ -12,7 +12,10 @@ namespace kestrelvane {
 /// Stores received files in a folder on this machine: `root`, or `root/ALBUM`
 /// when the session names an album.
 ///
-/// A file is never overwritten ("IMG_1.jpg" becomes "IMG_1 (1).jpg"), gets its
+/// A file is never overwritten ("IMG_1.jpg" becomes "IMG_1 (1).jpg"), except
+/// that a file already there under one of those names with the same size and
+/// SHA-256 counts as saved: a sender whose acknowledgement was lost sends the
+/// file again, and must not leave a second copy. A saved file gets its
 /// capture date as modification time, and is durable (file and folder synced)
 /// before it is reported saved. It appears in the folder whole or not at all:
 /// across file systems it is copied under a hidden partial name first. Names

@@ -45,7 +45,10 @@ std::size_t readAt(int fd, std::uint8_t* into, std::size_t count, std::uint64_t 
 PreparedFile PreparedFile::prepare(const fs::path& path, MediaType type, std::stop_token stop) {
     PreparedFile file;
     file.path_ = path;
-    file.fd_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    // Non-blocking, so that a pipe put where a photo was fails below as not a
+    // regular file instead of waiting for a writer that never comes; reads of
+    // a regular file are unaffected.
+    file.fd_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     if (file.fd_ < 0) {
         throwFileError("cannot open file", path, errno);
     }

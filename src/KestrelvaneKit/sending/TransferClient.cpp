@@ -211,6 +211,10 @@ std::vector<Ack> TransferClient::send(const std::vector<fs::path>& files, FrameC
                 throw; // a hostile receiver, not an ended connection
             } catch (...) {
                 KVLog::transfer().error(KVLog::Lines::ackReadEndedEarly(i, n));
+                // A receiver that has hung up reads nothing more either: a
+                // write still under way would wait for ever on a full socket.
+                // A writer that has finished is not affected.
+                over.cancel();
                 break;
             }
             const Ack ack = WireMessage::decode<Ack>(frame);

@@ -1,0 +1,36 @@
+#pragma once
+
+#include <filesystem>
+
+namespace kestrelvane::cli {
+
+/// The receiver's own folder for files still arriving, under the system's
+/// temporary directory ("kestrelvane-receive.XXXXXX"), held with a lock for
+/// as long as the receiver runs.
+///
+/// A receiver that is killed cannot delete its half-received files; the
+/// kernel does drop its lock, though. So each new receiver first removes the
+/// scratch folders whose lock nobody holds (their owner died) and leaves
+/// those of receivers still running alone.
+class ScratchFolder {
+public:
+    /// Throws std::system_error when no folder can be made.
+    ScratchFolder();
+    ~ScratchFolder();
+    ScratchFolder(const ScratchFolder&) = delete;
+    ScratchFolder& operator=(const ScratchFolder&) = delete;
+
+    const std::filesystem::path& path() const noexcept { return path_; }
+
+    /// Removes the scratch folders of receivers that are gone; returns how many.
+    static int removeAbandoned(const std::filesystem::path& temporaryDirectory);
+
+    static constexpr const char* prefix = "kestrelvane-receive.";
+    static constexpr const char* lockName = ".lock";
+
+private:
+    std::filesystem::path path_;
+    int lock_ = -1;
+};
+
+} // namespace kestrelvane::cli
