@@ -7,6 +7,7 @@
 #include "KestrelvaneKit/wire/UnicodeText.h"
 #include "KestrelvaneKit/wire/WireMessage.h"
 
+#include <algorithm>
 #include <future>
 #include <map>
 #include <memory>
@@ -19,6 +20,14 @@ namespace kestrelvane {
 namespace {
 
 namespace fs = std::filesystem;
+
+/// Canonical composition changes nothing in plain ASCII, which most camera
+/// file names are; only other names pay for the normaliser.
+std::string canonical(const std::string& name) {
+    const bool ascii = std::all_of(name.begin(), name.end(),
+                                   [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+    return ascii ? name : UnicodeText::nfc(name);
+}
 
 struct BatchEntry {
     fs::path path;
@@ -41,14 +50,14 @@ public:
                 std::error_code error;
                 const auto size = fs::file_size(entry.path, error);
                 if (!error) {
-                    (*byteByName_)[UnicodeText::nfc(entry.path.filename().string())] = size;
+                    (*byteByName_)[canonical(entry.path.filename().string())] = size;
                 }
             }
         }
         acks_.push_back(ack);
         // Names match under canonical equivalence, as the receiver may have
         // normalised the name it echoes.
-        const auto found = byteByName_->find(UnicodeText::nfc(ack.name));
+        const auto found = byteByName_->find(canonical(ack.name));
         return found == byteByName_->end() ? 0 : found->second;
     }
 
