@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <chrono>
 #include <fcntl.h>
+#include <iterator>
 #include <memory>
 #include <stdio.h>
 #include <sys/stat.h>
@@ -206,7 +207,14 @@ void FolderSaver::saveWaiting() {
             if (waiting_.empty()) {
                 return;
             }
-            group.swap(waiting_);
+            if (waiting_.size() <= maxGroupFiles) {
+                group.swap(waiting_);
+            } else {
+                const auto end = waiting_.begin() + static_cast<std::ptrdiff_t>(maxGroupFiles);
+                group.assign(std::make_move_iterator(waiting_.begin()),
+                             std::make_move_iterator(end));
+                waiting_.erase(waiting_.begin(), end);
+            }
         }
         saveGroup(group);
     }
