@@ -5,6 +5,9 @@
 #include "Sender/BackgroundWork.h"
 #include "Sender/ThumbnailProvider.h"
 
+#include <QElapsedTimer>
+#include <QTimer>
+
 #include <algorithm>
 #include <system_error>
 
@@ -128,10 +131,8 @@ void TransferQueue::planNext() {
     planner_->runThenDeliver(
         [this, adding = std::move(adding), queued = std::move(queued)]() -> std::function<void()> {
             std::vector<Planned> planned = plan(adding, queued);
-            return [this, planned = std::move(planned)] {
-                appendPlanned(planned);
-                emit addFinished();
-                planNext();
+            return [this, planned = std::move(planned)]() mutable {
+                appendPlanned(std::make_shared<std::vector<Planned>>(std::move(planned)), 0);
             };
         });
 }
@@ -161,31 +162,68 @@ std::vector<TransferQueue::Planned> TransferQueue::plan(const std::vector<fs::pa
     return planned;
 }
 
-void TransferQueue::appendPlanned(const std::vector<Planned>& planned) {
+// A big drop is appended a slice at a time, with the event loop running in
+// between, so the window keeps drawing and answering while thousands of rows
+// arrive. Every item is still announced on its own, in order.
+void TransferQueue::appendPlanned(std::shared_ptr<std::vector<Planned>> planned, std::size_t from) {
     const int pixelSize = ThumbnailProvider::pixelSizeFor(thumbnailPoints);
-    for (const Planned& entry : planned) {
+    if (from == 0) {
+        // Grown once up front: regrowing mid-drop is a stall of its own.
+        items_.reserve(items_.size() + planned->size());
+        rowById_.reserve(static_cast<qsizetype>(items_.size() + planned->size()));
+    }
+    QElapsedTimer slice;
+    slice.start();
+    std::size_t next = from;
+    for (; next < planned->size(); ++next) {
+        if (next > from && slice.elapsed() >= appendSliceMilliseconds) {
+            break;
+        }
+        Planned& entry = (*planned)[next];
         Item item;
-        item.id = entry.id;
-        item.url = entry.url;
+        item.id = std::move(entry.id);
         item.name = QString::fromStdString(entry.url.filename().string());
+        item.url = std::move(entry.url);
         item.size = entry.size;
         item.mediaType = entry.mediaType;
         const int row = static_cast<int>(items_.size());
         beginInsertRows({}, row, row);
-        items_.push_back(item);
+        rowById_.insert(item.id, items_.size());
+        items_.push_back(std::move(item));
         endInsertRows();
-        thumbnails_->request(item.id, item.url, pixelSize);
+        const Item& appended = items_.back();
+        thumbnails_->request(appended.id, appended.url, pixelSize);
     }
+    if (next < planned->size()) {
+        QTimer::singleShot(0, this, [this, planned = std::move(planned), next]() mutable {
+            appendPlanned(std::move(planned), next);
+        });
+        return;
+    }
+    emit addFinished();
+    planNext();
 }
 
 void TransferQueue::remove(const std::set<QString>& ids) {
+    bool removed = false;
     for (std::size_t row = items_.size(); row-- > 0;) {
         if (ids.count(items_[row].id) != 0) {
             thumbnails_->cancel(items_[row].id);
             beginRemoveRows({}, static_cast<int>(row), static_cast<int>(row));
             items_.erase(items_.begin() + static_cast<std::ptrdiff_t>(row));
+            removed = true;
             endRemoveRows();
         }
+    }
+    if (removed) {
+        reindex();
+    }
+}
+
+void TransferQueue::reindex() {
+    rowById_.clear();
+    for (std::size_t row = 0; row < items_.size(); ++row) {
+        rowById_.insert(items_[row].id, row);
     }
 }
 
@@ -196,6 +234,7 @@ void TransferQueue::clear() {
     thumbnails_->cancelAll();
     beginResetModel();
     items_.clear();
+    rowById_.clear();
     endResetModel();
 }
 
@@ -241,13 +280,16 @@ void TransferQueue::revertSending() {
 }
 
 void TransferQueue::applyThumbnail(const QString& id, const QImage& image) {
-    const auto found = std::find_if(items_.begin(), items_.end(),
-                                    [&id](const Item& item) { return item.id == id; });
-    if (found == items_.end()) {
+    // By id through the index: thumbnails of a big drop arrive by the
+    // thousand, and a scan of the queue for each would stall the window.
+    const auto found = rowById_.constFind(id);
+    if (found == rowById_.constEnd() || found.value() >= items_.size() ||
+        items_[found.value()].id != id) {
         return;
     }
-    found->thumbnail = image;
-    const QModelIndex changed = index(static_cast<int>(found - items_.begin()));
+    const std::size_t row = found.value();
+    items_[row].thumbnail = image;
+    const QModelIndex changed = index(static_cast<int>(row));
     emit dataChanged(changed, changed, {Qt::DecorationRole, ThumbnailRole});
 }
 

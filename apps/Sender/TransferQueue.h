@@ -3,6 +3,7 @@
 #include "KestrelvaneKit/wire/MediaType.h"
 
 #include <QAbstractListModel>
+#include <QHash>
 #include <QImage>
 #include <QString>
 
@@ -76,8 +77,9 @@ public:
 
     /// Adds the photos and videos among `urls` (folders expanded) that are not
     /// queued yet. Returns at once: the drop is planned on a worker and its
-    /// items are appended here one by one; drops are planned one after the
-    /// other, so a later drop sees everything an earlier one added.
+    /// items are appended here one by one, a few milliseconds' worth per turn
+    /// of the event loop; drops are planned one after the other, so a later
+    /// drop sees everything an earlier one added.
     void add(const std::vector<std::filesystem::path>& urls);
     /// Whether a drop is still being planned.
     bool isPlanning() const noexcept { return planning_; }
@@ -110,13 +112,19 @@ private:
         MediaType mediaType = MediaType::photo;
     };
 
+    /// Appending a drop yields to the event loop after this long.
+    static constexpr int appendSliceMilliseconds = 5;
+
     void planNext();
-    void appendPlanned(const std::vector<Planned>& planned);
+    /// Appends `planned` from `from` on; calls itself again later for the rest.
+    void appendPlanned(std::shared_ptr<std::vector<Planned>> planned, std::size_t from);
     void changeStatus(std::size_t row, const Status& status);
+    void reindex();
     static std::vector<Planned> plan(const std::vector<std::filesystem::path>& adding,
                                      const std::vector<std::filesystem::path>& queued);
 
     std::vector<Item> items_;
+    QHash<QString, std::size_t> rowById_; // the row of each item's id
     std::deque<std::vector<std::filesystem::path>> pendingDrops_;
     bool planning_ = false;
     std::unique_ptr<BackgroundWork> planner_; // one thread: drops are planned in order

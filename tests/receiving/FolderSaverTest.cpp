@@ -160,5 +160,71 @@ TEST(FolderSaver, ReportsTheSystemsMessageWhenTheFolderIsUnusable) {
     EXPECT_FALSE(fs::exists(file));
 }
 
+TEST(FolderSaver, AFastRunOfFilesIsSavedAndReportedInTheOrderItCame) {
+    TemporaryFolder temporary;
+    TemporaryFolder destination;
+    FolderSaver saver(destination.path());
+    saver.begin(SessionHeader{});
+    // Enqueued back to back, so most of them wait and are saved as groups,
+    // more than fit in one.
+    const int count = static_cast<int>(FolderSaver::maxGroupFiles) + 60;
+    std::vector<BatchOutcome> expected;
+    for (int i = 0; i < count; ++i) {
+        const std::string name =
+            i == 30 ? "../escape.jpg" : "IMG_" + std::to_string(i % 20) + ".jpg";
+        saver.enqueue(received(temporary.path(), "photo " + std::to_string(i)),
+                      FileHeader{.name = name});
+        expected.push_back(i == 30
+                               ? BatchOutcome{name, Ack::Status::error, "refused unsafe file name"}
+                               : BatchOutcome{.name = name});
+    }
+    std::vector<BatchOutcome> outcomes;
+    for (std::size_t i = 0; i < expected.size(); ++i) {
+        outcomes.push_back(saver.outcomes().next().value());
+    }
+    EXPECT_EQ(outcomes, expected);
+    // Reported means saved: each name holds the bytes of the file that took it.
+    EXPECT_EQ(readText(destination.path() / "IMG_7.jpg"), "photo 7");
+    EXPECT_EQ(readText(destination.path() / "IMG_7 (1).jpg"), "photo 27");
+    EXPECT_EQ(readText(destination.path() / "IMG_7 (2).jpg"), "photo 47");
+    EXPECT_EQ(destination.fileNames().size(), static_cast<std::size_t>(count - 1));
+    EXPECT_TRUE(temporary.fileNames().empty());
+}
+
+TEST(FolderSaver, FlushSavesWhatIsStillWaitingBeforeTheOutcomesEnd) {
+    TemporaryFolder temporary;
+    TemporaryFolder destination;
+    FolderSaver saver(destination.path());
+    saver.begin(SessionHeader{.albumName = "Late"});
+    for (int i = 0; i < 10; ++i) {
+        saver.enqueue(received(temporary.path(), "x"), FileHeader{.name = std::to_string(i)});
+    }
+    saver.flushAndDrain();
+    int reported = 0;
+    while (const auto outcome = saver.outcomes().next()) {
+        EXPECT_EQ(outcome->name, std::to_string(reported));
+        EXPECT_EQ(outcome->status, Ack::Status::ok);
+        ++reported;
+    }
+    EXPECT_EQ(reported, 10);
+    EXPECT_EQ(destination.fileNames(), std::vector<std::string>{"Late"});
+    EXPECT_EQ(std::distance(fs::directory_iterator(destination.path() / "Late"),
+                            fs::directory_iterator()),
+              10);
+    EXPECT_TRUE(temporary.fileNames().empty());
+}
+
+TEST(FolderSaver, ASaverDroppedWithoutAFlushStillSavesWhatItWasGiven) {
+    TemporaryFolder temporary;
+    TemporaryFolder destination;
+    {
+        FolderSaver saver(destination.path());
+        saver.begin(SessionHeader{});
+        saver.enqueue(received(temporary.path(), "kept"), FileHeader{.name = "a.jpg"});
+    }
+    EXPECT_EQ(readText(destination.path() / "a.jpg"), "kept");
+    EXPECT_TRUE(temporary.fileNames().empty());
+}
+
 } // namespace
 } // namespace kestrelvane

@@ -8,6 +8,8 @@
 #include <cerrno>
 #include <chrono>
 #include <fcntl.h>
+#include <iterator>
+#include <memory>
 #include <stdio.h>
 #include <sys/stat.h>
 #include <system_error>
@@ -162,7 +164,12 @@ void setModificationTime(const fs::path& file, Timestamp time) {
 
 } // namespace
 
-FolderSaver::FolderSaver(fs::path root) : root_(std::move(root)) {
+FolderSaver::FolderSaver(fs::path root)
+    : root_(std::move(root)), saver_([this] { saveWaiting(); }) {
+}
+
+FolderSaver::~FolderSaver() {
+    stopSaving();
 }
 
 bool FolderSaver::isSafeComponent(const std::string& name) {
@@ -176,65 +183,98 @@ void FolderSaver::begin(const SessionHeader& session) {
 }
 
 void FolderSaver::enqueue(const fs::path& file, const FileHeader& header) {
-    BatchOutcome outcome{.name = header.name};
-    try {
-        if (albumRefused_) {
-            throw std::runtime_error("refused unsafe album name");
+    {
+        const std::lock_guard lock(mutex_);
+        if (!stopping_) {
+            waiting_.push_back({file, header});
+            changed_.notify_one();
+            return;
         }
-        if (!isSafeComponent(header.name)) {
-            throw std::runtime_error("refused unsafe file name");
-        }
-        save(file, header);
-    } catch (const std::system_error& error) {
-        outcome.status = Ack::Status::error;
-        outcome.message = error.code().message();
-    } catch (const std::exception& error) {
-        outcome.status = Ack::Status::error;
-        outcome.message = error.what();
     }
-    std::error_code ignored;
-    fs::remove(file, ignored); // gone already when it was moved
-    outcomes_.publish(std::move(outcome));
+    // After the session's flush there is no saving thread; the file still
+    // gets its outcome (which a finished queue drops).
+    std::vector<Waiting> group{{file, header}};
+    saveGroup(group);
 }
 
-fs::path FolderSaver::save(const fs::path& file, const FileHeader& header) {
-    fs::path folder = root_;
-    if (album_) {
-        folder /= *album_;
-        std::error_code error;
-        if (fs::create_directory(folder, error)) {
-            syncFolder(root_);
-        } else if (error) {
-            throw std::system_error(error, "cannot create " + folder.string());
-        }
-    }
+void FolderSaver::flushAndDrain() {
+    stopSaving();
+    outcomes_.finish();
+}
 
-    // Everything that can fail happens before the file takes its final name.
-    fs::path staged = file;
+void FolderSaver::stopSaving() {
+    {
+        const std::lock_guard lock(mutex_);
+        stopping_ = true;
+    }
+    changed_.notify_all();
+    if (saver_.joinable()) {
+        saver_.join();
+    }
+}
+
+// Files that arrive while a group is being flushed wait and form the next
+// group, so the groups grow with the rate files come in.
+void FolderSaver::saveWaiting() {
+    while (true) {
+        std::vector<Waiting> group;
+        {
+            std::unique_lock lock(mutex_);
+            changed_.wait(lock, [this] { return !waiting_.empty() || stopping_; });
+            if (waiting_.empty()) {
+                return;
+            }
+            if (waiting_.size() <= maxGroupFiles) {
+                group.swap(waiting_);
+            } else {
+                const auto end = waiting_.begin() + static_cast<std::ptrdiff_t>(maxGroupFiles);
+                group.assign(std::make_move_iterator(waiting_.begin()),
+                             std::make_move_iterator(end));
+                waiting_.erase(waiting_.begin(), end);
+            }
+        }
+        saveGroup(group);
+    }
+}
+
+namespace {
+
+void fail(BatchOutcome& outcome) {
+    outcome.status = Ack::Status::error;
+    try {
+        throw;
+    } catch (const std::system_error& error) {
+        outcome.message = error.code().message();
+    } catch (const std::exception& error) {
+        outcome.message = error.what();
+    } catch (...) {
+        outcome.message = "unknown error";
+    }
+}
+
+bool failed(const BatchOutcome& outcome) {
+    return outcome.status == Ack::Status::error;
+}
+
+/// Gives `staged` the first free name for `name` in `folder`, never replacing
+/// a file; across file systems it is copied in (durably) under a hidden name
+/// first. Returns the name it got.
+fs::path place(const fs::path& staged, const fs::path& folder, const FileHeader& header) {
+    fs::path from = staged;
     bool copied = false;
-    // The temporary file is private to this user; a saved photo is not.
-    if (::chmod(file.c_str(), 0644) != 0) {
-        throwErrno("cannot set the mode of " + file.string());
-    }
-    if (header.creationDate) {
-        setModificationTime(file, *header.creationDate);
-    }
-    syncPath(file, O_RDONLY);
     try {
         for (int attempt = 0; attempt < maxNameAttempts; ++attempt) {
             const fs::path target = candidate(folder, header.name, attempt);
-            const int error = renameNoReplace(staged, target);
+            const int error = renameNoReplace(from, target);
             if (error == 0) {
-                syncFolder(folder);
                 return target;
             }
             if (error == EXDEV && !copied) {
-                // Another file system: copy in under a hidden name, then rename.
-                staged = folder / hiddenPartialName(header.name);
-                copyDurably(file, staged);
+                from = folder / hiddenPartialName(header.name);
+                copyDurably(staged, from);
                 copied = true;
                 if (header.creationDate) {
-                    setModificationTime(staged, *header.creationDate);
+                    setModificationTime(from, *header.creationDate);
                 }
                 --attempt;
                 continue;
@@ -260,14 +300,106 @@ fs::path FolderSaver::save(const fs::path& file, const FileHeader& header) {
     } catch (...) {
         if (copied) {
             std::error_code ignored;
-            fs::remove(staged, ignored);
+            fs::remove(from, ignored);
         }
         throw;
     }
 }
 
-void FolderSaver::flushAndDrain() {
-    outcomes_.finish();
+} // namespace
+
+// A file's final name appears only once its data is durable, and its outcome
+// is published only once that name is durable too: a crash at any point
+// leaves each file either whole under its name or absent and unacknowledged.
+void FolderSaver::saveGroup(std::vector<Waiting>& group) {
+    std::vector<BatchOutcome> outcomes;
+    outcomes.reserve(group.size());
+    for (const Waiting& waiting : group) {
+        outcomes.push_back(BatchOutcome{.name = waiting.header.name});
+    }
+
+    fs::path folder = root_;
+    if (album_) {
+        folder /= *album_;
+    }
+    bool folderReady = false;
+
+    // Mode, date, and writeback started for every file before any is waited on.
+    std::vector<std::unique_ptr<Descriptor>> open(group.size());
+    for (std::size_t i = 0; i < group.size(); ++i) {
+        const Waiting& waiting = group[i];
+        try {
+            if (albumRefused_) {
+                throw std::runtime_error("refused unsafe album name");
+            }
+            if (!isSafeComponent(waiting.header.name)) {
+                throw std::runtime_error("refused unsafe file name");
+            }
+            if (album_ && !folderReady) {
+                std::error_code error;
+                if (fs::create_directory(folder, error)) {
+                    syncFolder(root_);
+                } else if (error) {
+                    throw std::system_error(error, "cannot create " + folder.string());
+                }
+            }
+            folderReady = true;
+            // The temporary file is private to this user; a saved photo is not.
+            if (::chmod(waiting.file.c_str(), 0644) != 0) {
+                throwErrno("cannot set the mode of " + waiting.file.string());
+            }
+            if (waiting.header.creationDate) {
+                setModificationTime(waiting.file, *waiting.header.creationDate);
+            }
+            open[i] =
+                std::make_unique<Descriptor>(::open(waiting.file.c_str(), O_RDONLY | O_CLOEXEC));
+            if (open[i]->get() < 0) {
+                throwErrno("cannot sync " + waiting.file.string());
+            }
+            ::sync_file_range(open[i]->get(), 0, 0, SYNC_FILE_RANGE_WRITE);
+        } catch (...) {
+            fail(outcomes[i]);
+        }
+    }
+    for (std::size_t i = 0; i < group.size(); ++i) {
+        if (!failed(outcomes[i]) && ::fsync(open[i]->get()) != 0) {
+            outcomes[i].status = Ack::Status::error;
+            outcomes[i].message =
+                std::system_error(errno, std::generic_category()).code().message();
+        }
+        open[i].reset();
+    }
+
+    bool placedAny = false;
+    for (std::size_t i = 0; i < group.size(); ++i) {
+        if (failed(outcomes[i])) {
+            continue;
+        }
+        try {
+            place(group[i].file, folder, group[i].header);
+            placedAny = true;
+        } catch (...) {
+            fail(outcomes[i]);
+        }
+    }
+    if (placedAny) {
+        try {
+            syncFolder(folder);
+        } catch (...) {
+            // Named but not durably: none of them may be reported saved.
+            for (BatchOutcome& outcome : outcomes) {
+                if (!failed(outcome)) {
+                    fail(outcome);
+                }
+            }
+        }
+    }
+
+    for (std::size_t i = 0; i < group.size(); ++i) {
+        std::error_code ignored;
+        fs::remove(group[i].file, ignored); // gone already when it was moved
+        outcomes_.publish(std::move(outcomes[i]));
+    }
 }
 
 } // namespace kestrelvane

@@ -2,10 +2,13 @@
 
 #include "KestrelvaneKit/receiving/BatchSaving.h"
 
+#include <condition_variable>
 #include <filesystem>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <thread>
+#include <vector>
 
 namespace kestrelvane {
 
@@ -20,9 +23,17 @@ namespace kestrelvane {
 /// before it is reported saved. It appears in the folder whole or not at all:
 /// across file systems it is copied under a hidden partial name first. Names
 /// and albums that could reach outside `root` are refused with an error outcome.
+///
+/// Saving runs on a thread of its own, so enqueue() returns at once. That
+/// thread takes every file waiting at the time as one group: syncs their data,
+/// gives them their names, syncs each folder once and only then reports the
+/// group, in the order the files came. A flush per group instead of per file
+/// is what lets many small photos land at the rate they arrive.
 class FolderSaver final : public BatchSaving {
 public:
     explicit FolderSaver(std::filesystem::path root);
+    /// Saves what is still waiting and joins the saving thread.
+    ~FolderSaver() override;
 
     void begin(const SessionHeader& session) override;
     void enqueue(const std::filesystem::path& file, const FileHeader& header) override;
@@ -33,14 +44,30 @@ public:
     /// or "..", no "/" and no NUL.
     static bool isSafeComponent(const std::string& name);
 
+    /// A group holds one open descriptor per file, so it is kept well under
+    /// the usual limit of 1,024; a longer line is saved in several groups.
+    static constexpr std::size_t maxGroupFiles = 256;
+
 private:
-    /// Saves `file` and returns where it went; throws std::system_error.
-    std::filesystem::path save(const std::filesystem::path& file, const FileHeader& header);
+    struct Waiting {
+        std::filesystem::path file;
+        FileHeader header;
+    };
+
+    void saveWaiting();
+    void saveGroup(std::vector<Waiting>& group);
+    void stopSaving();
 
     const std::filesystem::path root_;
-    std::optional<std::string> album_;
+    std::optional<std::string> album_; // set by begin(), before the first enqueue
     bool albumRefused_ = false;
     AsyncQueue<BatchOutcome> outcomes_;
+
+    std::mutex mutex_; // guards the three below
+    std::condition_variable changed_;
+    std::vector<Waiting> waiting_;
+    bool stopping_ = false;
+    std::thread saver_; // last: started once everything above exists
 };
 
 } // namespace kestrelvane

@@ -3,12 +3,16 @@
 #include "KestrelvaneKit/intake/Checksum.h"
 #include "KestrelvaneKit/intake/ExifReader.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <fcntl.h>
+#include <mutex>
 #include <sys/stat.h>
 #include <system_error>
 #include <unistd.h>
 #include <utility>
+#include <vector>
 
 namespace kestrelvane {
 namespace {
@@ -40,7 +44,46 @@ std::size_t readAt(int fd, std::uint8_t* into, std::size_t count, std::uint64_t 
     return done;
 }
 
+/// A few buffers of the sizes photos come in; larger ones are not kept, so
+/// what the pool holds stays small next to the sending window.
+std::mutex poolMutex;
+std::vector<std::pair<std::unique_ptr<std::uint8_t[]>, std::size_t>> pool;
+constexpr std::size_t pooledBuffers = 4;
+constexpr std::size_t largestPooledBytes = 8u << 20;
+
 } // namespace
+
+PreparedFile::Buffer PreparedFile::Buffer::take(std::size_t atLeast) {
+    {
+        const std::lock_guard lock(poolMutex);
+        for (auto entry = pool.begin(); entry != pool.end(); ++entry) {
+            if (entry->second >= atLeast) {
+                Buffer buffer{std::move(entry->first), entry->second};
+                pool.erase(entry);
+                return buffer;
+            }
+        }
+    }
+    return Buffer{std::make_unique_for_overwrite<std::uint8_t[]>(atLeast), atLeast};
+}
+
+void PreparedFile::Buffer::giveBack(Buffer buffer) {
+    if (!buffer.bytes || buffer.capacity > largestPooledBytes) {
+        return;
+    }
+    const std::lock_guard lock(poolMutex);
+    if (pool.size() < pooledBuffers) {
+        pool.emplace_back(std::move(buffer.bytes), buffer.capacity);
+    } else {
+        // Keep the larger buffers: they fit more of the files to come.
+        auto smallest =
+            std::min_element(pool.begin(), pool.end(),
+                             [](const auto& a, const auto& b) { return a.second < b.second; });
+        if (smallest->second < buffer.capacity) {
+            *smallest = {std::move(buffer.bytes), buffer.capacity};
+        }
+    }
+}
 
 PreparedFile PreparedFile::prepare(const fs::path& path, MediaType type, std::stop_token stop) {
     PreparedFile file;
@@ -64,20 +107,22 @@ PreparedFile PreparedFile::prepare(const fs::path& path, MediaType type, std::st
     if (static_cast<std::uint64_t>(status.st_size) <= wholeReadLimit) {
         // Read to the end, not to the size seen a moment ago: what is sent is
         // what was read and hashed.
-        file.data_.resize(static_cast<std::size_t>(status.st_size) + 1);
+        file.data_ = Buffer::take(static_cast<std::size_t>(status.st_size) + 1);
         while (true) {
-            const std::size_t got =
-                readAt(file.fd_, file.data_.data() + count, file.data_.size() - count, count, path);
+            const std::size_t got = readAt(file.fd_, file.data_.bytes.get() + count,
+                                           file.data_.capacity - count, count, path);
             count += got;
-            if (count < file.data_.size()) {
+            if (count < file.data_.capacity) {
                 break;
             }
-            file.data_.resize(file.data_.size() * 2);
+            Buffer larger = Buffer::take(file.data_.capacity * 2);
+            std::memcpy(larger.bytes.get(), file.data_.bytes.get(), count);
+            Buffer::giveBack(std::exchange(file.data_, std::move(larger)));
         }
-        file.data_.resize(static_cast<std::size_t>(count));
+        file.size_ = static_cast<std::size_t>(count);
         ::close(file.fd_);
         file.fd_ = -1;
-        file.header_.sha256 = Checksum::sha256Hex(file.data_);
+        file.header_.sha256 = Checksum::sha256Hex(ByteView(file.data_.bytes.get(), file.size_));
     } else {
         Sha256Hasher hasher;
         Bytes chunk(streamChunkBytes);
@@ -102,7 +147,8 @@ PreparedFile PreparedFile::prepare(const fs::path& path, MediaType type, std::st
 
 PreparedFile::PreparedFile(PreparedFile&& other) noexcept
     : path_(std::move(other.path_)), header_(std::move(other.header_)),
-      data_(std::move(other.data_)), fd_(std::exchange(other.fd_, -1)) {
+      data_(std::move(other.data_)), size_(std::exchange(other.size_, 0)),
+      fd_(std::exchange(other.fd_, -1)) {
 }
 
 PreparedFile& PreparedFile::operator=(PreparedFile&& other) noexcept {
@@ -112,13 +158,15 @@ PreparedFile& PreparedFile::operator=(PreparedFile&& other) noexcept {
         }
         path_ = std::move(other.path_);
         header_ = std::move(other.header_);
-        data_ = std::move(other.data_);
+        Buffer::giveBack(std::exchange(data_, std::move(other.data_)));
+        size_ = std::exchange(other.size_, 0);
         fd_ = std::exchange(other.fd_, -1);
     }
     return *this;
 }
 
 PreparedFile::~PreparedFile() {
+    Buffer::giveBack(std::move(data_));
     if (fd_ >= 0) {
         ::close(fd_);
     }
@@ -126,7 +174,7 @@ PreparedFile::~PreparedFile() {
 
 void PreparedFile::writeBytes(FrameChannel& channel) {
     if (fd_ < 0) {
-        channel.sendRaw(data_);
+        channel.sendRaw(ByteView(data_.bytes.get(), size_));
         return;
     }
     Bytes chunk(streamChunkBytes);

@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <memory>
 #include <stop_token>
 
 namespace kestrelvane {
@@ -43,10 +44,23 @@ public:
 private:
     PreparedFile() = default;
 
+    /// Memory for a file read whole, uninitialised until read into. Buffers
+    /// go back to a small pool when done with, so that a batch of photos
+    /// reuses a few buffers instead of having fresh memory zeroed and mapped
+    /// for every file.
+    struct Buffer {
+        std::unique_ptr<std::uint8_t[]> bytes;
+        std::size_t capacity = 0;
+
+        static Buffer take(std::size_t atLeast);
+        static void giveBack(Buffer buffer);
+    };
+
     std::filesystem::path path_;
     FileHeader header_;
-    Bytes data_;  // whole contents, for files read into memory
-    int fd_ = -1; // open descriptor, for files streamed while sending
+    Buffer data_;          // whole contents, for files read into memory
+    std::size_t size_ = 0; // of them
+    int fd_ = -1;          // open descriptor, for files streamed while sending
 };
 
 } // namespace kestrelvane

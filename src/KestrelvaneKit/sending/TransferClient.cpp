@@ -7,6 +7,8 @@
 #include "KestrelvaneKit/wire/UnicodeText.h"
 #include "KestrelvaneKit/wire/WireMessage.h"
 
+#include <algorithm>
+#include <condition_variable>
 #include <future>
 #include <map>
 #include <memory>
@@ -19,6 +21,14 @@ namespace kestrelvane {
 namespace {
 
 namespace fs = std::filesystem;
+
+/// Canonical composition changes nothing in plain ASCII, which most camera
+/// file names are; only other names pay for the normaliser.
+std::string canonical(const std::string& name) {
+    const bool ascii = std::all_of(name.begin(), name.end(),
+                                   [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+    return ascii ? name : UnicodeText::nfc(name);
+}
 
 struct BatchEntry {
     fs::path path;
@@ -41,14 +51,14 @@ public:
                 std::error_code error;
                 const auto size = fs::file_size(entry.path, error);
                 if (!error) {
-                    (*byteByName_)[UnicodeText::nfc(entry.path.filename().string())] = size;
+                    (*byteByName_)[canonical(entry.path.filename().string())] = size;
                 }
             }
         }
         acks_.push_back(ack);
         // Names match under canonical equivalence, as the receiver may have
         // normalised the name it echoes.
-        const auto found = byteByName_->find(UnicodeText::nfc(ack.name));
+        const auto found = byteByName_->find(canonical(ack.name));
         return found == byteByName_->end() ? 0 : found->second;
     }
 
@@ -78,30 +88,60 @@ std::uint64_t sizeOnDisk(const std::vector<BatchEntry>& batch) {
     return total;
 }
 
-/// One file being read and hashed on its own thread while the file before it
-/// is on the wire. Dropping it abandons the work: a large file's hashing stops
-/// at its next piece, and the thread is joined.
-class Preparation {
+/// Reads and hashes the next file on a thread of its own while the file
+/// before it is on the wire; one thread for the whole send, since starting a
+/// thread per file costs as much as preparing a photo. Dropping it abandons
+/// the work: a large file's hashing stops at its next piece, and the thread
+/// is joined.
+class Preparer {
 public:
-    Preparation(fs::path path, MediaType type)
-        : result_(promise_.get_future()),
-          thread_([this, path = std::move(path), type](std::stop_token stop) {
-              try {
-                  promise_.set_value(PreparedFile::prepare(path, type, stop));
-              } catch (...) {
-                  promise_.set_exception(std::current_exception());
-              }
-          }) {}
-    ~Preparation() { thread_.request_stop(); }
-    Preparation(const Preparation&) = delete;
-    Preparation& operator=(const Preparation&) = delete;
+    Preparer() : thread_([this](std::stop_token stop) { prepareRequests(stop); }) {}
+    ~Preparer() { thread_.request_stop(); }
+    Preparer(const Preparer&) = delete;
+    Preparer& operator=(const Preparer&) = delete;
 
-    PreparedFile take() { return result_.get(); }
+    /// Starts preparing `path`; one request at a time, taken before the next.
+    std::future<PreparedFile> start(fs::path path, MediaType type) {
+        Request request{std::move(path), type, {}};
+        std::future<PreparedFile> result = request.promise.get_future();
+        {
+            const std::lock_guard lock(mutex_);
+            waiting_ = std::move(request);
+        }
+        changed_.notify_one();
+        return result;
+    }
 
 private:
-    std::promise<PreparedFile> promise_;
-    std::future<PreparedFile> result_;
-    std::jthread thread_; // last: stopped and joined before the promise goes
+    struct Request {
+        fs::path path;
+        MediaType type;
+        std::promise<PreparedFile> promise;
+    };
+
+    void prepareRequests(std::stop_token stop) {
+        while (true) {
+            Request request;
+            {
+                std::unique_lock lock(mutex_);
+                if (!changed_.wait(lock, stop, [this] { return waiting_.has_value(); })) {
+                    return;
+                }
+                request = std::move(*waiting_);
+                waiting_.reset();
+            }
+            try {
+                request.promise.set_value(PreparedFile::prepare(request.path, request.type, stop));
+            } catch (...) {
+                request.promise.set_exception(std::current_exception());
+            }
+        }
+    }
+
+    std::mutex mutex_; // guards waiting_
+    std::condition_variable_any changed_;
+    std::optional<Request> waiting_;
+    std::jthread thread_; // last: stopped and joined before the rest goes
 };
 
 /// The first error of either thread; the one that comes second is dropped.
@@ -172,14 +212,14 @@ std::vector<Ack> TransferClient::send(const std::vector<fs::path>& files, FrameC
     std::jthread writer([&] {
         // Outside the try, so that on a failure the other side is woken
         // before the preparation ahead is abandoned and joined.
-        std::unique_ptr<Preparation> next;
+        std::unique_ptr<Preparer> preparer;
         try {
-            next = std::make_unique<Preparation>(batch[0].path, batch[0].type);
+            preparer = std::make_unique<Preparer>();
+            std::future<PreparedFile> next = preparer->start(batch[0].path, batch[0].type);
             for (std::size_t i = 0; i < batch.size(); ++i) {
-                PreparedFile current = next->take();
-                next.reset();
+                PreparedFile current = next.get();
                 if (i + 1 < batch.size()) {
-                    next = std::make_unique<Preparation>(batch[i + 1].path, batch[i + 1].type);
+                    next = preparer->start(batch[i + 1].path, batch[i + 1].type);
                 }
                 const std::uint64_t byteCount = current.header().byteCount;
                 window.reserve(byteCount);
