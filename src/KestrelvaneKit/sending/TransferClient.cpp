@@ -8,6 +8,7 @@
 #include "KestrelvaneKit/wire/WireMessage.h"
 
 #include <algorithm>
+#include <atomic>
 #include <condition_variable>
 #include <future>
 #include <map>
@@ -208,6 +209,10 @@ std::vector<Ack> TransferClient::send(const std::vector<fs::path>& files, FrameC
         window.cancelWaiting();
         over.cancel();
     };
+    // Why the acknowledgements ended early, once they have: the writer's
+    // failure is then only this side's own cancel, and this is the cause.
+    std::exception_ptr acksEnded;
+    std::atomic<bool> acksEndedEarly{false};
 
     std::jthread writer([&] {
         // Outside the try, so that on a failure the other side is woken
@@ -238,7 +243,8 @@ std::vector<Ack> TransferClient::send(const std::vector<fs::path>& files, FrameC
                     KVLog::Lines::sent(current.header().name, byteCount, t1 - t0, depth));
             }
         } catch (...) {
-            tearDown(std::current_exception());
+            tearDown(acksEndedEarly.load(std::memory_order_acquire) ? acksEnded
+                                                                    : std::current_exception());
         }
     });
 
@@ -254,6 +260,8 @@ std::vector<Ack> TransferClient::send(const std::vector<fs::path>& files, FrameC
                 // A receiver that has hung up reads nothing more either: a
                 // write still under way would wait for ever on a full socket.
                 // A writer that has finished is not affected.
+                acksEnded = std::current_exception();
+                acksEndedEarly.store(true, std::memory_order_release);
                 over.cancel();
                 break;
             }
