@@ -87,9 +87,15 @@ TEST(TcpListener, RunningOutOfDescriptorsMakesAcceptWaitNotFail) {
     address.sin_family = AF_INET;
     address.sin_port = htons(listener.port());
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    // Started first: while descriptors are short, even a sanitizer's runtime
-    // cannot work, so nothing but the accept itself runs then.
-    auto accepting = std::async(std::launch::async, [&] { return listener.accept(); });
+    // Running first: while descriptors are short, even a sanitizer's runtime
+    // cannot work (its checks on a thread's start among them), so nothing but
+    // the accept itself may run then.
+    std::promise<void> running;
+    auto accepting = std::async(std::launch::async, [&] {
+        running.set_value();
+        return listener.accept();
+    });
+    running.get_future().wait();
     rlimit original{};
     ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &original), 0);
     // Every descriptor up to a low limit taken, so that accept() meets EMFILE.
