@@ -128,9 +128,9 @@ TEST_F(PrivateNetwork, ConnectionWaitsWhileTheNetworkIsUnreachableUntilCancelled
 }
 
 TEST_F(PrivateNetwork, WaitingCarriesTheUnreachableError) {
-    TcpConnection connection("192.0.2.1", 9876);
     std::promise<TcpConnection::Error> waiting;
-    bool seen = false;
+    bool seen = false; // outlive the connection and its thread
+    TcpConnection connection("192.0.2.1", 9876);
     connection.setStateHandler([&](TcpConnection::State state, const TcpConnection::Error& error) {
         if (state == TcpConnection::State::waiting && !seen) {
             seen = true;

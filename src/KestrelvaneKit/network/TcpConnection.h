@@ -24,8 +24,10 @@ namespace kestrelvane {
 /// failed or — while the network is unreachable, retrying once a second —
 /// waiting. cancel() may come at any time, also while connecting; it reports
 /// cancelled and wakes any thread blocked in send() or receive(). State
-/// reports reach the handler one at a time, in order, from whichever thread
-/// caused them; a handler may call setStateHandler() and cancel().
+/// reports reach the handler one at a time and in order, from the thread that
+/// caused them or, while another thread is delivering, from that thread (so a
+/// report may arrive after the call that caused it has returned); a handler
+/// may call setStateHandler() and cancel().
 ///
 /// Errors carry the failing call and errno, e.g. "connect() failed (111)";
 /// name lookup errors use resolverCategory(). With an idle timeout set, a
