@@ -1,13 +1,17 @@
 #include "KestrelvaneKit/receiving/FolderSaver.h"
 
 #include "KestrelvaneKit/intake/Checksum.h"
+#include "support/FileSizeLimit.h"
 #include "support/TemporaryFolder.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <fstream>
 #include <iterator>
+#include <optional>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace kestrelvane {
 namespace {
@@ -125,28 +129,68 @@ TEST(FolderSaver, RefusesNamesAndAlbumsThatCouldLeaveTheFolder) {
     EXPECT_EQ(outer.fileNames(), std::vector<std::string>{"inbox"});
 }
 
-TEST(FolderSaver, CopiesAcrossFileSystemsWithoutLeavingPartialFiles) {
-    // /dev/shm is a tmpfs; the test folders live on the temporary directory's file system.
-    TemporaryFolder destination;
+/// A received file on /dev/shm, or nothing when /dev/shm is on the same file
+/// system as `destination` (then nothing would be copied across).
+std::optional<fs::path> receivedOnAnotherFileSystem(const fs::path& destination,
+                                                    const std::string& contents) {
     struct stat shm {
     }, dest{};
-    if (::stat("/dev/shm", &shm) != 0 || ::stat(destination.path().c_str(), &dest) != 0 ||
+    if (::stat("/dev/shm", &shm) != 0 || ::stat(destination.c_str(), &dest) != 0 ||
         shm.st_dev == dest.st_dev) {
-        GTEST_SKIP() << "needs /dev/shm on a different file system from the temporary directory";
+        return std::nullopt;
     }
-    const fs::path file = "/dev/shm/kv-folder-saver-" + std::to_string(::getpid());
-    std::ofstream(file, std::ios::binary) << "across";
-    FolderSaver saver(destination.path());
-    saver.begin(SessionHeader{.albumName = "Album"});
-    EXPECT_EQ(saveOne(saver, file, FileHeader{.name = "IMG_2.heic"}).status, Ack::Status::ok);
-    EXPECT_FALSE(fs::exists(file));
-    EXPECT_EQ(readText(destination.path() / "Album" / "IMG_2.heic"), "across");
-    // No hidden partial file stays behind.
+    // Named by process: other test processes use /dev/shm at the same time.
+    const fs::path path = "/dev/shm/kv-folder-saver-" + std::to_string(::getpid());
+    std::ofstream(path, std::ios::binary) << contents;
+    return path;
+}
+
+std::vector<std::string> namesIn(const fs::path& folder) {
     std::vector<std::string> names;
-    for (const auto& entry : fs::directory_iterator(destination.path() / "Album")) {
+    for (const auto& entry : fs::directory_iterator(folder)) {
         names.push_back(entry.path().filename().string());
     }
-    EXPECT_EQ(names, std::vector<std::string>{"IMG_2.heic"});
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+constexpr const char* needsShm =
+    "needs /dev/shm on a different file system from the temporary directory";
+
+TEST(FolderSaver, CopiesAcrossFileSystemsWithoutLeavingPartialFiles) {
+    TemporaryFolder destination;
+    const auto file = receivedOnAnotherFileSystem(destination.path(), "across");
+    if (!file) {
+        GTEST_SKIP() << needsShm;
+    }
+    FolderSaver saver(destination.path());
+    saver.begin(SessionHeader{.albumName = "Album"});
+    EXPECT_EQ(saveOne(saver, *file, FileHeader{.name = "IMG_2.heic"}).status, Ack::Status::ok);
+    EXPECT_FALSE(fs::exists(*file));
+    EXPECT_EQ(readText(destination.path() / "Album" / "IMG_2.heic"), "across");
+    EXPECT_EQ(namesIn(destination.path() / "Album"), std::vector<std::string>{"IMG_2.heic"});
+}
+
+// The copy across file systems runs out of room half-way: the file is
+// reported failed with the system's message, and neither the partial copy
+// nor the received file stays behind.
+TEST(FolderSaver, ACopyAcrossFileSystemsThatDoesNotFitFailsAndLeavesNothingBehind) {
+    TemporaryFolder destination;
+    const auto file = receivedOnAnotherFileSystem(destination.path(), std::string(200'000, 'x'));
+    if (!file) {
+        GTEST_SKIP() << needsShm;
+    }
+    FolderSaver saver(destination.path());
+    saver.begin(SessionHeader{.albumName = "Album"});
+    BatchOutcome outcome;
+    {
+        const testing::FileSizeLimit limit(64 * 1024);
+        outcome = saveOne(saver, *file, FileHeader{.name = "IMG_3.heic"});
+    }
+    EXPECT_EQ(outcome.status, Ack::Status::error);
+    EXPECT_EQ(outcome.message, std::generic_category().message(EFBIG));
+    EXPECT_FALSE(fs::exists(*file));
+    EXPECT_TRUE(namesIn(destination.path() / "Album").empty());
 }
 
 TEST(FolderSaver, ReportsTheSystemsMessageWhenTheFolderIsUnusable) {

@@ -3,6 +3,7 @@
 #include "KestrelvaneKit/intake/Checksum.h"
 #include "KestrelvaneKit/wire/FrameCodec.h"
 #include "KestrelvaneKit/wire/WireMessage.h"
+#include "support/FileSizeLimit.h"
 #include "support/MemoryStream.h"
 #include "support/ScriptedStream.h"
 #include "support/TemporaryFolder.h"
@@ -14,6 +15,7 @@
 #include <iterator>
 #include <map>
 #include <mutex>
+#include <optional>
 
 namespace kestrelvane {
 namespace {
@@ -132,7 +134,8 @@ public:
     }
     void sendFrame(const Bytes& payload) { sender_.sendFrame(payload); }
     void sendRaw(const Bytes& bytes) { sender_.sendRaw(bytes); }
-    Ack receiveAck() { return WireMessage::decode<Ack>(sender_.receiveFrame()); }
+    Bytes receiveFrame() { return sender_.receiveFrame(); }
+    Ack receiveAck() { return WireMessage::decode<Ack>(receiveFrame()); }
 
     /// Ends the sender's side and waits (with a deadline) for run() to return.
     bool finishAndWait() {
@@ -326,22 +329,111 @@ TEST(TransferServer, FilesOfTheSameNameGetTheirOwnTemporaryFiles) {
     }
 }
 
+/// Sets TMPDIR for as long as it lives.
+class TmpdirSetting {
+public:
+    explicit TmpdirSetting(const fs::path& value) {
+        if (const char* previous = std::getenv("TMPDIR")) {
+            previous_ = previous;
+        }
+        ::setenv("TMPDIR", value.c_str(), 1);
+    }
+    ~TmpdirSetting() {
+        previous_ ? ::setenv("TMPDIR", previous_->c_str(), 1) : ::unsetenv("TMPDIR");
+    }
+    TmpdirSetting(const TmpdirSetting&) = delete;
+    TmpdirSetting& operator=(const TmpdirSetting&) = delete;
+
+private:
+    std::optional<std::string> previous_;
+};
+
 TEST(TransferServer, UsesTmpdirWhenNoFolderIsGiven) {
     TemporaryFolder temporary;
-    const char* previous = std::getenv("TMPDIR");
-    const std::string saved = previous ? previous : "";
-    ::setenv("TMPDIR", temporary.path().c_str(), 1);
+    const TmpdirSetting tmpdir(temporary.path());
     RecordingSaver saver;
-    {
-        ServerSession session(saver, {});
-        session.sendSession();
-        session.sendFile(headerFor("x.jpg", pattern(5, 1)), pattern(5, 1));
-        EXPECT_EQ(session.receiveAck(), okAck("x.jpg"));
-        ASSERT_TRUE(session.finishAndWait());
-    }
-    previous ? ::setenv("TMPDIR", saved.c_str(), 1) : ::unsetenv("TMPDIR");
+    ServerSession session(saver, {});
+    session.sendSession();
+    session.sendFile(headerFor("x.jpg", pattern(5, 1)), pattern(5, 1));
+    EXPECT_EQ(session.receiveAck(), okAck("x.jpg"));
+    ASSERT_TRUE(session.finishAndWait());
     ASSERT_EQ(saver.paths.size(), 1u);
     EXPECT_EQ(saver.paths[0].parent_path(), temporary.path());
+}
+
+TEST(TransferServer, WithoutAUsableTemporaryDirectoryAnswersCouldNotOpenTempFileAndEnds) {
+    TemporaryFolder temporary;
+    const fs::path notAFolder = temporary.path() / "plain-file";
+    std::ofstream(notAFolder) << "x";
+    const TmpdirSetting tmpdir(notAFolder);
+    RecordingSaver saver;
+    ServerSession session(saver, {});
+    session.sendSession();
+    try {
+        session.sendFile(headerFor("x.jpg", pattern(5, 1)), pattern(5, 1));
+        session.sendFile(headerFor("y.jpg", pattern(5, 2)), pattern(5, 2));
+    } catch (const StreamError&) {
+        // The server may close before the bytes behind the first header are written.
+    }
+    EXPECT_EQ(session.receiveAck(), errorAck("x.jpg", "could not open temp file"));
+    ASSERT_TRUE(session.finishAndWait());
+    EXPECT_TRUE(session.remainingAcks().empty());
+    EXPECT_TRUE(saver.paths.empty());
+}
+
+// A temporary file that cannot grow (a full disk) ends the session: the rest
+// of that file's bytes are still in the stream, and it is never acknowledged.
+TEST(TransferServer, AFullDiskMidFileEndsTheSessionAndLeavesNoTemporaryFile) {
+    TemporaryFolder temporary;
+    RecordingSaver saver;
+    ServerSession session(saver, temporary.path());
+    const Bytes fits = pattern(1000, 1);
+    const Bytes tooLarge = pattern(300'000, 2);
+    {
+        const testing::FileSizeLimit limit(64 * 1024);
+        session.sendSession();
+        session.sendFile(headerFor("fits.jpg", fits), fits);
+        EXPECT_EQ(session.receiveAck(), okAck("fits.jpg"));
+        try {
+            session.sendFile(headerFor("large.mov", tooLarge), tooLarge);
+            session.sendFile(headerFor("after.jpg", fits), fits);
+        } catch (const StreamError&) {
+        }
+        ASSERT_TRUE(session.finishAndWait());
+    }
+    EXPECT_TRUE(session.remainingAcks().empty());
+    ASSERT_EQ(saver.headers.size(), 1u);
+    EXPECT_EQ(saver.contents["fits.jpg"], fits);
+    EXPECT_TRUE(temporary.fileNames().empty());
+}
+
+// A message that cannot be put into JSON (not UTF-8) must not stop the
+// acknowledgements that follow it.
+TEST(TransferServer, AnAcknowledgementThatCannotBeEncodedGoesOutEmptyAndTheNextOnesFollow) {
+    TemporaryFolder temporary;
+    RecordingSaver saver;
+    saver.rejected["odd.jpg"] = "disk says \xff\xfe";
+    ServerSession session(saver, temporary.path());
+    session.sendSession();
+    const Bytes bytes = pattern(10, 4);
+    session.sendFile(headerFor("odd.jpg", bytes), bytes);
+    session.sendFile(headerFor("fine.jpg", bytes), bytes);
+    ASSERT_TRUE(session.finishAndWait());
+    const std::vector<Bytes> frames = [&] {
+        std::vector<Bytes> received;
+        try {
+            while (true) {
+                received.push_back(session.receiveFrame());
+            }
+        } catch (const StreamError&) {
+        }
+        return received;
+    }();
+    ASSERT_EQ(frames.size(), 2u);
+    EXPECT_TRUE(frames[0].empty());
+    EXPECT_EQ(WireMessage::decode<Ack>(frames[1]), okAck("fine.jpg"));
+    ASSERT_EQ(session.events().size(), 2u);
+    EXPECT_EQ(session.events()[0].ack.message, "disk says \xff\xfe");
 }
 
 // A scripted connection shows how far the server reads before it gives up.
