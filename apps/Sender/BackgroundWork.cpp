@@ -1,12 +1,15 @@
 #include "Sender/BackgroundWork.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <sys/resource.h>
+#include <unistd.h>
 
 namespace kestrelvane {
 
-BackgroundWork::BackgroundWork(int threads, QObject* parent) : QObject(parent) {
+BackgroundWork::BackgroundWork(int threads, Priority priority, QObject* parent) : QObject(parent) {
     for (int i = 0; i < threads; ++i) {
-        threads_.emplace_back([this] { work(); });
+        threads_.emplace_back([this, priority] { work(priority); });
     }
 }
 
@@ -51,7 +54,17 @@ bool BackgroundWork::waitForDone(std::chrono::milliseconds deadline) {
     return changed_.wait_for(lock, deadline, [this] { return jobs_.empty() && running_ == 0; });
 }
 
-void BackgroundWork::work() {
+void BackgroundWork::work(Priority priority) {
+    if (priority == Priority::low) {
+        // On Linux a thread's nice value is its own; processes it starts inherit it.
+        const auto self = static_cast<id_t>(::gettid());
+        errno = 0;
+        const int current = ::getpriority(PRIO_PROCESS, self);
+        if (errno == 0) {
+            // Failing leaves the thread at normal priority, which still works.
+            ::setpriority(PRIO_PROCESS, self, std::min(current + lowPriorityNiceness, 19));
+        }
+    }
     std::unique_lock lock(mutex_);
     while (true) {
         changed_.wait(lock, [this] { return stopping_ || !jobs_.empty(); });

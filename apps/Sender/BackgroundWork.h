@@ -21,8 +21,14 @@ namespace kestrelvane {
 class BackgroundWork : public QObject {
     Q_OBJECT
 public:
+    /// `low`: the workers run niced, so that work the user only glances at
+    /// (thumbnails) yields the cores to the window and to a send in progress.
+    enum class Priority { normal, low };
+    static constexpr int lowPriorityNiceness = 10;
+
     /// With no threads it only delivers.
-    explicit BackgroundWork(int threads, QObject* parent = nullptr);
+    explicit BackgroundWork(int threads, Priority priority = Priority::normal,
+                            QObject* parent = nullptr);
     /// Drops the jobs still waiting, waits for the running ones and joins
     /// every thread; deliveries not yet made are dropped.
     ~BackgroundWork() override;
@@ -43,7 +49,7 @@ public:
     void deliver(std::function<void()> work);
 
 private:
-    void work();
+    void work(Priority priority);
     void drain();
 
     std::mutex mutex_; // guards everything below

@@ -475,7 +475,7 @@ void ContentView::refresh() {
     const TransferQueue& queue = vm_.queue();
     const bool sending = vm_.isSending();
     const bool hasItems = !queue.items().empty();
-    const int unsent = static_cast<int>(queue.unsentItems().size());
+    const int unsent = queue.unsentCount();
 
     deviceStatus_->setText(deviceText(discovery_->state().kind));
     clearButton_->setEnabled(!sending && hasItems);

@@ -176,7 +176,7 @@ void SenderViewModel::finishSend(bool dropped, const OnFailure& onFailure) {
     if (bytesDone_ >= 1) {
         setStatsLine(summaryLine(bytesDone_, elapsedSeconds()));
     }
-    if (dropped && !queue_.unsentItems().empty() && onFailure) {
+    if (dropped && queue_.unsentCount() > 0 && onFailure) {
         onFailure();
     }
 }

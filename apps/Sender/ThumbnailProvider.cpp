@@ -164,7 +164,8 @@ QImage fromVideo(const std::filesystem::path& file, int pixelSize) {
 } // namespace
 
 ThumbnailProvider::ThumbnailProvider(int maxThreads, QObject* parent)
-    : QObject(parent), work_(std::make_unique<BackgroundWork>(std::max(1, maxThreads))) {
+    : QObject(parent), work_(std::make_unique<BackgroundWork>(std::max(1, maxThreads),
+                                                              BackgroundWork::Priority::low)) {
 }
 
 ThumbnailProvider::~ThumbnailProvider() {

@@ -17,7 +17,8 @@ class BackgroundWork;
 /// delivered on the owner's thread through thumbnailReady(). Requests wait in
 /// line for a free worker, so a folder of thousands of files decodes only a
 /// few at a time, and each decoder scales down while (or right after) it
-/// decodes, so no full-size image outlives its own request.
+/// decodes, so no full-size image outlives its own request. The workers run
+/// at low priority: the window and a send come first.
 class ThumbnailProvider : public QObject {
     Q_OBJECT
 public:

@@ -85,12 +85,6 @@ QString TransferQueue::statusName(Status::Kind kind) {
     return {};
 }
 
-int TransferQueue::savedCount() const {
-    return static_cast<int>(std::count_if(items_.begin(), items_.end(), [](const Item& item) {
-        return item.status.kind == Status::Kind::saved;
-    }));
-}
-
 std::vector<TransferQueue::Item> TransferQueue::unsentItems() const {
     std::vector<Item> unsent;
     std::copy_if(items_.begin(), items_.end(), std::back_inserter(unsent),
@@ -210,6 +204,9 @@ void TransferQueue::remove(const std::set<QString>& ids) {
         if (ids.count(items_[row].id) != 0) {
             thumbnails_->cancel(items_[row].id);
             beginRemoveRows({}, static_cast<int>(row), static_cast<int>(row));
+            if (items_[row].status.kind == Status::Kind::saved) {
+                --savedCount_;
+            }
             items_.erase(items_.begin() + static_cast<std::ptrdiff_t>(row));
             removed = true;
             endRemoveRows();
@@ -234,6 +231,7 @@ void TransferQueue::clear() {
     thumbnails_->cancelAll();
     beginResetModel();
     items_.clear();
+    savedCount_ = 0;
     rowById_.clear();
     endResetModel();
 }
@@ -249,6 +247,9 @@ std::vector<fs::path> TransferQueue::unsentURLs() const {
 }
 
 void TransferQueue::changeStatus(std::size_t row, const Status& status) {
+    const bool wasSaved = items_[row].status.kind == Status::Kind::saved;
+    const bool isSaved = status.kind == Status::Kind::saved;
+    savedCount_ += static_cast<int>(isSaved) - static_cast<int>(wasSaved);
     items_[row].status = status;
     const QModelIndex changed = index(static_cast<int>(row));
     emit dataChanged(changed, changed, {StatusRole, StatusMessageRole});

@@ -71,7 +71,10 @@ public:
     QHash<int, QByteArray> roleNames() const override;
 
     const std::vector<Item>& items() const noexcept { return items_; }
-    int savedCount() const;
+    /// Both kept up to date as items change, so that a window asking after
+    /// every change does not scan the queue each time.
+    int savedCount() const noexcept { return savedCount_; }
+    int unsentCount() const noexcept { return static_cast<int>(items_.size()) - savedCount_; }
     std::vector<Item> unsentItems() const;
     std::int64_t totalBytes() const;
 
@@ -124,6 +127,7 @@ private:
                                      const std::vector<std::filesystem::path>& queued);
 
     std::vector<Item> items_;
+    int savedCount_ = 0;                  // items whose status is saved
     QHash<QString, std::size_t> rowById_; // the row of each item's id
     std::deque<std::vector<std::filesystem::path>> pendingDrops_;
     bool planning_ = false;

@@ -153,6 +153,20 @@ private slots:
         }
         QVERIFY(queue.unsentURLs().empty());
         QCOMPARE(queue.savedCount(), 4);
+        QCOMPARE(queue.unsentCount(), 0);
+
+        // The counts follow a saved file that is sent again, removed items, and a clear.
+        queue.setStatus(Status::failed("gone"), "a.jpg");
+        QCOMPARE(queue.savedCount(), 3);
+        QCOMPARE(queue.unsentCount(), 1);
+        queue.remove({queue.items()[0].id, queue.items()[1].id});
+        QCOMPARE(queue.savedCount(), 2);
+        QCOMPARE(queue.unsentCount(), 0);
+        queue.clear();
+        QCOMPARE(queue.savedCount(), 0);
+        QCOMPARE(queue.unsentCount(), 0);
+        QVERIFY(addAndWait(queue, {files[0]}));
+        QCOMPARE(queue.unsentCount(), 1);
     }
 
     void removeKeepsTheOthersInOrder() {
