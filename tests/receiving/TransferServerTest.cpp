@@ -11,11 +11,16 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <functional>
 #include <future>
 #include <iterator>
 #include <map>
 #include <mutex>
 #include <optional>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
 
 namespace kestrelvane {
 namespace {
@@ -434,6 +439,69 @@ TEST(TransferServer, AnAcknowledgementThatCannotBeEncodedGoesOutEmptyAndTheNextO
     EXPECT_EQ(WireMessage::decode<Ack>(frames[1]), okAck("fine.jpg"));
     ASSERT_EQ(session.events().size(), 2u);
     EXPECT_EQ(session.events()[0].ack.message, "disk says \xff\xfe");
+}
+
+/// Runs `body` in a child process that cannot start a thread: as an ordinary
+/// user whose process limit is already reached (root is exempt from the
+/// limit, so root's child becomes nobody first). Returns the child's exit
+/// status, or 77 when no such child could be made.
+int runWithoutThreads(const std::function<int()>& body) {
+    const pid_t child = ::fork();
+    if (child < 0) {
+        return 77;
+    }
+    if (child == 0) {
+        const rlimit none{0, 0};
+        if (::setrlimit(RLIMIT_NPROC, &none) != 0 ||
+            (::geteuid() == 0 && (::setgid(65534) != 0 || ::setuid(65534) != 0))) {
+            std::_Exit(77);
+        }
+        try {
+            std::thread([] {}).join();
+            std::_Exit(77); // threads can still be started here
+        } catch (const std::system_error&) {
+        }
+        std::_Exit(body());
+    }
+    int status = 0;
+    while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+// Without a thread for the acknowledgements the session still completes:
+// they are all sent once the reader has finished.
+TEST(TransferServer, WithNoThreadToSpareAcknowledgesOnceTheReaderHasEnded) {
+    TemporaryFolder temporary;
+    fs::permissions(temporary.path(), fs::perms::all); // the child may not be root
+    const Bytes one = pattern(3000, 1);
+    const Bytes two = pattern(10, 2);
+    std::vector<Bytes> script{
+        FrameCodec::encode(WireMessage::encode(SessionHeader{})),
+        FrameCodec::encode(WireMessage::encode(headerFor("one.jpg", one))), one,
+        FrameCodec::encode(WireMessage::encode(headerFor("two.jpg", two))), two};
+    const int status = runWithoutThreads([&] {
+        std::vector<std::string> saved;
+        TestBatchSaver saver(
+            [&](const fs::path&, const FileHeader& header) { saved.push_back(header.name); });
+        auto stream = std::make_shared<ScriptedStream>(script);
+        FrameChannel channel(stream);
+        TransferServer(saver, temporary.path()).run(channel, {});
+        std::vector<Ack> acks;
+        for (const Bytes& frame : stream->sent) {
+            ReceiveBuffer buffer;
+            buffer.append(frame);
+            acks.push_back(WireMessage::decode<Ack>(FrameCodec::decode(buffer).value()));
+        }
+        const bool right = saved == std::vector<std::string>{"one.jpg", "two.jpg"} &&
+                           acks == std::vector<Ack>{okAck("one.jpg"), okAck("two.jpg")} &&
+                           temporary.fileNames().empty();
+        return right ? 0 : 1;
+    });
+    if (status == 77) {
+        GTEST_SKIP() << "no child process could be kept from starting threads";
+    }
+    EXPECT_EQ(status, 0) << "the acknowledgements were not all sent, or files were left behind";
 }
 
 // A scripted connection shows how far the server reads before it gives up.
