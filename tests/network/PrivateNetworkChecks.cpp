@@ -1,6 +1,7 @@
 // Checks that need a network of their own: run only by run-in-private-network.sh
 // (through ServiceDiscoveryTest), inside a namespace with nothing but loopback
 // and an avahi-daemon restricted to it.
+#include "KestrelvaneKit/log/KVLog.h"
 #include "KestrelvaneKit/network/BonjourStream.h"
 #include "KestrelvaneKit/network/ServiceBrowser.h"
 #include "KestrelvaneKit/network/ServicePublisher.h"
@@ -78,7 +79,8 @@ TEST_F(PrivateNetwork, PublishedServicesAppearBesideEachOtherAndGoWhenWithdrawn)
     EXPECT_FALSE(one[0].host.empty());
     EXPECT_NE(std::find(one[0].addresses.begin(), one[0].addresses.end(), "127.0.0.1"),
               one[0].addresses.end());
-    EXPECT_TRUE(first.isEstablished());
+    // The browser may resolve the service before the publisher hears it is established.
+    EXPECT_TRUE(testing::eventually([&] { return first.isEstablished(); }));
 
     ServicePublisher second("Attic receiver", 9877);
     second.publish();
@@ -107,6 +109,45 @@ TEST_F(PrivateNetwork, ANameAlreadyAdvertisedMakesTheSecondPublisherTakeTheNextO
     ASSERT_TRUE(recorder.waitFor([](const auto& set) { return set.size() == 2; }));
     EXPECT_EQ(second.name(), "Den #2");
     EXPECT_EQ(namesOf(recorder.latest()), (std::vector<std::string>{"Den", "Den #2"}));
+}
+
+// The daemon restarted under them (a package upgrade does that): the browser
+// forgets what it found, and both sides come back with the daemon.
+TEST_F(PrivateNetwork, BrowserAndPublisherComeBackWhenTheDaemonIsRestarted) {
+    const auto log = std::make_shared<KVLog::MemorySink>();
+    const auto previousSink = KVLog::setSink(log);
+    const char* daemon = std::getenv("KV_AVAHI_DAEMON");
+    ASSERT_NE(daemon, nullptr);
+    SetRecorder recorder;
+    ServiceBrowser browser([&](const auto& services) { recorder.record(services); });
+    browser.start();
+    ServicePublisher publisher("Study", 9876);
+    publisher.publish();
+    ASSERT_TRUE(recorder.waitFor([](const auto& set) { return set.size() == 1; }));
+
+    ASSERT_EQ(std::system("avahi-daemon -k"), 0);
+    // -k only signals; a new daemon refuses to start while the old one still runs.
+    ASSERT_TRUE(testing::eventually([] { return std::system("avahi-daemon -c") != 0; }));
+    EXPECT_TRUE(recorder.waitFor([](const auto& set) { return set.empty(); }))
+        << "the browser kept services of a daemon that is gone";
+    EXPECT_TRUE(testing::eventually([&] { return !publisher.isEstablished(); }));
+
+    ASSERT_EQ(std::system((std::string(daemon) + " >>/run/kv-avahi.log 2>&1 &").c_str()), 0);
+    ASSERT_TRUE(recorder.waitFor([](const auto& set) { return set.size() == 1; }))
+        << "the service did not come back with the daemon";
+    EXPECT_EQ(namesOf(recorder.latest()), std::vector<std::string>{"Study"});
+    EXPECT_TRUE(testing::eventually([&] { return publisher.isEstablished(); }));
+    KVLog::setSink(previousSink);
+    const auto said = [&](const std::string& line) {
+        const auto messages = log->messages();
+        return std::find(messages.begin(), messages.end(), line) != messages.end();
+    };
+    for (const std::string purpose : {"browsing", "publishing"}) {
+        EXPECT_TRUE(said("DNS-SD " + purpose +
+                         " waiting: the Avahi daemon went away; nothing is found or advertised "
+                         "until it is back"));
+        EXPECT_TRUE(said("DNS-SD " + purpose + ": Avahi daemon reachable"));
+    }
 }
 
 TEST_F(PrivateNetwork, ConnectionWaitsWhileTheNetworkIsUnreachableUntilCancelled) {

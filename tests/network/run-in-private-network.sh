@@ -80,8 +80,9 @@ if [ ! -S /run/dbus/system_bus_socket ]; then
     echo "private system D-Bus did not come up" >&2
     exit 1
 fi
-avahi-daemon --file=/run/kv-avahi.conf --no-drop-root --no-chroot --no-rlimits --no-proc-title \
-    >/run/kv-avahi.log 2>&1 &
+# Checks stop the daemon (avahi-daemon -k) and start it again with this command.
+export KV_AVAHI_DAEMON="avahi-daemon --file=/run/kv-avahi.conf --no-drop-root --no-chroot --no-rlimits --no-proc-title"
+$KV_AVAHI_DAEMON >/run/kv-avahi.log 2>&1 &
 
 status=0
 "$@" || status=$?

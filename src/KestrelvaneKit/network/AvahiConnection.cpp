@@ -3,6 +3,7 @@
 #include "KestrelvaneKit/log/KVLog.h"
 
 #include <avahi-common/error.h>
+#include <avahi-common/timeval.h>
 
 namespace kestrelvane {
 
@@ -58,6 +59,38 @@ void AvahiConnection::stop() noexcept {
     avahi_threaded_poll_free(poll_);
     poll_ = nullptr;
     reportedUnreachable_ = false;
+    reconnectScheduled_ = false; // its timeout went with the event loop
+}
+
+void AvahiConnection::scheduleReconnect() {
+    if (reconnectScheduled_) {
+        return;
+    }
+    const AvahiPoll* api = avahi_threaded_poll_get(poll_);
+    timeval now{};
+    avahi_elapse_time(&now, 0, 0);
+    reconnectScheduled_ = api->timeout_new(api, &now, &AvahiConnection::reconnect, this) != nullptr;
+    if (!reconnectScheduled_) {
+        KVLog::net().error("DNS-SD " + purpose_ + " stopped: cannot wait for the Avahi daemon");
+    }
+}
+
+void AvahiConnection::reconnect(AvahiTimeout* timeout, void* self) {
+    auto& connection = *static_cast<AvahiConnection*>(self);
+    const AvahiPoll* api = avahi_threaded_poll_get(connection.poll_);
+    api->timeout_free(timeout);
+    connection.reconnectScheduled_ = false;
+    if (connection.client_ != nullptr) {
+        avahi_client_free(connection.client_);
+        connection.client_ = nullptr;
+    }
+    int error = 0;
+    connection.client_ = avahi_client_new(api, AVAHI_CLIENT_NO_FAIL,
+                                          &AvahiConnection::clientCallback, &connection, &error);
+    if (connection.client_ == nullptr) {
+        KVLog::net().error("DNS-SD " + connection.purpose_ +
+                           " stopped: cannot reconnect to Avahi (" + avahi_strerror(error) + ")");
+    }
 }
 
 void AvahiConnection::clientCallback(AvahiClient* client, AvahiClientState state, void* self) {
@@ -72,8 +105,15 @@ void AvahiConnection::clientCallback(AvahiClient* client, AvahiClientState state
         }
         break;
     case AVAHI_CLIENT_FAILURE:
-        KVLog::net().error("DNS-SD " + connection.purpose_ +
-                           " failed: " + avahi_strerror(avahi_client_errno(client)));
+        if (avahi_client_errno(client) == AVAHI_ERR_DISCONNECTED) {
+            connection.reportedUnreachable_ = true;
+            KVLog::net().error("DNS-SD " + connection.purpose_ +
+                               " waiting: the Avahi daemon went away; nothing is found or "
+                               "advertised until it is back");
+        } else {
+            KVLog::net().error("DNS-SD " + connection.purpose_ +
+                               " failed: " + avahi_strerror(avahi_client_errno(client)));
+        }
         break;
     case AVAHI_CLIENT_S_RUNNING:
         if (connection.reportedUnreachable_) {
@@ -85,7 +125,11 @@ void AvahiConnection::clientCallback(AvahiClient* client, AvahiClientState state
     case AVAHI_CLIENT_S_COLLISION:
         break;
     }
+    // The owner frees what it made on this client first; the client goes later.
     connection.onStateChange_(client, state);
+    if (state == AVAHI_CLIENT_FAILURE && avahi_client_errno(client) == AVAHI_ERR_DISCONNECTED) {
+        connection.scheduleReconnect();
+    }
 }
 
 } // namespace kestrelvane

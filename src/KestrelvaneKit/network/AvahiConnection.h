@@ -10,9 +10,11 @@ namespace kestrelvane {
 /// One Avahi client with its own event thread: the common ground of the
 /// service browser and the service publisher.
 ///
-/// The client waits for a daemon that is not (yet) there instead of failing;
-/// that an Avahi daemon cannot be reached is logged once each time it happens,
-/// and whatever uses the connection simply has nothing to do meanwhile.
+/// The client waits for a daemon that is not (yet) there instead of failing,
+/// and when the daemon it was connected to goes away (restarted, upgraded) a
+/// fresh client waits for the next one; that an Avahi daemon cannot be
+/// reached is logged once each time it happens, and whatever uses the
+/// connection simply has nothing to do meanwhile.
 class AvahiConnection {
 public:
     /// Called on the event thread, with the event loop locked, at every change
@@ -35,6 +37,10 @@ public:
 
 private:
     static void clientCallback(AvahiClient* client, AvahiClientState state, void* self);
+    /// A client whose daemon went away stays failed; it is replaced from the
+    /// event loop, not from inside its own callback.
+    void scheduleReconnect();
+    static void reconnect(AvahiTimeout* timeout, void* self);
 
     const std::string purpose_;
     const OnStateChange onStateChange_;
@@ -43,6 +49,7 @@ private:
     // Whether "unreachable" has been said and not yet undone by a daemon that
     // answered; touched on the event thread only, or while none runs.
     bool reportedUnreachable_ = false;
+    bool reconnectScheduled_ = false; // event thread only
 };
 
 } // namespace kestrelvane
