@@ -171,6 +171,45 @@ TEST(FolderSaver, CopiesAcrossFileSystemsWithoutLeavingPartialFiles) {
     EXPECT_EQ(namesIn(destination.path() / "Album"), std::vector<std::string>{"IMG_2.heic"});
 }
 
+TEST(FolderSaver, ACopyAcrossFileSystemsKeepsTheDateAndItsResendLeavesNoPartialFile) {
+    TemporaryFolder destination;
+    const Timestamp taken = Timestamp(seconds(1'600'000'000));
+    const FileHeader header{.name = "IMG_4.heic",
+                            .byteCount = 6,
+                            .sha256 = Checksum::sha256Hex(asBytes("across")),
+                            .creationDate = taken};
+    for (int round = 0; round < 2; ++round) {
+        const auto file = receivedOnAnotherFileSystem(destination.path(), "across");
+        if (!file) {
+            GTEST_SKIP() << needsShm;
+        }
+        FolderSaver saver(destination.path());
+        saver.begin(SessionHeader{});
+        EXPECT_EQ(saveOne(saver, *file, header).status, Ack::Status::ok) << "round " << round;
+        EXPECT_FALSE(fs::exists(*file));
+    }
+    // The resend is recognised as the file already there: one file, no copy.
+    EXPECT_EQ(namesIn(destination.path()), std::vector<std::string>{"IMG_4.heic"});
+    EXPECT_EQ(fs::last_write_time(destination.path() / "IMG_4.heic").time_since_epoch(),
+              fs::file_time_type::clock::from_sys(taken).time_since_epoch());
+}
+
+// The hidden name a copy goes under first must not be what makes a long
+// (but valid) name fail.
+TEST(FolderSaver, ALongNameIsSavedAcrossFileSystemsToo) {
+    TemporaryFolder destination;
+    const auto file = receivedOnAnotherFileSystem(destination.path(), "long");
+    if (!file) {
+        GTEST_SKIP() << needsShm;
+    }
+    const std::string name = std::string(251, 'n') + ".jpg"; // 255 bytes, the most a name may have
+    FolderSaver saver(destination.path());
+    saver.begin(SessionHeader{});
+    const BatchOutcome outcome = saveOne(saver, *file, FileHeader{.name = name});
+    EXPECT_EQ(outcome.status, Ack::Status::ok) << outcome.message.value_or("");
+    EXPECT_EQ(namesIn(destination.path()), std::vector<std::string>{name});
+}
+
 // The copy across file systems runs out of room half-way: the file is
 // reported failed with the system's message, and neither the partial copy
 // nor the received file stays behind.
@@ -202,6 +241,32 @@ TEST(FolderSaver, ReportsTheSystemsMessageWhenTheFolderIsUnusable) {
     EXPECT_EQ(outcome.status, Ack::Status::error);
     EXPECT_EQ(outcome.message, std::generic_category().message(ENOENT));
     EXPECT_FALSE(fs::exists(file));
+}
+
+TEST(FolderSaver, AReceivedFileThatVanishedIsReportedWithTheSystemsMessage) {
+    TemporaryFolder temporary;
+    TemporaryFolder destination;
+    FolderSaver saver(destination.path());
+    saver.begin(SessionHeader{});
+    const BatchOutcome outcome =
+        saveOne(saver, temporary.path() / "cleaned-away", FileHeader{.name = "a.jpg"});
+    EXPECT_EQ(outcome.status, Ack::Status::error);
+    EXPECT_EQ(outcome.message, std::generic_category().message(ENOENT));
+    EXPECT_TRUE(destination.fileNames().empty());
+}
+
+// A file handed over after the session's flush (the reader lost a race with
+// the end of the session) is still saved, though nobody hears about it.
+TEST(FolderSaver, AFileHandedOverAfterTheFlushIsStillSaved) {
+    TemporaryFolder temporary;
+    TemporaryFolder destination;
+    FolderSaver saver(destination.path());
+    saver.begin(SessionHeader{});
+    saver.flushAndDrain();
+    saver.enqueue(received(temporary.path(), "late"), FileHeader{.name = "late.jpg"});
+    EXPECT_EQ(readText(destination.path() / "late.jpg"), "late");
+    EXPECT_FALSE(saver.outcomes().next());
+    EXPECT_TRUE(temporary.fileNames().empty());
 }
 
 TEST(FolderSaver, AFastRunOfFilesIsSavedAndReportedInTheOrderItCame) {

@@ -141,12 +141,14 @@ fs::path candidate(const fs::path& folder, const std::string& name, int attempt)
     return folder / (stem + " (" + std::to_string(attempt) + ")" + extension);
 }
 
-std::string hiddenPartialName(const std::string& name) {
+/// A hidden name of fixed length: one built from the file's name would be
+/// too long for the file system whenever that name is close to the limit.
+std::string hiddenPartialName() {
     uuid_t uuid;
     uuid_generate_random(uuid);
     char text[37];
     uuid_unparse_lower(uuid, text);
-    return "." + name + "." + text + ".partial";
+    return std::string(".kestrelvane-") + text + ".partial";
 }
 
 void setModificationTime(const fs::path& file, Timestamp time) {
@@ -270,7 +272,7 @@ fs::path place(const fs::path& staged, const fs::path& folder, const FileHeader&
                 return target;
             }
             if (error == EXDEV && !copied) {
-                from = folder / hiddenPartialName(header.name);
+                from = folder / hiddenPartialName();
                 copyDurably(staged, from);
                 copied = true;
                 if (header.creationDate) {
@@ -289,8 +291,10 @@ fs::path place(const fs::path& staged, const fs::path& folder, const FileHeader&
                 syncPath(target, O_RDONLY);
                 syncFolder(folder);
                 if (copied) {
+                    // The copy made for it is not needed; the received file
+                    // itself is removed with the rest of the group.
                     std::error_code ignored;
-                    fs::remove(staged, ignored);
+                    fs::remove(from, ignored);
                 }
                 return target;
             }

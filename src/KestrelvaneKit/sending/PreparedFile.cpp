@@ -151,20 +151,6 @@ PreparedFile::PreparedFile(PreparedFile&& other) noexcept
       fd_(std::exchange(other.fd_, -1)) {
 }
 
-PreparedFile& PreparedFile::operator=(PreparedFile&& other) noexcept {
-    if (this != &other) {
-        if (fd_ >= 0) {
-            ::close(fd_);
-        }
-        path_ = std::move(other.path_);
-        header_ = std::move(other.header_);
-        Buffer::giveBack(std::exchange(data_, std::move(other.data_)));
-        size_ = std::exchange(other.size_, 0);
-        fd_ = std::exchange(other.fd_, -1);
-    }
-    return *this;
-}
-
 PreparedFile::~PreparedFile() {
     Buffer::giveBack(std::move(data_));
     if (fd_ >= 0) {

@@ -31,7 +31,7 @@ public:
                                 std::stop_token stop = {});
 
     PreparedFile(PreparedFile&& other) noexcept;
-    PreparedFile& operator=(PreparedFile&& other) noexcept;
+    PreparedFile& operator=(PreparedFile&&) = delete;
     PreparedFile(const PreparedFile&) = delete;
     PreparedFile& operator=(const PreparedFile&) = delete;
     ~PreparedFile();
