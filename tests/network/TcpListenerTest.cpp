@@ -1,15 +1,19 @@
 #include "KestrelvaneKit/network/TcpListener.h"
 
+#include "support/DescriptorShortage.h"
 #include "support/Eventually.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <arpa/inet.h>
+#include <functional>
 #include <future>
 #include <netinet/in.h>
+#include <optional>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <system_error>
 #include <unistd.h>
 
 namespace kestrelvane {
@@ -96,29 +100,71 @@ TEST(TcpListener, RunningOutOfDescriptorsMakesAcceptWaitNotFail) {
         return listener.accept();
     });
     running.get_future().wait();
-    rlimit original{};
-    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &original), 0);
-    // Every descriptor up to a low limit taken, so that accept() meets EMFILE.
-    rlimit low = original;
-    low.rlim_cur = std::min<rlim_t>(original.rlim_cur, 256);
-    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &low), 0);
-    std::vector<int> fillers;
-    for (int fd; (fd = ::dup(client)) >= 0;) {
-        fillers.push_back(fd);
-    }
-    const bool filled = !fillers.empty();
-    const int connected = ::connect(client, reinterpret_cast<sockaddr*>(&address), sizeof address);
-    const auto whileShort = accepting.wait_for(3 * TcpListener::resourceRetryInterval);
-    for (const int fd : fillers) { // sessions end somewhere and free theirs
-        ::close(fd);
-    }
-    ::setrlimit(RLIMIT_NOFILE, &original);
+    bool filled = false;
+    int connected = -1;
+    std::future_status whileShort{};
+    {
+        // Every descriptor up to a low limit taken, so that accept() meets EMFILE.
+        const testing::DescriptorShortage shortage;
+        filled = shortage.filled();
+        connected = ::connect(client, reinterpret_cast<sockaddr*>(&address), sizeof address);
+        whileShort = accepting.wait_for(3 * TcpListener::resourceRetryInterval);
+    } // sessions end somewhere and free theirs
     ASSERT_TRUE(filled);
     ASSERT_EQ(connected, 0);
     EXPECT_EQ(whileShort, std::future_status::timeout);
     ASSERT_EQ(accepting.wait_for(std::chrono::seconds(30)), std::future_status::ready);
     EXPECT_NE(accepting.get(), nullptr);
     ::close(client);
+}
+
+/// What `make` throws while the process has no descriptor to spare (after
+/// giving back `spare` of them). Looked at only once the shortage is over: a
+/// sanitizer's checks on the error itself may need a descriptor.
+std::optional<std::system_error> errorWithoutDescriptors(const std::function<void()>& make,
+                                                         int spare = 0) {
+    std::optional<std::system_error> caught;
+    bool filled = false;
+    {
+        testing::DescriptorShortage shortage;
+        filled = shortage.filled();
+        for (int i = 0; i < spare; ++i) {
+            shortage.release();
+        }
+        try {
+            make();
+        } catch (const std::system_error& error) {
+            caught.emplace(error);
+        }
+    }
+    EXPECT_TRUE(filled) << "no descriptor was taken: the test proves nothing";
+    return caught;
+}
+
+TEST(TcpListener, AndTcpConnectionWithoutADescriptorToSpareFailWithTheSystemsError) {
+    if (testing::DescriptorShortage::typeChecksNeedDescriptors()) {
+        GTEST_SKIP() << "the sanitizer's type checks cannot run without a descriptor";
+    }
+    for (const auto& make :
+         std::vector<std::function<void()>>{[] { TcpListener(0, TcpListener::Scope::loopback); },
+                                            [] { TcpConnection("127.0.0.1", 9); }}) {
+        const auto error = errorWithoutDescriptors(make);
+        ASSERT_TRUE(error) << "made without a descriptor";
+        EXPECT_EQ(error->code(), std::errc::too_many_files_open);
+        EXPECT_EQ(std::string(error->what()).rfind("eventfd() failed (24)", 0), 0u)
+            << error->what();
+    }
+}
+
+TEST(TcpListener, WithoutADescriptorForItsSocketFailsWithTheSystemsError) {
+    if (testing::DescriptorShortage::typeChecksNeedDescriptors()) {
+        GTEST_SKIP() << "the sanitizer's type checks cannot run without a descriptor";
+    }
+    // One descriptor given back: the wake-up descriptor gets it, the socket none.
+    const auto error =
+        errorWithoutDescriptors([] { TcpListener(0, TcpListener::Scope::loopback); }, 1);
+    ASSERT_TRUE(error) << "listening without a socket";
+    EXPECT_EQ(error->code(), std::errc::too_many_files_open) << error->what();
 }
 
 TEST(TcpConnection, MisuseIsRefusedWithInvalidArgument) {

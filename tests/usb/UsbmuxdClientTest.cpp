@@ -2,6 +2,7 @@
 
 #include "KestrelvaneKit/network/TcpListener.h"
 #include "KestrelvaneKit/usb/UsbmuxdProtocol.h"
+#include "support/DescriptorShortage.h"
 #include "support/Eventually.h"
 #include "support/FakeUsbmuxd.h"
 #include "support/TemporaryFolder.h"
@@ -232,6 +233,27 @@ TEST(UsbmuxdClient, FailedConversationsThrowCloseTheSocketAndLeaveTheClientUsabl
     EXPECT_THROW(garbageClient.connect(1, 9876), PropertyList::ParseError);
     EXPECT_EQ(garbageClient.nextTag(), 3u);
     EXPECT_EQ(garbage.requests().size(), 2u);
+}
+
+TEST(UsbmuxdClient, WithoutADescriptorToSpareEitherKindOfAddressIsASocketError) {
+    if (testing::DescriptorShortage::typeChecksNeedDescriptors()) {
+        GTEST_SKIP() << "the sanitizer's type checks cannot run without a descriptor";
+    }
+    UsbmuxdClient overUnix(UsbmuxdClient::SocketAddress{"/nonexistent/usbmuxd", {}, 0});
+    UsbmuxdClient overTcp(UsbmuxdClient::SocketAddress{{}, "127.0.0.1", 9});
+    std::optional<UsbmuxdError> unixError;
+    std::optional<UsbmuxdError> tcpError;
+    bool filled = false;
+    {
+        // Nothing but the calls themselves while short of descriptors.
+        const testing::DescriptorShortage shortage;
+        filled = shortage.filled();
+        unixError = errorOf([&] { overUnix.listDevices(); });
+        tcpError = errorOf([&] { overTcp.listDevices(); });
+    }
+    ASSERT_TRUE(filled);
+    EXPECT_EQ(unixError, UsbmuxdError::socketError("socket() failed (24)"));
+    EXPECT_EQ(tcpError, UsbmuxdError::socketError("socket() failed (24)"));
 }
 
 TEST(UsbmuxdClient, ADaemonAtHostAndPortIsAskedOverTcpAndFailuresThereAreSocketErrors) {

@@ -1,0 +1,45 @@
+#pragma once
+
+#include <sys/resource.h>
+#include <vector>
+
+namespace kestrelvane::testing {
+
+/// While alive, the process has no descriptor to spare: the limit is lowered
+/// (to at most 256) and every free descriptor below it is taken, so the next
+/// call that needs one fails with EMFILE. Only the calling thread should do
+/// anything meanwhile; even a sanitizer's runtime may need a descriptor.
+class DescriptorShortage {
+public:
+    DescriptorShortage();
+    ~DescriptorShortage();
+    DescriptorShortage(const DescriptorShortage&) = delete;
+    DescriptorShortage& operator=(const DescriptorShortage&) = delete;
+
+    /// Whether this build checks types with UndefinedBehaviorSanitizer, whose
+    /// vptr check needs a descriptor (a pipe) and reports a false error when
+    /// none is left; such a build cannot throw while short. Our sanitizer
+    /// builds enable it together with AddressSanitizer.
+    static constexpr bool typeChecksNeedDescriptors() {
+#if defined(__SANITIZE_ADDRESS__)
+        return true;
+#elif defined(__has_feature)
+        return __has_feature(address_sanitizer);
+#else
+        return false;
+#endif
+    }
+
+    /// Whether any descriptor had to be taken (false: the test proves nothing).
+    bool filled() const noexcept {
+        return !taken_.empty();
+    }
+    /// Gives one descriptor back.
+    void release();
+
+private:
+    rlimit original_{};
+    std::vector<int> taken_;
+};
+
+} // namespace kestrelvane::testing
