@@ -243,6 +243,27 @@ TEST(FolderSaver, ReportsTheSystemsMessageWhenTheFolderIsUnusable) {
     EXPECT_FALSE(fs::exists(file));
 }
 
+TEST(FolderSaver, WhenEveryNameIsTakenTheFileFailsAndNothingIsOverwritten) {
+    TemporaryFolder temporary;
+    TemporaryFolder destination;
+    for (int attempt = 0; attempt < FolderSaver::maxNameAttempts; ++attempt) {
+        std::ofstream(destination.path() / (attempt == 0
+                                                ? std::string("a.jpg")
+                                                : "a (" + std::to_string(attempt) + ").jpg"))
+            << "older";
+    }
+    FolderSaver saver(destination.path());
+    saver.begin(SessionHeader{});
+    const fs::path file = received(temporary.path(), "newer");
+    const BatchOutcome outcome = saveOne(saver, file, FileHeader{.name = "a.jpg"});
+    EXPECT_EQ(outcome.status, Ack::Status::error);
+    EXPECT_EQ(outcome.message, std::generic_category().message(EEXIST));
+    EXPECT_EQ(destination.fileNames().size(),
+              static_cast<std::size_t>(FolderSaver::maxNameAttempts));
+    EXPECT_EQ(readText(destination.path() / "a (9999).jpg"), "older");
+    EXPECT_FALSE(fs::exists(file));
+}
+
 TEST(FolderSaver, AReceivedFileThatVanishedIsReportedWithTheSystemsMessage) {
     TemporaryFolder temporary;
     TemporaryFolder destination;

@@ -113,8 +113,6 @@ int renameNoReplace(const fs::path& from, const fs::path& to) {
     return 0;
 }
 
-constexpr int maxNameAttempts = 10'000;
-
 /// Whether `existing` already holds the file `header` describes: same size and
 /// same SHA-256. Anything that cannot be read counts as different.
 bool holdsSameFile(const fs::path& existing, const FileHeader& header) {
@@ -265,7 +263,7 @@ fs::path place(const fs::path& staged, const fs::path& folder, const FileHeader&
     fs::path from = staged;
     bool copied = false;
     try {
-        for (int attempt = 0; attempt < maxNameAttempts; ++attempt) {
+        for (int attempt = 0; attempt < FolderSaver::maxNameAttempts; ++attempt) {
             const fs::path target = candidate(folder, header.name, attempt);
             const int error = renameNoReplace(from, target);
             if (error == 0) {

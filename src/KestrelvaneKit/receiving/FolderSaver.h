@@ -48,6 +48,10 @@ public:
     /// the usual limit of 1,024; a longer line is saved in several groups.
     static constexpr std::size_t maxGroupFiles = 256;
 
+    /// "IMG_1.jpg" and then "IMG_1 (1).jpg" up to "IMG_1 (9999).jpg": past
+    /// that the file fails (EEXIST) rather than search for ever.
+    static constexpr int maxNameAttempts = 10'000;
+
 private:
     struct Waiting {
         std::filesystem::path file;
