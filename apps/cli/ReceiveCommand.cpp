@@ -210,6 +210,11 @@ public:
         watch([&] { bytes = inner_->receive(max); });
         return bytes;
     }
+    std::size_t receiveInto(MutableByteView into) override {
+        std::size_t count = 0;
+        watch([&] { count = inner_->receiveInto(into); });
+        return count;
+    }
     void close() noexcept override { inner_->close(); }
 
     std::optional<std::string> failure() const {

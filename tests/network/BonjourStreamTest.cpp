@@ -130,6 +130,29 @@ TEST(BonjourStream, ReceiveHandsOutNoMoreThanAskedAndKeepsTheRest) {
     EXPECT_THROW(pair.client->receive(0), std::invalid_argument);
 }
 
+TEST(BonjourStream, ReceiveIntoFillsTheCallersMemoryAndEndsWithClosedAtThePeersEnd) {
+    TcpListener listener(0, TcpListener::Scope::loopback);
+    auto pair = connectThrough(listener);
+    pair.server->send(asBytes("0123456789"));
+    pair.server->close();
+    Bytes memory(12, '#');
+    std::size_t got = 0;
+    while (got < 10) {
+        const std::size_t n = pair.client->receiveInto(MutableByteView(memory).subspan(got, 4));
+        ASSERT_GE(n, 1u);
+        ASSERT_LE(n, 4u);
+        got += n;
+    }
+    EXPECT_EQ(text(memory), "0123456789##");
+    EXPECT_THROW(pair.client->receiveInto({}), std::invalid_argument);
+    try {
+        pair.client->receiveInto(memory);
+        FAIL() << "receiveInto() after the peer's end returned";
+    } catch (const StreamError& error) {
+        EXPECT_TRUE(error.isClosed());
+    }
+}
+
 TEST(BonjourStream, PeerCloseEndsTheStreamWithClosedOnceItsDataHasBeenRead) {
     TcpListener listener(0, TcpListener::Scope::loopback);
     auto pair = connectThrough(listener);
@@ -179,6 +202,21 @@ TEST(BonjourStream, CloseWakesAWaitingReceiveAndLaterCallsFail) {
     EXPECT_THROW(pair.client->send(asBytes("late")), std::system_error);
     EXPECT_THROW(pair.client->receive(1), std::system_error);
     pair.client->close(); // a second close does nothing
+}
+
+TEST(BonjourStream, CloseWakesAWaitingReceiveInto) {
+    TcpListener listener(0, TcpListener::Scope::loopback);
+    auto pair = connectThrough(listener);
+    Bytes memory(10);
+    auto waiting = std::async(std::launch::async, [&] { return pair.client->receiveInto(memory); });
+    EXPECT_EQ(waiting.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
+    pair.client->close();
+    try {
+        waiting.get();
+        FAIL() << "receiveInto() returned after close()";
+    } catch (const std::system_error& error) {
+        EXPECT_EQ(error.code(), std::errc::operation_canceled) << error.what();
+    }
 }
 
 TEST(BonjourStream, IdleTimeoutEndsAReceiveThatGetsNothingButNotOneThatKeepsGettingBytes) {

@@ -101,6 +101,25 @@ TEST(UsbmuxdStream, CarriesBytesBothWaysAndNeverMoreThanAsked) {
     EXPECT_THROW(tunnel.stream->receive(0), std::invalid_argument);
 }
 
+TEST(UsbmuxdStream, ReceiveIntoFillsTheCallersMemoryWithNoMoreThanItsSize) {
+    Tunnel tunnel;
+    ASSERT_EQ(::write(tunnel.phone, "straight in", 11), 11);
+    Bytes memory(16, 0xEE);
+    std::size_t got = 0;
+    while (got < 11) {
+        const std::size_t n = tunnel.stream->receiveInto(MutableByteView(memory).subspan(got, 4));
+        ASSERT_GE(n, 1u);
+        ASSERT_LE(n, 4u);
+        got += n;
+    }
+    EXPECT_EQ(Bytes(memory.begin(), memory.begin() + 11), toBytes("straight in"));
+    EXPECT_EQ(Bytes(memory.begin() + 11, memory.end()), Bytes(5, 0xEE));
+    EXPECT_THROW(tunnel.stream->receiveInto({}), std::invalid_argument);
+
+    tunnel.hangUp();
+    EXPECT_TRUE(throwsClosed([&] { tunnel.stream->receiveInto(memory); }));
+}
+
 TEST(UsbmuxdStream, APeerThatHangsUpEndsReceivesAndFailsSendsButNotEmptyOnes) {
     Tunnel tunnel;
     auto pending = std::async(std::launch::async,
@@ -139,19 +158,28 @@ TEST(UsbmuxdStream, CloseEndsSendsAndReceivesAndReleasesTheDescriptorOnce) {
 }
 
 TEST(UsbmuxdStream, CloseFromAnotherThreadWakesABlockedReceive) {
-    Tunnel tunnel;
-    std::atomic<pid_t> readerTid{0};
-    auto pending = std::async(std::launch::async, [&] {
-        readerTid = static_cast<pid_t>(::syscall(SYS_gettid));
-        return throwsClosed([&] { tunnel.stream->receive(100); });
-    });
-    ASSERT_TRUE(eventually([&] { return readerTid != 0 && isBlockedInRead(readerTid); }));
-    tunnel.stream->close();
-    ASSERT_EQ(pending.wait_for(std::chrono::seconds(30)), std::future_status::ready)
-        << "the receive is still blocked after close()";
-    EXPECT_TRUE(pending.get());
-    // Released by the receive on its way out, not under it.
-    EXPECT_FALSE(isOpenDescriptor(tunnel.streamFd));
+    for (const bool intoCallersMemory : {false, true}) {
+        Tunnel tunnel;
+        std::atomic<pid_t> readerTid{0};
+        auto pending = std::async(std::launch::async, [&] {
+            readerTid = static_cast<pid_t>(::syscall(SYS_gettid));
+            return throwsClosed([&] {
+                if (intoCallersMemory) {
+                    Bytes memory(100);
+                    tunnel.stream->receiveInto(memory);
+                } else {
+                    tunnel.stream->receive(100);
+                }
+            });
+        });
+        ASSERT_TRUE(eventually([&] { return readerTid != 0 && isBlockedInRead(readerTid); }));
+        tunnel.stream->close();
+        ASSERT_EQ(pending.wait_for(std::chrono::seconds(30)), std::future_status::ready)
+            << "the receive is still blocked after close()";
+        EXPECT_TRUE(pending.get());
+        // Released by the receive on its way out, not under it.
+        EXPECT_FALSE(isOpenDescriptor(tunnel.streamFd));
+    }
 }
 
 TEST(UsbmuxdStream, ConcurrentSendsNeverInterleave) {

@@ -2,6 +2,7 @@
 
 #include "KestrelvaneKit/wire/FrameCodec.h"
 #include "support/Eventually.h"
+#include "support/FailingStream.h"
 #include "support/MemoryStream.h"
 #include "support/ScriptedStream.h"
 
@@ -10,11 +11,13 @@
 #include <chrono>
 #include <future>
 #include <set>
+#include <system_error>
 #include <thread>
 
 namespace kestrelvane {
 namespace {
 
+using testing::FailingStream;
 using testing::makeMemoryStreamPair;
 using testing::ReceiveMode;
 using testing::ScriptedStream;
@@ -203,6 +206,102 @@ TEST(FrameChannel, CancelWakesAWaitingReceiverWithClosed) {
     ASSERT_EQ(waiting.wait_for(std::chrono::seconds(10)), std::future_status::ready);
     expectStreamClosed([&] { waiting.get(); });
     expectStreamClosed([&] { channel.sendFrame(asBytes("late")); });
+}
+
+// The bytes that came with the header are copied out first; the rest is read
+// straight into the destination, each read asking for exactly what is missing.
+TEST(FrameChannel, ReceiveRawIntoTakesTheBufferedPrefixThenReadsTheRestDirectly) {
+    const Bytes file = pattern(5000, 5);
+    const Bytes nextHeader = FrameCodec::encode(asBytes("{\"next\":true}"));
+    auto stream = std::make_shared<ScriptedStream>(std::vector<Bytes>{
+        concat({FrameCodec::encode(asBytes("{}")), Bytes(file.begin(), file.begin() + 100)}),
+        Bytes(file.begin() + 100, file.begin() + 2100), Bytes(file.begin() + 2100, file.end()),
+        nextHeader});
+    FrameChannel channel(stream);
+
+    EXPECT_EQ(channel.receiveFrame(), toBytes("{}"));
+    Bytes piece(60);
+    channel.receiveRawInto(piece);
+    EXPECT_EQ(piece, Bytes(file.begin(), file.begin() + 60));
+    channel.receiveRawInto({}); // nothing wanted: no stream call either
+    EXPECT_EQ(stream->receiveMaxima.size(), 1u);
+
+    Bytes rest(file.size() - 60);
+    channel.receiveRawInto(rest);
+    EXPECT_EQ(rest, Bytes(file.begin() + 60, file.end()));
+    EXPECT_EQ(stream->receiveMaxima, (std::vector<std::int64_t>{262144, 4900, 2900}));
+    EXPECT_EQ(channel.receiveFrame(), toBytes("{\"next\":true}"));
+}
+
+TEST(FrameChannel, ReceiveRawIntoKeepsReadingThroughShortAndEmptyReads) {
+    for (const auto mode : {ReceiveMode::oneByteAtATime, ReceiveMode::emptyEveryOther}) {
+        auto [sender, receiver] = makeMemoryStreamPair(ReceiveMode::whatIsThere, mode);
+        FrameChannel out(sender);
+        FrameChannel in(receiver);
+        const Bytes file = pattern(300, 11);
+        out.sendFrame(asBytes("header"));
+        out.sendRaw(Bytes(file.begin(), file.begin() + 150));
+        auto rest = std::async(std::launch::async, [&out, &file] {
+            out.sendRaw(Bytes(file.begin() + 150, file.end()));
+            out.sendFrame(asBytes("next"));
+        });
+        EXPECT_EQ(in.receiveFrame(), toBytes("header"));
+        Bytes received(file.size());
+        in.receiveRawInto(received);
+        rest.get();
+        EXPECT_EQ(received, file);
+        EXPECT_EQ(in.receiveFrame(), toBytes("next"));
+    }
+}
+
+// A receive that ends part-way returns nothing, and every byte it had taken
+// in, from the buffer or read directly, is there for the next receive.
+TEST(FrameChannel, ReceiveRawIntoThatFailsKeepsEveryReceivedByteBuffered) {
+    auto stream = std::make_shared<ScriptedStream>(std::vector<Bytes>{
+        concat({FrameCodec::encode(asBytes("h")), Bytes{1, 2, 3}}), Bytes{4, 5}, Bytes{6}});
+    FrameChannel channel(stream);
+    EXPECT_EQ(channel.receiveFrame(), toBytes("h"));
+    Bytes tooMuch(10, 0xEE);
+    expectStreamClosed([&] { channel.receiveRawInto(tooMuch); });
+    const auto receivesSoFar = stream->receiveMaxima.size();
+    EXPECT_EQ(channel.receiveRaw(6), Bytes({1, 2, 3, 4, 5, 6}));
+    EXPECT_EQ(stream->receiveMaxima.size(), receivesSoFar);
+
+    // A transport's own error reaches the caller unchanged.
+    auto [sender, receiver] =
+        makeMemoryStreamPair(ReceiveMode::whatIsThere, ReceiveMode::oneByteAtATime);
+    const Bytes frame = FrameCodec::encode(asBytes("h"));
+    auto failing = std::make_shared<FailingStream>(
+        receiver, FailingStream::Cut{.direction = FailingStream::Direction::receiving,
+                                     .afterBytes = frame.size() + 40,
+                                     .failure = FailingStream::Failure::reset});
+    FrameChannel out(sender);
+    FrameChannel in(failing);
+    out.sendFrame(asBytes("h"));
+    out.sendRaw(pattern(100, 2));
+    EXPECT_EQ(in.receiveFrame(), toBytes("h"));
+    Bytes whole(100);
+    try {
+        in.receiveRawInto(whole);
+        FAIL() << "a receive across a reset connection returned";
+    } catch (const std::system_error& error) {
+        EXPECT_EQ(error.code(), std::errc::connection_reset);
+    }
+    EXPECT_EQ(in.receiveRaw(40), pattern(40, 2));
+}
+
+TEST(FrameChannel, CancelWakesAWaitingReceiveRawIntoWithClosed) {
+    auto [a, b] = makeMemoryStreamPair();
+    FrameChannel channel(a);
+    FrameChannel peer(b);
+    peer.sendRaw(pattern(10, 4));
+    Bytes into(100);
+    auto waiting = std::async(std::launch::async, [&] { channel.receiveRawInto(into); });
+    ASSERT_TRUE(testing::eventually([stream = a] { return stream->receiveCount() > 1; }));
+    channel.cancel();
+    ASSERT_EQ(waiting.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+    expectStreamClosed([&] { waiting.get(); });
+    EXPECT_EQ(channel.receiveRaw(10), pattern(10, 4));
 }
 
 } // namespace

@@ -100,6 +100,21 @@ Bytes BonjourStream::receive(std::int64_t max) {
     }
 }
 
+std::size_t BonjourStream::receiveInto(MutableByteView into) {
+    if (into.empty()) {
+        throw std::invalid_argument("receiveInto needs room for at least one byte");
+    }
+    for (;;) {
+        const auto received = connection_->receiveInto(into);
+        if (received.count > 0) {
+            return received.count;
+        }
+        if (received.isComplete) {
+            throw StreamError::closed();
+        }
+    }
+}
+
 void BonjourStream::close() noexcept {
     connection_->cancel();
 }

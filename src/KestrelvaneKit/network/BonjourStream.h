@@ -27,6 +27,8 @@ public:
     void send(ByteView data) override;
     /// At least one and at most `max` bytes, as they arrive; never empty.
     Bytes receive(std::int64_t max) override;
+    /// As receive(), straight into `into`; never 0.
+    std::size_t receiveInto(MutableByteView into) override;
     /// Cancels the connection; a waiting receive() ends with its error.
     void close() noexcept override;
 

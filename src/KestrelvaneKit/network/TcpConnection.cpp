@@ -381,19 +381,27 @@ TcpConnection::Received TcpConnection::receive(std::size_t maximum) {
     if (maximum == 0) {
         throw std::invalid_argument("receive() needs a maximum of at least 1 byte");
     }
+    Bytes buffer(std::min(maximum, maxReceiveBytes));
+    const ReceivedInto received = receiveInto(buffer);
+    buffer.resize(received.count);
+    return {std::move(buffer), received.isComplete};
+}
+
+TcpConnection::ReceivedInto TcpConnection::receiveInto(MutableByteView into) {
+    if (into.empty()) {
+        throw std::invalid_argument("receive() needs a maximum of at least 1 byte");
+    }
     std::lock_guard receiving(receiveMutex_);
     const int fd = socketFor("recv()");
-    Bytes buffer(std::min(maximum, maxReceiveBytes));
     for (;;) {
-        const ssize_t n = ::recv(fd, buffer.data(), buffer.size(), 0);
+        const ssize_t n = ::recv(fd, into.data(), into.size(), 0);
         if (n > 0) {
-            buffer.resize(static_cast<std::size_t>(n));
-            return {std::move(buffer), false};
+            return {static_cast<std::size_t>(n), false};
         }
         const int code = errno;
         socketFor("recv()"); // woken by cancel(): say so rather than report an end
         if (n == 0) {
-            return {{}, true};
+            return {0, true};
         }
         if (code == EAGAIN || code == EWOULDBLOCK) {
             throw idleError("recv()");

@@ -79,6 +79,13 @@ public:
     /// Waits for at least one and at most `maximum` bytes (capped at
     /// maxReceiveBytes), or the peer's end. Throws std::system_error.
     Received receive(std::size_t maximum);
+    /// As receive(), into the front of `into` (no cap on its size): how many
+    /// bytes arrived, or none and isComplete at the peer's end.
+    struct ReceivedInto {
+        std::size_t count = 0;
+        bool isComplete = false; ///< the peer has finished sending
+    };
+    ReceivedInto receiveInto(MutableByteView into);
 
     /// The error category of getaddrinfo() results (EAI_*).
     static const std::error_category& resolverCategory() noexcept;

@@ -145,6 +145,9 @@ void TransferServer::runReader(FrameChannel& channel) {
         WireMessage::decode<SessionHeader>(channel.receiveFrame(maxHeaderFrameBytes));
     saver_.begin(session);
 
+    // One piece's memory for the whole session: file bytes are received into
+    // it, hashed and written from it.
+    Bytes pieceBuffer(static_cast<std::size_t>(pieceBytes));
     bool sessionGoesOn = true;
     while (sessionGoesOn) {
         const FileHeader header =
@@ -152,12 +155,12 @@ void TransferServer::runReader(FrameChannel& channel) {
         if (header.byteCount > maxFileBytes) {
             return;
         }
-        receiveFile(channel, header, sessionGoesOn);
+        receiveFile(channel, header, pieceBuffer, sessionGoesOn);
     }
 }
 
 void TransferServer::receiveFile(FrameChannel& channel, const FileHeader& header,
-                                 bool& sessionGoesOn) {
+                                 MutableByteView pieceBuffer, bool& sessionGoesOn) {
     const double start = KVLog::now();
     const fs::path temporaryFile = temporaryFileFor(header.name);
     WriteHandle handle(temporaryFile);
@@ -171,11 +174,12 @@ void TransferServer::receiveFile(FrameChannel& channel, const FileHeader& header
     }
 
     Sha256Hasher hasher;
-    auto remaining = static_cast<std::int64_t>(header.byteCount);
+    std::uint64_t remaining = header.byteCount;
     while (remaining > 0) {
-        Bytes piece;
+        const MutableByteView piece = pieceBuffer.first(
+            static_cast<std::size_t>(std::min<std::uint64_t>(remaining, pieceBuffer.size())));
         try {
-            piece = channel.receiveRaw(std::min(remaining, pieceBytes));
+            channel.receiveRawInto(piece);
         } catch (...) {
             handle.close();
             removeIgnoringErrors(temporaryFile);
@@ -188,7 +192,7 @@ void TransferServer::receiveFile(FrameChannel& channel, const FileHeader& header
             sessionGoesOn = false;
             return;
         }
-        remaining -= static_cast<std::int64_t>(piece.size());
+        remaining -= piece.size();
     }
     handle.close();
 

@@ -44,7 +44,8 @@ public:
 
 private:
     void runReader(FrameChannel& channel);
-    void receiveFile(FrameChannel& channel, const FileHeader& header, bool& sessionGoesOn);
+    void receiveFile(FrameChannel& channel, const FileHeader& header, MutableByteView pieceBuffer,
+                     bool& sessionGoesOn);
     std::filesystem::path temporaryFileFor(const std::string& name) const;
 
     BatchSaving& saver_;

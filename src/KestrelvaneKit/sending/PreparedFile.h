@@ -21,7 +21,9 @@ namespace kestrelvane {
 class PreparedFile {
 public:
     static constexpr std::uint64_t wholeReadLimit = 64ull << 20;
-    static constexpr std::size_t streamChunkBytes = 4u << 20;
+    /// Read and send in runs that stay in the core's cache between the read
+    /// and the hash or the send that follow (4 MiB measured slower).
+    static constexpr std::size_t streamChunkBytes = 1u << 20;
 
     /// Reads and hashes the file at `path`; the capture date is read for photos.
     /// Throws std::filesystem::filesystem_error when the file cannot be read,

@@ -83,16 +83,23 @@ Bytes UsbmuxdStream::receive(std::int64_t max) {
     if (max < 1) {
         throw std::invalid_argument("receive needs max of at least 1");
     }
-    const std::lock_guard serial(receiveMutex_);
     Bytes buffer(static_cast<std::size_t>(max));
+    buffer.resize(receiveInto(buffer));
+    return buffer;
+}
+
+std::size_t UsbmuxdStream::receiveInto(MutableByteView into) {
+    if (into.empty()) {
+        throw std::invalid_argument("receive needs max of at least 1");
+    }
+    const std::lock_guard serial(receiveMutex_);
     for (;;) {
         enter();
-        const ssize_t n = ::read(fd_, buffer.data(), buffer.size());
+        const ssize_t n = ::read(fd_, into.data(), into.size());
         const int error = errno;
         leave();
         if (n > 0) {
-            buffer.resize(static_cast<std::size_t>(n));
-            return buffer;
+            return static_cast<std::size_t>(n);
         }
         if (n == 0) {
             throw StreamError::closed();

@@ -33,6 +33,8 @@ public:
     /// Between 1 and `max` bytes as soon as any are there; `max` must be at
     /// least 1. The peer's close, or a close() here, is StreamError::closed.
     Bytes receive(std::int64_t max) override;
+    /// As receive(), read straight into `into`; never 0.
+    std::size_t receiveInto(MutableByteView into) override;
     void close() noexcept override;
 
 private:

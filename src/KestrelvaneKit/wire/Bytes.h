@@ -13,6 +13,9 @@ using Bytes = std::vector<std::uint8_t>;
 /// A read-only view of bytes owned elsewhere.
 using ByteView = std::span<const std::uint8_t>;
 
+/// Writable bytes owned elsewhere: where a receive puts what it brings.
+using MutableByteView = std::span<std::uint8_t>;
+
 inline ByteView asBytes(std::string_view text) {
     return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
 }

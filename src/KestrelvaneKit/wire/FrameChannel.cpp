@@ -2,6 +2,7 @@
 
 #include "KestrelvaneKit/wire/FrameCodec.h"
 
+#include <algorithm>
 #include <string>
 
 namespace kestrelvane {
@@ -62,6 +63,24 @@ Bytes FrameChannel::receiveRaw(std::int64_t count) {
         refill();
     }
     return buffer_.take(static_cast<std::size_t>(wanted));
+}
+
+void FrameChannel::receiveRawInto(MutableByteView into) {
+    const std::lock_guard lock(receiveMutex_);
+    const std::size_t buffered = std::min(buffer_.size(), into.size());
+    std::copy_n(buffer_.view().begin(), buffered, into.begin());
+    buffer_.consume(buffered);
+    std::size_t filled = buffered;
+    // The buffer is empty from here on, so a failure can hand the bytes back
+    // in order by buffering them again.
+    try {
+        while (filled < into.size()) {
+            filled += stream_->receiveInto(into.subspan(filled));
+        }
+    } catch (...) {
+        buffer_.append(ByteView(into.data(), filled));
+        throw;
+    }
 }
 
 void FrameChannel::refill() {

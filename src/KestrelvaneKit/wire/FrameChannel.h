@@ -65,6 +65,11 @@ public:
     Bytes receiveFrame(std::uint64_t maxPayloadLength);
     /// Exactly the next `count` bytes of the stream, unframed.
     Bytes receiveRaw(std::int64_t count);
+    /// Fills `into` with exactly the next into.size() bytes of the stream,
+    /// unframed: what is buffered first, the rest read from the stream straight
+    /// into `into` without passing through the buffer. When it fails, whatever
+    /// it had received is buffered again, as receiveRaw() would have left it.
+    void receiveRawInto(MutableByteView into);
 
     KestrelvaneStream& stream() noexcept { return *stream_; }
 

@@ -2,6 +2,7 @@
 
 #include "KestrelvaneKit/wire/Bytes.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <stdexcept>
 #include <string>
@@ -55,6 +56,12 @@ public:
     /// buffer (the caller calls again); the end of the stream is always
     /// StreamError::closed, never an empty read.
     virtual Bytes receive(std::int64_t max) = 0;
+
+    /// As receive(max) with max = into.size(), but the bytes land at the front
+    /// of `into`; returns how many (0 means none yet: call again). `into` must
+    /// not be empty. The default copies what receive() returns; transports
+    /// override it to read straight into the caller's memory.
+    virtual std::size_t receiveInto(MutableByteView into);
 
     /// Ends the stream and releases the transport; wakes a waiting `receive`.
     /// Never fails; a second call does nothing.
