@@ -441,10 +441,6 @@ TEST(TransferServer, AnAcknowledgementThatCannotBeEncodedGoesOutEmptyAndTheNextO
     EXPECT_EQ(session.events()[0].ack.message, "disk says \xff\xfe");
 }
 
-// Present in coverage builds only: a child that ends with _Exit writes its
-// counts out through it, or what it ran would not be counted.
-extern "C" void __gcov_dump() __attribute__((weak));
-
 /// Runs `body` in a child process that cannot start a thread: as an ordinary
 /// user whose process limit is already reached (root is exempt from the
 /// limit, so root's child becomes nobody first). Returns the child's exit
@@ -465,11 +461,7 @@ int runWithoutThreads(const std::function<int()>& body) {
             std::_Exit(77); // threads can still be started here
         } catch (const std::system_error&) {
         }
-        const int status = body();
-        if (__gcov_dump != nullptr) {
-            __gcov_dump();
-        }
-        std::_Exit(status);
+        std::_Exit(body());
     }
     int status = 0;
     while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
