@@ -2,6 +2,7 @@
 
 #include "KestrelvaneKit/intake/Checksum.h"
 #include "support/FileSizeLimit.h"
+#include "support/SystemCallFault.h"
 #include "support/TemporaryFolder.h"
 
 #include <gtest/gtest.h>
@@ -262,6 +263,70 @@ TEST(FolderSaver, WhenEveryNameIsTakenTheFileFailsAndNothingIsOverwritten) {
               static_cast<std::size_t>(FolderSaver::maxNameAttempts));
     EXPECT_EQ(readText(destination.path() / "a (9999).jpg"), "older");
     EXPECT_FALSE(fs::exists(file));
+}
+
+using testing::SystemCallFault;
+
+// The promise behind "ok": a file whose data the disk would not make durable
+// is never reported saved, and never takes its name.
+TEST(FolderSaver, AFileWhoseDataCannotBeMadeDurableIsNeverReportedSaved) {
+    TemporaryFolder temporary;
+    TemporaryFolder destination;
+    FolderSaver saver(destination.path());
+    saver.begin(SessionHeader{});
+    const fs::path file = received(temporary.path(), "data");
+    BatchOutcome outcome;
+    {
+        const SystemCallFault fault(SystemCallFault::Call::fsync, EIO,
+                                    SystemCallFault::Target::files);
+        outcome = saveOne(saver, file, FileHeader{.name = "a.jpg"});
+    }
+    EXPECT_GE(SystemCallFault::failures(SystemCallFault::Call::fsync), 1);
+    EXPECT_EQ(outcome.status, Ack::Status::error);
+    EXPECT_EQ(outcome.message, std::generic_category().message(EIO));
+    EXPECT_TRUE(destination.fileNames().empty());
+    EXPECT_FALSE(fs::exists(file));
+}
+
+// Named but not durably: none of the group is reported saved. The names stay,
+// so that a resend finds the file already there, syncs it again and says "ok"
+// without a second copy.
+TEST(FolderSaver, WhenTheFolderCannotBeSyncedTheFileIsReportedOnlyOnceAResendSucceeds) {
+    TemporaryFolder temporary;
+    TemporaryFolder destination;
+    const FileHeader header{
+        .name = "a.jpg", .byteCount = 4, .sha256 = Checksum::sha256Hex(asBytes("data"))};
+    {
+        FolderSaver saver(destination.path());
+        saver.begin(SessionHeader{});
+        const SystemCallFault fault(SystemCallFault::Call::fsync, EIO,
+                                    SystemCallFault::Target::folders);
+        const BatchOutcome outcome = saveOne(saver, received(temporary.path(), "data"), header);
+        EXPECT_EQ(outcome.status, Ack::Status::error);
+        EXPECT_EQ(outcome.message, std::generic_category().message(EIO));
+    }
+    FolderSaver saver(destination.path());
+    saver.begin(SessionHeader{});
+    EXPECT_EQ(saveOne(saver, received(temporary.path(), "data"), header).status, Ack::Status::ok);
+    EXPECT_EQ(destination.fileNames(), std::vector<std::string>{"a.jpg"});
+    EXPECT_TRUE(temporary.fileNames().empty());
+}
+
+TEST(FolderSaver, AModeOrDateThatCannotBeSetFailsTheFileWithTheSystemsMessage) {
+    TemporaryFolder temporary;
+    TemporaryFolder destination;
+    FolderSaver saver(destination.path());
+    saver.begin(SessionHeader{});
+    for (const auto call : {SystemCallFault::Call::chmod, SystemCallFault::Call::utimensat}) {
+        const SystemCallFault fault(call, EPERM);
+        const BatchOutcome outcome =
+            saveOne(saver, received(temporary.path(), "data"),
+                    FileHeader{.name = "a.jpg", .creationDate = Timestamp(seconds(1'000'000'000))});
+        EXPECT_EQ(outcome.status, Ack::Status::error);
+        EXPECT_EQ(outcome.message, std::generic_category().message(EPERM));
+    }
+    EXPECT_TRUE(destination.fileNames().empty());
+    EXPECT_TRUE(temporary.fileNames().empty());
 }
 
 TEST(FolderSaver, AReceivedFileThatVanishedIsReportedWithTheSystemsMessage) {

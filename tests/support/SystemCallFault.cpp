@@ -1,0 +1,90 @@
+#include "support/SystemCallFault.h"
+
+#include <atomic>
+#include <cerrno>
+#include <sys/stat.h>
+
+namespace kestrelvane::testing {
+namespace {
+
+struct Armed {
+    std::atomic<int> error{0}; // 0: not armed
+    std::atomic<SystemCallFault::Target> target{SystemCallFault::Target::any};
+    std::atomic<int> failures{0};
+};
+
+Armed armed[3];
+
+Armed& slot(SystemCallFault::Call call) {
+    return armed[static_cast<int>(call)];
+}
+
+/// The error to fail with, or 0 to let the call through.
+int errorFor(SystemCallFault::Call call, int fd = -1) {
+    Armed& state = slot(call);
+    const int error = state.error.load();
+    if (error == 0) {
+        return 0;
+    }
+    if (fd >= 0 && state.target.load() != SystemCallFault::Target::any) {
+        struct stat status {};
+        if (::fstat(fd, &status) != 0 ||
+            S_ISDIR(status.st_mode) != (state.target.load() == SystemCallFault::Target::folders)) {
+            return 0;
+        }
+    }
+    ++state.failures;
+    return error;
+}
+
+} // namespace
+
+SystemCallFault::SystemCallFault(Call call, int error, Target target) : call_(call) {
+    slot(call).target = target;
+    slot(call).error = error;
+}
+
+SystemCallFault::~SystemCallFault() {
+    slot(call_).error = 0;
+}
+
+int SystemCallFault::failures(Call call) {
+    return slot(call).failures.load();
+}
+
+} // namespace kestrelvane::testing
+
+// The linker sends every call of these functions here (--wrap), and
+// __real_* to the C library's own.
+extern "C" {
+int __real_fsync(int fd);
+int __real_chmod(const char* path, mode_t mode);
+int __real_utimensat(int dirfd, const char* path, const struct timespec times[2], int flags);
+
+int __wrap_fsync(int fd) {
+    using kestrelvane::testing::SystemCallFault;
+    if (const int error = kestrelvane::testing::errorFor(SystemCallFault::Call::fsync, fd)) {
+        errno = error;
+        return -1;
+    }
+    return __real_fsync(fd);
+}
+
+int __wrap_chmod(const char* path, mode_t mode) {
+    using kestrelvane::testing::SystemCallFault;
+    if (const int error = kestrelvane::testing::errorFor(SystemCallFault::Call::chmod)) {
+        errno = error;
+        return -1;
+    }
+    return __real_chmod(path, mode);
+}
+
+int __wrap_utimensat(int dirfd, const char* path, const struct timespec times[2], int flags) {
+    using kestrelvane::testing::SystemCallFault;
+    if (const int error = kestrelvane::testing::errorFor(SystemCallFault::Call::utimensat)) {
+        errno = error;
+        return -1;
+    }
+    return __real_utimensat(dirfd, path, times, flags);
+}
+}

@@ -1,0 +1,28 @@
+#pragma once
+
+namespace kestrelvane::testing {
+
+/// Makes one kind of system call fail, for as long as it lives, in the test
+/// programs linked with the wrappers of SystemCallFault.cpp (the link options
+/// kv_wrap_system_calls() adds): calls that do not fail on a working file
+/// system, so that what the code does when they fail can be tested. Any
+/// thread's calls fail, not only the test's.
+class SystemCallFault {
+public:
+    enum class Call { fsync, chmod, utimensat };
+    /// For fsync: which descriptors fail.
+    enum class Target { any, files, folders };
+
+    SystemCallFault(Call call, int error, Target target = Target::any);
+    ~SystemCallFault();
+    SystemCallFault(const SystemCallFault&) = delete;
+    SystemCallFault& operator=(const SystemCallFault&) = delete;
+
+    /// How many calls were made to fail so far.
+    static int failures(Call call);
+
+private:
+    Call call_;
+};
+
+} // namespace kestrelvane::testing
