@@ -2,6 +2,7 @@
 
 #include "support/DescriptorShortage.h"
 #include "support/Eventually.h"
+#include "support/SystemCallFault.h"
 
 #include <gtest/gtest.h>
 
@@ -165,6 +166,127 @@ TEST(TcpListener, WithoutADescriptorForItsSocketFailsWithTheSystemsError) {
         errorWithoutDescriptors([] { TcpListener(0, TcpListener::Scope::loopback); }, 1);
     ASSERT_TRUE(error) << "listening without a socket";
     EXPECT_EQ(error->code(), std::errc::too_many_files_open) << error->what();
+}
+
+using testing::SystemCallFault;
+
+/// A client connection from loopback and the listener's side of it, both ready.
+struct ConnectedPair {
+    TcpListener listener{0, TcpListener::Scope::loopback};
+    TcpConnection client{"127.0.0.1", listener.port()};
+    std::shared_ptr<TcpConnection> accepted;
+
+    ConnectedPair() {
+        client.start();
+        accepted = listener.accept();
+        accepted->start();
+        EXPECT_TRUE(
+            testing::eventually([&] { return client.state() == TcpConnection::State::ready; }));
+    }
+};
+
+Bytes receiveAll(TcpConnection& connection, std::size_t count) {
+    Bytes all;
+    while (all.size() < count) {
+        const auto received = connection.receive(count - all.size());
+        if (received.isComplete) {
+            break;
+        }
+        all.insert(all.end(), received.data.begin(), received.data.end());
+    }
+    return all;
+}
+
+TEST(TcpConnection, InterruptedSendsAndReceivesGoOnAndOtherFailuresPassThrough) {
+    ConnectedPair pair;
+    const Bytes data{'p', 'h', 'o', 't', 'o'};
+    {
+        const SystemCallFault interrupted(SystemCallFault::Call::send, EINTR, 1);
+        pair.client.send(data);
+    }
+    {
+        const SystemCallFault interrupted(SystemCallFault::Call::recv, EINTR, 1);
+        EXPECT_EQ(receiveAll(*pair.accepted, data.size()), data);
+    }
+    EXPECT_EQ(SystemCallFault::failures(SystemCallFault::Call::send), 1);
+    EXPECT_EQ(SystemCallFault::failures(SystemCallFault::Call::recv), 1);
+
+    const auto errorOf = [](const std::function<void()>& call) -> std::string {
+        try {
+            call();
+        } catch (const std::system_error& error) {
+            return error.code() == std::errc::io_error ? error.what() : "other code";
+        }
+        return "no error";
+    };
+    {
+        const SystemCallFault failing(SystemCallFault::Call::send, EIO, 1);
+        EXPECT_EQ(errorOf([&] { pair.client.send(data); }).rfind("send() failed (5)", 0), 0u);
+    }
+    {
+        const SystemCallFault failing(SystemCallFault::Call::recv, EIO, 1);
+        EXPECT_EQ(errorOf([&] { pair.accepted->receive(10); }).rfind("recv() failed (5)", 0), 0u);
+    }
+}
+
+TEST(TcpConnection, NoSocketForAnyAddressFailsWithTheSocketError) {
+    std::promise<TcpConnection::Error> failed;
+    bool settled = false; // outlive the connection and its thread
+    TcpConnection connection("127.0.0.1", 9);
+    connection.setStateHandler([&](TcpConnection::State state, const TcpConnection::Error& error) {
+        if (state == TcpConnection::State::failed && !settled) {
+            settled = true;
+            failed.set_value(error);
+        }
+    });
+    const SystemCallFault noSockets(SystemCallFault::Call::socket, EMFILE);
+    connection.start();
+    auto future = failed.get_future();
+    ASSERT_EQ(future.wait_for(std::chrono::seconds(30)), std::future_status::ready);
+    const auto error = future.get();
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->code(), std::errc::too_many_files_open);
+    EXPECT_EQ(std::string(error->what()).rfind("socket() failed (24)", 0), 0u) << error->what();
+}
+
+TEST(TcpListener, AnInterruptedWaitGoesOnAndOtherFailuresOfPollOrAcceptAreReported) {
+    TcpListener listener(0, TcpListener::Scope::loopback);
+    const auto connectClient = [&] {
+        const int client = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(listener.port());
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        EXPECT_EQ(::connect(client, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+        return client;
+    };
+    const int first = connectClient();
+    {
+        const SystemCallFault interruptedWait(SystemCallFault::Call::poll, EINTR, 1);
+        const SystemCallFault interruptedAccept(SystemCallFault::Call::accept4, EINTR, 1);
+        EXPECT_NE(listener.accept(), nullptr);
+    }
+    const int second = connectClient();
+    const auto errorOf = [&] {
+        try {
+            listener.accept();
+        } catch (const std::system_error& error) {
+            return std::string(error.what());
+        }
+        return std::string("no error");
+    };
+    {
+        const SystemCallFault failing(SystemCallFault::Call::poll, EIO, 1);
+        EXPECT_EQ(errorOf().rfind("poll() failed (5)", 0), 0u);
+    }
+    {
+        const SystemCallFault failing(SystemCallFault::Call::accept4, EPERM, 1);
+        EXPECT_EQ(errorOf().rfind("accept() failed (1)", 0), 0u);
+    }
+    // The connection that could not be taken is still there for the next accept.
+    EXPECT_NE(listener.accept(), nullptr);
+    ::close(first);
+    ::close(second);
 }
 
 TEST(TcpConnection, MisuseIsRefusedWithInvalidArgument) {

@@ -2,7 +2,10 @@
 
 #include <atomic>
 #include <cerrno>
+#include <poll.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace kestrelvane::testing {
 namespace {
@@ -10,10 +13,11 @@ namespace {
 struct Armed {
     std::atomic<int> error{0}; // 0: not armed
     std::atomic<SystemCallFault::Target> target{SystemCallFault::Target::any};
+    std::atomic<int> remaining{SystemCallFault::always};
     std::atomic<int> failures{0};
 };
 
-Armed armed[3];
+Armed armed[9];
 
 Armed& slot(SystemCallFault::Call call) {
     return armed[static_cast<int>(call)];
@@ -33,14 +37,23 @@ int errorFor(SystemCallFault::Call call, int fd = -1) {
             return 0;
         }
     }
+    for (int left = state.remaining.load(); left != SystemCallFault::always;) {
+        if (left == 0) {
+            return 0;
+        }
+        if (state.remaining.compare_exchange_weak(left, left - 1)) {
+            break;
+        }
+    }
     ++state.failures;
     return error;
 }
 
 } // namespace
 
-SystemCallFault::SystemCallFault(Call call, int error, Target target) : call_(call) {
+SystemCallFault::SystemCallFault(Call call, int error, Target target, int times) : call_(call) {
     slot(call).target = target;
+    slot(call).remaining = times;
     slot(call).error = error;
 }
 
@@ -58,6 +71,12 @@ int SystemCallFault::failures(Call call) {
 // __real_* to the C library's own.
 extern "C" {
 int __real_fsync(int fd);
+int __real_socket(int domain, int type, int protocol);
+int __real_poll(struct pollfd* fds, nfds_t count, int timeout);
+int __real_accept4(int fd, struct sockaddr* address, socklen_t* length, int flags);
+ssize_t __real_send(int fd, const void* data, size_t size, int flags);
+ssize_t __real_recv(int fd, void* data, size_t size, int flags);
+ssize_t __real_read(int fd, void* data, size_t size);
 int __real_chmod(const char* path, mode_t mode);
 int __real_utimensat(int dirfd, const char* path, const struct timespec times[2], int flags);
 
@@ -86,5 +105,32 @@ int __wrap_utimensat(int dirfd, const char* path, const struct timespec times[2]
         return -1;
     }
     return __real_utimensat(dirfd, path, times, flags);
+}
+
+#define KV_FAIL_OR_CALL(name, ...)                                                                 \
+    using kestrelvane::testing::SystemCallFault;                                                   \
+    if (const int error = kestrelvane::testing::errorFor(SystemCallFault::Call::name)) {           \
+        errno = error;                                                                             \
+        return -1;                                                                                 \
+    }                                                                                              \
+    return __real_##name(__VA_ARGS__)
+
+int __wrap_socket(int domain, int type, int protocol) {
+    KV_FAIL_OR_CALL(socket, domain, type, protocol);
+}
+int __wrap_poll(struct pollfd* fds, nfds_t count, int timeout) {
+    KV_FAIL_OR_CALL(poll, fds, count, timeout);
+}
+int __wrap_accept4(int fd, struct sockaddr* address, socklen_t* length, int flags) {
+    KV_FAIL_OR_CALL(accept4, fd, address, length, flags);
+}
+ssize_t __wrap_send(int fd, const void* data, size_t size, int flags) {
+    KV_FAIL_OR_CALL(send, fd, data, size, flags);
+}
+ssize_t __wrap_recv(int fd, void* data, size_t size, int flags) {
+    KV_FAIL_OR_CALL(recv, fd, data, size, flags);
+}
+ssize_t __wrap_read(int fd, void* data, size_t size) {
+    KV_FAIL_OR_CALL(read, fd, data, size);
 }
 }

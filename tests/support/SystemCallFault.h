@@ -2,18 +2,23 @@
 
 namespace kestrelvane::testing {
 
-/// Makes one kind of system call fail, for as long as it lives, in the test
-/// programs linked with the wrappers of SystemCallFault.cpp (the link options
-/// kv_wrap_system_calls() adds): calls that do not fail on a working file
-/// system, so that what the code does when they fail can be tested. Any
-/// thread's calls fail, not only the test's.
+/// Makes one kind of system call fail, for as long as it lives (or for its
+/// next few calls), in the test programs linked with the wrappers of
+/// SystemCallFault.cpp (the link options kv_wrap_system_calls() adds): calls
+/// that do not fail on a working system, so that what the code does when they
+/// fail can be tested. Any thread's calls fail, not only the test's, so arm
+/// one only while no other thread makes that call.
 class SystemCallFault {
 public:
-    enum class Call { fsync, chmod, utimensat };
+    enum class Call { fsync, chmod, utimensat, socket, poll, accept4, send, recv, read };
     /// For fsync: which descriptors fail.
     enum class Target { any, files, folders };
+    static constexpr int always = -1;
 
-    SystemCallFault(Call call, int error, Target target = Target::any);
+    SystemCallFault(Call call, int error, Target target = Target::any, int times = always);
+    /// Fails only the next `times` calls.
+    SystemCallFault(Call call, int error, int times)
+        : SystemCallFault(call, error, Target::any, times) {}
     ~SystemCallFault();
     SystemCallFault(const SystemCallFault&) = delete;
     SystemCallFault& operator=(const SystemCallFault&) = delete;

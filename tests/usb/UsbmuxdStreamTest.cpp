@@ -2,6 +2,7 @@
 
 #include "KestrelvaneKit/usb/UsbmuxdProtocol.h"
 #include "support/Eventually.h"
+#include "support/SystemCallFault.h"
 
 #include <gtest/gtest.h>
 
@@ -9,6 +10,7 @@
 #include <atomic>
 #include <fcntl.h>
 #include <fstream>
+#include <functional>
 #include <future>
 #include <pthread.h>
 #include <set>
@@ -249,6 +251,36 @@ TEST(UsbmuxdStream, InterruptedWritesAreRetriedAndTheDataArrivesWhole) {
     sent.get();
     EXPECT_TRUE(received == data);
     ::sigaction(SIGUSR1, &previous, nullptr);
+}
+
+TEST(UsbmuxdStream, AnInterruptedReadGoesOnAndOtherReadOrWriteFailuresAreSocketErrors) {
+    using testing::SystemCallFault;
+    Tunnel tunnel;
+    const Bytes data{'a', 'b', 'c'};
+    ASSERT_EQ(::write(tunnel.phone, data.data(), data.size()), 3);
+    {
+        const SystemCallFault interrupted(SystemCallFault::Call::read, EINTR, 1);
+        EXPECT_EQ(tunnel.stream->receive(3), data);
+    }
+    const auto errorOf = [](const std::function<void()>& call) -> std::string {
+        try {
+            call();
+        } catch (const UsbmuxdError& error) {
+            return error.what();
+        }
+        return "no error";
+    };
+    {
+        const SystemCallFault failing(SystemCallFault::Call::read, EIO, 1);
+        EXPECT_EQ(errorOf([&] { tunnel.stream->receive(3); }),
+                  UsbmuxdError::socketError("read failed (5)").what());
+    }
+    {
+        const SystemCallFault failing(SystemCallFault::Call::send, EIO, 1);
+        EXPECT_EQ(errorOf([&] { tunnel.stream->send(data); }),
+                  UsbmuxdError::socketError("write failed (5)").what());
+    }
+    EXPECT_EQ(SystemCallFault::failures(SystemCallFault::Call::read), 2);
 }
 
 } // namespace
