@@ -3,6 +3,7 @@
 #include "KestrelvaneKit/intake/Checksum.h"
 #include "KestrelvaneKit/wire/KestrelvaneStream.h"
 #include "support/ScriptedStream.h"
+#include "support/SystemCallFault.h"
 #include "support/TemporaryFolder.h"
 
 #include <gtest/gtest.h>
@@ -56,6 +57,28 @@ TEST(PreparedFile, HashingALargeFileStopsWhenTheSendIsStopped) {
         FAIL() << "a stopped send still hashed the whole file";
     } catch (const StreamError& error) {
         EXPECT_TRUE(error.isClosed());
+    }
+}
+
+TEST(PreparedFile, AnInterruptedReadGoesOnAndAFailedOneNamesTheFileAndTheReason) {
+    using testing::SystemCallFault;
+    testing::TemporaryFolder folder;
+    const fs::path path = folder.path() / "IMG_1.jpg";
+    std::ofstream(path) << "pixels";
+    {
+        const SystemCallFault interrupted(SystemCallFault::Call::pread, EINTR, 1);
+        EXPECT_EQ(PreparedFile::prepare(path, MediaType::video).header().sha256,
+                  Checksum::sha256Hex(asBytes("pixels")));
+    }
+    const SystemCallFault failing(SystemCallFault::Call::pread, EIO);
+    try {
+        PreparedFile::prepare(path, MediaType::video);
+        FAIL() << "a file that cannot be read was prepared";
+    } catch (const fs::filesystem_error& error) {
+        EXPECT_EQ(error.code(), std::errc::io_error);
+        EXPECT_EQ(error.path1(), path);
+        EXPECT_NE(std::string(error.what()).find("cannot read file"), std::string::npos)
+            << error.what();
     }
 }
 

@@ -17,7 +17,7 @@ struct Armed {
     std::atomic<int> failures{0};
 };
 
-Armed armed[9];
+Armed armed[10];
 
 Armed& slot(SystemCallFault::Call call) {
     return armed[static_cast<int>(call)];
@@ -77,6 +77,7 @@ int __real_accept4(int fd, struct sockaddr* address, socklen_t* length, int flag
 ssize_t __real_send(int fd, const void* data, size_t size, int flags);
 ssize_t __real_recv(int fd, void* data, size_t size, int flags);
 ssize_t __real_read(int fd, void* data, size_t size);
+ssize_t __real_pread(int fd, void* data, size_t size, off_t offset);
 int __real_chmod(const char* path, mode_t mode);
 int __real_utimensat(int dirfd, const char* path, const struct timespec times[2], int flags);
 
@@ -132,5 +133,8 @@ ssize_t __wrap_recv(int fd, void* data, size_t size, int flags) {
 }
 ssize_t __wrap_read(int fd, void* data, size_t size) {
     KV_FAIL_OR_CALL(read, fd, data, size);
+}
+ssize_t __wrap_pread(int fd, void* data, size_t size, off_t offset) {
+    KV_FAIL_OR_CALL(pread, fd, data, size, offset);
 }
 }

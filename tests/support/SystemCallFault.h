@@ -10,7 +10,7 @@ namespace kestrelvane::testing {
 /// one only while no other thread makes that call.
 class SystemCallFault {
 public:
-    enum class Call { fsync, chmod, utimensat, socket, poll, accept4, send, recv, read };
+    enum class Call { fsync, chmod, utimensat, socket, poll, accept4, send, recv, read, pread };
     /// For fsync: which descriptors fail.
     enum class Target { any, files, folders };
     static constexpr int always = -1;
