@@ -249,6 +249,29 @@ TEST(TcpConnection, NoSocketForAnyAddressFailsWithTheSocketError) {
     EXPECT_EQ(std::string(error->what()).rfind("socket() failed (24)", 0), 0u) << error->what();
 }
 
+TEST(TcpConnection, AConnectWhoseOutcomeCannotBeReadFailsWithThatError) {
+    TcpListener listener(0, TcpListener::Scope::loopback);
+    std::promise<TcpConnection::Error> failed;
+    bool settled = false; // outlive the connection and its thread
+    TcpConnection connection("127.0.0.1", listener.port());
+    connection.setStateHandler([&](TcpConnection::State state, const TcpConnection::Error& error) {
+        if (state != TcpConnection::State::preparing && !settled) {
+            settled = true;
+            failed.set_value(state == TcpConnection::State::failed ? error : std::nullopt);
+        }
+    });
+    const SystemCallFault unreadable(SystemCallFault::Call::getsockopt, EIO);
+    connection.start();
+    auto future = failed.get_future();
+    ASSERT_EQ(future.wait_for(std::chrono::seconds(30)), std::future_status::ready);
+    const auto error = future.get();
+    if (SystemCallFault::failures(SystemCallFault::Call::getsockopt) == 0) {
+        GTEST_SKIP() << "the connect completed at once, so its outcome was never asked for";
+    }
+    ASSERT_TRUE(error) << "connected although its outcome could not be read";
+    EXPECT_EQ(std::string(error->what()).rfind("connect() failed (5)", 0), 0u) << error->what();
+}
+
 TEST(TcpListener, AnInterruptedWaitGoesOnAndOtherFailuresOfPollOrAcceptAreReported) {
     TcpListener listener(0, TcpListener::Scope::loopback);
     const auto connectClient = [&] {

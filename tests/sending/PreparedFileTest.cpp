@@ -70,15 +70,17 @@ TEST(PreparedFile, AnInterruptedReadGoesOnAndAFailedOneNamesTheFileAndTheReason)
         EXPECT_EQ(PreparedFile::prepare(path, MediaType::video).header().sha256,
                   Checksum::sha256Hex(asBytes("pixels")));
     }
-    const SystemCallFault failing(SystemCallFault::Call::pread, EIO);
-    try {
-        PreparedFile::prepare(path, MediaType::video);
-        FAIL() << "a file that cannot be read was prepared";
-    } catch (const fs::filesystem_error& error) {
-        EXPECT_EQ(error.code(), std::errc::io_error);
-        EXPECT_EQ(error.path1(), path);
-        EXPECT_NE(std::string(error.what()).find("cannot read file"), std::string::npos)
-            << error.what();
+    for (const auto call : {SystemCallFault::Call::pread, SystemCallFault::Call::fstat}) {
+        const SystemCallFault failing(call, EIO);
+        try {
+            PreparedFile::prepare(path, MediaType::video);
+            ADD_FAILURE() << "a file that cannot be read was prepared";
+        } catch (const fs::filesystem_error& error) {
+            EXPECT_EQ(error.code(), std::errc::io_error);
+            EXPECT_EQ(error.path1(), path);
+            EXPECT_NE(std::string(error.what()).find("cannot read file"), std::string::npos)
+                << error.what();
+        }
     }
 }
 

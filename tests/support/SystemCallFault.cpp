@@ -7,6 +7,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+extern "C" int __real_fstat(int fd, struct stat* status);
+
 namespace kestrelvane::testing {
 namespace {
 
@@ -17,7 +19,7 @@ struct Armed {
     std::atomic<int> failures{0};
 };
 
-Armed armed[10];
+Armed armed[12];
 
 Armed& slot(SystemCallFault::Call call) {
     return armed[static_cast<int>(call)];
@@ -32,7 +34,7 @@ int errorFor(SystemCallFault::Call call, int fd = -1) {
     }
     if (fd >= 0 && state.target.load() != SystemCallFault::Target::any) {
         struct stat status {};
-        if (::fstat(fd, &status) != 0 ||
+        if (__real_fstat(fd, &status) != 0 ||
             S_ISDIR(status.st_mode) != (state.target.load() == SystemCallFault::Target::folders)) {
             return 0;
         }
@@ -78,6 +80,7 @@ ssize_t __real_send(int fd, const void* data, size_t size, int flags);
 ssize_t __real_recv(int fd, void* data, size_t size, int flags);
 ssize_t __real_read(int fd, void* data, size_t size);
 ssize_t __real_pread(int fd, void* data, size_t size, off_t offset);
+int __real_getsockopt(int fd, int level, int name, void* value, socklen_t* length);
 int __real_chmod(const char* path, mode_t mode);
 int __real_utimensat(int dirfd, const char* path, const struct timespec times[2], int flags);
 
@@ -136,5 +139,11 @@ ssize_t __wrap_read(int fd, void* data, size_t size) {
 }
 ssize_t __wrap_pread(int fd, void* data, size_t size, off_t offset) {
     KV_FAIL_OR_CALL(pread, fd, data, size, offset);
+}
+int __wrap_fstat(int fd, struct stat* status) {
+    KV_FAIL_OR_CALL(fstat, fd, status);
+}
+int __wrap_getsockopt(int fd, int level, int name, void* value, socklen_t* length) {
+    KV_FAIL_OR_CALL(getsockopt, fd, level, name, value, length);
 }
 }

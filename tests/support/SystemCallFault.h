@@ -10,7 +10,20 @@ namespace kestrelvane::testing {
 /// one only while no other thread makes that call.
 class SystemCallFault {
 public:
-    enum class Call { fsync, chmod, utimensat, socket, poll, accept4, send, recv, read, pread };
+    enum class Call {
+        fsync,
+        chmod,
+        utimensat,
+        socket,
+        poll,
+        accept4,
+        send,
+        recv,
+        read,
+        pread,
+        fstat,
+        getsockopt
+    };
     /// For fsync: which descriptors fail.
     enum class Target { any, files, folders };
     static constexpr int always = -1;
