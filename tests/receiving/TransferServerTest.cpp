@@ -147,14 +147,22 @@ public:
         streams_.first->finishSending();
         return done_.wait_for(std::chrono::seconds(30)) == std::future_status::ready;
     }
+    /// Frames still readable after the server has finished.
+    std::vector<Bytes> remainingFrames() {
+        std::vector<Bytes> frames;
+        try {
+            while (true) {
+                frames.push_back(receiveFrame());
+            }
+        } catch (const StreamError&) {
+        }
+        return frames;
+    }
     /// Acknowledgements still readable after the server has finished.
     std::vector<Ack> remainingAcks() {
         std::vector<Ack> acks;
-        try {
-            while (true) {
-                acks.push_back(receiveAck());
-            }
-        } catch (const StreamError&) {
+        for (const Bytes& frame : remainingFrames()) {
+            acks.push_back(WireMessage::decode<Ack>(frame));
         }
         return acks;
     }
@@ -424,16 +432,7 @@ TEST(TransferServer, AnAcknowledgementThatCannotBeEncodedGoesOutEmptyAndTheNextO
     session.sendFile(headerFor("odd.jpg", bytes), bytes);
     session.sendFile(headerFor("fine.jpg", bytes), bytes);
     ASSERT_TRUE(session.finishAndWait());
-    const std::vector<Bytes> frames = [&] {
-        std::vector<Bytes> received;
-        try {
-            while (true) {
-                received.push_back(session.receiveFrame());
-            }
-        } catch (const StreamError&) {
-        }
-        return received;
-    }();
+    const std::vector<Bytes> frames = session.remainingFrames();
     ASSERT_EQ(frames.size(), 2u);
     EXPECT_TRUE(frames[0].empty());
     EXPECT_EQ(WireMessage::decode<Ack>(frames[1]), okAck("fine.jpg"));
