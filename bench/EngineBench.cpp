@@ -10,6 +10,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
 #include <future>
 
 namespace kestrelvane::bench {
@@ -60,8 +61,12 @@ void BM_SendInMemory(benchmark::State& state) {
         const auto acks = TransferClient().send(files.paths(), senderChannel, SessionHeader{});
         senderChannel.cancel();
         receiver.wait();
-        if (acks.size() != 4) {
-            state.SkipWithError("not every file was acknowledged");
+        const bool allSaved =
+            acks.size() == 4 && std::all_of(acks.begin(), acks.end(), [](const Ack& ack) {
+                return ack.status == Ack::Status::ok;
+            });
+        if (!allSaved) {
+            state.SkipWithError("not every file was acknowledged as verified");
         }
     }
     reportThroughput(state, files.totalBytes(), shaBytesPerSecond);
