@@ -48,6 +48,7 @@ const std::map<std::string, std::string>& datedFixtures() {
     static const std::map<std::string, std::string> dated{
         {"jpeg-original.jpg", "2024-03-05T13:07:09Z"},  // 14:07:09 at +01:00
         {"heic-original.heic", "2022-07-04T07:15:30Z"}, // 09:15:30 at +02:00
+        {"heic-grid.heic", "2021-11-30T17:45:00Z"},     // a grid exiv2 alone cannot read
         {"png-exif-chunk.png", "2023-12-31T22:59:58Z"},
         {"png-raw-profile.png", "2020-02-29T11:00:00Z"},
         {"tiff-original.tiff", "2021-06-15T06:30:00Z"},

@@ -5,8 +5,11 @@
 #include <unicode/smpdtfmt.h>
 #include <unicode/timezone.h>
 
+#include <cstdint>
+#include <libheif/heif.h>
 #include <memory>
 #include <mutex>
+#include <vector>
 
 namespace kestrelvane::ExifReader {
 namespace {
@@ -73,6 +76,44 @@ std::optional<Timestamp> parseExifDate(const std::string& text) {
     return Timestamp{std::chrono::microseconds{microseconds}};
 }
 
+/// The EXIF block of a HEIF file's primary image, found through libheif's
+/// item tables. exiv2 0.27 cannot follow every item layout (grids of small
+/// pictures, the locations some encoders write); libheif reads the boxes
+/// only, never the coded pictures.
+Exiv2::ExifData heifExif(const std::filesystem::path& file) {
+    Exiv2::ExifData exif;
+    const std::unique_ptr<heif_context, void (*)(heif_context*)> context(heif_context_alloc(),
+                                                                         heif_context_free);
+    if (!context ||
+        heif_context_read_from_file(context.get(), file.c_str(), nullptr).code != heif_error_Ok) {
+        return exif;
+    }
+    heif_image_handle* primary = nullptr;
+    if (heif_context_get_primary_image_handle(context.get(), &primary).code != heif_error_Ok) {
+        return exif;
+    }
+    const std::unique_ptr<heif_image_handle, void (*)(const heif_image_handle*)> handle(
+        primary, heif_image_handle_release);
+    heif_item_id id = 0;
+    if (heif_image_handle_get_list_of_metadata_block_IDs(handle.get(), "Exif", &id, 1) != 1) {
+        return exif;
+    }
+    std::vector<std::uint8_t> block(heif_image_handle_get_metadata_size(handle.get(), id));
+    if (block.size() < 4 ||
+        heif_image_handle_get_metadata(handle.get(), id, block.data()).code != heif_error_Ok) {
+        return exif;
+    }
+    // The block opens with the big-endian offset of the TIFF header after it.
+    const std::uint32_t offset = (std::uint32_t{block[0]} << 24) | (std::uint32_t{block[1]} << 16) |
+                                 (std::uint32_t{block[2]} << 8) | std::uint32_t{block[3]};
+    if (offset > block.size() - 4) {
+        return exif;
+    }
+    const std::uint8_t* tiff = block.data() + 4 + offset;
+    Exiv2::ExifParser::decode(exif, tiff, static_cast<std::uint32_t>(block.size() - 4 - offset));
+    return exif;
+}
+
 } // namespace
 
 std::optional<Timestamp> captureDate(const std::filesystem::path& path) noexcept {
@@ -86,7 +127,10 @@ std::optional<Timestamp> captureDate(const std::filesystem::path& path) noexcept
             return std::nullopt;
         }
         image->readMetadata();
-        const Exiv2::ExifData& exif = image->exifData();
+        Exiv2::ExifData exif = image->exifData();
+        if (exif.empty() && image->imageType() == Exiv2::ImageType::bmff) {
+            exif = heifExif(file);
+        }
         const auto found = exif.findKey(Exiv2::ExifKey("Exif.Photo.DateTimeOriginal"));
         if (found == exif.end() || found->typeId() != Exiv2::asciiString) {
             return std::nullopt;
