@@ -5,6 +5,8 @@
 #include "KestrelvaneKit/network/BonjourStream.h"
 #include "KestrelvaneKit/network/ServiceBrowser.h"
 #include "KestrelvaneKit/network/ServicePublisher.h"
+#include "NetworkTestSupport.h"
+#include "support/CaughtError.h"
 #include "support/Eventually.h"
 
 #include <gtest/gtest.h>
@@ -160,29 +162,16 @@ TEST_F(PrivateNetwork, ConnectionWaitsWhileTheNetworkIsUnreachableUntilCancelled
         testing::eventually([&] { return connection->state() == TcpConnection::State::waiting; }));
     EXPECT_EQ(started.wait_for(std::chrono::milliseconds(0)), std::future_status::timeout);
     stream.close();
-    try {
-        started.get();
-        FAIL() << "start() returned while the network was unreachable";
-    } catch (const StreamError& error) {
-        EXPECT_TRUE(error.isClosed());
-    }
+    EXPECT_TRUE(testing::throwsClosed([&] { started.get(); }));
 }
 
 TEST_F(PrivateNetwork, WaitingCarriesTheUnreachableError) {
-    std::promise<TcpConnection::Error> waiting;
-    bool seen = false; // outlive the connection and its thread
     TcpConnection connection("192.0.2.1", 9876);
-    connection.setStateHandler([&](TcpConnection::State state, const TcpConnection::Error& error) {
-        if (state == TcpConnection::State::waiting && !seen) {
-            seen = true;
-            waiting.set_value(error);
-        }
+    const auto report = testing::startUntilReport(connection, [](TcpConnection::State state) {
+        return state == TcpConnection::State::waiting;
     });
-    connection.start();
-    auto future = waiting.get_future();
-    ASSERT_EQ(future.wait_for(std::chrono::seconds(30)), std::future_status::ready);
-    const auto error = future.get();
-    ASSERT_TRUE(error);
+    ASSERT_TRUE(report && report->second);
+    const auto& error = report->second;
     EXPECT_EQ(error->code(), std::errc::network_unreachable);
     EXPECT_EQ(std::string(error->what()).rfind("connect() failed (101)", 0), 0u) << error->what();
     connection.cancel();

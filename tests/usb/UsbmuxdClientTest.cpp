@@ -2,6 +2,7 @@
 
 #include "KestrelvaneKit/network/TcpListener.h"
 #include "KestrelvaneKit/usb/UsbmuxdProtocol.h"
+#include "support/CaughtError.h"
 #include "support/DescriptorShortage.h"
 #include "support/Eventually.h"
 #include "support/FakeUsbmuxd.h"
@@ -58,14 +59,8 @@ Result connectAnswered(const PropertyList& reply) {
     return result;
 }
 
-UsbmuxdError errorOf(const std::function<void()>& call) {
-    try {
-        call();
-    } catch (const UsbmuxdError& error) {
-        return error;
-    }
-    ADD_FAILURE() << "no UsbmuxdError";
-    return UsbmuxdError::noDeviceConnected();
+std::optional<UsbmuxdError> errorOf(const std::function<void()>& call) {
+    return testing::errorOf<UsbmuxdError>(call);
 }
 
 TEST(UsbmuxdClient, RequestsCarryTheirKeysAsXmlWithTagsCountingAcrossRequests) {
@@ -280,7 +275,8 @@ TEST(UsbmuxdClient, ADaemonAtHostAndPortIsAskedOverTcpAndFailuresThereAreSocketE
                                                ") failed (111)"));
 
     UsbmuxdClient nowhere(UsbmuxdClient::SocketAddress{{}, "no-such-host.invalid", 27015});
-    const std::string lookup = errorOf([&] { nowhere.listDevices(); }).what();
+    const std::string lookup =
+        errorOf([&] { nowhere.listDevices(); }).value_or(UsbmuxdError::noDeviceConnected()).what();
     EXPECT_NE(lookup.find("getaddrinfo(no-such-host.invalid) failed"), std::string::npos) << lookup;
 }
 

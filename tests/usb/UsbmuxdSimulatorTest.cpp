@@ -5,12 +5,18 @@
 #include "KestrelvaneKit/usb/UsbmuxdProtocol.h"
 #include "KestrelvaneKit/usb/UsbmuxdStream.h"
 #include "UsbmuxdTestSupport.h"
+#include "support/CaughtError.h"
 #include "support/ChildProcess.h"
+#include "support/Loopback.h"
 #include "support/TemporaryFolder.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
+#include <fstream>
+#include <iostream>
+#include <iterator>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -58,6 +64,31 @@ TEST(UsbmuxdSimulator, ABatchTravelsTheWholeRoadToTheVirtualPhoneByteForByte) {
     for (const auto& [name, content] : batch.contents) {
         EXPECT_EQ(testing::readFile(phoneFolder.path() / name), content) << name;
     }
+}
+
+/// How many memory mappings process `pid` has. A thread's stack and its guard
+/// page stay mapped after it ends until it is joined; a joined thread's stack
+/// is reused by the next one.
+std::size_t mappingsOf(pid_t pid) {
+    std::ifstream maps("/proc/" + std::to_string(pid) + "/maps");
+    return static_cast<std::size_t>(
+        std::count(std::istreambuf_iterator<char>(maps), std::istreambuf_iterator<char>(), '\n'));
+}
+
+TEST(UsbmuxdSimulator, ClientsThatPollOverAndOverLeaveNoThreadBehind) {
+    SimulatorProcess simulator({"--phone", "SERIAL1,1,test"});
+    UsbmuxdClient client(simulator.address());
+    const auto poll = [&](int times) {
+        for (int i = 0; i < times; ++i) {
+            ASSERT_EQ(client.listDevices().size(), 1u); // a connection of its own each time
+        }
+    };
+    poll(20); // the allocator's arenas and the stack cache fill up first
+    const std::size_t settled = mappingsOf(simulator.process().pid());
+    constexpr std::size_t requests = 200;
+    poll(requests);
+    EXPECT_LT(mappingsOf(simulator.process().pid()), settled + requests / 4)
+        << "the threads of ended connections are still there";
 }
 
 TEST(UsbmuxdSimulator, ConnectsAnswerRefusedOrBadDeviceAsUsbmuxdWould) {
@@ -151,12 +182,8 @@ TEST(UsbmuxdSimulator, ListenersHearOfPhonesAttachedAndDetachedWhileItRuns) {
     const auto gone = listener.receive();
     EXPECT_EQ(PropertyList::stringAt(gone.body.get(), "MessageType"), "Detached");
     EXPECT_EQ(PropertyList::integerAt(gone.body.get(), "DeviceID"), secondID);
-    try {
-        stream.receive(10);
-        ADD_FAILURE() << "the tunnel outlived its phone";
-    } catch (const StreamError& error) {
-        EXPECT_TRUE(error.isClosed());
-    }
+    EXPECT_TRUE(testing::throwsClosed([&] { stream.receive(10); }))
+        << "the tunnel outlived its phone";
     EXPECT_EQ(client.listDevices().size(), 1u);
 
     control.send(3, detach);
@@ -169,6 +196,24 @@ TEST(UsbmuxdSimulator, ListenersHearOfPhonesAttachedAndDetachedWhileItRuns) {
     EXPECT_TRUE(PropertyList::stringAt(refused.body.get(), "String"));
     stream.close();
     EXPECT_EQ(simulator.process().terminate(), 0) << "the simulator ends cleanly on SIGTERM";
+}
+
+TEST(UsbmuxdSimulator, OverTcpItTakesClientsOnIPv4AndIPv6Loopback) {
+    ChildProcess process({KV_USBMUXD_SIM, "--tcp", "0", "--phone", "SERIAL1,1,test"});
+    const auto line = process.readLine().value_or("(no output)");
+    ASSERT_EQ(line.rfind("listening on 127.0.0.1:", 0), 0u) << line;
+    const auto port = static_cast<std::uint16_t>(std::stoi(line.substr(line.rfind(':') + 1)));
+    std::vector<std::string> hosts{"127.0.0.1", "localhost"};
+    if (testing::hasIPv6Loopback()) {
+        hosts.emplace_back("::1");
+    } else {
+        std::cout << "IPv6 part left out: this machine has no ::1\n";
+    }
+    for (const auto& host : hosts) {
+        UsbmuxdClient client(UsbmuxdClient::SocketAddress{{}, host, port});
+        EXPECT_EQ(client.listDevices().size(), 1u) << host;
+    }
+    EXPECT_EQ(process.terminate(), 0);
 }
 
 TEST(UsbmuxdSimulator, BadCommandLinesAreRefusedWithAReason) {

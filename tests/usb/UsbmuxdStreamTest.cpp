@@ -1,7 +1,8 @@
 #include "KestrelvaneKit/usb/UsbmuxdStream.h"
 
 #include "KestrelvaneKit/usb/UsbmuxdProtocol.h"
-#include "support/Eventually.h"
+#include "support/BlockedThread.h"
+#include "support/CaughtError.h"
 #include "support/SystemCallFault.h"
 
 #include <gtest/gtest.h>
@@ -9,8 +10,6 @@
 #include <algorithm>
 #include <atomic>
 #include <fcntl.h>
-#include <fstream>
-#include <functional>
 #include <future>
 #include <pthread.h>
 #include <set>
@@ -23,7 +22,7 @@
 namespace kestrelvane {
 namespace {
 
-using testing::eventually;
+using testing::throwsClosed;
 
 /// A connected socket pair: the stream under test owns one end, the test
 /// plays the phone on the other.
@@ -70,22 +69,6 @@ bool isOpenDescriptor(int fd) {
     return ::fcntl(fd, F_GETFD) != -1;
 }
 
-/// Whether thread `tid` of this process is parked in the read system call.
-bool isBlockedInRead(pid_t tid) {
-    std::ifstream syscall("/proc/self/task/" + std::to_string(tid) + "/syscall");
-    long number = -1;
-    return static_cast<bool>(syscall >> number) && number == SYS_read;
-}
-
-template <class Call> bool throwsClosed(Call call) {
-    try {
-        call();
-    } catch (const StreamError& error) {
-        return error.isClosed();
-    }
-    return false;
-}
-
 TEST(UsbmuxdStream, CarriesBytesBothWaysAndNeverMoreThanAsked) {
     Tunnel tunnel;
     tunnel.stream->start();
@@ -124,11 +107,12 @@ TEST(UsbmuxdStream, ReceiveIntoFillsTheCallersMemoryWithNoMoreThanItsSize) {
 
 TEST(UsbmuxdStream, APeerThatHangsUpEndsReceivesAndFailsSendsButNotEmptyOnes) {
     Tunnel tunnel;
-    auto pending = std::async(std::launch::async,
-                              [&] { return throwsClosed([&] { tunnel.stream->receive(100); }); });
+    auto pending = testing::callUntilBlockedIn(
+        {SYS_read}, [&] { return throwsClosed([&] { tunnel.stream->receive(100); }); });
+    ASSERT_TRUE(pending.blocked);
     tunnel.hangUp();
-    ASSERT_EQ(pending.wait_for(std::chrono::seconds(30)), std::future_status::ready);
-    EXPECT_TRUE(pending.get());
+    ASSERT_EQ(pending.result.wait_for(std::chrono::seconds(30)), std::future_status::ready);
+    EXPECT_TRUE(pending.result.get());
     EXPECT_TRUE(throwsClosed([&] { tunnel.stream->receive(100); }));
 
     tunnel.stream->send({}); // nothing to write, so nothing to fail
@@ -162,9 +146,7 @@ TEST(UsbmuxdStream, CloseEndsSendsAndReceivesAndReleasesTheDescriptorOnce) {
 TEST(UsbmuxdStream, CloseFromAnotherThreadWakesABlockedReceive) {
     for (const bool intoCallersMemory : {false, true}) {
         Tunnel tunnel;
-        std::atomic<pid_t> readerTid{0};
-        auto pending = std::async(std::launch::async, [&] {
-            readerTid = static_cast<pid_t>(::syscall(SYS_gettid));
+        auto pending = testing::callUntilBlockedIn({SYS_read}, [&] {
             return throwsClosed([&] {
                 if (intoCallersMemory) {
                     Bytes memory(100);
@@ -174,11 +156,11 @@ TEST(UsbmuxdStream, CloseFromAnotherThreadWakesABlockedReceive) {
                 }
             });
         });
-        ASSERT_TRUE(eventually([&] { return readerTid != 0 && isBlockedInRead(readerTid); }));
+        ASSERT_TRUE(pending.blocked);
         tunnel.stream->close();
-        ASSERT_EQ(pending.wait_for(std::chrono::seconds(30)), std::future_status::ready)
+        ASSERT_EQ(pending.result.wait_for(std::chrono::seconds(30)), std::future_status::ready)
             << "the receive is still blocked after close()";
-        EXPECT_TRUE(pending.get());
+        EXPECT_TRUE(pending.result.get());
         // Released by the receive on its way out, not under it.
         EXPECT_FALSE(isOpenDescriptor(tunnel.streamFd));
     }
@@ -262,23 +244,16 @@ TEST(UsbmuxdStream, AnInterruptedReadGoesOnAndOtherReadOrWriteFailuresAreSocketE
         const SystemCallFault interrupted(SystemCallFault::Call::read, EINTR, 1);
         EXPECT_EQ(tunnel.stream->receive(3), data);
     }
-    const auto errorOf = [](const std::function<void()>& call) -> std::string {
-        try {
-            call();
-        } catch (const UsbmuxdError& error) {
-            return error.what();
-        }
-        return "no error";
-    };
+    const auto errorOf = [](auto call) { return testing::errorOf<UsbmuxdError>(call); };
     {
         const SystemCallFault failing(SystemCallFault::Call::read, EIO, 1);
         EXPECT_EQ(errorOf([&] { tunnel.stream->receive(3); }),
-                  UsbmuxdError::socketError("read failed (5)").what());
+                  UsbmuxdError::socketError("read failed (5)"));
     }
     {
         const SystemCallFault failing(SystemCallFault::Call::send, EIO, 1);
         EXPECT_EQ(errorOf([&] { tunnel.stream->send(data); }),
-                  UsbmuxdError::socketError("write failed (5)").what());
+                  UsbmuxdError::socketError("write failed (5)"));
     }
     EXPECT_EQ(SystemCallFault::failures(SystemCallFault::Call::read), 2);
 }

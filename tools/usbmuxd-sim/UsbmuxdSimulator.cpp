@@ -3,12 +3,12 @@
 #include "KestrelvaneKit/usb/UsbmuxdProtocol.h"
 
 #include <algorithm>
-#include <arpa/inet.h>
+#include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <exception>
 #include <fcntl.h>
 #include <iostream>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -98,6 +98,7 @@ struct UsbmuxdSimulator::Connection {
     bool listening = false;              // guarded by the simulator's mutex
     PropertyList::Format listenFormat{}; // guarded by the simulator's mutex
     std::int64_t tunnelDevice = 0;       // guarded by the simulator's mutex
+    std::atomic<bool> finished{false};   // its thread has nothing left to do
 };
 
 UsbmuxdSimulator::UsbmuxdSimulator(Options options) : options_(std::move(options)) {
@@ -137,39 +138,28 @@ std::string UsbmuxdSimulator::listen() {
         if (::bind(listenFd_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
             throwErrno("bind(" + options_.socketPath + ")");
         }
-    } else {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        address.sin_port = htons(options_.tcpPort.value_or(0));
-        listenFd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        if (listenFd_ < 0) {
-            throwErrno("socket");
+        if (::listen(listenFd_, 64) != 0) {
+            throwErrno("listen");
         }
-        const int one = 1;
-        ::setsockopt(listenFd_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-        if (::bind(listenFd_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
-            throwErrno("bind(127.0.0.1:" + std::to_string(options_.tcpPort.value_or(0)) + ")");
-        }
-    }
-    if (::listen(listenFd_, 64) != 0) {
-        throwErrno("listen");
-    }
-    if (!options_.socketPath.empty()) {
         return options_.socketPath;
     }
-    sockaddr_in bound{};
-    socklen_t size = sizeof bound;
-    ::getsockname(listenFd_, reinterpret_cast<sockaddr*>(&bound), &size);
-    return "127.0.0.1:" + std::to_string(ntohs(bound.sin_port));
+    tcpListener_ =
+        std::make_unique<TcpListener>(options_.tcpPort.value_or(0), TcpListener::Scope::loopback);
+    return "127.0.0.1:" + std::to_string(tcpListener_->port());
 }
 
 void UsbmuxdSimulator::requestStop() noexcept {
     const char byte = 's';
     [[maybe_unused]] const ssize_t ignored = ::write(stopPipe_[1], &byte, 1);
+    if (tcpListener_) {
+        tcpListener_->stop(); // an atomic store and a write: fine in a signal handler
+    }
 }
 
-void UsbmuxdSimulator::run() {
+int UsbmuxdSimulator::acceptNext() {
+    if (tcpListener_) {
+        return tcpListener_->acceptSocket();
+    }
     pollfd watched[2] = {{listenFd_, POLLIN, 0}, {stopPipe_[0], POLLIN, 0}};
     for (;;) {
         if (::poll(watched, 2, -1) < 0) {
@@ -179,21 +169,33 @@ void UsbmuxdSimulator::run() {
             throwErrno("poll");
         }
         if (watched[1].revents != 0) {
-            break;
+            return -1;
         }
-        if (watched[0].revents == 0) {
-            continue;
+        if (watched[0].revents != 0) {
+            const int fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC);
+            if (fd >= 0) {
+                return fd;
+            }
+            // A client that went away before we got to it: wait for the next.
         }
-        const int fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC);
-        if (fd < 0) {
-            continue; // a client that went away before we got to it
+    }
+}
+
+void UsbmuxdSimulator::run() {
+    std::exception_ptr failure; // reported once every thread is joined
+    try {
+        for (int fd = acceptNext(); fd >= 0; fd = acceptNext()) {
+            auto connection = std::make_shared<Connection>(fd);
+            {
+                const std::lock_guard lock(mutex_);
+                connections_.push_back(connection);
+            }
+            reapFinishedWorkers();
+            workers_.push_back(
+                {std::thread([this, connection] { serveConnection(connection); }), connection});
         }
-        auto connection = std::make_shared<Connection>(fd);
-        {
-            const std::lock_guard lock(mutex_);
-            connections_.push_back(connection);
-        }
-        threads_.emplace_back([this, connection] { serveConnection(connection); });
+    } catch (const std::system_error&) {
+        failure = std::current_exception();
     }
     {
         // Ends every conversation and tunnel; each thread closes its own socket.
@@ -202,10 +204,23 @@ void UsbmuxdSimulator::run() {
             ::shutdown(connection->fd, SHUT_RDWR);
         }
     }
-    for (auto& thread : threads_) {
-        thread.join();
+    for (auto& worker : workers_) {
+        worker.thread.join();
     }
-    threads_.clear();
+    workers_.clear();
+    if (failure) {
+        std::rethrow_exception(failure);
+    }
+}
+
+void UsbmuxdSimulator::reapFinishedWorkers() {
+    const auto finished =
+        std::partition(workers_.begin(), workers_.end(),
+                       [](const Worker& worker) { return !worker.connection->finished; });
+    for (auto worker = finished; worker != workers_.end(); ++worker) {
+        worker->thread.join();
+    }
+    workers_.erase(finished, workers_.end());
 }
 
 void UsbmuxdSimulator::serveConnection(const std::shared_ptr<Connection>& connection) {
@@ -225,6 +240,7 @@ void UsbmuxdSimulator::serveConnection(const std::shared_ptr<Connection>& connec
         std::erase(connections_, connection);
     }
     ::close(connection->fd);
+    connection->finished = true;
 }
 
 void UsbmuxdSimulator::reply(Connection& connection, std::uint32_t tag, const PropertyList& body,

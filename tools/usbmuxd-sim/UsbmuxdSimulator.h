@@ -1,5 +1,6 @@
 #pragma once
 
+#include "KestrelvaneKit/network/TcpListener.h"
 #include "KestrelvaneKit/usb/PropertyList.h"
 #include "VirtualPhone.h"
 
@@ -20,12 +21,14 @@ namespace kestrelvane::sim {
 /// its own that attach and detach phones while it runs.
 ///
 /// One thread per client connection; a connect that succeeds turns that
-/// thread into the phone's end of the tunnel.
+/// thread into the phone's end of the tunnel. Threads of connections that have
+/// ended are joined as new ones come, so a client that polls for ever keeps
+/// only its live connections' threads.
 class UsbmuxdSimulator {
 public:
     struct Options {
         std::string socketPath{};               ///< listen on this Unix path...
-        std::optional<std::uint16_t> tcpPort{}; ///< ...or on 127.0.0.1 at this port (0: any)
+        std::optional<std::uint16_t> tcpPort{}; ///< ...or on loopback at this port (0: any)
         std::vector<VirtualPhone> phones{};
         std::string buid = "4B455354-524C-5641-4E45-53494D554C41";
     };
@@ -35,8 +38,8 @@ public:
     UsbmuxdSimulator(const UsbmuxdSimulator&) = delete;
     UsbmuxdSimulator& operator=(const UsbmuxdSimulator&) = delete;
 
-    /// Binds and listens; returns where ("/path" or "127.0.0.1:PORT").
-    /// Throws std::system_error.
+    /// Binds and listens; returns where ("/path" or "127.0.0.1:PORT"; over TCP
+    /// ::1 takes connections too). Throws std::system_error.
     std::string listen();
     /// Accepts and serves until requestStop(); then ends every connection and
     /// joins every thread before returning.
@@ -46,11 +49,19 @@ public:
 
 private:
     struct Connection;
+    struct Worker {
+        std::thread thread;
+        std::shared_ptr<Connection> connection;
+    };
     struct Attached {
         VirtualPhone phone;
     };
 
+    /// The next client's socket; -1 once stopped.
+    int acceptNext();
     void serveConnection(const std::shared_ptr<Connection>& connection);
+    /// Joins the threads whose connections have ended.
+    void reapFinishedWorkers();
     /// Handles one request; false when the connection is done with requests.
     bool handle(const std::shared_ptr<Connection>& connection, std::uint32_t tag,
                 const PropertyList& request, PropertyList::Format format);
@@ -63,14 +74,15 @@ private:
     void say(const std::string& line);
 
     Options options_;
-    int listenFd_ = -1;
+    int listenFd_ = -1;                        // the Unix socket
+    std::unique_ptr<TcpListener> tcpListener_; // or this
     int stopPipe_[2] = {-1, -1};
 
     std::mutex mutex_; // guards everything below; no I/O while held but shutdown()
     std::int64_t nextDeviceID_ = 1;
     std::map<std::int64_t, Attached> devices_;
     std::vector<std::shared_ptr<Connection>> connections_;
-    std::vector<std::thread> threads_;
+    std::vector<Worker> workers_; // run()'s thread only
     std::mutex outputMutex_;
 };
 

@@ -16,7 +16,7 @@ A usbmuxd-compatible daemon whose devices are virtual phones. Clients find it
 through USBMUXD_SOCKET_ADDRESS=UNIX:PATH (or 127.0.0.1:PORT).
 
   --socket PATH   listen on a Unix socket at PATH
-  --tcp PORT      listen on 127.0.0.1:PORT (0 picks a free port)
+  --tcp PORT      listen on 127.0.0.1:PORT and [::1]:PORT (0 picks a free port)
   --phone PHONE   attach a virtual phone at start; repeatable
   --buid TEXT     the answer to ReadBUID
   -h, --help      this text

@@ -130,6 +130,11 @@ void TcpListener::stop() noexcept {
 }
 
 std::shared_ptr<TcpConnection> TcpListener::accept() {
+    const int fd = acceptSocket();
+    return fd < 0 ? nullptr : std::make_shared<TcpConnection>(fd);
+}
+
+int TcpListener::acceptSocket() {
     std::lock_guard accepting(acceptMutex_);
     std::vector<pollfd> waits;
     for (int fd : sockets_) {
@@ -152,7 +157,7 @@ std::shared_ptr<TcpConnection> TcpListener::accept() {
             }
             const int fd = ::accept4(waits[i].fd, nullptr, nullptr, SOCK_CLOEXEC);
             if (fd >= 0) {
-                return std::make_shared<TcpConnection>(fd);
+                return fd;
             }
             const int code = errno;
             // Gone before it was taken, or taken by nobody yet: look again.
@@ -171,7 +176,7 @@ std::shared_ptr<TcpConnection> TcpListener::accept() {
             throw callError("accept()", code);
         }
     }
-    return nullptr;
+    return -1;
 }
 
 } // namespace kestrelvane

@@ -44,6 +44,9 @@ public:
     /// std::system_error when accepting fails for another reason than that or
     /// a connection that was aborted before it could be taken.
     std::shared_ptr<TcpConnection> accept();
+    /// As accept(), but the bare connected socket, which the caller then owns;
+    /// -1 once stopped. For servers that speak on descriptors of their own.
+    int acceptSocket();
     /// Wakes accept() and makes every later call return nullptr. Any thread, any time.
     void stop() noexcept;
 

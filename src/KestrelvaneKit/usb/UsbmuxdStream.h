@@ -22,7 +22,10 @@ public:
 
     /// Takes ownership of `fileDescriptor`.
     explicit UsbmuxdStream(int fileDescriptor);
-    /// Closes the stream if close() was not called.
+    /// The owner's end: closes the stream if close() was not called, which
+    /// releases the descriptor. No call may be running on it by then; to wake
+    /// a thread blocked in receive() or send(), call close() and let that
+    /// thread return before destroying the stream.
     ~UsbmuxdStream() override;
 
     /// The tunnel is connected already: returns at once.
