@@ -118,7 +118,7 @@ private:
 /// connection is closed then, so no wait for it hangs.
 class ServerSession {
 public:
-    static constexpr auto deadline = std::chrono::seconds(30);
+    static constexpr auto deadline = std::chrono::seconds(60);
 
     explicit ServerSession(BatchSaving& saver, const fs::path& temporaryDirectory)
         : streams_(makeMemoryStreamPair()), sender_(streams_.first), receiver_(streams_.second),
