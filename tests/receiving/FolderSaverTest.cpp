@@ -138,22 +138,6 @@ TEST(FolderSaver, RefusesNamesAndAlbumsThatCouldLeaveTheFolder) {
     EXPECT_EQ(outer.fileNames(), std::vector<std::string>{"inbox"});
 }
 
-/// A received file on /dev/shm, or nothing when /dev/shm is on the same file
-/// system as `destination` (then nothing would be copied across).
-std::optional<fs::path> receivedOnAnotherFileSystem(const fs::path& destination,
-                                                    const std::string& contents) {
-    struct stat shm {
-    }, dest{};
-    if (::stat("/dev/shm", &shm) != 0 || ::stat(destination.c_str(), &dest) != 0 ||
-        shm.st_dev == dest.st_dev) {
-        return std::nullopt;
-    }
-    // Named by process: other test processes use /dev/shm at the same time.
-    const fs::path path = "/dev/shm/kv-folder-saver-" + std::to_string(::getpid());
-    std::ofstream(path, std::ios::binary) << contents;
-    return path;
-}
-
 std::vector<std::string> namesIn(const fs::path& folder) {
     std::vector<std::string> names;
     for (const auto& entry : fs::directory_iterator(folder)) {
@@ -163,35 +147,48 @@ std::vector<std::string> namesIn(const fs::path& folder) {
     return names;
 }
 
-constexpr const char* needsShm =
-    "needs /dev/shm on a different file system from the temporary directory";
-
-TEST_F(FolderSaverTest, CopiesAcrossFileSystemsWithoutLeavingPartialFiles) {
-    const auto file = receivedOnAnotherFileSystem(destination.path(), "across");
-    if (!file) {
-        GTEST_SKIP() << needsShm;
+/// Copies across file systems: files received on /dev/shm, skipped where that
+/// is the destination's file system (nothing would be copied then).
+class FolderSaverAcrossFileSystems : public FolderSaverTest {
+protected:
+    void SetUp() override {
+        struct stat shm {
+        }, dest{};
+        if (::stat("/dev/shm", &shm) != 0 || ::stat(destination.path().c_str(), &dest) != 0 ||
+            shm.st_dev == dest.st_dev) {
+            GTEST_SKIP()
+                << "needs /dev/shm on a different file system from the temporary directory";
+        }
     }
+
+    /// Named by process: other test processes use /dev/shm at the same time.
+    fs::path receivedOnShm(const std::string& contents) {
+        const fs::path path = "/dev/shm/kv-folder-saver-" + std::to_string(::getpid());
+        std::ofstream(path, std::ios::binary) << contents;
+        return path;
+    }
+};
+
+TEST_F(FolderSaverAcrossFileSystems, CopiesWithoutLeavingPartialFiles) {
+    const fs::path file = receivedOnShm("across");
     FolderSaver& saver = begin(SessionHeader{.albumName = "Album"});
-    EXPECT_EQ(saveOne(saver, *file, FileHeader{.name = "IMG_2.heic"}).status, Ack::Status::ok);
-    EXPECT_FALSE(fs::exists(*file));
+    EXPECT_EQ(saveOne(saver, file, FileHeader{.name = "IMG_2.heic"}).status, Ack::Status::ok);
+    EXPECT_FALSE(fs::exists(file));
     EXPECT_EQ(readText(destination.path() / "Album" / "IMG_2.heic"), "across");
     EXPECT_EQ(namesIn(destination.path() / "Album"), std::vector<std::string>{"IMG_2.heic"});
 }
 
-TEST_F(FolderSaverTest, ACopyAcrossFileSystemsKeepsTheDateAndItsResendLeavesNoPartialFile) {
+TEST_F(FolderSaverAcrossFileSystems, ACopyKeepsTheDateAndItsResendLeavesNoPartialFile) {
     const Timestamp taken = Timestamp(seconds(1'600'000'000));
     const FileHeader header{.name = "IMG_4.heic",
                             .byteCount = 6,
                             .sha256 = Checksum::sha256Hex(asBytes("across")),
                             .creationDate = taken};
     for (int round = 0; round < 2; ++round) {
-        const auto file = receivedOnAnotherFileSystem(destination.path(), "across");
-        if (!file) {
-            GTEST_SKIP() << needsShm;
-        }
+        const fs::path file = receivedOnShm("across");
         FolderSaver& saver = begin();
-        EXPECT_EQ(saveOne(saver, *file, header).status, Ack::Status::ok) << "round " << round;
-        EXPECT_FALSE(fs::exists(*file));
+        EXPECT_EQ(saveOne(saver, file, header).status, Ack::Status::ok) << "round " << round;
+        EXPECT_FALSE(fs::exists(file));
     }
     // The resend is recognised as the file already there: one file, no copy.
     EXPECT_EQ(namesIn(destination.path()), std::vector<std::string>{"IMG_4.heic"});
@@ -201,14 +198,11 @@ TEST_F(FolderSaverTest, ACopyAcrossFileSystemsKeepsTheDateAndItsResendLeavesNoPa
 
 // The hidden name a copy goes under first must not be what makes a long
 // (but valid) name fail.
-TEST_F(FolderSaverTest, ALongNameIsSavedAcrossFileSystemsToo) {
-    const auto file = receivedOnAnotherFileSystem(destination.path(), "long");
-    if (!file) {
-        GTEST_SKIP() << needsShm;
-    }
+TEST_F(FolderSaverAcrossFileSystems, ALongNameIsSavedToo) {
+    const fs::path file = receivedOnShm("long");
     const std::string name = std::string(251, 'n') + ".jpg"; // 255 bytes, the most a name may have
     FolderSaver& saver = begin();
-    const BatchOutcome outcome = saveOne(saver, *file, FileHeader{.name = name});
+    const BatchOutcome outcome = saveOne(saver, file, FileHeader{.name = name});
     EXPECT_EQ(outcome.status, Ack::Status::ok) << outcome.message.value_or("");
     EXPECT_EQ(namesIn(destination.path()), std::vector<std::string>{name});
 }
@@ -216,20 +210,17 @@ TEST_F(FolderSaverTest, ALongNameIsSavedAcrossFileSystemsToo) {
 // The copy across file systems runs out of room half-way: the file is
 // reported failed with the system's message, and neither the partial copy
 // nor the received file stays behind.
-TEST_F(FolderSaverTest, ACopyAcrossFileSystemsThatDoesNotFitFailsAndLeavesNothingBehind) {
-    const auto file = receivedOnAnotherFileSystem(destination.path(), std::string(200'000, 'x'));
-    if (!file) {
-        GTEST_SKIP() << needsShm;
-    }
+TEST_F(FolderSaverAcrossFileSystems, ACopyThatDoesNotFitFailsAndLeavesNothingBehind) {
+    const fs::path file = receivedOnShm(std::string(200'000, 'x'));
     FolderSaver& saver = begin(SessionHeader{.albumName = "Album"});
     BatchOutcome outcome;
     {
         const testing::FileSizeLimit limit(64 * 1024);
-        outcome = saveOne(saver, *file, FileHeader{.name = "IMG_3.heic"});
+        outcome = saveOne(saver, file, FileHeader{.name = "IMG_3.heic"});
     }
     EXPECT_EQ(outcome.status, Ack::Status::error);
     EXPECT_EQ(outcome.message, std::generic_category().message(EFBIG));
-    EXPECT_FALSE(fs::exists(*file));
+    EXPECT_FALSE(fs::exists(file));
     EXPECT_TRUE(namesIn(destination.path() / "Album").empty());
 }
 
