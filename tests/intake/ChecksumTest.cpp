@@ -34,7 +34,8 @@ fs::path writeFile(const fs::path& path, const Bytes& bytes) {
     return path;
 }
 
-/// The digest as the coreutils tool reports it, or "" when it cannot run.
+/// The digest as the coreutils tool reports it, or "" when it cannot run
+/// (which fails the comparison: coreutils is always there).
 std::string sha256sumOf(const fs::path& path) {
     const std::string command = "sha256sum '" + path.string() + "' 2>/dev/null";
     std::unique_ptr<FILE, int (*)(FILE*)> pipe(::popen(command.c_str(), "r"), ::pclose);
@@ -67,13 +68,7 @@ TEST(Checksum, FilesAroundTheChunkSizeAgreeWithTheInMemoryDigestAndSha256sum) {
         const fs::path file = writeFile(folder.path() / std::to_string(size), bytes);
         const std::string inMemory = Checksum::sha256Hex(bytes);
         EXPECT_EQ(Checksum::sha256HexOfFile(file), inMemory);
-        EXPECT_EQ(inMemory.find_first_not_of("0123456789abcdef"), std::string::npos);
-        EXPECT_EQ(inMemory.size(), 64u);
-        const std::string reference = sha256sumOf(file);
-        if (reference.empty()) {
-            GTEST_SKIP() << "sha256sum is not available to compare with";
-        }
-        EXPECT_EQ(inMemory, reference);
+        EXPECT_EQ(inMemory, sha256sumOf(file));
     }
 }
 

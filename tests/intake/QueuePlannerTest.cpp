@@ -1,5 +1,6 @@
 #include "KestrelvaneKit/intake/QueuePlanner.h"
 
+#include "KestrelvaneKit/intake/MediaScanner.h"
 #include "support/TemporaryFolder.h"
 
 #include <gtest/gtest.h>
@@ -92,6 +93,19 @@ TEST_F(QueuePlannerTest, NonMediaAndMissingPathsVanishAndHiddenFilesDroppedDirec
     EXPECT_EQ(QueuePlanner::plan({notes, p / "missing.jpg", p / "missing-folder", hidden}, {}),
               Paths{hidden});
     EXPECT_EQ(QueuePlanner::plan({}, {hidden}), Paths{});
+}
+
+TEST_F(QueuePlannerTest, AFailedFolderScanFailsThePlan) {
+    const fs::path a = file("a.jpg");
+    file("q/b.jpg");
+    const auto unreadableTypes = [](const fs::path& scanned) {
+        return MediaScanner::scan(scanned, [](const fs::directory_entry&, std::error_code& error) {
+            error = std::make_error_code(std::errc::permission_denied);
+            return fs::file_status{};
+        });
+    };
+    EXPECT_EQ(QueuePlanner::plan({a}, {}, unreadableTypes), Paths{a}); // no folder, no scan
+    EXPECT_THROW(QueuePlanner::plan({a, p / "q"}, {}, unreadableTypes), fs::filesystem_error);
 }
 
 } // namespace

@@ -39,11 +39,25 @@ BatchOutcome saveOne(FolderSaver& saver, const fs::path& file, const FileHeader&
     return saver.outcomes().next().value();
 }
 
-TEST(FolderSaver, MovesFilesIntoTheAlbumWithTheirCaptureDateAndNeverOverwrites) {
+/// Folders for the received files and the saved ones, and a saver into the
+/// latter.
+class FolderSaverTest : public ::testing::Test {
+protected:
+    FolderSaver& begin(const SessionHeader& session = {}) {
+        saver_.emplace(destination.path());
+        saver_->begin(session);
+        return *saver_;
+    }
+
     TemporaryFolder temporary;
     TemporaryFolder destination;
-    FolderSaver saver(destination.path());
-    saver.begin(SessionHeader{.albumName = "Trip"});
+
+private:
+    std::optional<FolderSaver> saver_;
+};
+
+TEST_F(FolderSaverTest, MovesFilesIntoTheAlbumWithTheirCaptureDateAndNeverOverwrites) {
+    FolderSaver& saver = begin(SessionHeader{.albumName = "Trip"});
     const Timestamp captured = sys_days{2024y / 3 / 5} + 14h + 7min + 9s;
     const FileHeader header{.name = "IMG_1.jpg", .creationDate = captured};
 
@@ -63,11 +77,8 @@ TEST(FolderSaver, MovesFilesIntoTheAlbumWithTheirCaptureDateAndNeverOverwrites) 
     EXPECT_TRUE(temporary.fileNames().empty());
 }
 
-TEST(FolderSaver, WithoutAnAlbumSavesIntoTheFolderItself) {
-    TemporaryFolder temporary;
-    TemporaryFolder destination;
-    FolderSaver saver(destination.path());
-    saver.begin(SessionHeader{});
+TEST_F(FolderSaverTest, WithoutAnAlbumSavesIntoTheFolderItself) {
+    FolderSaver& saver = begin();
     EXPECT_EQ(saveOne(saver, received(temporary.path(), "x"), FileHeader{.name = "README"}).status,
               Ack::Status::ok);
     EXPECT_EQ(saveOne(saver, received(temporary.path(), "y"), FileHeader{.name = "README"}).status,
@@ -77,11 +88,8 @@ TEST(FolderSaver, WithoutAnAlbumSavesIntoTheFolderItself) {
     EXPECT_EQ(saver.outcomes().next(), std::nullopt);
 }
 
-TEST(FolderSaver, AResentFileAlreadyThereCountsAsSavedWithoutASecondCopy) {
-    TemporaryFolder temporary;
-    TemporaryFolder destination;
-    FolderSaver saver(destination.path());
-    saver.begin(SessionHeader{});
+TEST_F(FolderSaverTest, AResentFileAlreadyThereCountsAsSavedWithoutASecondCopy) {
+    FolderSaver& saver = begin();
     const auto headerOf = [](const std::string& contents) {
         return FileHeader{
             .name = "IMG_7.jpg",
@@ -130,22 +138,6 @@ TEST(FolderSaver, RefusesNamesAndAlbumsThatCouldLeaveTheFolder) {
     EXPECT_EQ(outer.fileNames(), std::vector<std::string>{"inbox"});
 }
 
-/// A received file on /dev/shm, or nothing when /dev/shm is on the same file
-/// system as `destination` (then nothing would be copied across).
-std::optional<fs::path> receivedOnAnotherFileSystem(const fs::path& destination,
-                                                    const std::string& contents) {
-    struct stat shm {
-    }, dest{};
-    if (::stat("/dev/shm", &shm) != 0 || ::stat(destination.c_str(), &dest) != 0 ||
-        shm.st_dev == dest.st_dev) {
-        return std::nullopt;
-    }
-    // Named by process: other test processes use /dev/shm at the same time.
-    const fs::path path = "/dev/shm/kv-folder-saver-" + std::to_string(::getpid());
-    std::ofstream(path, std::ios::binary) << contents;
-    return path;
-}
-
 std::vector<std::string> namesIn(const fs::path& folder) {
     std::vector<std::string> names;
     for (const auto& entry : fs::directory_iterator(folder)) {
@@ -155,39 +147,48 @@ std::vector<std::string> namesIn(const fs::path& folder) {
     return names;
 }
 
-constexpr const char* needsShm =
-    "needs /dev/shm on a different file system from the temporary directory";
-
-TEST(FolderSaver, CopiesAcrossFileSystemsWithoutLeavingPartialFiles) {
-    TemporaryFolder destination;
-    const auto file = receivedOnAnotherFileSystem(destination.path(), "across");
-    if (!file) {
-        GTEST_SKIP() << needsShm;
+/// Copies across file systems: files received on /dev/shm, skipped where that
+/// is the destination's file system (nothing would be copied then).
+class FolderSaverAcrossFileSystems : public FolderSaverTest {
+protected:
+    void SetUp() override {
+        struct stat shm {
+        }, dest{};
+        if (::stat("/dev/shm", &shm) != 0 || ::stat(destination.path().c_str(), &dest) != 0 ||
+            shm.st_dev == dest.st_dev) {
+            GTEST_SKIP()
+                << "needs /dev/shm on a different file system from the temporary directory";
+        }
     }
-    FolderSaver saver(destination.path());
-    saver.begin(SessionHeader{.albumName = "Album"});
-    EXPECT_EQ(saveOne(saver, *file, FileHeader{.name = "IMG_2.heic"}).status, Ack::Status::ok);
-    EXPECT_FALSE(fs::exists(*file));
+
+    /// Named by process: other test processes use /dev/shm at the same time.
+    fs::path receivedOnShm(const std::string& contents) {
+        const fs::path path = "/dev/shm/kv-folder-saver-" + std::to_string(::getpid());
+        std::ofstream(path, std::ios::binary) << contents;
+        return path;
+    }
+};
+
+TEST_F(FolderSaverAcrossFileSystems, CopiesWithoutLeavingPartialFiles) {
+    const fs::path file = receivedOnShm("across");
+    FolderSaver& saver = begin(SessionHeader{.albumName = "Album"});
+    EXPECT_EQ(saveOne(saver, file, FileHeader{.name = "IMG_2.heic"}).status, Ack::Status::ok);
+    EXPECT_FALSE(fs::exists(file));
     EXPECT_EQ(readText(destination.path() / "Album" / "IMG_2.heic"), "across");
     EXPECT_EQ(namesIn(destination.path() / "Album"), std::vector<std::string>{"IMG_2.heic"});
 }
 
-TEST(FolderSaver, ACopyAcrossFileSystemsKeepsTheDateAndItsResendLeavesNoPartialFile) {
-    TemporaryFolder destination;
+TEST_F(FolderSaverAcrossFileSystems, ACopyKeepsTheDateAndItsResendLeavesNoPartialFile) {
     const Timestamp taken = Timestamp(seconds(1'600'000'000));
     const FileHeader header{.name = "IMG_4.heic",
                             .byteCount = 6,
                             .sha256 = Checksum::sha256Hex(asBytes("across")),
                             .creationDate = taken};
     for (int round = 0; round < 2; ++round) {
-        const auto file = receivedOnAnotherFileSystem(destination.path(), "across");
-        if (!file) {
-            GTEST_SKIP() << needsShm;
-        }
-        FolderSaver saver(destination.path());
-        saver.begin(SessionHeader{});
-        EXPECT_EQ(saveOne(saver, *file, header).status, Ack::Status::ok) << "round " << round;
-        EXPECT_FALSE(fs::exists(*file));
+        const fs::path file = receivedOnShm("across");
+        FolderSaver& saver = begin();
+        EXPECT_EQ(saveOne(saver, file, header).status, Ack::Status::ok) << "round " << round;
+        EXPECT_FALSE(fs::exists(file));
     }
     // The resend is recognised as the file already there: one file, no copy.
     EXPECT_EQ(namesIn(destination.path()), std::vector<std::string>{"IMG_4.heic"});
@@ -197,16 +198,11 @@ TEST(FolderSaver, ACopyAcrossFileSystemsKeepsTheDateAndItsResendLeavesNoPartialF
 
 // The hidden name a copy goes under first must not be what makes a long
 // (but valid) name fail.
-TEST(FolderSaver, ALongNameIsSavedAcrossFileSystemsToo) {
-    TemporaryFolder destination;
-    const auto file = receivedOnAnotherFileSystem(destination.path(), "long");
-    if (!file) {
-        GTEST_SKIP() << needsShm;
-    }
+TEST_F(FolderSaverAcrossFileSystems, ALongNameIsSavedToo) {
+    const fs::path file = receivedOnShm("long");
     const std::string name = std::string(251, 'n') + ".jpg"; // 255 bytes, the most a name may have
-    FolderSaver saver(destination.path());
-    saver.begin(SessionHeader{});
-    const BatchOutcome outcome = saveOne(saver, *file, FileHeader{.name = name});
+    FolderSaver& saver = begin();
+    const BatchOutcome outcome = saveOne(saver, file, FileHeader{.name = name});
     EXPECT_EQ(outcome.status, Ack::Status::ok) << outcome.message.value_or("");
     EXPECT_EQ(namesIn(destination.path()), std::vector<std::string>{name});
 }
@@ -214,22 +210,17 @@ TEST(FolderSaver, ALongNameIsSavedAcrossFileSystemsToo) {
 // The copy across file systems runs out of room half-way: the file is
 // reported failed with the system's message, and neither the partial copy
 // nor the received file stays behind.
-TEST(FolderSaver, ACopyAcrossFileSystemsThatDoesNotFitFailsAndLeavesNothingBehind) {
-    TemporaryFolder destination;
-    const auto file = receivedOnAnotherFileSystem(destination.path(), std::string(200'000, 'x'));
-    if (!file) {
-        GTEST_SKIP() << needsShm;
-    }
-    FolderSaver saver(destination.path());
-    saver.begin(SessionHeader{.albumName = "Album"});
+TEST_F(FolderSaverAcrossFileSystems, ACopyThatDoesNotFitFailsAndLeavesNothingBehind) {
+    const fs::path file = receivedOnShm(std::string(200'000, 'x'));
+    FolderSaver& saver = begin(SessionHeader{.albumName = "Album"});
     BatchOutcome outcome;
     {
         const testing::FileSizeLimit limit(64 * 1024);
-        outcome = saveOne(saver, *file, FileHeader{.name = "IMG_3.heic"});
+        outcome = saveOne(saver, file, FileHeader{.name = "IMG_3.heic"});
     }
     EXPECT_EQ(outcome.status, Ack::Status::error);
     EXPECT_EQ(outcome.message, std::generic_category().message(EFBIG));
-    EXPECT_FALSE(fs::exists(*file));
+    EXPECT_FALSE(fs::exists(file));
     EXPECT_TRUE(namesIn(destination.path() / "Album").empty());
 }
 
@@ -244,17 +235,14 @@ TEST(FolderSaver, ReportsTheSystemsMessageWhenTheFolderIsUnusable) {
     EXPECT_FALSE(fs::exists(file));
 }
 
-TEST(FolderSaver, WhenEveryNameIsTakenTheFileFailsAndNothingIsOverwritten) {
-    TemporaryFolder temporary;
-    TemporaryFolder destination;
+TEST_F(FolderSaverTest, WhenEveryNameIsTakenTheFileFailsAndNothingIsOverwritten) {
     for (int attempt = 0; attempt < FolderSaver::maxNameAttempts; ++attempt) {
         std::ofstream(destination.path() / (attempt == 0
                                                 ? std::string("a.jpg")
                                                 : "a (" + std::to_string(attempt) + ").jpg"))
             << "older";
     }
-    FolderSaver saver(destination.path());
-    saver.begin(SessionHeader{});
+    FolderSaver& saver = begin();
     const fs::path file = received(temporary.path(), "newer");
     const BatchOutcome outcome = saveOne(saver, file, FileHeader{.name = "a.jpg"});
     EXPECT_EQ(outcome.status, Ack::Status::error);
@@ -269,11 +257,8 @@ using testing::SystemCallFault;
 
 // The promise behind "ok": a file whose data the disk would not make durable
 // is never reported saved, and never takes its name.
-TEST(FolderSaver, AFileWhoseDataCannotBeMadeDurableIsNeverReportedSaved) {
-    TemporaryFolder temporary;
-    TemporaryFolder destination;
-    FolderSaver saver(destination.path());
-    saver.begin(SessionHeader{});
+TEST_F(FolderSaverTest, AFileWhoseDataCannotBeMadeDurableIsNeverReportedSaved) {
+    FolderSaver& saver = begin();
     const fs::path file = received(temporary.path(), "data");
     BatchOutcome outcome;
     {
@@ -291,32 +276,23 @@ TEST(FolderSaver, AFileWhoseDataCannotBeMadeDurableIsNeverReportedSaved) {
 // Named but not durably: none of the group is reported saved. The names stay,
 // so that a resend finds the file already there, syncs it again and says "ok"
 // without a second copy.
-TEST(FolderSaver, WhenTheFolderCannotBeSyncedTheFileIsReportedOnlyOnceAResendSucceeds) {
-    TemporaryFolder temporary;
-    TemporaryFolder destination;
+TEST_F(FolderSaverTest, WhenTheFolderCannotBeSyncedTheFileIsReportedOnlyOnceAResendSucceeds) {
     const FileHeader header{
         .name = "a.jpg", .byteCount = 4, .sha256 = Checksum::sha256Hex(asBytes("data"))};
     {
-        FolderSaver saver(destination.path());
-        saver.begin(SessionHeader{});
         const SystemCallFault fault(SystemCallFault::Call::fsync, EIO,
                                     SystemCallFault::Target::folders);
-        const BatchOutcome outcome = saveOne(saver, received(temporary.path(), "data"), header);
+        const BatchOutcome outcome = saveOne(begin(), received(temporary.path(), "data"), header);
         EXPECT_EQ(outcome.status, Ack::Status::error);
         EXPECT_EQ(outcome.message, std::generic_category().message(EIO));
     }
-    FolderSaver saver(destination.path());
-    saver.begin(SessionHeader{});
-    EXPECT_EQ(saveOne(saver, received(temporary.path(), "data"), header).status, Ack::Status::ok);
+    EXPECT_EQ(saveOne(begin(), received(temporary.path(), "data"), header).status, Ack::Status::ok);
     EXPECT_EQ(destination.fileNames(), std::vector<std::string>{"a.jpg"});
     EXPECT_TRUE(temporary.fileNames().empty());
 }
 
-TEST(FolderSaver, AModeOrDateThatCannotBeSetFailsTheFileWithTheSystemsMessage) {
-    TemporaryFolder temporary;
-    TemporaryFolder destination;
-    FolderSaver saver(destination.path());
-    saver.begin(SessionHeader{});
+TEST_F(FolderSaverTest, AModeOrDateThatCannotBeSetFailsTheFileWithTheSystemsMessage) {
+    FolderSaver& saver = begin();
     for (const auto call : {SystemCallFault::Call::chmod, SystemCallFault::Call::utimensat}) {
         const SystemCallFault fault(call, EPERM);
         const BatchOutcome outcome =
@@ -329,11 +305,8 @@ TEST(FolderSaver, AModeOrDateThatCannotBeSetFailsTheFileWithTheSystemsMessage) {
     EXPECT_TRUE(temporary.fileNames().empty());
 }
 
-TEST(FolderSaver, AReceivedFileThatVanishedIsReportedWithTheSystemsMessage) {
-    TemporaryFolder temporary;
-    TemporaryFolder destination;
-    FolderSaver saver(destination.path());
-    saver.begin(SessionHeader{});
+TEST_F(FolderSaverTest, AReceivedFileThatVanishedIsReportedWithTheSystemsMessage) {
+    FolderSaver& saver = begin();
     const BatchOutcome outcome =
         saveOne(saver, temporary.path() / "cleaned-away", FileHeader{.name = "a.jpg"});
     EXPECT_EQ(outcome.status, Ack::Status::error);
@@ -343,11 +316,8 @@ TEST(FolderSaver, AReceivedFileThatVanishedIsReportedWithTheSystemsMessage) {
 
 // A file handed over after the session's flush (the reader lost a race with
 // the end of the session) is still saved, though nobody hears about it.
-TEST(FolderSaver, AFileHandedOverAfterTheFlushIsStillSaved) {
-    TemporaryFolder temporary;
-    TemporaryFolder destination;
-    FolderSaver saver(destination.path());
-    saver.begin(SessionHeader{});
+TEST_F(FolderSaverTest, AFileHandedOverAfterTheFlushIsStillSaved) {
+    FolderSaver& saver = begin();
     saver.flushAndDrain();
     saver.enqueue(received(temporary.path(), "late"), FileHeader{.name = "late.jpg"});
     EXPECT_EQ(readText(destination.path() / "late.jpg"), "late");
@@ -355,11 +325,8 @@ TEST(FolderSaver, AFileHandedOverAfterTheFlushIsStillSaved) {
     EXPECT_TRUE(temporary.fileNames().empty());
 }
 
-TEST(FolderSaver, AFastRunOfFilesIsSavedAndReportedInTheOrderItCame) {
-    TemporaryFolder temporary;
-    TemporaryFolder destination;
-    FolderSaver saver(destination.path());
-    saver.begin(SessionHeader{});
+TEST_F(FolderSaverTest, AFastRunOfFilesIsSavedAndReportedInTheOrderItCame) {
+    FolderSaver& saver = begin();
     // Enqueued back to back, so most of them wait and are saved as groups,
     // more than fit in one.
     const int count = static_cast<int>(FolderSaver::maxGroupFiles) + 60;
@@ -386,11 +353,8 @@ TEST(FolderSaver, AFastRunOfFilesIsSavedAndReportedInTheOrderItCame) {
     EXPECT_TRUE(temporary.fileNames().empty());
 }
 
-TEST(FolderSaver, FlushSavesWhatIsStillWaitingBeforeTheOutcomesEnd) {
-    TemporaryFolder temporary;
-    TemporaryFolder destination;
-    FolderSaver saver(destination.path());
-    saver.begin(SessionHeader{.albumName = "Late"});
+TEST_F(FolderSaverTest, FlushSavesWhatIsStillWaitingBeforeTheOutcomesEnd) {
+    FolderSaver& saver = begin(SessionHeader{.albumName = "Late"});
     for (int i = 0; i < 10; ++i) {
         saver.enqueue(received(temporary.path(), "x"), FileHeader{.name = std::to_string(i)});
     }
@@ -409,9 +373,7 @@ TEST(FolderSaver, FlushSavesWhatIsStillWaitingBeforeTheOutcomesEnd) {
     EXPECT_TRUE(temporary.fileNames().empty());
 }
 
-TEST(FolderSaver, ASaverDroppedWithoutAFlushStillSavesWhatItWasGiven) {
-    TemporaryFolder temporary;
-    TemporaryFolder destination;
+TEST_F(FolderSaverTest, ASaverDroppedWithoutAFlushStillSavesWhatItWasGiven) {
     {
         FolderSaver saver(destination.path());
         saver.begin(SessionHeader{});

@@ -1,20 +1,24 @@
 // The sending engine against the receiving engine, over an in-memory
 // connection and over a real connected socket pair.
+#include "KestrelvaneKit/log/KVLog.h"
 #include "KestrelvaneKit/receiving/FolderSaver.h"
 #include "KestrelvaneKit/receiving/TransferServer.h"
 #include "KestrelvaneKit/sending/TransferClient.h"
 #include "KestrelvaneKit/usb/UsbmuxdStream.h"
+#include "support/FailingSaver.h"
 #include "support/MemoryStream.h"
 #include "support/TemporaryFolder.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <fstream>
 #include <future>
 #include <iterator>
 #include <map>
 #include <random>
+#include <set>
 #include <sys/socket.h>
 #include <system_error>
 
@@ -57,55 +61,75 @@ connectedPair(Connection connection, ReceiveMode serverReceives) {
     return {std::make_shared<UsbmuxdStream>(fds[0]), std::make_shared<UsbmuxdStream>(fds[1])};
 }
 
-/// Runs a whole send: client on this thread, server on another, both over one
-/// connection; returns the client's acknowledgements.
-std::vector<Ack> sendThrough(BatchSaving& saver, const std::vector<fs::path>& files,
-                             const fs::path& temporary, const SessionHeader& session,
-                             ReceiveMode serverReceives = ReceiveMode::whatIsThere,
-                             Connection connection = Connection::inMemory) {
-    auto [near, far] = connectedPair(connection, serverReceives);
-    FrameChannel serverChannel(far);
-    auto served = std::async(std::launch::async, [&] {
-        TransferServer(saver, temporary).run(serverChannel, {});
-        serverChannel.cancel();
-    });
-    FrameChannel clientChannel(near);
-    std::vector<Ack> acks;
-    try {
-        acks = TransferClient().send(files, clientChannel, session);
-    } catch (...) {
-        clientChannel.cancel();
-        served.wait();
-        throw;
-    }
-    clientChannel.cancel();
-    EXPECT_EQ(served.wait_for(std::chrono::seconds(30)), std::future_status::ready);
-    return acks;
-}
+/// Sends a batch of files of the given sizes, named as given, with random
+/// contents, over the parameter's connection: the client on the test's
+/// thread, the server on another. The log is kept in memory.
+class TransferEndToEndOver : public ::testing::TestWithParam<Connection> {
+protected:
+    TransferEndToEndOver() : previousSink_(KVLog::setSink(log)) {}
+    ~TransferEndToEndOver() override { KVLog::setSink(previousSink_); }
 
-class TransferEndToEndOver : public ::testing::TestWithParam<Connection> {};
+    std::vector<Ack> send(BatchSaving& saver,
+                          const std::vector<std::pair<std::string, std::size_t>>& batch,
+                          const SessionHeader& session = {},
+                          ReceiveMode serverReceives = ReceiveMode::whatIsThere) {
+        std::vector<fs::path> files;
+        unsigned seed = 1;
+        for (const auto& [name, size] : batch) {
+            originals[name] = randomText(size, seed++);
+            sent.insert(name);
+            files.push_back(source.path() / name);
+            std::ofstream(files.back(), std::ios::binary) << originals[name];
+        }
+        auto [near, far] = connectedPair(GetParam(), serverReceives);
+        FrameChannel serverChannel(far);
+        auto served = std::async(std::launch::async, [&] {
+            TransferServer(saver, temporary.path()).run(serverChannel, {});
+            serverChannel.cancel();
+        });
+        FrameChannel clientChannel(near);
+        std::vector<Ack> acks;
+        try {
+            acks = TransferClient().send(files, clientChannel, session);
+        } catch (...) {
+            clientChannel.cancel();
+            served.wait();
+            throw;
+        }
+        clientChannel.cancel();
+        EXPECT_EQ(served.wait_for(std::chrono::seconds(30)), std::future_status::ready);
+        return acks;
+    }
+
+    /// The names acknowledged, each as often as it was: the batch's names
+    /// when every file was acknowledged once.
+    static std::multiset<std::string> names(const std::vector<Ack>& acks) {
+        std::multiset<std::string> names;
+        for (const Ack& ack : acks) {
+            names.insert(ack.name);
+        }
+        return names;
+    }
+
+    TemporaryFolder source, temporary, destination;
+    std::map<std::string, std::string> originals;
+    std::multiset<std::string> sent;
+    const std::shared_ptr<KVLog::MemorySink> log = std::make_shared<KVLog::MemorySink>();
+
+private:
+    std::shared_ptr<KVLog::Sink> previousSink_;
+};
 
 TEST_P(TransferEndToEndOver, EveryFileArrivesByteForByteInItsAlbum) {
-    TemporaryFolder source, temporary, destination;
-    std::vector<fs::path> files;
-    std::map<std::string, std::string> originals;
-    const std::vector<std::pair<std::string, std::size_t>> batch{
-        {"IMG_0001.HEIC", 1'048'576 * 3 + 17},
-        {"empty.jpg", 0},
-        {"clip.MOV", 700'000},
-        {"IMG_0002.jpg", 1}};
-    unsigned seed = 1;
-    for (const auto& [name, size] : batch) {
-        originals[name] = randomText(size, seed++);
-        files.push_back(source.path() / name);
-        std::ofstream(files.back(), std::ios::binary) << originals[name];
-    }
     FolderSaver saver(destination.path());
-    const auto acks =
-        sendThrough(saver, files, temporary.path(), SessionHeader{.albumName = "Holiday 2024"},
-                    ReceiveMode::whatIsThere, GetParam());
+    const auto acks = send(saver,
+                           {{"IMG_0001.HEIC", 1'048'576 * 3 + 17},
+                            {"empty.jpg", 0},
+                            {"clip.MOV", 700'000},
+                            {"IMG_0002.jpg", 1}},
+                           SessionHeader{.albumName = "Holiday 2024"});
 
-    ASSERT_EQ(acks.size(), batch.size());
+    EXPECT_EQ(names(acks), sent);
     for (const auto& ack : acks) {
         EXPECT_EQ(ack.status, Ack::Status::ok) << ack.name << ": " << ack.message.value_or("");
         EXPECT_EQ(readText(destination.path() / "Holiday 2024" / ack.name), originals[ack.name])
@@ -114,42 +138,56 @@ TEST_P(TransferEndToEndOver, EveryFileArrivesByteForByteInItsAlbum) {
     EXPECT_TRUE(temporary.fileNames().empty());
 }
 
+TEST_P(TransferEndToEndOver, FilesTheSaverRejectsComeBackAsErrorsBesideTheSavedOnes) {
+    std::map<std::string, std::string> saved;
+    TestBatchSaver inner([&](const fs::path& file, const FileHeader& header) {
+        saved[header.name] = readText(file);
+    });
+    testing::FailingSaver saver(inner, {.failing = {1, 3}, .message = "disk full"});
+    // In memory the server takes the bytes one at a time.
+    const auto acks =
+        send(saver, {{"a.jpg", 2000}, {"b.jpg", 10}, {"c.mov", 30'000}, {"d.png", 0}, {"e.jpg", 1}},
+             {}, ReceiveMode::oneByteAtATime);
+
+    EXPECT_EQ(names(acks), sent);
+    for (const auto& ack : acks) {
+        if (ack.name == "b.jpg" || ack.name == "d.png") {
+            EXPECT_EQ(
+                ack, (Ack{.name = ack.name, .status = Ack::Status::error, .message = "disk full"}));
+        } else {
+            EXPECT_EQ(ack.status, Ack::Status::ok) << ack.name;
+            EXPECT_EQ(saved[ack.name], originals[ack.name]) << ack.name;
+        }
+    }
+    EXPECT_EQ(saved.size(), 3u);
+    const auto lines = log->messages();
+    EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
+                            [](const std::string& line) {
+                                return line.starts_with("SUMMARY files=5 ok=3 failed=2 ");
+                            }),
+              1);
+    EXPECT_TRUE(temporary.fileNames().empty());
+}
+
+TEST_P(TransferEndToEndOver, AnAlbumThatWouldLeaveTheFolderFailsEveryFile) {
+    FolderSaver refusing(destination.path());
+    const auto acks =
+        send(refusing, {{"a.jpg", 5}, {"b.jpg", 5}}, SessionHeader{.albumName = "../out"});
+    EXPECT_EQ(names(acks), sent);
+    for (const auto& ack : acks) {
+        EXPECT_EQ(ack, (Ack{.name = ack.name,
+                            .status = Ack::Status::error,
+                            .message = "refused unsafe album name"}));
+    }
+    EXPECT_TRUE(fs::is_empty(destination.path()));
+    EXPECT_TRUE(temporary.fileNames().empty());
+}
+
 INSTANTIATE_TEST_SUITE_P(Connections, TransferEndToEndOver,
                          ::testing::Values(Connection::inMemory, Connection::socketPair),
                          [](const ::testing::TestParamInfo<Connection>& param) {
                              return param.param == Connection::inMemory ? "InMemory" : "SocketPair";
                          });
-
-TEST(TransferEndToEnd, FilesTheSaverRejectsComeBackAsErrorsAndTheRestIsSaved) {
-    TemporaryFolder source, temporary, destination;
-    std::vector<fs::path> files;
-    for (const char* name : {"a.jpg", "b.jpg"}) {
-        files.push_back(source.path() / name);
-        std::ofstream(files.back()) << name;
-    }
-    // An album that would leave the folder makes the saver refuse every file.
-    FolderSaver refusing(destination.path());
-    const auto refused =
-        sendThrough(refusing, files, temporary.path(), SessionHeader{.albumName = "../out"});
-    ASSERT_EQ(refused.size(), 2u);
-    for (const auto& ack : refused) {
-        EXPECT_EQ(ack.status, Ack::Status::error);
-        EXPECT_EQ(ack.message, "refused unsafe album name");
-    }
-    EXPECT_TRUE(fs::is_empty(destination.path()));
-
-    // One byte at a time on the receiving side still gets everything across.
-    std::map<std::string, std::string> seen;
-    TestBatchSaver testSaver([&](const fs::path& file, const FileHeader& header) {
-        seen[header.name] = readText(file);
-    });
-    const auto acks = sendThrough(testSaver, files, temporary.path(), SessionHeader{},
-                                  ReceiveMode::oneByteAtATime);
-    ASSERT_EQ(acks.size(), 2u);
-    EXPECT_EQ(seen["a.jpg"], "a.jpg");
-    EXPECT_EQ(seen["b.jpg"], "b.jpg");
-    EXPECT_TRUE(temporary.fileNames().empty());
-}
 
 } // namespace
 } // namespace kestrelvane

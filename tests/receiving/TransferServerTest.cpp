@@ -1,6 +1,7 @@
 #include "KestrelvaneKit/receiving/TransferServer.h"
 
 #include "KestrelvaneKit/intake/Checksum.h"
+#include "KestrelvaneKit/log/KVLog.h"
 #include "KestrelvaneKit/wire/FrameCodec.h"
 #include "KestrelvaneKit/wire/WireMessage.h"
 #include "support/FileSizeLimit.h"
@@ -10,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include <condition_variable>
 #include <fstream>
 #include <functional>
 #include <future>
@@ -17,6 +19,7 @@
 #include <map>
 #include <mutex>
 #include <optional>
+#include <regex>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <thread>
@@ -111,8 +114,12 @@ private:
 
 /// A server session over an in-memory connection, driven frame by frame from
 /// the test as a sender would, with the server's run() on its own thread.
+/// A server that stops answering fails the test at the deadline: the
+/// connection is closed then, so no wait for it hangs.
 class ServerSession {
 public:
+    static constexpr auto deadline = std::chrono::seconds(60);
+
     explicit ServerSession(BatchSaving& saver, const fs::path& temporaryDirectory)
         : streams_(makeMemoryStreamPair()), sender_(streams_.first), receiver_(streams_.second),
           server_(saver, temporaryDirectory) {
@@ -124,8 +131,19 @@ public:
             // As a real caller does once the session is over.
             receiver_.cancel();
         });
+        watchdog_ = std::jthread([this](const std::stop_token& stop) {
+            std::mutex mutex;
+            std::unique_lock lock(mutex);
+            if (!std::condition_variable_any().wait_for(lock, stop, deadline,
+                                                        [&] { return stop.stop_requested(); })) {
+                ADD_FAILURE() << "the session was not over within " << deadline.count() << " s";
+                streams_.first->close();
+            }
+        });
     }
     ~ServerSession() {
+        watchdog_.request_stop();
+        watchdog_.join();
         streams_.first->close();
         done_.wait();
     }
@@ -137,15 +155,25 @@ public:
         sender_.sendFrame(WireMessage::encode(header));
         sender_.sendRaw(bytes);
     }
+    /// Sends files the server may end the session at: it can close before
+    /// the bytes behind the refused header are written.
+    void sendFilesUntilRefused(const std::vector<std::pair<FileHeader, Bytes>>& files) {
+        try {
+            for (const auto& [header, bytes] : files) {
+                sendFile(header, bytes);
+            }
+        } catch (const StreamError&) {
+        }
+    }
     void sendFrame(const Bytes& payload) { sender_.sendFrame(payload); }
     void sendRaw(const Bytes& bytes) { sender_.sendRaw(bytes); }
     Bytes receiveFrame() { return sender_.receiveFrame(); }
     Ack receiveAck() { return WireMessage::decode<Ack>(receiveFrame()); }
 
-    /// Ends the sender's side and waits (with a deadline) for run() to return.
+    /// Ends the sender's side and waits (until the deadline) for run() to return.
     bool finishAndWait() {
         streams_.first->finishSending();
-        return done_.wait_for(std::chrono::seconds(30)) == std::future_status::ready;
+        return done_.wait_for(deadline) == std::future_status::ready;
     }
     /// Frames still readable after the server has finished.
     std::vector<Bytes> remainingFrames() {
@@ -179,6 +207,29 @@ private:
     std::future<void> done_;
     std::mutex eventsMutex_;
     std::vector<TransferServer::Event> events_;
+    std::jthread watchdog_;
+};
+
+/// A recording saver, a temporary folder for the server and the log in
+/// memory; start() opens the session.
+class TransferServerTest : public ::testing::Test {
+protected:
+    TransferServerTest() : previousSink_(KVLog::setSink(log)) {}
+    ~TransferServerTest() override { KVLog::setSink(previousSink_); }
+    ServerSession& start(const SessionHeader& header = {}) {
+        session_.emplace(saver, temporaryDirectory);
+        session_->sendSession(header);
+        return *session_;
+    }
+
+    TemporaryFolder temporary;
+    fs::path temporaryDirectory = temporary.path();
+    RecordingSaver saver;
+    const std::shared_ptr<KVLog::MemorySink> log = std::make_shared<KVLog::MemorySink>();
+
+private:
+    std::shared_ptr<KVLog::Sink> previousSink_;
+    std::optional<ServerSession> session_;
 };
 
 Ack okAck(const std::string& name) {
@@ -188,14 +239,8 @@ Ack errorAck(const std::string& name, const std::string& message) {
     return Ack{.name = name, .status = Ack::Status::error, .message = message};
 }
 
-TEST(TransferServer, SavesVerifiedFilesByteForByteAndLeavesNoTemporaryFile) {
-    TemporaryFolder temporary;
-    std::map<std::string, Bytes> saved;
-    TestBatchSaver saver([&](const fs::path& file, const FileHeader& header) {
-        saved[header.name] = readFile(file);
-    });
-    ServerSession session(saver, temporary.path());
-    session.sendSession(SessionHeader{.albumName = "Trip"});
+TEST_F(TransferServerTest, SavesVerifiedFilesByteForByteAndLeavesNoTemporaryFile) {
+    ServerSession& session = start(SessionHeader{.albumName = "Trip"});
     const Bytes big = pattern(1'048'577, 1); // one byte more than a piece
     session.sendFile(headerFor("big.jpg", big), big);
     session.sendFile(headerFor("empty.png", {}), {});
@@ -207,20 +252,16 @@ TEST(TransferServer, SavesVerifiedFilesByteForByteAndLeavesNoTemporaryFile) {
     EXPECT_EQ(session.receiveAck(), okAck("clip.mov"));
     ASSERT_TRUE(session.finishAndWait());
 
-    EXPECT_EQ(saved["big.jpg"], big);
-    EXPECT_EQ(saved["empty.png"], Bytes{});
-    EXPECT_EQ(saved["clip.mov"], small);
+    EXPECT_EQ(saver.contents, (std::map<std::string, Bytes>{
+                                  {"big.jpg", big}, {"empty.png", {}}, {"clip.mov", small}}));
     ASSERT_EQ(session.events().size(), 3u);
     EXPECT_EQ(session.events()[1].name, "empty.png");
     EXPECT_EQ(session.events()[1].ack, okAck("empty.png"));
     EXPECT_TRUE(temporary.fileNames().empty());
 }
 
-TEST(TransferServer, AnswersAChecksumMismatchAtOnceAndGoesOnWithTheNextFile) {
-    TemporaryFolder temporary;
-    RecordingSaver saver;
-    ServerSession session(saver, temporary.path());
-    session.sendSession();
+TEST_F(TransferServerTest, AnswersAChecksumMismatchAtOnceAndGoesOnWithTheNextFile) {
+    ServerSession& session = start();
     const Bytes bytes = pattern(5000, 3);
     FileHeader corrupted = headerFor("a.jpg", bytes);
     corrupted.sha256[10] = corrupted.sha256[10] == '0' ? '1' : '0';
@@ -244,14 +285,31 @@ TEST(TransferServer, AnswersAChecksumMismatchAtOnceAndGoesOnWithTheNextFile) {
     // Only outcomes of the saver are reported as events.
     ASSERT_EQ(session.events().size(), 1u);
     EXPECT_TRUE(temporary.fileNames().empty());
+
+    using enum KVLog::Category;
+    const auto records = log->records();
+    ASSERT_EQ(records.size(), 9u);
+    EXPECT_EQ(records.front(),
+              (KVLog::Record{listener, KVLog::Level::normal, "ACCEPTED connection"}));
+    const std::regex recv(R"(RECV (a|b|c|good)\.jpg 0\.0MB in=\d+ms rate=(\d+\.\dMB/s|)"
+                          "\xE2\x80\x94)"); // or an em dash when no time passed
+    for (const std::size_t i : {1u, 3u, 5u, 7u}) {
+        EXPECT_EQ(records[i].category, net);
+        EXPECT_EQ(records[i].level, KVLog::Level::normal);
+        EXPECT_TRUE(std::regex_match(records[i].message, recv)) << records[i].message;
+    }
+    EXPECT_EQ(records[2], (KVLog::Record{net, KVLog::Level::error, "CHECKSUM-MISMATCH a.jpg"}));
+    EXPECT_EQ(records[4], (KVLog::Record{net, KVLog::Level::error, "CHECKSUM-MISMATCH b.jpg"}));
+    EXPECT_EQ(records[6], (KVLog::Record{net, KVLog::Level::error, "CHECKSUM-MISMATCH c.jpg"}));
+    EXPECT_EQ(records.back().category, listener);
+    EXPECT_TRUE(
+        std::regex_match(records.back().message, std::regex(R"(READER ended after \d+\.\ds)")))
+        << records.back().message;
 }
 
-TEST(TransferServer, ReportsTheSaversErrorsAndKeepsTheSessionGoing) {
-    TemporaryFolder temporary;
-    RecordingSaver saver;
+TEST_F(TransferServerTest, ReportsTheSaversErrorsAndKeepsTheSessionGoing) {
     saver.rejected["full.jpg"] = "no space left";
-    ServerSession session(saver, temporary.path());
-    session.sendSession();
+    ServerSession& session = start();
     const Bytes bytes = pattern(10, 4);
     session.sendFile(headerFor("full.jpg", bytes), bytes);
     session.sendFile(headerFor("fine.jpg", bytes), bytes);
@@ -260,14 +318,12 @@ TEST(TransferServer, ReportsTheSaversErrorsAndKeepsTheSessionGoing) {
     ASSERT_TRUE(session.finishAndWait());
     ASSERT_EQ(session.events().size(), 2u);
     EXPECT_EQ(session.events()[0].ack, errorAck("full.jpg", "no space left"));
+    EXPECT_TRUE(temporary.fileNames().empty());
 }
 
-TEST(TransferServer, SessionOfNoFilesBeginsFlushesAndReturns) {
-    TemporaryFolder temporary;
-    RecordingSaver saver;
-    ServerSession session(saver, temporary.path());
-    session.sendSession(
-        SessionHeader{.schemaVersion = 7, .direction = SessionHeader::Direction::phoneToMac});
+TEST_F(TransferServerTest, SessionOfNoFilesBeginsFlushesAndReturns) {
+    ServerSession& session =
+        start(SessionHeader{.schemaVersion = 7, .direction = SessionHeader::Direction::phoneToMac});
     ASSERT_TRUE(session.finishAndWait());
     ASSERT_EQ(saver.sessions.size(), 1u);
     EXPECT_EQ(saver.sessions[0].schemaVersion, 7);
@@ -278,12 +334,10 @@ TEST(TransferServer, SessionOfNoFilesBeginsFlushesAndReturns) {
 
 // Outcomes a batching saver only settles at the end still reach the sender
 // when the connection broke off in the middle of the next file.
-TEST(TransferServer, ConnectionLostMidFileStillAcknowledgesEarlierFilesAndDropsThePartialOne) {
-    TemporaryFolder temporary;
-    RecordingSaver saver;
+TEST_F(TransferServerTest,
+       ConnectionLostMidFileStillAcknowledgesEarlierFilesAndDropsThePartialOne) {
     saver.deferUntilFlush = true;
-    ServerSession session(saver, temporary.path());
-    session.sendSession();
+    ServerSession& session = start();
     const Bytes first = pattern(3000, 5);
     session.sendFile(headerFor("first.jpg", first), first);
     const Bytes second = pattern(3000, 6);
@@ -297,19 +351,11 @@ TEST(TransferServer, ConnectionLostMidFileStillAcknowledgesEarlierFilesAndDropsT
     EXPECT_TRUE(temporary.fileNames().empty());
 }
 
-TEST(TransferServer, NameWithASlashCannotBeOpenedAndEndsTheSession) {
-    TemporaryFolder temporary;
-    RecordingSaver saver;
-    ServerSession session(saver, temporary.path());
-    session.sendSession();
+TEST_F(TransferServerTest, NameWithASlashCannotBeOpenedAndEndsTheSession) {
+    ServerSession& session = start();
     const Bytes bytes = pattern(100, 7);
-    try {
-        session.sendFile(headerFor("../escape.jpg", bytes), bytes);
-        session.sendFile(headerFor("after.jpg", bytes), bytes);
-    } catch (const StreamError&) {
-        // The server ends the session at the first header and may already
-        // have closed before the bytes behind it are written.
-    }
+    session.sendFilesUntilRefused(
+        {{headerFor("../escape.jpg", bytes), bytes}, {headerFor("after.jpg", bytes), bytes}});
     EXPECT_EQ(session.receiveAck(), errorAck("../escape.jpg", "could not open temp file"));
     ASSERT_TRUE(session.finishAndWait());
     EXPECT_TRUE(session.remainingAcks().empty());
@@ -318,11 +364,8 @@ TEST(TransferServer, NameWithASlashCannotBeOpenedAndEndsTheSession) {
     EXPECT_TRUE(temporary.fileNames().empty());
 }
 
-TEST(TransferServer, FilesOfTheSameNameGetTheirOwnTemporaryFiles) {
-    TemporaryFolder temporary;
-    RecordingSaver saver;
-    ServerSession session(saver, temporary.path());
-    session.sendSession();
+TEST_F(TransferServerTest, FilesOfTheSameNameGetTheirOwnTemporaryFiles) {
+    ServerSession& session = start();
     const Bytes one = pattern(10, 8);
     const Bytes two = pattern(20, 9);
     session.sendFile(headerFor("IMG_1.jpg", one), one);
@@ -340,6 +383,8 @@ TEST(TransferServer, FilesOfTheSameNameGetTheirOwnTemporaryFiles) {
         EXPECT_EQ(name.substr(37), "IMG_1.jpg");
         EXPECT_EQ(name.find_first_not_of("0123456789ABCDEF-"), 37u) << name;
     }
+    EXPECT_EQ(saver.contents["IMG_1.jpg"], two);
+    EXPECT_TRUE(temporary.fileNames().empty());
 }
 
 /// Sets TMPDIR for as long as it lives.
@@ -361,12 +406,10 @@ private:
     std::optional<std::string> previous_;
 };
 
-TEST(TransferServer, UsesTmpdirWhenNoFolderIsGiven) {
-    TemporaryFolder temporary;
+TEST_F(TransferServerTest, UsesTmpdirWhenNoFolderIsGiven) {
     const TmpdirSetting tmpdir(temporary.path());
-    RecordingSaver saver;
-    ServerSession session(saver, {});
-    session.sendSession();
+    temporaryDirectory.clear();
+    ServerSession& session = start();
     session.sendFile(headerFor("x.jpg", pattern(5, 1)), pattern(5, 1));
     EXPECT_EQ(session.receiveAck(), okAck("x.jpg"));
     ASSERT_TRUE(session.finishAndWait());
@@ -374,20 +417,14 @@ TEST(TransferServer, UsesTmpdirWhenNoFolderIsGiven) {
     EXPECT_EQ(saver.paths[0].parent_path(), temporary.path());
 }
 
-TEST(TransferServer, WithoutAUsableTemporaryDirectoryAnswersCouldNotOpenTempFileAndEnds) {
-    TemporaryFolder temporary;
+TEST_F(TransferServerTest, WithoutAUsableTemporaryDirectoryAnswersCouldNotOpenTempFileAndEnds) {
     const fs::path notAFolder = temporary.path() / "plain-file";
     std::ofstream(notAFolder) << "x";
     const TmpdirSetting tmpdir(notAFolder);
-    RecordingSaver saver;
-    ServerSession session(saver, {});
-    session.sendSession();
-    try {
-        session.sendFile(headerFor("x.jpg", pattern(5, 1)), pattern(5, 1));
-        session.sendFile(headerFor("y.jpg", pattern(5, 2)), pattern(5, 2));
-    } catch (const StreamError&) {
-        // The server may close before the bytes behind the first header are written.
-    }
+    temporaryDirectory.clear();
+    ServerSession& session = start();
+    session.sendFilesUntilRefused({{headerFor("x.jpg", pattern(5, 1)), pattern(5, 1)},
+                                   {headerFor("y.jpg", pattern(5, 2)), pattern(5, 2)}});
     EXPECT_EQ(session.receiveAck(), errorAck("x.jpg", "could not open temp file"));
     ASSERT_TRUE(session.finishAndWait());
     EXPECT_TRUE(session.remainingAcks().empty());
@@ -396,24 +433,16 @@ TEST(TransferServer, WithoutAUsableTemporaryDirectoryAnswersCouldNotOpenTempFile
 
 // A temporary file that cannot grow (a full disk) ends the session: the rest
 // of that file's bytes are still in the stream, and it is never acknowledged.
-TEST(TransferServer, AFullDiskMidFileEndsTheSessionAndLeavesNoTemporaryFile) {
-    TemporaryFolder temporary;
-    RecordingSaver saver;
-    ServerSession session(saver, temporary.path());
+TEST_F(TransferServerTest, AFullDiskMidFileEndsTheSessionAndLeavesNoTemporaryFile) {
     const Bytes fits = pattern(1000, 1);
     const Bytes tooLarge = pattern(300'000, 2);
-    {
-        const testing::FileSizeLimit limit(64 * 1024);
-        session.sendSession();
-        session.sendFile(headerFor("fits.jpg", fits), fits);
-        EXPECT_EQ(session.receiveAck(), okAck("fits.jpg"));
-        try {
-            session.sendFile(headerFor("large.mov", tooLarge), tooLarge);
-            session.sendFile(headerFor("after.jpg", fits), fits);
-        } catch (const StreamError&) {
-        }
-        ASSERT_TRUE(session.finishAndWait());
-    }
+    const testing::FileSizeLimit limit(64 * 1024);
+    ServerSession& session = start();
+    session.sendFile(headerFor("fits.jpg", fits), fits);
+    EXPECT_EQ(session.receiveAck(), okAck("fits.jpg"));
+    session.sendFilesUntilRefused(
+        {{headerFor("large.mov", tooLarge), tooLarge}, {headerFor("after.jpg", fits), fits}});
+    ASSERT_TRUE(session.finishAndWait());
     EXPECT_TRUE(session.remainingAcks().empty());
     ASSERT_EQ(saver.headers.size(), 1u);
     EXPECT_EQ(saver.contents["fits.jpg"], fits);
@@ -422,12 +451,9 @@ TEST(TransferServer, AFullDiskMidFileEndsTheSessionAndLeavesNoTemporaryFile) {
 
 // A message that cannot be put into JSON (not UTF-8) must not stop the
 // acknowledgements that follow it.
-TEST(TransferServer, AnAcknowledgementThatCannotBeEncodedGoesOutEmptyAndTheNextOnesFollow) {
-    TemporaryFolder temporary;
-    RecordingSaver saver;
+TEST_F(TransferServerTest, AnAcknowledgementThatCannotBeEncodedGoesOutEmptyAndTheNextOnesFollow) {
     saver.rejected["odd.jpg"] = "disk says \xff\xfe";
-    ServerSession session(saver, temporary.path());
-    session.sendSession();
+    ServerSession& session = start();
     const Bytes bytes = pattern(10, 4);
     session.sendFile(headerFor("odd.jpg", bytes), bytes);
     session.sendFile(headerFor("fine.jpg", bytes), bytes);
@@ -532,7 +558,9 @@ TEST(TransferServer, OversizedFileOrHeaderEndsTheSessionWithoutReadingFurther) {
                   {session, fileFrame(TransferServer::maxFileBytes + 1), someBytes}),
               2u);
     // A header frame announcing more than a message could need is refused
-    // from its length prefix alone.
+    // from its length prefix alone; exactly the bound is read on.
+    EXPECT_EQ(receivesUntilTheServerStops({session, {0x00, 0x10, 0x00, 0x00}, someBytes}), 4u);
+    EXPECT_EQ(receivesUntilTheServerStops({session, {0x00, 0x10, 0x00, 0x01}, someBytes}), 2u);
     EXPECT_EQ(receivesUntilTheServerStops({session, {0x7F, 0xFF, 0xFF, 0xFF}, someBytes}), 2u);
     EXPECT_EQ(receivesUntilTheServerStops({FrameCodec::encode(asBytes("not json"))}), 1u);
 }

@@ -83,6 +83,16 @@ protected:
         return result_.get();
     }
 
+    /// Files of `size` bytes named "1.jpg", "2.jpg" ... in the folder.
+    std::vector<fs::path> numberedFiles(int count, std::size_t size, std::uint8_t seed) {
+        std::vector<fs::path> files;
+        for (int i = 1; i <= count; ++i) {
+            files.push_back(
+                writeFile(folder_.path() / (std::to_string(i) + ".jpg"), pattern(size, seed)));
+        }
+        return files;
+    }
+
     std::vector<TransferClient::Progress> progress() {
         const std::lock_guard lock(progressMutex_);
         return progress_;
@@ -144,10 +154,7 @@ TEST_F(TransferClientSend, WritesTheSessionThenEachHeaderWithItsBytesAndReportsE
 }
 
 TEST_F(TransferClientSend, AcknowledgementsInAnyOrderAreCountedInArrivalOrder) {
-    std::vector<fs::path> files;
-    for (const char* name : {"1.jpg", "2.jpg", "3.jpg"}) {
-        files.push_back(writeFile(folder_.path() / name, pattern(100, 4)));
-    }
+    const std::vector<fs::path> files = numberedFiles(3, 100, 4);
     startSend(files, false);
     ASSERT_TRUE(receiver_->waitForFiles(3));
     receiver_->sendAck(Ack{.name = "3.jpg"});
@@ -171,10 +178,7 @@ TEST_F(TransferClientSend, AcknowledgementsInAnyOrderAreCountedInArrivalOrder) {
 }
 
 TEST_F(TransferClientSend, ReceiverThatHangsUpEarlyLeavesTheMissingFilesCountedAsFailed) {
-    std::vector<fs::path> files;
-    for (const char* name : {"1.jpg", "2.jpg", "3.jpg"}) {
-        files.push_back(writeFile(folder_.path() / name, pattern(100, 5)));
-    }
+    const std::vector<fs::path> files = numberedFiles(3, 100, 5);
     startSend(files, false);
     ASSERT_TRUE(receiver_->waitForFiles(3));
     receiver_->sendAck(Ack{.name = "1.jpg"});
@@ -213,11 +217,23 @@ TEST_F(TransferClientSend, SameNameInTwoFoldersIsSentTwiceAndCreditedWithTheLate
     EXPECT_EQ(client_->inflight().snapshot(), (Inflight::Snapshot{0, 0}));
 }
 
+// Text fields compare under canonical equivalence: an acknowledgement naming
+// the file in decomposed form gives back that file's bytes.
+TEST_F(TransferClientSend, AnAcknowledgementNamedInAnotherNormalFormCreditsTheFilesBytes) {
+    const fs::path composed = writeFile(folder_.path() / "caf\xC3\xA9.jpg", pattern(1000, 15));
+    const fs::path other = writeFile(folder_.path() / "b.jpg", pattern(10, 16));
+    startSend({composed, other}, false);
+    ASSERT_TRUE(receiver_->waitForFiles(2));
+    receiver_->sendAck(Ack{.name = "cafe\xCC\x81.jpg"});
+    EXPECT_TRUE(eventually([&] {
+        return client_->inflight().snapshot() == Inflight::Snapshot{.bytes = 10, .files = 1};
+    })) << client_->inflight().snapshot().bytes;
+    receiver_->sendAck(Ack{.name = "b.jpg"});
+    EXPECT_EQ(finish().size(), 2u);
+}
+
 TEST_F(TransferClientSend, SmallWindowHoldsTheThirdFileBackUntilAnAcknowledgementArrives) {
-    std::vector<fs::path> files;
-    for (const char* name : {"1.jpg", "2.jpg", "3.jpg"}) {
-        files.push_back(writeFile(folder_.path() / name, pattern(1500, 10)));
-    }
+    const std::vector<fs::path> files = numberedFiles(3, 1500, 10);
     startSend(files, false, TransferClient(2000, 2));
     ASSERT_TRUE(receiver_->waitForFiles(2));
     ASSERT_TRUE(eventually([&] { return client_->inflight().waitingCount() == 1; }));
@@ -238,10 +254,7 @@ TEST_F(TransferClientSend, SmallWindowHoldsTheThirdFileBackUntilAnAcknowledgemen
 }
 
 TEST_F(TransferClientSend, UndecodableAcknowledgementFailsTheCallAndWakesTheWaitingWriter) {
-    std::vector<fs::path> files;
-    for (const char* name : {"1.jpg", "2.jpg", "3.jpg"}) {
-        files.push_back(writeFile(folder_.path() / name, pattern(1500, 11)));
-    }
+    const std::vector<fs::path> files = numberedFiles(3, 1500, 11);
     startSend(files, false, TransferClient(2000, 2));
     ASSERT_TRUE(receiver_->waitForFiles(2));
     ASSERT_TRUE(eventually([&] { return client_->inflight().waitingCount() == 1; }));
@@ -250,10 +263,7 @@ TEST_F(TransferClientSend, UndecodableAcknowledgementFailsTheCallAndWakesTheWait
 }
 
 TEST_F(TransferClientSend, ConnectionLostWhileTheWriterWaitsForRoomEndsTheCall) {
-    std::vector<fs::path> files;
-    for (const char* name : {"1.jpg", "2.jpg", "3.jpg"}) {
-        files.push_back(writeFile(folder_.path() / name, pattern(1500, 12)));
-    }
+    const std::vector<fs::path> files = numberedFiles(3, 1500, 12);
     startSend(files, false, TransferClient(2000, 2));
     ASSERT_TRUE(receiver_->waitForFiles(2));
     ASSERT_TRUE(eventually([&] { return client_->inflight().waitingCount() == 1; }));
@@ -265,13 +275,10 @@ TEST_F(TransferClientSend, ConnectionLostWhileTheWriterWaitsForRoomEndsTheCall) 
 // A receiver that acknowledges before the files arrive leaves nothing to
 // release the window; the writer must not wait for ever for room.
 TEST_F(TransferClientSend, AcknowledgementsAheadOfTheFilesEndTheSendInsteadOfHangingIt) {
-    std::vector<fs::path> files;
-    for (const char* name : {"1.jpg", "2.jpg", "3.jpg", "4.jpg"}) {
-        files.push_back(writeFile(folder_.path() / name, pattern(1500, 13)));
-    }
+    const std::vector<fs::path> files = numberedFiles(4, 1500, 13);
     receiver_ = std::make_unique<ScriptedReceiver>(streams_.second, false);
-    for (const char* name : {"1.jpg", "2.jpg", "3.jpg", "4.jpg"}) {
-        receiver_->sendAck(Ack{.name = name});
+    for (const fs::path& file : files) {
+        receiver_->sendAck(Ack{.name = file.filename().string()});
     }
     client_ = std::make_unique<TransferClient>(2000, 2);
     result_ = std::async(std::launch::async,

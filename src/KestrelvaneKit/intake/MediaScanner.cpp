@@ -23,7 +23,7 @@ char asciiLower(char c) {
 
 /// Depth first, entering each folder where the walk meets it, so that the
 /// order of equal names is the order of the walk.
-void walk(const fs::path& folder, std::vector<fs::path>& found) {
+void walk(const fs::path& folder, const TypeReader& readType, std::vector<fs::path>& found) {
     std::error_code error;
     fs::directory_iterator entries(folder, error);
     if (error) {
@@ -37,12 +37,12 @@ void walk(const fs::path& folder, std::vector<fs::path>& found) {
         }
         // The type comes with the directory listing where the file system
         // reports it; otherwise this is the entry's own lstat.
-        const fs::file_status status = entry.symlink_status(error);
+        const fs::file_status status = readType(entry, error);
         if (error) {
             throw fs::filesystem_error("cannot read the type of an entry", entry.path(), error);
         }
         if (fs::is_directory(status)) {
-            walk(entry.path(), found);
+            walk(entry.path(), readType, found);
         } else if (fs::is_regular_file(status) && mediaType(entry.path())) {
             found.push_back(entry.path());
         }
@@ -123,8 +123,14 @@ std::optional<MediaType> mediaType(const fs::path& path) {
 }
 
 std::vector<fs::path> scan(const fs::path& folder) {
+    return scan(folder, [](const fs::directory_entry& entry, std::error_code& error) {
+        return entry.symlink_status(error);
+    });
+}
+
+std::vector<fs::path> scan(const fs::path& folder, const TypeReader& readType) {
     std::vector<fs::path> found;
-    walk(folder, found);
+    walk(folder, readType, found);
     const std::vector<std::string> keys = sortKeys(found);
     std::vector<std::size_t> order(found.size());
     std::iota(order.begin(), order.end(), std::size_t{0});

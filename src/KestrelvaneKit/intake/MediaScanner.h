@@ -3,8 +3,10 @@
 #include "KestrelvaneKit/wire/MediaType.h"
 
 #include <filesystem>
+#include <functional>
 #include <optional>
 #include <string>
+#include <system_error>
 #include <unordered_set>
 #include <vector>
 
@@ -26,5 +28,15 @@ std::optional<MediaType> mediaType(const std::filesystem::path& path);
 /// list and an unreadable sub-folder is passed over; an entry whose type
 /// cannot be read fails the whole scan with std::filesystem::filesystem_error.
 std::vector<std::filesystem::path> scan(const std::filesystem::path& folder);
+
+/// How a scan reads an entry's type without following a link; on failure it
+/// sets the error code.
+using TypeReader = std::function<std::filesystem::file_status(
+    const std::filesystem::directory_entry&, std::error_code&)>;
+
+/// scan() reading each entry's type with `readType`: where the listing carries
+/// the types, reading one cannot fail, so this is how that failure is reached.
+std::vector<std::filesystem::path> scan(const std::filesystem::path& folder,
+                                        const TypeReader& readType);
 
 } // namespace kestrelvane::MediaScanner

@@ -24,6 +24,11 @@ std::string key(const fs::path& location) {
 }
 
 std::vector<fs::path> plan(const std::vector<fs::path>& adding, const std::vector<fs::path>& to) {
+    return plan(adding, to, [](const fs::path& folder) { return MediaScanner::scan(folder); });
+}
+
+std::vector<fs::path> plan(const std::vector<fs::path>& adding, const std::vector<fs::path>& to,
+                           const FolderScan& scanFolder) {
     std::unordered_set<std::string> seen;
     seen.reserve(to.size() + adding.size());
     for (const fs::path& queued : to) {
@@ -45,7 +50,7 @@ std::vector<fs::path> plan(const std::vector<fs::path>& adding, const std::vecto
             take(location);
             continue;
         }
-        for (const fs::path& file : MediaScanner::scan(location)) {
+        for (const fs::path& file : scanFolder(location)) {
             take(file);
         }
     }

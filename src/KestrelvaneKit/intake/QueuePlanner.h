@@ -1,6 +1,7 @@
 #pragma once
 
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -14,6 +15,12 @@ namespace kestrelvane::QueuePlanner {
 /// Throws what a folder scan throws; nothing is returned then.
 std::vector<std::filesystem::path> plan(const std::vector<std::filesystem::path>& adding,
                                         const std::vector<std::filesystem::path>& to);
+
+/// plan() with `scanFolder` in place of MediaScanner::scan.
+using FolderScan = std::function<std::vector<std::filesystem::path>(const std::filesystem::path&)>;
+std::vector<std::filesystem::path> plan(const std::vector<std::filesystem::path>& adding,
+                                        const std::vector<std::filesystem::path>& to,
+                                        const FolderScan& scanFolder);
 
 /// The identity of a location for duplicate detection: its absolute path with
 /// "." and ".." segments removed lexically (symbolic links are not resolved),
