@@ -175,9 +175,6 @@ void TransferQueue::appendPlanned(std::shared_ptr<std::vector<Planned>> planned,
     slice.start();
     std::size_t next = from;
     for (; next < planned->size(); ++next) {
-        if (generation != generation_) {
-            return;
-        }
         if (next > from && slice.elapsed() >= appendSliceMilliseconds) {
             break;
         }
@@ -193,8 +190,10 @@ void TransferQueue::appendPlanned(std::shared_ptr<std::vector<Planned>> planned,
         rowById_.insert(item.id, items_.size());
         thumbnails_->request(item.id, item.url, pixelSize);
         items_.push_back(std::move(item));
-        // Its slots may clear the queue: the loop checks before going on.
         endInsertRows();
+        if (generation != generation_) {
+            return; // a slot of the new row cleared the queue
+        }
     }
     if (next < planned->size()) {
         QTimer::singleShot(0, this,
