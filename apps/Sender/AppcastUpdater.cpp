@@ -1,9 +1,9 @@
 #include "Sender/AppcastUpdater.h"
 
+#include <QFile>
 #include <QNetworkReply>
 #include <QNetworkRequest>
 #include <QRegularExpression>
-#include <QSettings>
 #include <QStandardPaths>
 #include <QTimer>
 #include <QXmlStreamReader>
@@ -49,6 +49,67 @@ bool isNumber(const QString& part) {
     return !part.isEmpty() && part.front().isDigit();
 }
 
+/// A desktop entry value with its escapes (\s \n \t \r \\) decoded; any other
+/// backslash is kept as it is.
+QString unescapeDesktopValue(QStringView raw) {
+    QString value;
+    value.reserve(raw.size());
+    for (qsizetype i = 0; i < raw.size(); ++i) {
+        if (raw[i] != u'\\' || i + 1 == raw.size()) {
+            value += raw[i];
+            continue;
+        }
+        switch (raw[i + 1].unicode()) {
+        case 's':
+            value += u' ';
+            break;
+        case 'n':
+            value += u'\n';
+            break;
+        case 't':
+            value += u'\t';
+            break;
+        case 'r':
+            value += u'\r';
+            break;
+        case '\\':
+            value += u'\\';
+            break;
+        default:
+            value += raw[i];
+            continue;
+        }
+        ++i;
+    }
+    return value;
+}
+
+/// The value of `key` in the [Desktop Entry] group of the file at `path`.
+/// Desktop entries are not INI files: a value runs verbatim to the end of its
+/// line, commas and semicolons included.
+QString desktopEntryValue(const QString& path, QStringView key) {
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly)) {
+        return {};
+    }
+    bool inEntry = false;
+    while (!file.atEnd()) {
+        const QString line = QString::fromUtf8(file.readLine()).trimmed();
+        if (line.isEmpty() || line.startsWith(u'#')) {
+            continue;
+        }
+        if (line.startsWith(u'[')) {
+            inEntry = line == QLatin1String("[Desktop Entry]");
+            continue;
+        }
+        const qsizetype equals = line.indexOf(u'=');
+        if (inEntry && equals > 0 && QStringView(line).first(equals).trimmed() == key) {
+            return unescapeDesktopValue(QStringView(line).sliced(equals + 1).trimmed());
+        }
+    }
+    return {};
+}
+
 } // namespace
 
 QUrl AppcastUpdater::configuredFeed() {
@@ -59,9 +120,7 @@ QUrl AppcastUpdater::configuredFeed() {
     const QString entry = QStandardPaths::locate(QStandardPaths::ApplicationsLocation,
                                                  QStringLiteral("kestrelvane.desktop"));
     if (!entry.isEmpty()) {
-        QSettings desktop(entry, QSettings::IniFormat);
-        const QString url =
-            desktop.value(QStringLiteral("Desktop Entry/X-Kestrelvane-Appcast-URL")).toString();
+        const QString url = desktopEntryValue(entry, u"X-Kestrelvane-Appcast-URL");
         if (!url.isEmpty()) {
             return QUrl(url);
         }

@@ -71,7 +71,7 @@ void setTextColour(QWidget* widget, const QColor& colour) {
 /// A compact bordered button; `tint` colours its text.
 void styleButton(QPushButton* button, const QColor& tint) {
     button->setStyleSheet(
-        QStringLiteral("QPushButton { color: %1; background: white; padding: 3px 10px; "
+        QStringLiteral("QPushButton { color: %1; background: white; padding: 3px 8px; "
                        "border: 1px solid %3; border-radius: 5px; }"
                        "QPushButton:pressed { background: %4; }"
                        "QPushButton:disabled { color: %2; }")
@@ -92,10 +92,11 @@ QFrame* divider(QWidget* parent) {
     return line;
 }
 
-QHBoxLayout* barLayout(QWidget* bar) {
+// Tight enough that the toolbar, status text included, fits the minimum width.
+QHBoxLayout* barLayout(QWidget* bar, int spacing) {
     auto* row = new QHBoxLayout(bar);
-    row->setSpacing(12);
-    row->setContentsMargins(16, 10, 16, 10);
+    row->setSpacing(spacing);
+    row->setContentsMargins(12, 10, 12, 10);
     return row;
 }
 
@@ -212,11 +213,11 @@ QWidget* ContentView::makeToolbar() {
     auto* bar = new QWidget(this);
     bar->setObjectName(QStringLiteral("toolbar"));
     setBackground(bar, Qt::white);
-    auto* row = barLayout(bar);
+    auto* row = barLayout(bar, 8);
 
     auto* title = new QLabel(QStringLiteral("Kestrelvane"), bar);
     title->setObjectName(QStringLiteral("title"));
-    QFont titleFont = scaled(font(), 1.3);
+    QFont titleFont = scaled(font(), 1.1);
     titleFont.setFamilies(
         {QStringLiteral("Georgia"), QStringLiteral("DejaVu Serif"), QStringLiteral("serif")});
     titleFont.setStyleHint(QFont::Serif);
@@ -240,14 +241,20 @@ QWidget* ContentView::makeToolbar() {
     connect(clearButton_, &QPushButton::clicked, this, &ContentView::clearQueue);
     row->addWidget(clearButton_);
 
-    row->addStretch(1);
-
+    // The status takes the free space itself, right-aligned, and never less
+    // than its longest text: the row is squeezed at the window's minimum width.
     deviceStatus_ = new QLabel(bar);
     deviceStatus_->setObjectName(QStringLiteral("deviceStatus"));
     deviceStatus_->setFont(calloutFont(font()));
     deviceStatus_->setAlignment(Qt::AlignRight | Qt::AlignVCenter);
     setTextColour(deviceStatus_, KestrelvaneColors::muted());
-    row->addWidget(deviceStatus_);
+    int longest = 0;
+    for (const Kind kind : {Kind::ready, Kind::noDevice, Kind::appNotListening}) {
+        longest =
+            std::max(longest, deviceStatus_->fontMetrics().horizontalAdvance(deviceText(kind)));
+    }
+    deviceStatus_->setMinimumWidth(longest);
+    row->addWidget(deviceStatus_, 1);
     return bar;
 }
 
@@ -261,7 +268,7 @@ QWidget* ContentView::makeDirectionControl() {
     row->setSpacing(2);
     row->setContentsMargins(3, 3, 3, 3);
 
-    const QString segment = QStringLiteral("QPushButton { padding: 4px 10px; border: none; "
+    const QString segment = QStringLiteral("QPushButton { padding: 4px 6px; border: none; "
                                            "border-radius: 6px; color: %1; background: %2; }");
     auto* forward = new QPushButton(QStringLiteral("→ iPhone"), control);
     forward->setObjectName(QStringLiteral("forwardSegment"));
@@ -340,7 +347,7 @@ QWidget* ContentView::makeFooter() {
     auto* bar = new QWidget(this);
     bar->setObjectName(QStringLiteral("footer"));
     setBackground(bar, Qt::white);
-    auto* row = barLayout(bar);
+    auto* row = barLayout(bar, 12);
 
     albumField_ = new QLineEdit(bar);
     albumField_->setObjectName(QStringLiteral("albumField"));

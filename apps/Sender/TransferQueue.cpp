@@ -122,13 +122,14 @@ void TransferQueue::planNext() {
     for (const Item& item : items_) {
         queued.push_back(item.url);
     }
-    planner_->runThenDeliver(
-        [this, adding = std::move(adding), queued = std::move(queued)]() -> std::function<void()> {
-            std::vector<Planned> planned = plan(adding, queued);
-            return [this, planned = std::move(planned)]() mutable {
-                appendPlanned(std::make_shared<std::vector<Planned>>(std::move(planned)), 0);
-            };
-        });
+    planner_->runThenDeliver([this, adding = std::move(adding), queued = std::move(queued),
+                              generation = generation_]() -> std::function<void()> {
+        std::vector<Planned> planned = plan(adding, queued);
+        return [this, planned = std::move(planned), generation]() mutable {
+            appendPlanned(std::make_shared<std::vector<Planned>>(std::move(planned)), 0,
+                          generation);
+        };
+    });
 }
 
 std::vector<TransferQueue::Planned> TransferQueue::plan(const std::vector<fs::path>& adding,
@@ -159,7 +160,11 @@ std::vector<TransferQueue::Planned> TransferQueue::plan(const std::vector<fs::pa
 // A big drop is appended a slice at a time, with the event loop running in
 // between, so the window keeps drawing and answering while thousands of rows
 // arrive. Every item is still announced on its own, in order.
-void TransferQueue::appendPlanned(std::shared_ptr<std::vector<Planned>> planned, std::size_t from) {
+void TransferQueue::appendPlanned(std::shared_ptr<std::vector<Planned>> planned, std::size_t from,
+                                  std::uint64_t generation) {
+    if (generation != generation_) {
+        return; // the queue was cleared since this drop was planned
+    }
     const int pixelSize = ThumbnailProvider::pixelSizeFor(thumbnailPoints);
     if (from == 0) {
         // Grown once up front: regrowing mid-drop is a stall of its own.
@@ -183,15 +188,18 @@ void TransferQueue::appendPlanned(std::shared_ptr<std::vector<Planned>> planned,
         const int row = static_cast<int>(items_.size());
         beginInsertRows({}, row, row);
         rowById_.insert(item.id, items_.size());
+        thumbnails_->request(item.id, item.url, pixelSize);
         items_.push_back(std::move(item));
         endInsertRows();
-        const Item& appended = items_.back();
-        thumbnails_->request(appended.id, appended.url, pixelSize);
+        if (generation != generation_) {
+            return; // a slot of the new row cleared the queue
+        }
     }
     if (next < planned->size()) {
-        QTimer::singleShot(0, this, [this, planned = std::move(planned), next]() mutable {
-            appendPlanned(std::move(planned), next);
-        });
+        QTimer::singleShot(0, this,
+                           [this, planned = std::move(planned), next, generation]() mutable {
+                               appendPlanned(std::move(planned), next, generation);
+                           });
         return;
     }
     emit addFinished();
@@ -225,6 +233,12 @@ void TransferQueue::reindex() {
 }
 
 void TransferQueue::clear() {
+    // Drops being planned or appended are cleared too: their rows must not
+    // come back after the queue has been emptied.
+    ++generation_;
+    pendingDrops_.clear();
+    planner_->clearWaiting();
+    planning_ = false;
     if (items_.empty()) {
         return;
     }

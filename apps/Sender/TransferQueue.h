@@ -88,6 +88,7 @@ public:
     bool isPlanning() const noexcept { return planning_; }
 
     void remove(const std::set<QString>& ids);
+    /// Empties the queue and cancels the drops still being planned or appended.
     void clear();
     std::vector<std::filesystem::path> unsentURLs() const;
     void markSending(const std::set<QString>& names);
@@ -104,7 +105,8 @@ public:
     static QString statusName(Status::Kind kind);
 
 signals:
-    /// A drop has been planned and all of its items appended.
+    /// A drop has been planned and all of its items appended; not for a drop
+    /// that clear() cancelled.
     void addFinished();
 
 private:
@@ -120,7 +122,9 @@ private:
 
     void planNext();
     /// Appends `planned` from `from` on; calls itself again later for the rest.
-    void appendPlanned(std::shared_ptr<std::vector<Planned>> planned, std::size_t from);
+    /// Stops as soon as the queue is cleared, `generation` being then out of date.
+    void appendPlanned(std::shared_ptr<std::vector<Planned>> planned, std::size_t from,
+                       std::uint64_t generation);
     void changeStatus(std::size_t row, const Status& status);
     void reindex();
     static std::vector<Planned> plan(const std::vector<std::filesystem::path>& adding,
@@ -131,6 +135,7 @@ private:
     QHash<QString, std::size_t> rowById_; // the row of each item's id
     std::deque<std::vector<std::filesystem::path>> pendingDrops_;
     bool planning_ = false;
+    std::uint64_t generation_ = 0;            // bumped by clear(); older drops are dropped
     std::unique_ptr<BackgroundWork> planner_; // one thread: drops are planned in order
     std::unique_ptr<ThumbnailProvider> thumbnails_;
 };

@@ -129,10 +129,15 @@ private slots:
     void theFeedComesFromTheEnvironmentElseTheInstalledDesktopEntry() {
         testing::TemporaryFolder data;
         fs::create_directories(data.path() / "applications");
+        // Not an INI file: commas and semicolons belong to the value, and only
+        // the [Desktop Entry] group counts.
         std::ofstream(data.path() / "applications" / "kestrelvane.desktop")
-            << "[Desktop Entry]\nType=Application\nName=Kestrelvane\n"
+            << "# X-Kestrelvane-Appcast-URL=https://commented.example.org/\n"
+               "[Desktop Entry]\nType=Application\nName=Kestrelvane\n"
                "Categories=Graphics;Photography;\n"
-               "X-Kestrelvane-Appcast-URL=https://updates.example.org/appcast.xml\n";
+               "X-Kestrelvane-Appcast-URL = https://updates.example.org/a,b;c/"
+               "appcast.xml?a=b&c=d&e=x\\sy\r\n"
+               "[Desktop Action Beta]\nX-Kestrelvane-Appcast-URL=https://beta.example.org/\n";
         const QByteArray savedData = qgetenv("XDG_DATA_HOME");
         const QByteArray savedFeed = qgetenv("KESTRELVANE_APPCAST_URL");
         qputenv("XDG_DATA_HOME", QByteArray::fromStdString(data.path().string()));
@@ -142,7 +147,8 @@ private slots:
         const QUrl fromEnvironment = AppcastUpdater::configuredFeed();
         qputenv("XDG_DATA_HOME", savedData);
         qputenv("KESTRELVANE_APPCAST_URL", savedFeed);
-        QCOMPARE(fromEntry, QUrl("https://updates.example.org/appcast.xml"));
+        QCOMPARE(fromEntry.toString(),
+                 "https://updates.example.org/a,b;c/appcast.xml?a=b&c=d&e=x y");
         QCOMPARE(fromEnvironment, QUrl("http://127.0.0.1:1/feed.xml"));
     }
 

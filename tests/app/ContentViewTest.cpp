@@ -1,9 +1,10 @@
 #include "Sender/ContentView.h"
 
 #include "KestrelvaneKit/intake/QueuePlanner.h"
+#include "MediaFiles.h"
 #include "Sender/KestrelvaneColors.h"
 #include "Sender/QueueRowDelegate.h"
-#include "support/ChildProcess.h"
+#include "SimulatedUsbmuxd.h"
 #include "support/TemporaryFolder.h"
 
 #include <QAction>
@@ -21,57 +22,25 @@
 #include <QTimer>
 
 #include <algorithm>
-#include <fstream>
 
 namespace kestrelvane {
 
 namespace fs = std::filesystem;
 using Kind = UsbmuxdDiscovery::State::Kind;
 using Status = TransferQueue::Status;
+using Simulator = testing::SimulatedUsbmuxd;
+using testing::writeFile;
+using testing::writePhotos;
 
 namespace {
 
 constexpr std::chrono::milliseconds testInterval{20};
 
-/// The usbmuxd simulator as a program, with the phones given on its command line.
-class Simulator {
-public:
-    explicit Simulator(const std::vector<std::string>& phones)
-        : socket_(folder_.path() / "usbmuxd") {
-        std::vector<std::string> argv{KV_USBMUXD_SIM, "--socket", socket_.string()};
-        for (const auto& phone : phones) {
-            argv.insert(argv.end(), {"--phone", phone});
-        }
-        process_ = std::make_unique<testing::ChildProcess>(argv);
-        ready_ = process_->readLine() == "listening on " + socket_.string();
-    }
-    bool ready() const { return ready_; }
-    UsbmuxdClient::SocketAddress address() const { return {socket_.string(), {}, 0}; }
-
-private:
-    testing::TemporaryFolder folder_;
-    fs::path socket_;
-    std::unique_ptr<testing::ChildProcess> process_;
-    bool ready_ = false;
-};
-
-fs::path writeFile(const fs::path& path, std::size_t bytes) {
-    fs::create_directories(path.parent_path());
-    std::ofstream(path, std::ios::binary) << std::string(bytes, 'k');
-    return path;
-}
-
-std::vector<fs::path> writePhotos(const fs::path& folder, int count) {
-    std::vector<fs::path> files;
-    for (int i = 0; i < count; ++i) {
-        files.push_back(writeFile(folder / ("IMG_" + std::to_string(i) + ".jpg"), 2000 + i));
-    }
-    return files;
-}
-
 void saveScreenshot(QWidget& widget, const QString& name) {
     QDir().mkpath(QStringLiteral(KV_SCREENSHOT_DIR));
     const QString path = QStringLiteral(KV_SCREENSHOT_DIR "/%1.png").arg(name);
+    // Laid out as the next turn of the event loop would, without running it.
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::LayoutRequest);
     QVERIFY(widget.grab().save(path, "PNG"));
     qInfo("screenshot: %s", qPrintable(path));
 }
@@ -106,6 +75,14 @@ class ContentViewTest : public QObject {
         QSignalSpy finished(&view.viewModel().queue(), &TransferQueue::addFinished);
         view.viewModel().addURLs(urls);
         QVERIFY(finished.wait(30'000));
+    }
+
+    /// Shows `view` with `photos` queued and waits until its phone is ready for them.
+    static void showReadyToSend(ContentView& view, const std::vector<fs::path>& photos) {
+        view.show();
+        QVERIFY(QTest::qWaitForWindowExposed(&view));
+        addAndWait(view, photos);
+        QTRY_VERIFY_WITH_TIMEOUT(child<QPushButton>(view, "primaryButton")->isEnabled(), 30'000);
     }
 
     static QStringList names(ContentView& view) {
@@ -405,12 +382,10 @@ private slots:
         Simulator sim({"READY,0x12a8,folder=" + phoneFolder.string()});
         QVERIFY(sim.ready());
         auto view = makeView(&sim);
-        view->show();
-        QVERIFY(QTest::qWaitForWindowExposed(view.get()));
-        addAndWait(*view, writePhotos(folder_->path() / "in", 3));
+        const std::vector<fs::path> photos = writePhotos(folder_->path() / "in", 3);
         child<QLineEdit>(*view, "albumField")->setText(QStringLiteral("Trip"));
+        showReadyToSend(*view, photos);
         auto* button = child<QPushButton>(*view, "primaryButton");
-        QTRY_VERIFY_WITH_TIMEOUT(button->isEnabled(), 30'000);
 
         QTest::mouseClick(button, Qt::LeftButton);
         // The hand-over is synchronous: the window shows the send before any reply.
@@ -429,6 +404,10 @@ private slots:
         for (const auto& item : view->viewModel().queue().items()) {
             QCOMPARE(item.status.kind, Status::Kind::saved);
         }
+        for (const fs::path& photo : photos) {
+            QCOMPARE(testing::contentsOf(phoneFolder / "Trip" / photo.filename()),
+                     testing::contentsOf(photo));
+        }
         QVERIFY(child<QLabel>(*view, "statsLine")->isVisible());
         QVERIFY(child<QLabel>(*view, "statsLine")->text().contains(QStringLiteral(" MB in ")));
         QVERIFY(child<QLineEdit>(*view, "albumField")->isEnabled());
@@ -442,6 +421,53 @@ private slots:
         QTest::mouseClick(child<QPushButton>(*view, "clearButton"), Qt::LeftButton);
         QVERIFY(view->viewModel().queue().items().empty());
         QVERIFY(child<QWidget>(*view, "emptyState")->isVisible());
+    }
+
+    void aSendThatBreaksOffPutsItsFilesBackInTheQueueForTheNextTry() {
+        // The phone's port echoes every frame: the first reply is no acknowledgement.
+        Simulator sim({"ECHO,0x12a8,echo"});
+        QVERIFY(sim.ready());
+        auto view = makeView(&sim);
+        showReadyToSend(*view, writePhotos(folder_->path(), 3));
+        auto* button = child<QPushButton>(*view, "primaryButton");
+        QTest::mouseClick(button, Qt::LeftButton);
+        QVERIFY(view->viewModel().isSending());
+
+        QTRY_VERIFY_WITH_TIMEOUT(!view->viewModel().isSending(), 30'000);
+        for (const auto& item : view->viewModel().queue().items()) {
+            QCOMPARE(item.status.kind, Status::Kind::queued);
+        }
+        QCOMPARE(button->text(), "Send 3 →");
+        QVERIFY(!child<QLabel>(*view, "statsLine")->isVisible()); // nothing was saved
+        QVERIFY(child<QLineEdit>(*view, "albumField")->isEnabled());
+        QVERIFY(child<QPushButton>(*view, "clearButton")->isEnabled());
+        QVERIFY(!view->discovery().paused());
+        // The phone is found again on a fresh tunnel, and the files can be sent again.
+        QTRY_VERIFY_WITH_TIMEOUT(button->isEnabled(), 30'000);
+        QCOMPARE(child<QLabel>(*view, "deviceStatus")->text(), "● iPhone ready");
+    }
+
+    void theToolbarShowsEveryDeviceStatusWholeFromTheMinimumWidthOn() {
+        auto view = makeView();
+        view->show();
+        QVERIFY(QTest::qWaitForWindowExposed(view.get()));
+        auto* status = child<QLabel>(*view, "deviceStatus");
+        auto* toolbar = child<QWidget>(*view, "toolbar");
+        for (const int width : {560, 640}) {
+            view->resize(width, 460);
+            for (const Kind kind : {Kind::ready, Kind::noDevice, Kind::appNotListening}) {
+                status->setText(ContentView::deviceText(kind));
+                QCoreApplication::sendPostedEvents(nullptr, QEvent::LayoutRequest);
+                const int needed = status->fontMetrics().horizontalAdvance(status->text());
+                QVERIFY2(status->contentsRect().width() >= needed,
+                         qPrintable(QStringLiteral("%1 px for \"%2\" at %3 px wide")
+                                        .arg(status->contentsRect().width())
+                                        .arg(status->text())
+                                        .arg(width)));
+                QVERIFY(status->geometry().right() < toolbar->width());
+            }
+            saveScreenshot(*view, QStringLiteral("window-%1-wide").arg(width));
+        }
     }
 };
 

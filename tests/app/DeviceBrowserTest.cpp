@@ -4,6 +4,7 @@
 #include <QTest>
 #include <QThread>
 
+#include <optional>
 #include <thread>
 
 namespace kestrelvane {
@@ -54,8 +55,16 @@ private slots:
         QVERIFY(browser.devices().empty());
         QVERIFY(!browser.isBrowsing());
 
+        // The real DNS-SD browser, with no Avahi daemon to reach, finds nothing.
+        const char* bus = "DBUS_SYSTEM_BUS_ADDRESS";
+        const std::optional<QByteArray> savedBus =
+            qEnvironmentVariableIsSet(bus) ? std::optional(qgetenv(bus)) : std::nullopt;
+        qputenv(bus, "unix:path=/nonexistent/kestrelvane-test-bus");
         browser.start();
+        savedBus ? qputenv(bus, *savedBus) : qunsetenv(bus);
         QVERIFY(browser.isBrowsing());
+        QCoreApplication::processEvents();
+        QVERIFY(browser.devices().empty());
         reportFromAnotherThread(browser, {phone("Anna")});
         QTRY_COMPARE_WITH_TIMEOUT(browser.devices().size(), std::size_t{1}, 30'000);
 

@@ -1,6 +1,7 @@
 #include "Sender/SenderViewModel.h"
 
 #include "KestrelvaneKit/wire/FrameChannel.h"
+#include "MediaFiles.h"
 #include "support/MemoryStream.h"
 #include "support/ScriptedReceiver.h"
 #include "support/TemporaryFolder.h"
@@ -9,7 +10,6 @@
 #include <QTest>
 
 #include <condition_variable>
-#include <fstream>
 #include <mutex>
 
 namespace kestrelvane {
@@ -66,16 +66,6 @@ private:
     bool broken_ = false;
 };
 
-std::vector<fs::path> writeFiles(const fs::path& folder, int count) {
-    std::vector<fs::path> files;
-    for (int i = 0; i < count; ++i) {
-        const fs::path path = folder / ("IMG_" + std::to_string(i) + ".jpg");
-        std::ofstream(path, std::ios::binary) << std::string(1000 + i, static_cast<char>('a' + i));
-        files.push_back(path);
-    }
-    return files;
-}
-
 std::vector<std::string> receivedNames(const ScriptedReceiver& receiver) {
     std::vector<std::string> names;
     for (const auto& file : receiver.files()) {
@@ -104,7 +94,7 @@ class SenderViewModelTest : public QObject {
 
     void queueFiles(int count) {
         QSignalSpy finished(&model_->queue(), &TransferQueue::addFinished);
-        model_->addURLs(writeFiles(folder_->path(), count));
+        model_->addURLs(testing::writePhotos(folder_->path(), count));
         QVERIFY(finished.wait(30'000));
         QCOMPARE(model_->queue().rowCount(), count);
     }

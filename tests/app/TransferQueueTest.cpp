@@ -1,26 +1,20 @@
 #include "Sender/TransferQueue.h"
 
 #include "KestrelvaneKit/intake/QueuePlanner.h"
+#include "MediaFiles.h"
 #include "Sender/ThumbnailProvider.h"
 #include "support/TemporaryFolder.h"
 
 #include <QSignalSpy>
 #include <QTest>
 
-#include <fstream>
-
 namespace kestrelvane {
 
 namespace fs = std::filesystem;
 using Status = TransferQueue::Status;
+using testing::writeFile;
 
 namespace {
-
-fs::path writeFile(const fs::path& path, std::size_t size) {
-    fs::create_directories(path.parent_path());
-    std::ofstream(path, std::ios::binary) << std::string(size, 'x');
-    return path;
-}
 
 /// Adds `urls` and waits for the drop to be planned and appended.
 bool addAndWait(TransferQueue& queue, const std::vector<fs::path>& urls) {
@@ -103,6 +97,42 @@ private slots:
             QCOMPARE(inserted[i][1].toInt(), i);
             QCOMPARE(inserted[i][2].toInt(), i);
         }
+    }
+
+    void clearingCancelsTheDropsStillBeingPlannedOrAppended() {
+        testing::TemporaryFolder folder;
+        for (int i = 0; i < 200; ++i) {
+            writeFile(folder.path() / "big" / ("IMG_" + std::to_string(i) + ".jpg"), 1);
+        }
+        const fs::path late = writeFile(folder.path() / "late.jpg", 1);
+        TransferQueue queue;
+        QSignalSpy finished(&queue, &TransferQueue::addFinished);
+
+        // Cleared while the first drop is planned and the second waits for it.
+        queue.add({folder.path() / "big"});
+        queue.add({folder.path() / "big"});
+        queue.clear();
+        QVERIFY(!queue.isPlanning());
+        // Drops are planned and appended in order: once this one is in, the others are over.
+        QVERIFY(addAndWait(queue, {late}));
+        QCOMPARE(names(queue), QStringList{"late.jpg"});
+        QCOMPARE(finished.count(), 1);
+
+        // Cleared by the first row of a drop: the rest of it stays out, and
+        // the drop is not reported as finished, also when that row was its last.
+        for (const fs::path& dropped : {folder.path() / "big", late}) {
+            QMetaObject::Connection clearOnce;
+            clearOnce = connect(&queue, &QAbstractItemModel::rowsInserted, &queue, [&] {
+                QObject::disconnect(clearOnce);
+                queue.clear();
+            });
+            queue.add({dropped});
+            QTRY_VERIFY_WITH_TIMEOUT(!queue.isPlanning(), 30'000);
+            QCOMPARE(queue.rowCount(), 0);
+            QCOMPARE(finished.count(), 1);
+        }
+        QVERIFY(addAndWait(queue, {late}));
+        QCOMPARE(names(queue), QStringList{"late.jpg"});
     }
 
     void sameNamesAllBecomeSendingButSetStatusChangesOnlyTheFirst() {

@@ -1,10 +1,8 @@
 #include "Sender/UsbmuxdDiscovery.h"
 
-#include "KestrelvaneKit/usb/PropertyList.h"
-#include "KestrelvaneKit/usb/UsbmuxdProtocol.h"
-#include "KestrelvaneKit/wire/ReceiveBuffer.h"
+#include "MediaFiles.h"
 #include "Sender/SenderViewModel.h"
-#include "support/ChildProcess.h"
+#include "SimulatedUsbmuxd.h"
 #include "support/FakeUsbmuxd.h"
 #include "support/TemporaryFolder.h"
 
@@ -12,10 +10,7 @@
 #include <QTest>
 
 #include <atomic>
-#include <fstream>
 #include <future>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <thread>
 #include <unistd.h>
 
@@ -23,75 +18,11 @@ namespace kestrelvane {
 
 namespace fs = std::filesystem;
 using State = UsbmuxdDiscovery::State;
-using testing::ChildProcess;
+using Simulator = testing::SimulatedUsbmuxd;
 
 namespace {
 
 constexpr std::chrono::milliseconds testInterval{20};
-
-/// The simulator run as a program, with its virtual phones given on the command line.
-class Simulator {
-public:
-    explicit Simulator(const std::vector<std::string>& phones)
-        : socket_(folder_.path() / "usbmuxd") {
-        std::vector<std::string> argv{KV_USBMUXD_SIM, "--socket", socket_.string()};
-        for (const auto& phone : phones) {
-            argv.insert(argv.end(), {"--phone", phone});
-        }
-        process_ = std::make_unique<ChildProcess>(argv);
-        ready_ = process_->readLine() == "listening on " + socket_.string();
-    }
-    bool ready() const { return ready_; }
-    UsbmuxdClient::SocketAddress address() const { return {socket_.string(), {}, 0}; }
-
-    /// Sends one request of the simulator's own and returns its "Number".
-    std::optional<std::int64_t> request(const PropertyList& body) const {
-        const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        std::snprintf(address.sun_path, sizeof address.sun_path, "%s", socket_.c_str());
-        std::optional<std::int64_t> number;
-        if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
-            const Bytes packet =
-                UsbmuxdProtocol::encode(1, body.serialize(PropertyList::Format::xml));
-            if (::write(fd, packet.data(), packet.size()) == static_cast<ssize_t>(packet.size())) {
-                ReceiveBuffer buffer;
-                std::uint8_t chunk[4096];
-                ssize_t got = 0;
-                while (!number && (got = ::read(fd, chunk, sizeof chunk)) > 0) {
-                    buffer.append(ByteView(chunk, static_cast<std::size_t>(got)));
-                    if (auto decoded = UsbmuxdProtocol::decode(buffer)) {
-                        number = PropertyList::integerAt(PropertyList::parse(decoded->body).get(),
-                                                         "Number");
-                    }
-                }
-            }
-        }
-        ::close(fd);
-        return number;
-    }
-    bool detach(const std::string& serial) const {
-        PropertyList body = PropertyList::dictionary();
-        body.set("MessageType", PropertyList::string("Detach"));
-        body.set("SerialNumber", PropertyList::string(serial));
-        return request(body) == 0;
-    }
-    /// Ends the simulator and counts the tunnels it opened over its whole run.
-    int tunnelsOpened() {
-        process_->terminate();
-        int tunnels = 0;
-        while (auto line = process_->readLine()) {
-            tunnels += line->rfind("tunnel to ", 0) == 0 ? 1 : 0;
-        }
-        return tunnels;
-    }
-
-private:
-    testing::TemporaryFolder folder_;
-    fs::path socket_;
-    std::unique_ptr<ChildProcess> process_;
-    bool ready_ = false;
-};
 
 bool waitForPasses(QSignalSpy& passes, int more) {
     const int target = passes.count() + more;
@@ -239,11 +170,7 @@ private slots:
         Simulator sim({"PHONE,0x12a8,folder=" + received.path().string()});
         QVERIFY(sim.ready());
         testing::TemporaryFolder source;
-        std::vector<fs::path> files;
-        for (int i = 0; i < 5; ++i) {
-            files.push_back(source.path() / ("IMG_" + std::to_string(i) + ".jpg"));
-            std::ofstream(files.back(), std::ios::binary) << std::string(5000 + i, 'p');
-        }
+        const std::vector<fs::path> files = testing::writePhotos(source.path(), 5);
         SenderViewModel model;
         QSignalSpy added(&model.queue(), &TransferQueue::addFinished);
         model.addURLs(files);
@@ -265,7 +192,7 @@ private slots:
         QCOMPARE(received.fileNames(),
                  (std::vector<std::string>{"IMG_0.jpg", "IMG_1.jpg", "IMG_2.jpg", "IMG_3.jpg",
                                            "IMG_4.jpg"}));
-        QCOMPARE(fs::file_size(received.path() / "IMG_4.jpg"), std::uintmax_t{5004});
+        QCOMPARE(testing::contentsOf(received.path() / "IMG_4.jpg"), testing::contentsOf(files[4]));
     }
 };
 
