@@ -7,6 +7,7 @@
 #include "SimulatedUsbmuxd.h"
 #include "support/TemporaryFolder.h"
 
+#include <QAbstractItemView>
 #include <QAction>
 #include <QDialogButtonBox>
 #include <QDir>
@@ -39,8 +40,12 @@ constexpr std::chrono::milliseconds testInterval{20};
 void saveScreenshot(QWidget& widget, const QString& name) {
     QDir().mkpath(QStringLiteral(KV_SCREENSHOT_DIR));
     const QString path = QStringLiteral(KV_SCREENSHOT_DIR "/%1.png").arg(name);
-    // Laid out as the next turn of the event loop would, without running it.
+    // Laid out as the next turn of the event loop would, without running it:
+    // item views lay out their rows on a timer of their own.
     QCoreApplication::sendPostedEvents(nullptr, QEvent::LayoutRequest);
+    for (auto* view : widget.findChildren<QAbstractItemView*>()) {
+        view->doItemsLayout();
+    }
     QVERIFY(widget.grab().save(path, "PNG"));
     qInfo("screenshot: %s", qPrintable(path));
 }
