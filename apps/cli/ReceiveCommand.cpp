@@ -37,9 +37,10 @@ constexpr const char* receiveUsage =
 
 Receives photos and videos as the phone does: verifies each file's SHA-256,
 saves it into DIR (into DIR/ALBUM when the sender names an album), and
-acknowledges it. Files are never overwritten ("IMG_1.jpg" becomes
-"IMG_1 (1).jpg"), get their capture date as modification time, and are on
-disk (synced) before they are acknowledged. Several senders may connect at
+acknowledges it. Files are never overwritten (an identical resend is kept
+once; a different "IMG_1.jpg" is saved as "IMG_1 (1).jpg"), get their capture
+date as modification time, and are on disk (synced) before they are
+acknowledged. Several senders may connect at
 once. Stops on Ctrl+C or SIGTERM.
 
   --dir DIR          where received files go (created when missing)
