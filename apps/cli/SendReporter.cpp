@@ -168,7 +168,8 @@ void SendReporter::drawLiveLine() {
     // What has gone out, frames and resent files included, shown within the batch's size.
     const std::uint64_t moved =
         std::min(bytes_, std::max(bytesDone_, bytesSent_.load(std::memory_order_relaxed)));
-    const double rate = elapsed > 0 ? static_cast<double>(moved) / elapsed : 0;
+    // Over less than a second, a rate (and the time left from it) says little.
+    const double rate = elapsed >= 1 ? static_cast<double>(moved) / elapsed : 0;
     std::string line = std::to_string(done_) + "/" + std::to_string(files_) + " files, " +
                        format("%.1f", static_cast<double>(moved) / 1'048'576.0) + " of " +
                        megabytes(bytes_) + ", " + minutesAndSeconds(elapsed);

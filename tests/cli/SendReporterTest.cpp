@@ -59,6 +59,9 @@ TEST(SendReporter, TerminalLiveLineFollowsTheBytesSentWithRateAndTimeLeft) {
     Reported reported(SendReporter::Style::terminal);
     reported->start(2, 10 * mib, "desk:9876", std::string("Trip"));
     EXPECT_EQ(reported.liveLine(), "0/2 files, 0.0 of 10.0 MB, 0:00");
+    reported.at(100.4);
+    reported->sent(100); // the session header: no rate from that yet
+    EXPECT_EQ(reported.liveLine(), "0/2 files, 0.0 of 10.0 MB, 0:00");
 
     // 4 MiB of the first file out after 2 s: 2 MB/s, 6 MiB left, 3 s.
     reported.at(102);
