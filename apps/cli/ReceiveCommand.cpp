@@ -40,8 +40,8 @@ saves it into DIR (into DIR/ALBUM when the sender names an album), and
 acknowledges it. Files are never overwritten (an identical resend is kept
 once; a different "IMG_1.jpg" is saved as "IMG_1 (1).jpg"), get their capture
 date as modification time, and are on disk (synced) before they are
-acknowledged. Several senders may connect at
-once. Stops on Ctrl+C or SIGTERM.
+acknowledged. Several senders may connect at once. Stops on Ctrl+C or
+SIGTERM.
 
   --dir DIR          where received files go (created when missing)
   --port PORT        TCP port to listen on (default 9876; 0 picks a free one)
