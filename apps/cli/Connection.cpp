@@ -72,11 +72,7 @@ std::shared_ptr<KestrelvaneStream> connectOverUsb() {
     try {
         devices = client.listDevices();
     } catch (const UsbmuxdError& error) {
-        if (error.kind() == UsbmuxdError::Kind::socketError) {
-            throw ConnectError("usbmuxd is not running at " + daemon + " (" + error.message() +
-                               ")");
-        }
-        throw ConnectError("usbmuxd at " + daemon + " did not answer as expected: " + error.what());
+        throw ConnectError(usbmuxdFailure(error, daemon));
     }
     if (devices.empty()) {
         throw ConnectError("no iPhone attached (usbmuxd at " + daemon + " lists none)");
@@ -140,6 +136,20 @@ std::string Destination::describe() const {
     }
     const bool v6 = host.find(':') != std::string::npos;
     return (v6 ? "[" + host + "]" : host) + ":" + std::to_string(port);
+}
+
+std::string usbmuxdFailure(const UsbmuxdError& error, const std::string& daemon) {
+    if (error.kind() != UsbmuxdError::Kind::socketError) {
+        return "usbmuxd at " + daemon + " did not answer as expected: " + error.what();
+    }
+    // The client names the call that failed: reaching the socket, or the
+    // conversation with a daemon that was there.
+    const std::string& call = error.message();
+    if (call.starts_with("socket(") || call.starts_with("connect(") ||
+        call.starts_with("getaddrinfo(")) {
+        return "usbmuxd is not running at " + daemon + " (" + call + ")";
+    }
+    return "usbmuxd at " + daemon + " closed the connection (" + call + ")";
 }
 
 std::shared_ptr<KestrelvaneStream> connectTo(const Destination& destination) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "KestrelvaneKit/usb/UsbmuxdProtocol.h"
 #include "KestrelvaneKit/wire/KestrelvaneStream.h"
 
 #include <memory>
@@ -29,5 +30,9 @@ public:
 
 /// A started stream to the destination's receiver. Throws ConnectError.
 std::shared_ptr<KestrelvaneStream> connectTo(const Destination& destination);
+
+/// What went wrong talking to usbmuxd at `daemon`, in words for people: "is
+/// not running" only when its socket could not be reached at all.
+std::string usbmuxdFailure(const UsbmuxdError& error, const std::string& daemon);
 
 } // namespace kestrelvane::cli

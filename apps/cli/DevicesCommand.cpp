@@ -1,6 +1,7 @@
 // kestrelvane devices: the phones usbmuxd lists and the receivers on the network.
 #include "CommandLine.h"
 #include "Commands.h"
+#include "Connection.h"
 #include "KestrelvaneKit/network/KestrelvaneService.h"
 #include "KestrelvaneKit/network/ServiceBrowser.h"
 #include "KestrelvaneKit/usb/UsbmuxdClient.h"
@@ -29,6 +30,9 @@ on each, and the receivers that announce themselves on the local network
   --json          one JSON object on stdout
   --wait SECONDS  how long to look for receivers on the network (default 2)
   --log stderr    the library's log lines on stderr instead of the journal
+
+Exit status: 0 (also when usbmuxd cannot be reached: the listing says so),
+2 usage error.
 )";
 
 struct UsbPhone {
@@ -72,9 +76,7 @@ UsbReport listUsb() {
             report.phones.push_back(std::move(phone));
         }
     } catch (const UsbmuxdError& error) {
-        report.error = error.kind() == UsbmuxdError::Kind::socketError
-                           ? "usbmuxd is not running at " + report.daemon
-                           : std::string(error.what());
+        report.error = usbmuxdFailure(error, report.daemon);
     }
     return report;
 }

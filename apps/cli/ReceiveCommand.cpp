@@ -17,6 +17,7 @@
 #include <functional>
 #include <map>
 #include <mutex>
+#include <netdb.h>
 #include <optional>
 #include <pthread.h>
 #include <set>
@@ -36,15 +37,18 @@ constexpr const char* receiveUsage =
 
 Receives photos and videos as the phone does: verifies each file's SHA-256,
 saves it into DIR (into DIR/ALBUM when the sender names an album), and
-acknowledges it. Files are never overwritten ("IMG_1.jpg" becomes
-"IMG_1 (1).jpg"), get their capture date as modification time, and are on
-disk (synced) before they are acknowledged. Several senders may connect at
-once. Stops on Ctrl+C or SIGTERM.
+acknowledges it. Files are never overwritten (an identical resend is kept
+once; a different "IMG_1.jpg" is saved as "IMG_1 (1).jpg"), get their capture
+date as modification time, and are on disk (synced) before they are
+acknowledged. Several senders may connect at once. Stops on Ctrl+C or
+SIGTERM.
 
   --dir DIR          where received files go (created when missing)
   --port PORT        TCP port to listen on (default 9876; 0 picks a free one)
-  --bind ADDR        listen on every interface (0.0.0.0 or ::, the default) or
-                     on this machine only (127.0.0.1, ::1 or localhost)
+  --bind ADDR        listen on every interface (0.0.0.0 or ::, the default),
+                     on this machine only (localhost: 127.0.0.1 and ::1), or on
+                     one address of this machine only, IPv4 or IPv6 (such as
+                     127.0.0.1, ::1 or 192.168.1.20)
   --advertise [NAME] announce the receiver on the local network with DNS-SD
                      (_kestrelvane._tcp) under NAME, by default the host name
   --max-sessions N   serve at most N senders at once (default 8); a further
@@ -58,6 +62,10 @@ once. Stops on Ctrl+C or SIGTERM.
 Prints one line per file and one per session. Whatever a sender sends, a
 protocol message above 1 MiB or a file above 8 GiB ends its session, and
 nothing is written outside DIR.
+
+Exit status: 0 stopped by Ctrl+C or SIGTERM, or the --once session ended;
+1 DIR or the port cannot be used, or accepting connections failed; 2 usage
+error.
 )";
 
 constexpr int defaultMaxSessions = 8;
@@ -87,15 +95,34 @@ private:
     std::mutex mutex_;
 };
 
-TcpListener::Scope scopeFor(const std::string& address) {
+/// Where the receiver listens: every interface, this machine only, or one
+/// address of one interface.
+struct Binding {
+    TcpListener::Scope scope = TcpListener::Scope::anyAddress;
+    std::optional<std::string> address{};
+
+    std::unique_ptr<TcpListener> listen(std::uint16_t port) const {
+        return address ? std::make_unique<TcpListener>(port, *address)
+                       : std::make_unique<TcpListener>(port, scope);
+    }
+};
+
+Binding bindingFor(const std::string& address) {
     if (address == "0.0.0.0" || address == "::" || address == "*") {
-        return TcpListener::Scope::anyAddress;
+        return {};
     }
-    if (address == "127.0.0.1" || address == "::1" || address == "localhost") {
-        return TcpListener::Scope::loopback;
+    if (address == "localhost") {
+        return {.scope = TcpListener::Scope::loopback};
     }
-    throw UsageError("--bind takes 0.0.0.0, ::, 127.0.0.1, ::1 or localhost, not '" + address +
-                     "'");
+    addrinfo hints{};
+    hints.ai_flags = AI_NUMERICHOST; // an address, never a name to look up
+    addrinfo* found = nullptr;
+    if (::getaddrinfo(address.c_str(), nullptr, &hints, &found) != 0) {
+        throw UsageError("--bind takes an IPv4 or IPv6 address, 0.0.0.0, :: or localhost, not '" +
+                         address + "'");
+    }
+    ::freeaddrinfo(found);
+    return {.address = address};
 }
 
 std::string hostName() {
@@ -246,21 +273,26 @@ void serve(const std::shared_ptr<TcpConnection>& connection, const fs::path& fol
     auto stream = std::make_shared<WatchedStream>(std::make_shared<BonjourStream>(connection));
     sessions.add(stream);
     FrameChannel channel(stream);
-    int saved = 0;
-    int failed = 0;
+    // The saver's outcomes arrive on the acknowledgement writer's thread, the
+    // files the engine turned away itself on this one.
+    std::atomic<int> saved{0};
+    std::atomic<int> failed{0};
+    const auto report = [&](const TransferServer::Event& event) {
+        if (event.ack.status == Ack::Status::ok) {
+            ++saved;
+            output.line("saved   " + event.name);
+        } else {
+            ++failed;
+            output.line("FAILED  " + event.name + ": " + event.ack.message.value_or("?"));
+        }
+    };
     try {
         channel.start();
         output.line("session " + std::to_string(number) + ": connected");
         FolderSaver saver(folder);
-        TransferServer(saver, scratch).run(channel, [&](const TransferServer::Event& event) {
-            if (event.ack.status == Ack::Status::ok) {
-                ++saved;
-                output.line("saved   " + event.name);
-            } else {
-                ++failed;
-                output.line("FAILED  " + event.name + ": " + event.ack.message.value_or("?"));
-            }
-        });
+        TransferServer server(saver, scratch);
+        server.setOnRejected(report);
+        server.run(channel, report);
     } catch (const std::exception& error) {
         output.line("session " + std::to_string(number) + ": " + error.what());
     }
@@ -269,8 +301,8 @@ void serve(const std::shared_ptr<TcpConnection>& connection, const fs::path& fol
     }
     channel.cancel();
     sessions.remove(stream);
-    output.line("session " + std::to_string(number) + " ended: " + std::to_string(saved) +
-                " saved, " + std::to_string(failed) + " failed");
+    output.line("session " + std::to_string(number) + " ended: " + std::to_string(saved.load()) +
+                " saved, " + std::to_string(failed.load()) + " failed");
 }
 
 } // namespace
@@ -279,7 +311,7 @@ int runReceive(const std::vector<std::string>& arguments) {
     std::optional<CommandLine> line;
     fs::path folder;
     int port = KestrelvaneService::listenerPort;
-    TcpListener::Scope scope = TcpListener::Scope::anyAddress;
+    Binding binding;
     int maxSessions = defaultMaxSessions;
     int idleSeconds = defaultIdleSeconds;
     try {
@@ -303,7 +335,7 @@ int runReceive(const std::vector<std::string>& arguments) {
             port = parsePort(*text, true);
         }
         if (const auto address = line->value("bind")) {
-            scope = scopeFor(*address);
+            binding = bindingFor(*address);
         }
         if (const auto text = line->value("max-sessions")) {
             maxSessions = parseCount("max-sessions", *text, 1, 1024);
@@ -335,10 +367,16 @@ int runReceive(const std::vector<std::string>& arguments) {
 
     std::unique_ptr<TcpListener> listener;
     try {
-        listener = std::make_unique<TcpListener>(static_cast<std::uint16_t>(port), scope);
+        listener = binding.listen(static_cast<std::uint16_t>(port));
     } catch (const std::exception& failure) {
-        std::fprintf(stderr, "kestrelvane receive: cannot listen on port %d: %s\n", port,
-                     failure.what());
+        const std::string where = binding.address ? *binding.address + " port " : "port ";
+        const auto* system = dynamic_cast<const std::system_error*>(&failure);
+        const std::string why = system && system->code() == std::errc::address_not_available
+                                    ? "no network interface of this machine has that address (" +
+                                          std::string(failure.what()) + ")"
+                                    : failure.what();
+        std::fprintf(stderr, "kestrelvane receive: cannot listen on %s%d: %s\n", where.c_str(),
+                     port, why.c_str());
         return exitSomeFilesNotSaved;
     }
 

@@ -2,6 +2,7 @@
 #include "CommandLine.h"
 #include "Commands.h"
 #include "Connection.h"
+#include "CountingStream.h"
 #include "KestrelvaneKit/intake/QueuePlanner.h"
 #include "KestrelvaneKit/sending/TransferClient.h"
 #include "KestrelvaneKit/wire/UnicodeText.h"
@@ -151,7 +152,8 @@ int runSend(const std::vector<std::string>& arguments) {
     }
     std::optional<std::string> brokeOff;
     const double started = SendReporter::steadySeconds();
-    FrameChannel channel(stream);
+    FrameChannel channel(std::make_shared<CountingStream>(
+        stream, [&reporter](std::uint64_t bytes) { reporter.sent(bytes); }));
     try {
         TransferClient().send(files, channel, session, [&](const TransferClient::Progress& step) {
             if (auto file = awaiting.find(step.fileName);

@@ -2,6 +2,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <cmath>
 #include <condition_variable>
 
@@ -38,8 +39,8 @@ double SendReporter::steadySeconds() {
     return std::chrono::duration<double>(since).count();
 }
 
-SendReporter::SendReporter(Style style, std::FILE* out, Clock clock)
-    : style_(style), out_(out), clock_(std::move(clock)) {
+SendReporter::SendReporter(Style style, std::FILE* out, Clock clock, std::chrono::milliseconds tick)
+    : style_(style), out_(out), clock_(std::move(clock)), tick_(tick) {
 }
 
 SendReporter::~SendReporter() {
@@ -68,14 +69,13 @@ void SendReporter::start(std::int64_t files, std::uint64_t bytes, const std::str
     }
     printLine(line);
     drawLiveLine();
-    if (style_ == Style::terminal) {
+    if (style_ == Style::terminal && tick_.count() > 0) {
         ticker_ = std::jthread([this](std::stop_token stop) {
             std::mutex sleepMutex;
             std::condition_variable_any sleep;
             std::unique_lock sleepLock(sleepMutex);
             while (!stop.stop_requested()) {
-                sleep.wait_for(sleepLock, stop, std::chrono::milliseconds(500),
-                               [] { return false; });
+                sleep.wait_for(sleepLock, stop, tick_, [] { return false; });
                 const std::lock_guard drawing(mutex_);
                 if (liveLineShown_ && !stop.stop_requested()) {
                     drawLiveLine();
@@ -111,6 +111,19 @@ void SendReporter::acknowledged(const std::string& name, bool ok,
     }
     printLine(line);
     drawLiveLine();
+}
+
+void SendReporter::sent(std::uint64_t bytes) {
+    bytesSent_.fetch_add(bytes, std::memory_order_relaxed);
+    if (style_ != Style::terminal) {
+        return;
+    }
+    // The writer never waits for the terminal: when another thread is
+    // drawing, that drawing shows these bytes or the next one will.
+    const std::unique_lock lock(mutex_, std::try_to_lock);
+    if (lock.owns_lock() && liveLineShown_ && clock_() - drawnAt_ >= minRedrawSeconds) {
+        drawLiveLine();
+    }
 }
 
 void SendReporter::finish(const Summary& summary) {
@@ -150,15 +163,19 @@ void SendReporter::drawLiveLine() {
     if (style_ != Style::terminal) {
         return;
     }
-    const double elapsed = clock_() - startedAt_;
-    const double rate = elapsed > 0 ? static_cast<double>(bytesDone_) / elapsed : 0;
+    drawnAt_ = clock_();
+    const double elapsed = drawnAt_ - startedAt_;
+    // What has gone out, frames and resent files included, shown within the batch's size.
+    const std::uint64_t moved =
+        std::min(bytes_, std::max(bytesDone_, bytesSent_.load(std::memory_order_relaxed)));
+    // Over less than a second, a rate (and the time left from it) says little.
+    const double rate = elapsed >= 1 ? static_cast<double>(moved) / elapsed : 0;
     std::string line = std::to_string(done_) + "/" + std::to_string(files_) + " files, " +
-                       format("%.1f", static_cast<double>(bytesDone_) / 1'048'576.0) + " of " +
+                       format("%.1f", static_cast<double>(moved) / 1'048'576.0) + " of " +
                        megabytes(bytes_) + ", " + minutesAndSeconds(elapsed);
     if (rate > 0) {
         line += format(", %.1f MB/s", rate / 1'048'576.0);
-        const auto left = bytes_ > bytesDone_ ? bytes_ - bytesDone_ : 0;
-        line += ", " + minutesAndSeconds(static_cast<double>(left) / rate) + " left";
+        line += ", " + minutesAndSeconds(static_cast<double>(bytes_ - moved) / rate) + " left";
     }
     std::fprintf(out_, "\r\033[K%s", line.c_str());
     std::fflush(out_);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
@@ -13,9 +14,10 @@
 namespace kestrelvane::cli {
 
 /// How `kestrelvane send` tells the user what happens: a live line on a
-/// terminal (redrawn twice a second, so the time keeps moving while a large
-/// file is on its way), one plain line per file otherwise, or JSON lines for
-/// scripts. Its calls may come from different threads, one at a time or not.
+/// terminal (moved by the bytes written as they go, and redrawn on a timer
+/// so that the time keeps moving when the connection stalls), one plain line
+/// per file otherwise, or JSON lines for scripts. Its calls may come from
+/// different threads, one at a time or not.
 class SendReporter {
 public:
     enum class Style { terminal, plain, json };
@@ -38,7 +40,14 @@ public:
 
     using Clock = std::function<double()>; ///< seconds; only differences matter
 
-    SendReporter(Style style, std::FILE* out, Clock clock = steadySeconds);
+    /// How often the terminal's live line is redrawn when nothing happens.
+    static constexpr std::chrono::milliseconds defaultTick{500};
+    /// The live line is redrawn for bytes written at most this often (seconds).
+    static constexpr double minRedrawSeconds = 0.2;
+
+    /// `tick` zero: no timer, the line moves with the calls only.
+    SendReporter(Style style, std::FILE* out, Clock clock = steadySeconds,
+                 std::chrono::milliseconds tick = defaultTick);
     ~SendReporter();
     SendReporter(const SendReporter&) = delete;
     SendReporter& operator=(const SendReporter&) = delete;
@@ -48,6 +57,9 @@ public:
     /// One acknowledgement; `bytes` is the size of the file it names.
     void acknowledged(const std::string& name, bool ok, const std::optional<std::string>& message,
                       std::uint64_t bytes);
+    /// `bytes` more were written to the receiver (frames included). Cheap;
+    /// meant to be called from the writing thread for every write.
+    void sent(std::uint64_t bytes);
     void finish(const Summary& summary);
 
     static double steadySeconds();
@@ -60,11 +72,14 @@ private:
     const Style style_;
     std::FILE* const out_;
     const Clock clock_;
+    const std::chrono::milliseconds tick_;
     double startedAt_ = 0;
     std::int64_t files_ = 0;
     std::int64_t done_ = 0;
     std::uint64_t bytes_ = 0;
     std::uint64_t bytesDone_ = 0;
+    std::atomic<std::uint64_t> bytesSent_{0};
+    double drawnAt_ = 0;
     bool liveLineShown_ = false;
     std::mutex mutex_;    // one writer of the output at a time
     std::jthread ticker_; // redraws the live line; terminal only

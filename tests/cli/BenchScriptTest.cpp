@@ -1,7 +1,7 @@
 // scripts/bench with tiny sizes and prebuilt binaries: every path it measures
 // still runs, every file still arrives, and the report keeps its shape.
 // Timing is never asserted here; only that each figure exists and is sane.
-#include "support/ChildProcess.h"
+#include "CliProcess.h"
 #include "support/TemporaryFolder.h"
 
 #include <gtest/gtest.h>
@@ -15,8 +15,7 @@ namespace kestrelvane {
 namespace {
 
 namespace fs = std::filesystem;
-using testing::ChildProcess;
-using testing::TemporaryFolder;
+using namespace testing;
 
 struct Outcome {
     int status = -1;
@@ -24,15 +23,8 @@ struct Outcome {
 };
 
 Outcome runBench(const std::vector<std::string>& arguments) {
-    std::vector<std::string> argv = {"/bin/sh", "-c", "exec \"$0\" \"$@\" 2>&1", KV_BENCH_SCRIPT};
-    argv.insert(argv.end(), arguments.begin(), arguments.end());
-    ChildProcess bench(argv);
-    Outcome outcome;
-    while (auto line = bench.readLine(std::chrono::seconds(120))) {
-        outcome.output += *line + "\n";
-    }
-    outcome.status = bench.waitFor(std::chrono::seconds(120)).value_or(-1);
-    return outcome;
+    const Finished bench = finish(*start(KV_BENCH_SCRIPT, arguments));
+    return {bench.status, bench.text()};
 }
 
 const nlohmann::json* figure(const nlohmann::json& report, const std::string& kind,

@@ -2,9 +2,9 @@
 // everything, then acknowledges what was never sent, acknowledges twice, sends
 // garbage or stays mute. The sender must end with status 1 and never count a
 // file as saved that was not acknowledged "ok".
+#include "CliProcess.h"
 #include "KestrelvaneKit/network/BonjourStream.h"
 #include "KestrelvaneKit/network/TcpListener.h"
-#include "support/ChildProcess.h"
 #include "support/ScriptedReceiver.h"
 
 #include <gtest/gtest.h>
@@ -16,11 +16,8 @@
 namespace kestrelvane {
 namespace {
 
-namespace fs = std::filesystem;
-using testing::ChildProcess;
-using testing::ScriptedReceiver;
+using namespace testing;
 
-const fs::path media = fs::path(KV_FIXTURES_DIR) / "media";
 const std::vector<std::string> sentNames = {"jpeg-original.jpg", "video.mov"};
 
 struct Misbehaviour {
@@ -75,12 +72,13 @@ TEST(HostileReceiver, SenderCountsOnlyOkAcknowledgementsOfFilesItSentAndAlwaysEn
     for (const auto& misbehaviour : cases) {
         SCOPED_TRACE(misbehaviour.what);
         TcpListener listener(0, TcpListener::Scope::loopback);
-        std::vector<std::string> argv = {KV_CLI, "send", "--json", "--to",
-                                         "127.0.0.1:" + std::to_string(listener.port())};
+        std::vector<std::string> arguments = {"send", "--json", "--to",
+                                              "127.0.0.1:" + std::to_string(listener.port())};
         for (const auto& name : sentNames) {
-            argv.push_back((media / name).string());
+            arguments.push_back((media / name).string());
         }
-        ChildProcess sender(argv);
+        const auto process = kestrelvane(arguments, {}, Streams::stdoutOnly);
+        ChildProcess& sender = *process;
         auto stream = std::make_shared<BonjourStream>(listener.accept());
         stream->start();
         ScriptedReceiver receiver(stream, false);

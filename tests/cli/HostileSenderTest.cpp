@@ -3,10 +3,10 @@
 // receiver must still save a well-behaved sender's photo, have written nothing
 // outside its folder, left no temporary file, and hold no more threads or
 // descriptors than before.
+#include "CliProcess.h"
 #include "KestrelvaneKit/intake/Checksum.h"
 #include "KestrelvaneKit/wire/FrameCodec.h"
 #include "KestrelvaneKit/wire/WireMessage.h"
-#include "support/ChildProcess.h"
 #include "support/Eventually.h"
 #include "support/TemporaryFolder.h"
 
@@ -29,11 +29,9 @@ namespace kestrelvane {
 namespace {
 
 namespace fs = std::filesystem;
-using testing::ChildProcess;
-using testing::eventually;
-using testing::TemporaryFolder;
+using namespace testing;
 
-const fs::path photo = fs::path(KV_FIXTURES_DIR) / "media" / "jpeg-original.jpg";
+const fs::path photo = media / "jpeg-original.jpg";
 constexpr int maxSessions = 8;
 
 std::size_t entriesIn(const fs::path& folder) {
@@ -81,6 +79,17 @@ std::string sessionJson(std::optional<std::string> album = std::nullopt) {
         header["albumName"] = *album;
     }
     return header.dump();
+}
+
+/// A session header, then a header for one file of `content` and its bytes.
+Bytes sessionWithFile(const std::string& name, const Bytes& content,
+                      nlohmann::json byteCount = nullptr,
+                      const std::optional<std::string>& album = std::nullopt) {
+    Bytes bytes = frame(sessionJson(album));
+    const Bytes header = frame(fileHeaderJson(name, content, std::move(byteCount)));
+    bytes.insert(bytes.end(), header.begin(), header.end());
+    bytes.insert(bytes.end(), content.begin(), content.end());
+    return bytes;
 }
 
 /// One raw TCP connection to the receiver, written and read by hand.
@@ -162,6 +171,11 @@ private:
     std::vector<Ack> acks_;
 };
 
+struct Attempt {
+    std::string what;
+    std::function<void(RawPeer&)> script;
+};
+
 /// `kestrelvane receive` with a 1 s idle timeout, its folder two levels down
 /// so that an escape of one or two levels lands where the test looks, and its
 /// own TMPDIR. Its output is drained on a thread so that it never blocks.
@@ -169,18 +183,14 @@ class HostileSender : public ::testing::Test {
 protected:
     void SetUp() override {
         fs::create_directories(tmp_);
-        std::vector<std::string> argv = {KV_CLI,   "receive", "--dir",  inside_.string(),
-                                         "--port", "0",       "--bind", "127.0.0.1"};
+        std::vector<std::string> arguments = {"receive", "--dir",  inside_.string(), "--port",
+                                              "0",       "--bind", "127.0.0.1"};
         for (const auto& argument : limits()) {
-            argv.push_back(argument);
+            arguments.push_back(argument);
         }
-        process_ = std::make_unique<ChildProcess>(
-            argv, ChildProcess::Environment{{"TMPDIR", tmp_.string()}, {"TZ", "UTC"}});
-        const auto first = process_->readLine();
-        std::smatch match;
-        ASSERT_TRUE(first && std::regex_search(*first, match, std::regex("on port ([0-9]+)$")))
-            << first.value_or("(nothing)");
-        port_ = std::stoi(match[1]);
+        process_ = kestrelvane(arguments, {{"TMPDIR", tmp_.string()}}, Streams::stdoutOnly);
+        port_ = announcedPort(*process_);
+        ASSERT_NE(port_, 0);
         drainer_ = std::thread([this] {
             while (!stopDraining_) {
                 if (auto line = process_->readLine(std::chrono::milliseconds(100))) {
@@ -235,13 +245,12 @@ protected:
     }
 
     void expectServesAWellBehavedSender(const std::string& after) {
-        ChildProcess sender(
-            {KV_CLI, "send", "--to", "127.0.0.1:" + std::to_string(port_), photo.string()});
-        while (sender.readLine()) {
-        }
-        EXPECT_EQ(sender.waitFor(), 0) << "a well-behaved send failed " << after;
+        const Finished send = run({"send", "--to", address(), photo.string()});
+        EXPECT_EQ(send.status, 0) << "a well-behaved send failed " << after << ":\n" << send.text();
         ++goodSends_;
     }
+
+    std::string address() const { return "127.0.0.1:" + std::to_string(port_); }
 
     /// The well-behaved sends all sent the same photo: a resend of a file
     /// already saved is recognised, so it is there once.
@@ -249,6 +258,26 @@ protected:
         ASSERT_GT(goodSends_, 0);
         EXPECT_EQ(entriesIn(inside_), 1u);
         EXPECT_TRUE(fs::exists(inside_ / photo.filename()));
+    }
+
+    /// Runs each attempt on a connection of its own; the receiver must hang up
+    /// (after the attempt's end when `hangUpFirst`, on its own otherwise) without
+    /// having acknowledged a file saved, and come to no harm.
+    void expectEachRefused(const std::vector<Attempt>& attempts, bool hangUpFirst) {
+        for (const auto& attempt : attempts) {
+            SCOPED_TRACE(attempt.what);
+            {
+                RawPeer peer(port_);
+                ASSERT_TRUE(peer.connected());
+                attempt.script(peer);
+                if (hangUpFirst) {
+                    peer.finishSending();
+                }
+                EXPECT_TRUE(peer.receiverHangsUp());
+                EXPECT_FALSE(peer.anyAckOk());
+            }
+            expectUnharmed(attempt.what);
+        }
     }
 
     /// Everything a test checks after each hostile attempt.
@@ -290,11 +319,6 @@ protected:
     std::vector<std::string> output_;
 };
 
-struct Attempt {
-    std::string what;
-    std::function<void(RawPeer&)> script;
-};
-
 TEST_F(HostileSender, BrokenFramingAndMessagesEndOnlyTheirOwnSession) {
     const Bytes content = bytesOf("not really a photo");
     const std::vector<Attempt> attempts = {
@@ -313,36 +337,15 @@ TEST_F(HostileSender, BrokenFramingAndMessagesEndOnlyTheirOwnSession) {
              peer.send(frame("name=IMG_1.jpg"));
          }},
         {"a negative byteCount",
-         [&](RawPeer& peer) {
-             peer.send(frame(sessionJson()));
-             peer.send(frame(fileHeaderJson("IMG_1.jpg", content, -1)));
-             peer.send(content);
-         }},
+         [&](RawPeer& peer) { peer.send(sessionWithFile("IMG_1.jpg", content, -1)); }},
         {"a byteCount above 8 GiB",
          [&](RawPeer& peer) {
-             peer.send(frame(sessionJson()));
-             peer.send(frame(fileHeaderJson("IMG_1.jpg", content, 9'000'000'000ull)));
-             peer.send(content);
+             peer.send(sessionWithFile("IMG_1.jpg", content, 9'000'000'000ull));
          }},
         {"fewer bytes than the byteCount, then a hang-up",
-         [&](RawPeer& peer) {
-             peer.send(frame(sessionJson()));
-             peer.send(frame(fileHeaderJson("short.jpg", content, 100'000)));
-             peer.send(content);
-         }},
+         [&](RawPeer& peer) { peer.send(sessionWithFile("short.jpg", content, 100'000)); }},
     };
-    for (const auto& attempt : attempts) {
-        SCOPED_TRACE(attempt.what);
-        {
-            RawPeer peer(port_);
-            ASSERT_TRUE(peer.connected());
-            attempt.script(peer);
-            peer.finishSending();
-            EXPECT_TRUE(peer.receiverHangsUp());
-            EXPECT_FALSE(peer.anyAckOk());
-        }
-        expectUnharmed(attempt.what);
-    }
+    expectEachRefused(attempts, true);
     expectOnlyTheWellBehavedPhoto();
 }
 
@@ -367,22 +370,15 @@ TEST_F(HostileSender, NamesAndAlbumsThatWouldLeaveTheFolderAreRefused) {
         {std::string("kv\0album", 8), "IMG_1.jpg"},
         {std::string(5000, 'b'), "IMG_1.jpg"},
     };
+    std::vector<Attempt> attempts;
     for (const auto& [album, name] : tries) {
-        const std::string attempt =
-            "album '" + album.value_or("(none)").substr(0, 40) + "', name '" + name.substr(0, 40);
-        SCOPED_TRACE(attempt);
-        {
-            RawPeer peer(port_);
-            ASSERT_TRUE(peer.connected());
-            peer.send(frame(sessionJson(album)));
-            peer.send(frame(fileHeaderJson(name, content)));
-            peer.send(content);
-            peer.finishSending();
-            EXPECT_TRUE(peer.receiverHangsUp());
-            EXPECT_FALSE(peer.anyAckOk());
-        }
-        expectUnharmed(attempt);
+        attempts.push_back(
+            {"album '" + album.value_or("(none)").substr(0, 40) + "', name '" + name.substr(0, 40),
+             [&, album = album, name = name](RawPeer& peer) {
+                 peer.send(sessionWithFile(name, content, nullptr, album));
+             }});
     }
+    expectEachRefused(attempts, true);
     expectOnlyTheWellBehavedPhoto();
 }
 
@@ -390,9 +386,7 @@ TEST_F(HostileSender, BytesBeyondTheByteCountNeverReachTheFile) {
     const Bytes content = bytesOf("0123456789");
     {
         RawPeer peer(port_);
-        peer.send(frame(sessionJson()));
-        peer.send(frame(fileHeaderJson("more.jpg", content)));
-        peer.send(content);
+        peer.send(sessionWithFile("more.jpg", content));
         peer.send(Bytes(5000, 0x41)); // read as the next header's length: far too long
         EXPECT_TRUE(peer.receiverHangsUp());
     }
@@ -400,6 +394,23 @@ TEST_F(HostileSender, BytesBeyondTheByteCountNeverReachTheFile) {
     if (fs::exists(inside_ / "more.jpg")) { // verified before the junk was read, so kept
         EXPECT_EQ(fs::file_size(inside_ / "more.jpg"), content.size());
     }
+}
+
+TEST_F(HostileSender, AFileFailingItsChecksumIsRefusedAndCountedAsFailed) {
+    Bytes corrupted = sessionWithFile("bad.jpg", bytesOf("a photo's bytes"));
+    corrupted.back() ^= 0xff; // the file's last byte: its SHA-256 no longer matches
+    {
+        RawPeer peer(port_);
+        peer.send(corrupted);
+        peer.finishSending();
+        EXPECT_TRUE(peer.receiverHangsUp());
+        ASSERT_EQ(peer.acks().size(), 1u);
+        EXPECT_EQ(peer.acks()[0].message, "checksum mismatch");
+    }
+    EXPECT_TRUE(eventually([&] { return outputMentions("FAILED  bad.jpg: checksum mismatch"); }));
+    EXPECT_TRUE(eventually([&] { return outputMentions(" ended: 0 saved, 1 failed"); }));
+    expectUnharmed("a file failing its checksum");
+    expectOnlyTheWellBehavedPhoto();
 }
 
 TEST_F(HostileSender, SlowLorisSendersAreCutOffByTheIdleTimeout) {
@@ -413,22 +424,10 @@ TEST_F(HostileSender, SlowLorisSendersAreCutOffByTheIdleTimeout) {
              peer.send(Bytes(whole.begin(), whole.begin() + 10));
          }},
         {"part of a file's bytes",
-         [&](RawPeer& peer) {
-             peer.send(frame(sessionJson()));
-             peer.send(frame(fileHeaderJson("stalled.jpg", content, 1'000'000)));
-             peer.send(content);
-         }},
+         [&](RawPeer& peer) { peer.send(sessionWithFile("stalled.jpg", content, 1'000'000)); }},
     };
-    for (const auto& attempt : attempts) {
-        SCOPED_TRACE(attempt.what);
-        {
-            RawPeer peer(port_);
-            attempt.script(peer);
-            // The connection stays open: only the receiver can end it.
-            EXPECT_TRUE(peer.receiverHangsUp());
-        }
-        expectUnharmed(attempt.what);
-    }
+    // The connections stay open: only the receiver can end them.
+    expectEachRefused(attempts, false);
     EXPECT_TRUE(eventually([&] { return outputMentions("recv() timed out after 1 s"); }));
 }
 
@@ -471,11 +470,7 @@ protected:
 TEST_F(OneSessionReceiver, AConnectionBeyondTheLimitFailsAtOnceAndTheNextOneIsServed) {
     auto occupant = std::make_unique<RawPeer>(port_);
     ASSERT_TRUE(occupant->connected());
-    ChildProcess turnedAway(
-        {KV_CLI, "send", "--to", "127.0.0.1:" + std::to_string(port_), photo.string()});
-    while (turnedAway.readLine()) {
-    }
-    EXPECT_EQ(turnedAway.waitFor(), 1);
+    EXPECT_EQ(run({"send", "--to", address(), photo.string()}).status, 1);
     EXPECT_TRUE(
         eventually([&] { return outputMentions("connection refused: 1 sessions already open"); }));
     occupant.reset(); // its session ends with the hang-up, long before the idle timeout
@@ -483,12 +478,9 @@ TEST_F(OneSessionReceiver, AConnectionBeyondTheLimitFailsAtOnceAndTheNextOneIsSe
 }
 
 TEST(ReceiverLimits, HelpStatesThemAndOutOfRangeValuesAreUsageErrors) {
-    ChildProcess help({KV_CLI, "receive", "--help"});
-    std::string text;
-    while (auto line = help.readLine()) {
-        text += *line + "\n";
-    }
-    EXPECT_EQ(help.waitFor(), 0);
+    const Finished help = run({"receive", "--help"});
+    const std::string text = help.text();
+    EXPECT_EQ(help.status, 0);
     for (const char* mention : {"--max-sessions N", "(default 8)", "--idle-timeout SECONDS",
                                 "(default 120; 0 waits for ever)", "1 MiB", "8 GiB"}) {
         EXPECT_NE(text.find(mention), std::string::npos) << mention;
@@ -501,14 +493,10 @@ TEST(ReceiverLimits, HelpStatesThemAndOutOfRangeValuesAreUsageErrors) {
                                                           {"--idle-timeout", "-1"},
                                                           {"--idle-timeout", "1.5"},
                                                           {"--idle-timeout", "99999999999"}}) {
-        ChildProcess receiver({"/bin/sh", "-c", "exec \"$0\" \"$@\" 2>&1", KV_CLI, "receive",
-                               "--dir", folder.path().string(), "--port", "0", option, value});
-        bool named = false;
-        while (auto line = receiver.readLine()) {
-            named = named || line->find(option + " takes a whole number") != std::string::npos;
-        }
-        EXPECT_EQ(receiver.waitFor(), 2) << option << " " << value;
-        EXPECT_TRUE(named) << option << " " << value;
+        const Finished receive =
+            run({"receive", "--dir", folder.path().string(), "--port", "0", option, value});
+        EXPECT_EQ(receive.status, 2) << option << " " << value;
+        EXPECT_TRUE(receive.mentions(option + " takes a whole number")) << option << " " << value;
     }
 }
 

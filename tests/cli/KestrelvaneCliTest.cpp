@@ -1,7 +1,8 @@
 // The command-line tool driven as a user drives it: the built binary in a
 // subprocess, its output and exit status checked.
+#include "CliProcess.h"
 #include "KestrelvaneKit/intake/Checksum.h"
-#include "support/ChildProcess.h"
+#include "support/FakeUsbmuxd.h"
 #include "support/TemporaryFolder.h"
 
 #include <gtest/gtest.h>
@@ -18,71 +19,47 @@ namespace kestrelvane {
 namespace {
 
 namespace fs = std::filesystem;
-using testing::ChildProcess;
-using testing::TemporaryFolder;
+using namespace testing;
 
-const fs::path media = fs::path(KV_FIXTURES_DIR) / "media";
 // The fixture's DateTimeOriginal, 2024:03:05 14:07:09, read in UTC.
 constexpr std::time_t jpegCaptureTime = 1709647629;
 
-/// The tool with its standard error joined to its standard output, in UTC.
-std::unique_ptr<ChildProcess> kestrelvane(const std::vector<std::string>& arguments,
-                                          ChildProcess::Environment environment = {}) {
-    std::vector<std::string> argv = {"/bin/sh", "-c", "exec \"$0\" \"$@\" 2>&1", KV_CLI};
-    argv.insert(argv.end(), arguments.begin(), arguments.end());
-    environment.emplace_back("TZ", "UTC");
-    return std::make_unique<ChildProcess>(argv, environment);
-}
-
-struct Finished {
-    int status = -1;
-    std::vector<std::string> lines;
-    bool mentions(const std::string& text) const {
-        return std::any_of(lines.begin(), lines.end(),
-                           [&](const std::string& line) { return line.find(text) != line.npos; });
-    }
-};
-
-Finished run(const std::vector<std::string>& arguments,
-             const ChildProcess::Environment& environment = {}) {
-    auto process = kestrelvane(arguments, environment);
-    Finished finished;
-    while (auto line = process->readLine(std::chrono::seconds(60))) {
-        finished.lines.push_back(*line);
-    }
-    finished.status = process->waitFor(std::chrono::seconds(60)).value_or(-1);
-    return finished;
-}
-
-/// `kestrelvane receive --once` on a free loopback port.
+/// `kestrelvane receive --once` on a free port of `address`.
 class Receiver {
 public:
-    explicit Receiver(const fs::path& folder) {
+    explicit Receiver(const fs::path& folder, std::string address = "127.0.0.1",
+                      Streams streams = Streams::joined)
+        : address_(std::move(address)) {
         process_ = kestrelvane(
-            {"receive", "--dir", folder.string(), "--port", "0", "--bind", "127.0.0.1", "--once"});
-        const auto first = process_->readLine();
-        std::smatch match;
-        if (first && std::regex_search(*first, match, std::regex("on port ([0-9]+)$"))) {
-            port_ = std::stoi(match[1]);
-        } else {
-            ADD_FAILURE() << "the receiver did not say where it listens: " << first.value_or("");
-        }
+            {"receive", "--dir", folder.string(), "--port", "0", "--bind", address_, "--once"}, {},
+            streams);
+        port_ = announcedPort(*process_);
     }
-    std::string address() const { return "127.0.0.1:" + std::to_string(port_); }
+    /// Where `send --to` finds it.
+    std::string address() const {
+        const bool v6 = address_.find(':') != std::string::npos;
+        return (v6 ? "[" + address_ + "]" : address_) + ":" + std::to_string(port_);
+    }
     /// Its output after the first line, and its exit status, once it ends.
-    Finished finish() {
-        Finished finished;
-        while (auto line = process_->readLine(std::chrono::seconds(60))) {
-            finished.lines.push_back(*line);
-        }
-        finished.status = process_->waitFor(std::chrono::seconds(60)).value_or(-1);
-        return finished;
-    }
+    Finished finish() { return testing::finish(*process_); }
 
 private:
+    std::string address_;
     std::unique_ptr<ChildProcess> process_;
     int port_ = 0;
 };
+
+/// Whether this machine has IPv6 loopback to listen on.
+bool hasIpv6Loopback() {
+    const int fd = ::socket(AF_INET6, SOCK_STREAM, 0);
+    sockaddr_in6 address{};
+    address.sin6_family = AF_INET6;
+    address.sin6_addr = in6addr_loopback;
+    const bool bound =
+        fd >= 0 && ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+    ::close(fd);
+    return bound;
+}
 
 std::string sha256(const fs::path& path) {
     return Checksum::sha256HexOfFile(path);
@@ -116,14 +93,24 @@ int closedPort() {
     return ntohs(address.sin_port);
 }
 
-TEST(KestrelvaneCli, SendOverTcpSavesIntoTheTrimmedAlbumByteForByteWithCaptureDates) {
+/// Each send over TCP runs once to an IPv4 and once to an IPv6 receiver.
+class SendOverTcp : public ::testing::TestWithParam<std::string> {
+protected:
+    void SetUp() override {
+        if (GetParam() == "::1" && !hasIpv6Loopback()) {
+            GTEST_SKIP() << "this machine has no IPv6 loopback to listen on";
+        }
+    }
+};
+
+TEST_P(SendOverTcp, SavesIntoTheTrimmedAlbumByteForByteWithCaptureDates) {
     TemporaryFolder folder;
-    Receiver receiver(folder.path() / "in");
+    Receiver receiver(folder.path() / "in", GetParam());
     const Finished send =
         run({"send", "--album", "  Trip \t", "--to", receiver.address(),
              (media / "jpeg-original.jpg").string(), (media / "video.mov").string(),
              (media / "not-an-image.jpg").string()});
-    EXPECT_EQ(send.status, 0) << ::testing::PrintToString(send.lines);
+    EXPECT_EQ(send.status, 0) << send.text();
     const Finished received = receiver.finish();
     EXPECT_EQ(received.status, 0);
     EXPECT_TRUE(received.mentions("saved   jpeg-original.jpg"));
@@ -134,6 +121,51 @@ TEST(KestrelvaneCli, SendOverTcpSavesIntoTheTrimmedAlbumByteForByteWithCaptureDa
         EXPECT_EQ(sha256(album / name), sha256(media / name)) << name;
     }
     EXPECT_EQ(modificationTime(album / "jpeg-original.jpg"), jpegCaptureTime);
+}
+
+INSTANTIATE_TEST_SUITE_P(KestrelvaneCli, SendOverTcp, ::testing::Values("127.0.0.1", "::1"),
+                         [](const auto& address) {
+                             return std::string(address.param == "::1" ? "Ipv6" : "Ipv4");
+                         });
+
+TEST(KestrelvaneCli, ReceiveRefusesToBindAnAddressNoInterfaceHas) {
+    TemporaryFolder folder;
+    // 192.0.2.1 is set aside for documentation: no machine has it.
+    const Finished receive =
+        run({"receive", "--dir", folder.path().string(), "--port", "0", "--bind", "192.0.2.1"});
+    EXPECT_EQ(receive.status, 1);
+    EXPECT_TRUE(receive.mentions("cannot listen on 192.0.2.1 port 0: no network interface of "
+                                 "this machine has that address"))
+        << receive.text();
+}
+
+TEST(KestrelvaneCli, LibraryLogLinesGoToStderrWithLogStderrAndNowhereNearItWithout) {
+    TemporaryFolder folder;
+    const std::string photo = (media / "jpeg-original.jpg").string();
+    const std::regex logLine("^(transfer|net|save|usbmux|listener)( error)?: ");
+    for (const bool logged : {true, false}) {
+        SCOPED_TRACE(logged ? "with --log stderr" : "without");
+        Receiver receiver(folder.path() / (logged ? "logged" : "quiet"));
+        std::vector<std::string> arguments = {"send", "--to", receiver.address(), photo};
+        if (logged) {
+            arguments.insert(arguments.begin() + 1, {"--log", "stderr"});
+        }
+        const Finished send = run(arguments, {}, Streams::stderrOnly);
+        EXPECT_EQ(send.status, 0) << send.text();
+        EXPECT_EQ(receiver.finish().status, 0);
+        const auto starting = [&](const std::string& prefix) {
+            return std::any_of(send.lines.begin(), send.lines.end(),
+                               [&](const auto& line) { return line.starts_with(prefix); });
+        };
+        if (logged) {
+            EXPECT_TRUE(starting("transfer: START files=1 ")) << send.text();
+            EXPECT_TRUE(starting("transfer: SUMMARY files=1 ok=1")) << send.text();
+        } else {
+            for (const auto& line : send.lines) {
+                EXPECT_FALSE(std::regex_search(line, logLine)) << line;
+            }
+        }
+    }
 }
 
 TEST(KestrelvaneCli, SendingTheSameFilesAgainSavesThemOnceAndADifferentFileOfTheSameNameBeside) {
@@ -197,7 +229,8 @@ TEST(KestrelvaneCli, UsageErrorsExitTwoAndNothingToSendExitsZero) {
     EXPECT_EQ(run({"send", "--to", "nowhere", "x.jpg"}).status, 2);
     EXPECT_EQ(run({"send", "--to", "[::1]:99999", "x.jpg"}).status, 2);
     EXPECT_EQ(run({"send", "--colour", "x.jpg"}).status, 2);
-    EXPECT_EQ(run({"receive", "--port", "9876"}).status, 2); // no --dir
+    EXPECT_EQ(run({"receive", "--port", "9876"}).status, 2);                          // no --dir
+    EXPECT_EQ(run({"receive", "--dir", "x", "--bind", "example.invalid"}).status, 2); // a name
     EXPECT_EQ(run({"teleport"}).status, 2);
     EXPECT_EQ(run({"send", "--help"}).status, 0);
 
@@ -218,6 +251,28 @@ TEST(KestrelvaneCli, NoConnectionExitsThreeAndSaysWhy) {
     const Finished noDaemon = run({"send", photo}, {{"USBMUXD_SOCKET_ADDRESS", "UNIX:" + socket}});
     EXPECT_EQ(noDaemon.status, 3);
     EXPECT_TRUE(noDaemon.mentions("usbmuxd is not running at " + socket));
+}
+
+TEST(KestrelvaneCli, AUsbmuxdThatHangsUpIsSaidToHaveClosedTheConnectionNotToBeMissing) {
+    const FakeUsbmuxd hangsUp([](const FakeUsbmuxd::Request&) { return FakeUsbmuxd::Reply{}; });
+    const std::string socket = hangsUp.address().path;
+    const ChildProcess::Environment environment = {{"USBMUXD_SOCKET_ADDRESS", "UNIX:" + socket}};
+    const std::string said = "usbmuxd at " + socket + " closed the connection";
+
+    const Finished send = run({"send", (media / "jpeg-original.jpg").string()}, environment);
+    EXPECT_EQ(send.status, 3);
+    EXPECT_TRUE(send.mentions(said)) << send.text();
+    const Finished devices = run({"devices", "--wait", "0"}, environment);
+    EXPECT_EQ(devices.status, 0);
+    EXPECT_TRUE(devices.mentions(said)) << devices.text();
+    EXPECT_FALSE(devices.mentions("not running"));
+
+    TemporaryFolder folder;
+    const std::string missing = (folder.path() / "no-usbmuxd").string();
+    const Finished none =
+        run({"devices", "--wait", "0"}, {{"USBMUXD_SOCKET_ADDRESS", "UNIX:" + missing}});
+    EXPECT_EQ(none.status, 0);
+    EXPECT_TRUE(none.mentions("usbmuxd is not running at " + missing)) << none.text();
 }
 
 /// The usbmuxd simulator with the given phones on a private socket.
@@ -249,7 +304,7 @@ TEST(KestrelvaneCli, SendOverUsbThroughTheSimulatorReachesThePhonesFolder) {
     const Finished send = run({"send", "--album", "Holiday", (media / "jpeg-original.jpg").string(),
                                (media / "heic-original.heic").string()},
                               simulator.environment());
-    EXPECT_EQ(send.status, 0) << ::testing::PrintToString(send.lines);
+    EXPECT_EQ(send.status, 0) << send.text();
     for (const char* name : {"jpeg-original.jpg", "heic-original.heic"}) {
         EXPECT_EQ(sha256(phone / "Holiday" / name), sha256(media / name)) << name;
     }
@@ -275,7 +330,7 @@ TEST(KestrelvaneCli, DevicesListsTheSimulatedPhonesAndWhetherTheyListen) {
     Simulator simulator(folder.path() / "usbmuxd", {"SIM0003,0x12a8,test", "SIM0004,0x12ab,none"});
     const Finished devices = run({"devices", "--json", "--wait", "0"}, simulator.environment());
     ASSERT_EQ(devices.status, 0);
-    ASSERT_EQ(devices.lines.size(), 1u) << ::testing::PrintToString(devices.lines);
+    ASSERT_EQ(devices.lines.size(), 1u) << devices.text();
     const auto report = nlohmann::json::parse(devices.lines[0]);
     ASSERT_EQ(report["usb"].size(), 2u);
     EXPECT_EQ(report["usb"][0]["serial"], "SIM0003");
@@ -285,20 +340,43 @@ TEST(KestrelvaneCli, DevicesListsTheSimulatedPhonesAndWhetherTheyListen) {
     EXPECT_EQ(report["usb"][1]["listening"], false);
 }
 
-TEST(KestrelvaneCli, DemoSendsItsSamplesOverTheSimulatedUsbPathAndChecksThem) {
-    const Finished demo = run({"demo"}, {{"KESTRELVANE_USBMUXD_SIM", KV_USBMUXD_SIM}});
-    EXPECT_EQ(demo.status, 0) << ::testing::PrintToString(demo.lines);
-    ASSERT_FALSE(demo.lines.empty());
-    EXPECT_EQ(demo.lines.back(),
-              "demo: PASSED: 9 of 9 files arrived byte for byte over the simulated USB path");
-    // The demo leaves its folder for the user to look at; this test does not.
+/// The demo leaves its folder for the user to look at; a test does not.
+void removeDemoFolder(const Finished& demo) {
     std::smatch match;
     for (const auto& line : demo.lines) {
         if (std::regex_search(line, match, std::regex("in (/.*kestrelvane-demo-[^/]+)/"))) {
             fs::remove_all(match[1].str());
-            break;
+            return;
         }
     }
+}
+
+TEST(KestrelvaneCli, DemoSendsItsSamplesOverTheSimulatedUsbPathAndChecksThem) {
+    const Finished demo = run({"demo"}, {{"KESTRELVANE_USBMUXD_SIM", KV_USBMUXD_SIM}});
+    removeDemoFolder(demo);
+    EXPECT_EQ(demo.status, 0) << demo.text();
+    ASSERT_FALSE(demo.lines.empty());
+    EXPECT_EQ(demo.lines.back(),
+              "demo: PASSED: 9 of 9 files arrived byte for byte over the simulated USB path");
+}
+
+TEST(KestrelvaneCli, DemoCountsACopyItCannotReadAsNotIntact) {
+    // The simulator, with a folder already in the album where the first
+    // photo's copy belongs: the phone saves the photo beside it, and the demo
+    // finds a folder it cannot read as the copy.
+    TemporaryFolder folder;
+    const fs::path simulator = folder.path() / "simulator";
+    std::ofstream(simulator) << "#!/bin/sh\n"
+                                "mkdir -p \"${4#*folder=}/Kestrelvane demo/IMG_1001.JPG\"\n"
+                                "exec \"" KV_USBMUXD_SIM "\" \"$@\"\n";
+    fs::permissions(simulator, fs::perms::owner_all);
+    const Finished demo = run({"demo"}, {{"KESTRELVANE_USBMUXD_SIM", simulator.string()}});
+    removeDemoFolder(demo);
+    EXPECT_EQ(demo.status, 1) << demo.text();
+    EXPECT_TRUE(demo.mentions("IMG_1001.JPG did not arrive intact")) << demo.text();
+    ASSERT_FALSE(demo.lines.empty());
+    EXPECT_EQ(demo.lines.back(),
+              "demo: FAILED: 8 of 9 files arrived byte for byte over the simulated USB path");
 }
 
 } // namespace

@@ -3,8 +3,10 @@
 #include <arpa/inet.h>
 #include <cerrno>
 #include <cstring>
+#include <netdb.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <stdexcept>
 #include <string>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
@@ -87,6 +89,42 @@ TcpListener::TcpListener(std::uint16_t port, Scope scope)
         ::close(wakeFd_);
         throw callError("bind()", lastError);
     }
+}
+
+TcpListener::TcpListener(std::uint16_t port, const std::string& address)
+    : wakeFd_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+    if (wakeFd_ < 0) {
+        throw callError("eventfd()", errno);
+    }
+    addrinfo hints{};
+    hints.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV | AI_PASSIVE; // never a name lookup
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo* found = nullptr;
+    if (::getaddrinfo(address.c_str(), std::to_string(port).c_str(), &hints, &found) != 0) {
+        ::close(wakeFd_);
+        throw std::invalid_argument("'" + address + "' is not an IPv4 or IPv6 address");
+    }
+    int fd = ::socket(found->ai_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    int error = errno;
+    if (fd >= 0) {
+        const int on = 1;
+        ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+        if (found->ai_family == AF_INET6) {
+            ::setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on); // "::" means IPv6 here
+        }
+        if (::bind(fd, found->ai_addr, found->ai_addrlen) != 0 || ::listen(fd, SOMAXCONN) != 0) {
+            error = errno;
+            ::close(fd);
+            fd = -1;
+        }
+    }
+    ::freeaddrinfo(found);
+    if (fd < 0) {
+        ::close(wakeFd_);
+        throw callError("bind()", error);
+    }
+    sockets_.push_back(fd);
+    port_ = boundPort(fd);
 }
 
 bool TcpListener::bindAll(std::uint16_t port, Scope scope, int& lastError) {

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <vector>
 
 namespace kestrelvane {
@@ -29,6 +30,11 @@ public:
     /// families); port() tells which. A family the machine lacks is left out;
     /// throws std::system_error ("bind() failed (errno)") when neither works.
     explicit TcpListener(std::uint16_t port = 0, Scope scope = Scope::anyAddress);
+    /// Binds and listens on one address of this machine only, an IPv4 or IPv6
+    /// literal ("192.168.1.20", "fe80::1%eth0"). Throws std::invalid_argument
+    /// when `address` is no such literal, std::system_error ("bind() failed
+    /// (errno)", EADDRNOTAVAIL when no interface has the address) otherwise.
+    TcpListener(std::uint16_t port, const std::string& address);
     ~TcpListener();
     TcpListener(const TcpListener&) = delete;
     TcpListener& operator=(const TcpListener&) = delete;

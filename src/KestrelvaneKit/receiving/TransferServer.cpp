@@ -168,6 +168,7 @@ void TransferServer::receiveFile(FrameChannel& channel, const FileHeader& header
         sendAckIgnoringErrors(channel, Ack{.name = header.name,
                                            .status = Ack::Status::error,
                                            .message = "could not open temp file"});
+        reportRejected(header.name, "could not open temp file");
         removeIgnoringErrors(temporaryFile);
         sessionGoesOn = false; // the file's bytes are still in the stream
         return;
@@ -204,11 +205,25 @@ void TransferServer::receiveFile(FrameChannel& channel, const FileHeader& header
         sendAckIgnoringErrors(
             channel,
             Ack{.name = header.name, .status = Ack::Status::error, .message = "checksum mismatch"});
+        reportRejected(header.name, "checksum mismatch");
         removeIgnoringErrors(temporaryFile);
         return;
     }
     // From here on the file is the saver's.
     saver_.enqueue(temporaryFile, header);
+}
+
+void TransferServer::reportRejected(const std::string& name, const char* message) noexcept {
+    if (!onRejected_) {
+        return;
+    }
+    try {
+        onRejected_(
+            Event{.name = name,
+                  .ack = Ack{.name = name, .status = Ack::Status::error, .message = message}});
+    } catch (...) {
+        // The caller's observer must not end the session.
+    }
 }
 
 fs::path TransferServer::temporaryFileFor(const std::string& name) const {

@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <functional>
 #include <string>
+#include <utility>
 
 namespace kestrelvane {
 
@@ -42,14 +43,22 @@ public:
     /// connection allows). Never throws; neither starts nor closes the channel.
     void run(FrameChannel& over, const OnEvent& onEvent) noexcept;
 
+    /// Also tells `observer`, on the reader's thread, of every error
+    /// acknowledgement the reader writes itself ("checksum mismatch", "could
+    /// not open temp file"): those files never reach the saver, so run()'s
+    /// observer does not hear of them. Set before run().
+    void setOnRejected(OnEvent observer) { onRejected_ = std::move(observer); }
+
 private:
     void runReader(FrameChannel& channel);
     void receiveFile(FrameChannel& channel, const FileHeader& header, MutableByteView pieceBuffer,
                      bool& sessionGoesOn);
     std::filesystem::path temporaryFileFor(const std::string& name) const;
+    void reportRejected(const std::string& name, const char* message) noexcept;
 
     BatchSaving& saver_;
     std::filesystem::path temporaryDirectory_;
+    OnEvent onRejected_;
 };
 
 } // namespace kestrelvane

@@ -1,0 +1,65 @@
+#include "CliProcess.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <regex>
+
+namespace kestrelvane::testing {
+
+std::unique_ptr<ChildProcess> start(const std::string& program,
+                                    const std::vector<std::string>& arguments,
+                                    ChildProcess::Environment environment, Streams streams) {
+    const char* redirect = streams == Streams::joined       ? "exec \"$0\" \"$@\" 2>&1"
+                           : streams == Streams::stderrOnly ? "exec \"$0\" \"$@\" 2>&1 >/dev/null"
+                                                            : "exec \"$0\" \"$@\"";
+    std::vector<std::string> argv = {"/bin/sh", "-c", redirect, program};
+    argv.insert(argv.end(), arguments.begin(), arguments.end());
+    environment.emplace_back("TZ", "UTC");
+    return std::make_unique<ChildProcess>(argv, environment);
+}
+
+std::unique_ptr<ChildProcess> kestrelvane(const std::vector<std::string>& arguments,
+                                          const ChildProcess::Environment& environment,
+                                          Streams streams) {
+    return start(KV_CLI, arguments, environment, streams);
+}
+
+bool Finished::mentions(const std::string& text) const {
+    return std::any_of(lines.begin(), lines.end(),
+                       [&](const std::string& line) { return line.find(text) != line.npos; });
+}
+
+std::string Finished::text() const {
+    std::string all;
+    for (const auto& line : lines) {
+        all += line + "\n";
+    }
+    return all;
+}
+
+Finished finish(ChildProcess& process, std::chrono::milliseconds deadline) {
+    Finished finished;
+    while (auto line = process.readLine(deadline)) {
+        finished.lines.push_back(*line);
+    }
+    finished.status = process.waitFor(deadline).value_or(-1);
+    return finished;
+}
+
+Finished run(const std::vector<std::string>& arguments,
+             const ChildProcess::Environment& environment, Streams streams) {
+    return finish(*kestrelvane(arguments, environment, streams));
+}
+
+int announcedPort(ChildProcess& receiver) {
+    const auto first = receiver.readLine();
+    std::smatch match;
+    if (first && std::regex_search(*first, match, std::regex("on port ([0-9]+)$"))) {
+        return std::stoi(match[1]);
+    }
+    ADD_FAILURE() << "the receiver did not say where it listens: " << first.value_or("(nothing)");
+    return 0;
+}
+
+} // namespace kestrelvane::testing

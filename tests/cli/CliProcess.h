@@ -1,0 +1,49 @@
+#pragma once
+
+#include "support/ChildProcess.h"
+
+#include <chrono>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace kestrelvane::testing {
+
+/// The media fixtures the tool is run on.
+inline const std::filesystem::path media = std::filesystem::path(KV_FIXTURES_DIR) / "media";
+
+/// Which of a program's output streams the test reads.
+enum class Streams { joined, stdoutOnly, stderrOnly };
+
+/// `program` with `arguments`, in UTC, its chosen output on the pipe that
+/// ChildProcess::readLine reads.
+std::unique_ptr<ChildProcess> start(const std::string& program,
+                                    const std::vector<std::string>& arguments,
+                                    ChildProcess::Environment environment = {},
+                                    Streams streams = Streams::joined);
+/// The `kestrelvane` tool the build made.
+std::unique_ptr<ChildProcess> kestrelvane(const std::vector<std::string>& arguments,
+                                          const ChildProcess::Environment& environment = {},
+                                          Streams streams = Streams::joined);
+
+/// What a program printed, line by line, and its exit status.
+struct Finished {
+    int status = -1;
+    std::vector<std::string> lines;
+    bool mentions(const std::string& text) const;
+    std::string text() const; ///< the lines, each ending in a newline
+};
+
+/// Reads everything `process` prints and waits for it to end.
+Finished finish(ChildProcess& process,
+                std::chrono::milliseconds deadline = std::chrono::seconds(120));
+/// Runs `kestrelvane` to its end.
+Finished run(const std::vector<std::string>& arguments,
+             const ChildProcess::Environment& environment = {}, Streams streams = Streams::joined);
+
+/// The port a starting `kestrelvane receive` announces on its first line
+/// ("Receiving into … on port N"); 0, with a test failure, when it says none.
+int announcedPort(ChildProcess& receiver);
+
+} // namespace kestrelvane::testing
