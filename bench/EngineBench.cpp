@@ -21,14 +21,16 @@ namespace fs = std::filesystem;
 /// A receiver that only verifies and acknowledges: hashes each file as it
 /// arrives and answers, never touching a disk.
 void hashAndAcknowledge(FrameChannel& channel) {
+    Bytes buffer(1 << 20); // one piece buffer for the session, as the real receiver keeps
     try {
         (void)WireMessage::decode<SessionHeader>(channel.receiveFrame());
         while (true) {
             const auto header = WireMessage::decode<FileHeader>(channel.receiveFrame());
             Sha256Hasher hasher;
             for (std::uint64_t left = header.byteCount; left > 0;) {
-                const auto piece = std::min<std::uint64_t>(left, 1 << 20);
-                hasher.update(channel.receiveRaw(static_cast<std::int64_t>(piece)));
+                const auto piece = static_cast<std::size_t>(std::min<std::uint64_t>(left, 1 << 20));
+                channel.receiveRawInto(MutableByteView(buffer.data(), piece));
+                hasher.update(ByteView(buffer.data(), piece));
                 left -= piece;
             }
             const bool ok = hasher.finalizeHex() == header.sha256;
