@@ -36,22 +36,44 @@ ScratchFolder::ScratchFolder() {
         throw std::system_error(error, "no temporary directory");
     }
     removeAbandoned(temporary);
-    std::string pattern = (temporary / (std::string(prefix) + "XXXXXX")).string();
+    // Made and locked under a name other receivers' clean-up passes over, and
+    // only then renamed into their sight: a folder named with `prefix` is
+    // locked from the moment it exists, so a receiver starting at the same
+    // time can never take it for abandoned. The lock, held on an open file
+    // inside, survives the rename.
+    std::string pattern = (temporary / (std::string(newPrefix) + "XXXXXX")).string();
     if (::mkdtemp(pattern.data()) == nullptr) {
         throw std::system_error(errno, std::generic_category(), "cannot create " + pattern);
     }
-    path_ = pattern;
-    lock_ = tryLock(path_);
+    const fs::path made = pattern;
+    lock_ = tryLock(made);
     if (lock_ < 0) {
         const int failure = errno;
-        fs::remove_all(path_, error);
+        fs::remove_all(made, error);
         throw std::system_error(failure, std::generic_category(), "cannot lock " + pattern);
+    }
+    const std::string suffix = made.filename().string().substr(std::string(newPrefix).size());
+    path_ = temporary / (std::string(prefix) + suffix);
+    if (::rename(made.c_str(), path_.c_str()) != 0) {
+        const int failure = errno;
+        fs::remove_all(made, error);
+        ::close(lock_);
+        throw std::system_error(failure, std::generic_category(),
+                                "cannot rename " + made.string() + " to " + path_.string());
     }
 }
 
 ScratchFolder::~ScratchFolder() {
+    // Out of other receivers' sight first: while its lock file is being
+    // deleted, a clean-up pass would otherwise lock a new one in it.
+    fs::path leaving = path_;
+    leaving.replace_filename(std::string(newPrefix) +
+                             path_.filename().string().substr(std::string(prefix).size()));
     std::error_code ignored;
-    fs::remove_all(path_, ignored);
+    if (::rename(path_.c_str(), leaving.c_str()) != 0) {
+        leaving = path_;
+    }
+    fs::remove_all(leaving, ignored);
     ::close(lock_);
 }
 
@@ -64,7 +86,7 @@ int ScratchFolder::removeAbandoned(const fs::path& temporaryDirectory) {
             continue;
         }
         // Between taking the lock and removing the folder nobody can claim it:
-        // a new receiver makes a folder of its own.
+        // a new receiver's folder only takes this name once it is locked.
         const int lock = tryLock(entry.path());
         if (lock < 0) {
             continue; // its receiver is still running

@@ -26,6 +26,9 @@ public:
     static int removeAbandoned(const std::filesystem::path& temporaryDirectory);
 
     static constexpr const char* prefix = "kestrelvane-receive.";
+    /// A folder being made or removed, out of clean-up passes' sight
+    /// ("kestrelvane-receive-new.XXXXXX").
+    static constexpr const char* newPrefix = "kestrelvane-receive-new.";
     static constexpr const char* lockName = ".lock";
 
 private:
