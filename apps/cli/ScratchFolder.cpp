@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <string>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <system_error>
 #include <unistd.h>
 
@@ -91,10 +92,19 @@ int ScratchFolder::removeAbandoned(const fs::path& temporaryDirectory) {
         if (lock < 0) {
             continue; // its receiver is still running
         }
+        // A receiver that just ended may have renamed its folder away and
+        // released the lock between our open and our lock: then the lock is
+        // no longer the one in the folder of that name.
+        struct stat locked {
+        }, named{};
+        const bool stillThere = ::fstat(lock, &locked) == 0 &&
+                                ::stat((entry.path() / lockName).c_str(), &named) == 0 &&
+                                locked.st_dev == named.st_dev && locked.st_ino == named.st_ino;
         std::error_code ignored;
-        fs::remove_all(entry.path(), ignored);
+        if (stillThere && fs::remove_all(entry.path(), ignored) > 0) {
+            ++removed;
+        }
         ::close(lock);
-        ++removed;
     }
     return removed;
 }
