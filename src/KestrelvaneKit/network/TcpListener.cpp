@@ -21,20 +21,32 @@ std::system_error callError(const char* call, int code) {
                              std::string(call) + " failed (" + std::to_string(code) + ")");
 }
 
-/// A listening socket of one family, or -1 with `error` set.
-int listenOn(int family, std::uint16_t port, TcpListener::Scope scope, int& error) {
-    const int fd = ::socket(family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+/// A socket listening at `address`, or -1 with `error` set.
+int listenAt(const sockaddr* address, socklen_t length, int& error) {
+    const int fd = ::socket(address->sa_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     if (fd < 0) {
         error = errno;
         return -1;
     }
     const int on = 1;
     ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    if (address->sa_family == AF_INET6) {
+        // Each family has its own socket, so IPv4 never arrives here mapped.
+        ::setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on);
+    }
+    if (::bind(fd, address, length) != 0 || ::listen(fd, SOMAXCONN) != 0) {
+        error = errno;
+        ::close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+/// A listening socket of one family, or -1 with `error` set.
+int listenOn(int family, std::uint16_t port, TcpListener::Scope scope, int& error) {
     sockaddr_storage storage{};
     socklen_t length = 0;
     if (family == AF_INET6) {
-        // Each family has its own socket, so IPv4 never arrives here mapped.
-        ::setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on);
         auto& address = reinterpret_cast<sockaddr_in6&>(storage);
         address.sin6_family = AF_INET6;
         address.sin6_port = htons(port);
@@ -48,13 +60,7 @@ int listenOn(int family, std::uint16_t port, TcpListener::Scope scope, int& erro
             htonl(scope == TcpListener::Scope::loopback ? INADDR_LOOPBACK : INADDR_ANY);
         length = sizeof address;
     }
-    if (::bind(fd, reinterpret_cast<const sockaddr*>(&storage), length) != 0 ||
-        ::listen(fd, SOMAXCONN) != 0) {
-        error = errno;
-        ::close(fd);
-        return -1;
-    }
-    return fd;
+    return listenAt(reinterpret_cast<const sockaddr*>(&storage), length, error);
 }
 
 std::uint16_t boundPort(int fd) {
@@ -104,20 +110,8 @@ TcpListener::TcpListener(std::uint16_t port, const std::string& address)
         ::close(wakeFd_);
         throw std::invalid_argument("'" + address + "' is not an IPv4 or IPv6 address");
     }
-    int fd = ::socket(found->ai_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    int error = errno;
-    if (fd >= 0) {
-        const int on = 1;
-        ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-        if (found->ai_family == AF_INET6) {
-            ::setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on); // "::" means IPv6 here
-        }
-        if (::bind(fd, found->ai_addr, found->ai_addrlen) != 0 || ::listen(fd, SOMAXCONN) != 0) {
-            error = errno;
-            ::close(fd);
-            fd = -1;
-        }
-    }
+    int error = 0;
+    const int fd = listenAt(found->ai_addr, found->ai_addrlen, error);
     ::freeaddrinfo(found);
     if (fd < 0) {
         ::close(wakeFd_);
