@@ -15,6 +15,8 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <poll.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -138,59 +140,22 @@ private:
 };
 
 /// Whether `copy` holds exactly the bytes of `original`; false when it is
-/// missing. Throws std::system_error when either cannot be read.
+/// missing. Throws when either cannot be read (a folder in its place, say).
 bool sameBytes(const fs::path& original, const fs::path& copy) {
     if (!fs::exists(copy)) {
         return false;
     }
-    const auto open = [](const fs::path& path) {
-        const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-        if (fd < 0) {
-            throw std::system_error(errno, std::generic_category(), "cannot open " + path.string());
-        }
-        return fd;
-    };
-    struct Descriptors {
-        int a = -1;
-        int b = -1;
-        ~Descriptors() {
-            ::close(a);
-            ::close(b);
-        }
-    } fds;
-    fds.a = open(original);
-    fds.b = open(copy);
-    const auto readUpTo = [](int fd, char* into, std::size_t size, const fs::path& path) {
-        std::size_t filled = 0;
-        while (filled < size) {
-            const ssize_t got = ::read(fd, into + filled, size - filled);
-            if (got < 0 && errno == EINTR) {
-                continue;
-            }
-            if (got < 0) {
-                throw std::system_error(errno, std::generic_category(),
-                                        "cannot read " + path.string());
-            }
-            if (got == 0) {
-                break;
-            }
-            filled += static_cast<std::size_t>(got);
-        }
-        return filled;
-    };
-    std::vector<char> left(1 << 20);
-    std::vector<char> right(left.size());
-    for (;;) {
-        const std::size_t a = readUpTo(fds.a, left.data(), left.size(), original);
-        const std::size_t b = readUpTo(fds.b, right.data(), right.size(), copy);
-        if (a != b ||
-            !std::equal(left.begin(), left.begin() + static_cast<long>(a), right.begin())) {
-            return false;
-        }
-        if (a == 0) {
-            return true;
-        }
+    if (fs::file_size(original) != fs::file_size(copy)) {
+        return false;
     }
+    std::ifstream left(original, std::ios::binary);
+    std::ifstream right(copy, std::ios::binary);
+    if (!left || !right) {
+        throw std::system_error(errno, std::generic_category(),
+                                "cannot open " + (left ? copy : original).string());
+    }
+    return std::equal(std::istreambuf_iterator<char>(left), std::istreambuf_iterator<char>(),
+                      std::istreambuf_iterator<char>(right));
 }
 
 } // namespace
