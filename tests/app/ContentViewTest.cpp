@@ -4,7 +4,7 @@
 #include "MediaFiles.h"
 #include "Sender/KestrelvaneColors.h"
 #include "Sender/QueueRowDelegate.h"
-#include "SimulatedUsbmuxd.h"
+#include "support/SimulatorProcess.h"
 #include "support/TemporaryFolder.h"
 
 #include <QAbstractItemView>
@@ -29,7 +29,7 @@ namespace kestrelvane {
 namespace fs = std::filesystem;
 using Kind = UsbmuxdDiscovery::State::Kind;
 using Status = TransferQueue::Status;
-using Simulator = testing::SimulatedUsbmuxd;
+using Simulator = testing::SimulatorProcess;
 using testing::writeFile;
 using testing::writePhotos;
 
@@ -160,7 +160,6 @@ private slots:
 
     void theSendButtonCountsUnsentFilesAndNeedsAReadyPhone() {
         Simulator sim({"READY,0x12a8,folder=" + (folder_->path() / "phone").string()});
-        QVERIFY(sim.ready());
         auto view = makeView(&sim);
         view->show();
         auto* button = child<QPushButton>(*view, "primaryButton");
@@ -202,7 +201,6 @@ private slots:
             phones.push_back(phone.toStdString());
         }
         Simulator sim(phones);
-        QVERIFY(sim.ready());
         auto view = makeView(&sim);
         QSignalSpy passes(&view->discovery(), &UsbmuxdDiscovery::passFinished);
         view->show();
@@ -385,7 +383,6 @@ private slots:
         const fs::path phoneFolder = folder_->path() / "phone";
         fs::create_directories(phoneFolder);
         Simulator sim({"READY,0x12a8,folder=" + phoneFolder.string()});
-        QVERIFY(sim.ready());
         auto view = makeView(&sim);
         const std::vector<fs::path> photos = writePhotos(folder_->path() / "in", 3);
         child<QLineEdit>(*view, "albumField")->setText(QStringLiteral("Trip"));
@@ -431,7 +428,6 @@ private slots:
     void aSendThatBreaksOffPutsItsFilesBackInTheQueueForTheNextTry() {
         // The phone's port echoes every frame: the first reply is no acknowledgement.
         Simulator sim({"ECHO,0x12a8,echo"});
-        QVERIFY(sim.ready());
         auto view = makeView(&sim);
         showReadyToSend(*view, writePhotos(folder_->path(), 3));
         auto* button = child<QPushButton>(*view, "primaryButton");

@@ -2,8 +2,8 @@
 
 #include "MediaFiles.h"
 #include "Sender/SenderViewModel.h"
-#include "SimulatedUsbmuxd.h"
 #include "support/FakeUsbmuxd.h"
+#include "support/SimulatorProcess.h"
 #include "support/TemporaryFolder.h"
 
 #include <QSignalSpy>
@@ -18,7 +18,7 @@ namespace kestrelvane {
 
 namespace fs = std::filesystem;
 using State = UsbmuxdDiscovery::State;
-using Simulator = testing::SimulatedUsbmuxd;
+using Simulator = testing::SimulatorProcess;
 
 namespace {
 
@@ -74,7 +74,6 @@ private slots:
 
     void aRefusingReceiverIsNotListening() {
         Simulator sim({"REFUSER,0x12a8,none"});
-        QVERIFY(sim.ready());
         UsbmuxdDiscovery discovery(sim.address(), testInterval);
         discovery.start();
         QTRY_VERIFY_WITH_TIMEOUT(discovery.state() == State::appNotListening(1), 30'000);
@@ -82,7 +81,6 @@ private slots:
 
     void aListeningReceiverIsHeldReadyAndNeverProbedAgain() {
         Simulator sim({"PHONE,0x12a8,test"});
-        QVERIFY(sim.ready());
         UsbmuxdDiscovery discovery(sim.address(), testInterval);
         QSignalSpy changes(&discovery, &UsbmuxdDiscovery::stateChanged);
         QSignalSpy passes(&discovery, &UsbmuxdDiscovery::passFinished);
@@ -99,7 +97,6 @@ private slots:
 
     void onlyTheFirstOfTwoPhonesIsProbed() {
         Simulator sim({"FIRST,0x12a8,none", "SECOND,0x12a8,test"});
-        QVERIFY(sim.ready());
         UsbmuxdDiscovery discovery(sim.address(), testInterval);
         QSignalSpy passes(&discovery, &UsbmuxdDiscovery::passFinished);
         discovery.start();
@@ -111,7 +108,6 @@ private slots:
 
     void theTunnelIsHandedOutOnceAndThenProbedAfresh() {
         Simulator sim({"PHONE,0x12a8,echo"});
-        QVERIFY(sim.ready());
         UsbmuxdDiscovery discovery(sim.address(), testInterval);
         discovery.start();
         QTRY_VERIFY_WITH_TIMEOUT(discovery.state().kind == State::Kind::ready, 30'000);
@@ -136,7 +132,6 @@ private slots:
 
     void whilePausedAnUnpluggedPhoneLeavesTheStateUntilResumed() {
         Simulator sim({"PHONE,0x12a8,test"});
-        QVERIFY(sim.ready());
         UsbmuxdDiscovery discovery(sim.address(), testInterval);
         QSignalSpy passes(&discovery, &UsbmuxdDiscovery::passFinished);
         discovery.start();
@@ -152,7 +147,6 @@ private slots:
 
     void stopThenStartPollsAgainFromNoDevice() {
         Simulator sim({"PHONE,0x12a8,test"});
-        QVERIFY(sim.ready());
         UsbmuxdDiscovery discovery(sim.address(), testInterval);
         QSignalSpy changes(&discovery, &UsbmuxdDiscovery::stateChanged);
         discovery.start();
@@ -168,7 +162,6 @@ private slots:
     void aSendFromTheViewModelReachesThePhoneThroughTheTunnel() {
         testing::TemporaryFolder received;
         Simulator sim({"PHONE,0x12a8,folder=" + received.path().string()});
-        QVERIFY(sim.ready());
         testing::TemporaryFolder source;
         const std::vector<fs::path> files = testing::writePhotos(source.path(), 5);
         SenderViewModel model;

@@ -81,8 +81,8 @@ TEST(UsbmuxdInterop, InetcatCarriesARealTransferThroughTheSimulatorsTunnel) {
         GTEST_SKIP() << "needs inetcat (package libusbmuxd-tools)";
     }
     TemporaryFolder source, phoneFolder;
-    testing::SimulatorProcess simulator({"--phone", "OTHER,1,none", "--phone",
-                                         "INETCAT01,0x12a8,folder=" + phoneFolder.path().string()});
+    testing::SimulatorProcess simulator(
+        {"OTHER,1,none", "INETCAT01,0x12a8,folder=" + phoneFolder.path().string()});
 
     // inetcat's standard input and output are one end of a socket pair; the
     // sending engine runs on the other.

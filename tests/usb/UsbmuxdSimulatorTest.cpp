@@ -41,7 +41,7 @@ PropertyList message(const char* type) {
 TEST(UsbmuxdSimulator, ABatchTravelsTheWholeRoadToTheVirtualPhoneByteForByte) {
     TemporaryFolder source, phoneFolder;
     SimulatorProcess simulator(
-        {"--phone", "00008030-001A35E22E88802E,0x12a8,folder=" + phoneFolder.path().string()});
+        {"00008030-001A35E22E88802E,0x12a8,folder=" + phoneFolder.path().string()});
     UsbmuxdClient client(simulator.address());
     const auto devices = client.listDevices();
     ASSERT_EQ(devices.size(), 1u);
@@ -76,7 +76,7 @@ std::size_t mappingsOf(pid_t pid) {
 }
 
 TEST(UsbmuxdSimulator, ClientsThatPollOverAndOverLeaveNoThreadBehind) {
-    SimulatorProcess simulator({"--phone", "SERIAL1,1,test"});
+    SimulatorProcess simulator({"SERIAL1,1,test"});
     UsbmuxdClient client(simulator.address());
     const auto poll = [&](int times) {
         for (int i = 0; i < times; ++i) {
@@ -92,8 +92,7 @@ TEST(UsbmuxdSimulator, ClientsThatPollOverAndOverLeaveNoThreadBehind) {
 }
 
 TEST(UsbmuxdSimulator, ConnectsAnswerRefusedOrBadDeviceAsUsbmuxdWould) {
-    SimulatorProcess simulator(
-        {"--phone", "LISTENING,1,test", "--phone", "QUIET,2,none", "--phone", "GONE,3,vanished"});
+    SimulatorProcess simulator({"LISTENING,1,test", "QUIET,2,none", "GONE,3,vanished"});
     UsbmuxdClient client(simulator.address());
     const auto devices = client.listDevices();
     ASSERT_EQ(devices.size(), 3u);
@@ -104,7 +103,7 @@ TEST(UsbmuxdSimulator, ConnectsAnswerRefusedOrBadDeviceAsUsbmuxdWould) {
 }
 
 TEST(UsbmuxdSimulator, RepliesInTheRequestsFormatWithItsTagAndTheDaemonsKeys) {
-    SimulatorProcess simulator({"--phone", "SERIAL1,4776,test", "--buid", "THE-BUID"});
+    SimulatorProcess simulator({"SERIAL1,4776,test"}, {"--buid", "THE-BUID"});
     for (const Format format : {Format::xml, Format::binary}) {
         Conversation conversation(simulator.socketPath());
         // One socket carries several requests, as with the real daemon.
@@ -137,7 +136,7 @@ TEST(UsbmuxdSimulator, RepliesInTheRequestsFormatWithItsTagAndTheDaemonsKeys) {
 }
 
 TEST(UsbmuxdSimulator, ListenersHearOfPhonesAttachedAndDetachedWhileItRuns) {
-    SimulatorProcess simulator({"--phone", "FIRST,1,test"});
+    SimulatorProcess simulator({"FIRST,1,test"});
     Conversation listener(simulator.socketPath());
     listener.send(5, message("Listen"));
     const auto accepted = listener.receive();
@@ -199,7 +198,7 @@ TEST(UsbmuxdSimulator, ListenersHearOfPhonesAttachedAndDetachedWhileItRuns) {
 }
 
 TEST(UsbmuxdSimulator, OverTcpItTakesClientsOnIPv4AndIPv6Loopback) {
-    ChildProcess process({KV_USBMUXD_SIM, "--tcp", "0", "--phone", "SERIAL1,1,test"});
+    ChildProcess process({testing::simulatorProgram(), "--tcp", "0", "--phone", "SERIAL1,1,test"});
     const auto line = process.readLine().value_or("(no output)");
     ASSERT_EQ(line.rfind("listening on 127.0.0.1:", 0), 0u) << line;
     const auto port = static_cast<std::uint16_t>(std::stoi(line.substr(line.rfind(':') + 1)));
@@ -221,7 +220,7 @@ TEST(UsbmuxdSimulator, BadCommandLinesAreRefusedWithAReason) {
                                                  {"--socket", "/tmp/x", "--phone", "X,abc,test"},
                                                  {"--socket", "/tmp/x", "--phone", "X,1,teapot"},
                                                  {"--socket", "/tmp/x", "--tcp", "1"}}) {
-        std::vector<std::string> argv{KV_USBMUXD_SIM};
+        std::vector<std::string> argv{testing::simulatorProgram()};
         argv.insert(argv.end(), args.begin(), args.end());
         ChildProcess process(argv);
         EXPECT_EQ(process.waitFor(), 2) << args.back();

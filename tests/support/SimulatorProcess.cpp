@@ -1,0 +1,103 @@
+#include "support/SimulatorProcess.h"
+
+#include "KestrelvaneKit/usb/UsbmuxdProtocol.h"
+
+#include <cstring>
+#include <stdexcept>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+namespace kestrelvane::testing {
+
+std::string cliProgram() {
+    return KV_CLI;
+}
+
+std::string simulatorProgram() {
+    return KV_USBMUXD_SIM;
+}
+
+SimulatorProcess::SimulatorProcess(const std::vector<std::string>& phones,
+                                   const std::vector<std::string>& extra) {
+    std::vector<std::string> argv{simulatorProgram(), "--socket", socketPath()};
+    for (const auto& phone : phones) {
+        argv.insert(argv.end(), {"--phone", phone});
+    }
+    argv.insert(argv.end(), extra.begin(), extra.end());
+    process_ = std::make_unique<ChildProcess>(argv);
+    // The first line says the socket takes connections.
+    const auto line = process_->readLine();
+    if (line != "listening on " + socketPath()) {
+        throw std::runtime_error("simulator did not start: " + line.value_or("(no output)"));
+    }
+}
+
+std::optional<std::int64_t> SimulatorProcess::request(const PropertyList& body) const {
+    try {
+        Conversation conversation(socketPath());
+        conversation.send(1, body);
+        return PropertyList::integerAt(conversation.receive().body.get(), "Number");
+    } catch (const std::exception&) {
+        return std::nullopt;
+    }
+}
+
+bool SimulatorProcess::detach(const std::string& serial) const {
+    PropertyList body = PropertyList::dictionary();
+    body.set("MessageType", PropertyList::string("Detach"));
+    body.set("SerialNumber", PropertyList::string(serial));
+    return request(body) == 0;
+}
+
+int SimulatorProcess::tunnelsOpened() {
+    process_->terminate();
+    int tunnels = 0;
+    while (auto line = process_->readLine()) {
+        tunnels += line->rfind("tunnel to ", 0) == 0 ? 1 : 0;
+    }
+    return tunnels;
+}
+
+Conversation::Conversation(const std::string& socketPath) {
+    fd_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, socketPath.c_str(), sizeof address.sun_path - 1);
+    if (fd_ < 0 ||
+        ::connect(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+        if (fd_ >= 0) {
+            ::close(fd_);
+        }
+        throw std::runtime_error("cannot connect to " + socketPath);
+    }
+}
+
+Conversation::~Conversation() {
+    ::close(fd_);
+}
+
+void Conversation::send(std::uint32_t tag, const PropertyList& body, PropertyList::Format format) {
+    const Bytes packet = UsbmuxdProtocol::encode(tag, body.serialize(format));
+    if (::send(fd_, packet.data(), packet.size(), MSG_NOSIGNAL) !=
+        static_cast<ssize_t>(packet.size())) {
+        throw std::runtime_error("request not written");
+    }
+}
+
+Conversation::Packet Conversation::receive() {
+    for (;;) {
+        if (auto packet = UsbmuxdProtocol::decode(buffer_)) {
+            return {packet->tag, PropertyList::formatOf(packet->body),
+                    PropertyList::parse(packet->body)};
+        }
+        std::uint8_t chunk[4096];
+        const ssize_t n = ::read(fd_, chunk, sizeof chunk);
+        if (n <= 0) {
+            throw std::runtime_error("conversation ended before a whole packet");
+        }
+        buffer_.append(ByteView(chunk, static_cast<std::size_t>(n)));
+    }
+}
+
+} // namespace kestrelvane::testing
