@@ -6,8 +6,7 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
-#include <memory>
+#include <cstdlib>
 
 namespace kestrelvane {
 namespace {
@@ -15,12 +14,11 @@ namespace {
 namespace fs = std::filesystem;
 using testing::pattern;
 
-/// The digest as coreutils reports it, or "" when it cannot run.
+/// The digest as coreutils reports it.
 std::string sha256sumOf(const fs::path& path) {
-    const std::string command = "sha256sum '" + path.string() + "' 2>/dev/null";
-    std::unique_ptr<FILE, int (*)(FILE*)> pipe(::popen(command.c_str(), "r"), ::pclose);
-    char digest[65] = {};
-    return pipe && std::fread(digest, 1, 64, pipe.get()) == 64 ? digest : "";
+    const fs::path sum = path.string() + ".sha256";
+    (void)std::system(("sha256sum '" + path.string() + "' >'" + sum.string() + "'").c_str());
+    return testing::readText(sum).substr(0, 64);
 }
 
 TEST(Checksum, FilesOfAnySizeAgreeWithTheInMemoryDigestAndSha256sum) {

@@ -20,16 +20,9 @@ namespace fs = std::filesystem;
 
 const fs::path media = fs::path(KV_FIXTURES_DIR) / "media";
 
-/// Every test here runs as on a computer in Paris (UTC+01:00 in winter,
-/// +02:00 in summer), set before the reader first looks at the time zone.
-class ParisTime : public ::testing::Environment {
-public:
-    void SetUp() override {
-        ::setenv("TZ", "Europe/Paris", 1);
-        ::tzset();
-    }
-};
-[[maybe_unused]] const auto* const parisTime = ::testing::AddGlobalTestEnvironment(new ParisTime);
+// Every test here runs as on a computer in Paris (UTC+01:00 in winter, +02:00
+// in summer), set before the reader first looks at the time zone.
+[[maybe_unused]] const bool inParis = (::setenv("TZ", "Europe/Paris", 1), ::tzset(), true);
 
 std::optional<std::string> captureDateText(const fs::path& file) {
     const auto date = ExifReader::captureDate(file);

@@ -10,8 +10,6 @@
 #include <gtest/gtest.h>
 
 #include <future>
-#include <set>
-#include <thread>
 
 namespace kestrelvane {
 namespace {
@@ -77,27 +75,15 @@ TEST(FrameChannel, BoundedReceiveRejectsAnOversizedPrefixBeforeBufferingItsPaylo
     EXPECT_EQ(stream->receiveMaxima.size(), 3u);
 }
 
-// A receive that ends part-way returns nothing, and every byte it had taken
-// in, from the buffer or read directly, is there for the next receive.
-TEST(FrameChannel, AReceiveCutShortKeepsEveryReceivedByteBuffered) {
-    auto stream = std::make_shared<ScriptedStream>(
-        std::vector<Bytes>{concat({frame("h"), {0, 0, 0, 9, 1}}), Bytes{2, 3}, Bytes{4}});
-    FrameChannel channel(stream);
-    EXPECT_EQ(channel.receiveFrame(), toBytes("h"));
-    Bytes tooMuch(10, 0xEE);
-    EXPECT_TRUE(throwsClosed([&] { channel.receiveRawInto(tooMuch); }));
-    EXPECT_TRUE(throwsClosed([&] { channel.receiveFrame(); }));
-    EXPECT_TRUE(throwsClosed([&] { channel.receiveRaw(9); }));
-    EXPECT_EQ(channel.receiveRaw(8), Bytes({0, 0, 0, 9, 1, 2, 3, 4}));
-}
-
 // The bytes that came with the header are copied out first; the rest is read
 // straight into the destination, each read asking for exactly what is missing.
+// A receive that ends part-way returns nothing, and every byte it had taken in,
+// from the buffer or read directly, is there for the next receive.
 TEST(FrameChannel, ReceiveRawIntoTakesTheBufferedPrefixThenReadsTheRestDirectly) {
     const Bytes file = pattern(5000, 5);
-    auto stream = std::make_shared<ScriptedStream>(
-        std::vector<Bytes>{concat({frame("{}"), part(file, 0, 100)}), part(file, 100, 2100),
-                           part(file, 2100, 5000), frame("next")});
+    auto stream = std::make_shared<ScriptedStream>(std::vector<Bytes>{
+        concat({frame("{}"), part(file, 0, 100)}), part(file, 100, 2100), part(file, 2100, 5000),
+        concat({frame("next"), {0, 0, 0, 9, 1}}), Bytes{2, 3}, Bytes{4}});
     FrameChannel channel(stream);
 
     EXPECT_EQ(channel.receiveFrame(), toBytes("{}"));
@@ -106,12 +92,16 @@ TEST(FrameChannel, ReceiveRawIntoTakesTheBufferedPrefixThenReadsTheRestDirectly)
     EXPECT_EQ(piece, part(file, 0, 60));
     channel.receiveRawInto({}); // nothing wanted: no stream call either
     EXPECT_EQ(stream->receiveMaxima.size(), 1u);
-
     Bytes rest(file.size() - 60);
     channel.receiveRawInto(rest);
     EXPECT_EQ(rest, part(file, 60, 5000));
     EXPECT_EQ(stream->receiveMaxima, (std::vector<std::int64_t>{262144, 4900, 2900}));
+
     EXPECT_EQ(channel.receiveFrame(), toBytes("next"));
+    Bytes tooMuch(10);
+    EXPECT_TRUE(throwsClosed([&] { channel.receiveRawInto(tooMuch); }));
+    EXPECT_TRUE(throwsClosed([&] { channel.receiveFrame(); }));
+    EXPECT_EQ(channel.receiveRaw(8), Bytes({0, 0, 0, 9, 1, 2, 3, 4}));
 }
 
 // Frames and raw runs come whole through one-byte and empty reads.
@@ -136,32 +126,8 @@ TEST(FrameChannel, ShortAndEmptyReadsStillYieldWholeFramesAndRuns) {
     }
 }
 
-// Frames from several threads at once arrive whole: none is interleaved with another.
-TEST(FrameChannel, ConcurrentSendFramesNeverInterleave) {
-    auto [a, b] = makeMemoryStreamPair();
-    FrameChannel out(a);
-    FrameChannel in(b);
-    {
-        std::vector<std::jthread> senders;
-        for (std::uint8_t t = 0; t < 4; ++t) {
-            senders.emplace_back([&out, t] {
-                for (std::size_t i = 0; i < 200; ++i) {
-                    out.sendFrame(pattern(1000 + i, t));
-                }
-            });
-        }
-    }
-    std::set<std::pair<std::uint8_t, std::size_t>> seen;
-    for (int i = 0; i < 800; ++i) {
-        const Bytes payload = in.receiveFrame();
-        ASSERT_EQ(payload, pattern(payload.size(), payload.at(0))) << "frame " << i << " is mixed";
-        seen.emplace(payload[0], payload.size());
-    }
-    EXPECT_EQ(seen.size(), 800u);
-}
-
 // A thread waiting in a receive must not hold up a send on the same channel,
-// and a cancel wakes it, leaving what had arrived buffered.
+// and a cancel wakes it.
 TEST(FrameChannel, AWaitingReceiveHoldsUpNoSendAndEndsClosedOnCancel) {
     auto [a, b] = makeMemoryStreamPair();
     FrameChannel near(a);
@@ -171,17 +137,12 @@ TEST(FrameChannel, AWaitingReceiveHoldsUpNoSendAndEndsClosedOnCancel) {
     near.sendFrame(asBytes("ping"));
     EXPECT_EQ(far.receiveFrame(), toBytes("ping"));
     far.sendFrame(asBytes("pong"));
-    ASSERT_EQ(waiting.wait_for(std::chrono::seconds(10)), std::future_status::ready);
     EXPECT_EQ(waiting.get(), toBytes("pong"));
 
-    far.sendRaw(pattern(10, 4));
-    Bytes into(100);
-    auto rawWait = std::async(std::launch::async, [&] { near.receiveRawInto(into); });
-    ASSERT_TRUE(eventually([stream = a] { return stream->receiveCount() > 2; }));
+    auto next = std::async(std::launch::async, [&] { return near.receiveFrame(); });
+    ASSERT_TRUE(eventually([stream = a] { return stream->receiveCount() > 1; }));
     near.cancel();
-    ASSERT_EQ(rawWait.wait_for(std::chrono::seconds(10)), std::future_status::ready);
-    EXPECT_TRUE(throwsClosed([&] { rawWait.get(); }));
-    EXPECT_EQ(near.receiveRaw(10), pattern(10, 4));
+    EXPECT_TRUE(throwsClosed([&] { next.get(); }));
     EXPECT_TRUE(throwsClosed([&] { near.sendFrame(asBytes("late")); }));
 }
 
