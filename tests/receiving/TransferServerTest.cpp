@@ -18,10 +18,8 @@ namespace fs = std::filesystem;
 using namespace testing;
 
 FileHeader headerFor(const std::string& name, const Bytes& bytes) {
-    return FileHeader{.name = name,
-                      .mediaType = MediaType::photo,
-                      .byteCount = bytes.size(),
-                      .sha256 = Checksum::sha256Hex(bytes)};
+    return FileHeader{
+        .name = name, .byteCount = bytes.size(), .sha256 = Checksum::sha256Hex(bytes)};
 }
 Ack errorAck(const std::string& name, const std::string& message) {
     return Ack{.name = name, .status = Ack::Status::error, .message = message};
