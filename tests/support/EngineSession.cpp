@@ -45,11 +45,10 @@ EngineSession::EngineSession(Ends ends)
       watchdog_([this](const std::stop_token& stop) {
           std::mutex mutex;
           std::unique_lock lock(mutex);
-          if (!std::condition_variable_any().wait_for(lock, stop, deadline, [] { return false; })) {
-              if (!stop.stop_requested()) {
-                  timedOut_ = true;
-                  closeBoth();
-              }
+          if (!std::condition_variable_any().wait_for(lock, stop, deadline,
+                                                      [&] { return stop.stop_requested(); })) {
+              timedOut_ = true;
+              closeBoth();
           }
       }) {
 }
