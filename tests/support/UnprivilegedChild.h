@@ -1,8 +1,10 @@
 #pragma once
 
+#include "support/Eventually.h"
+
 #include <gtest/gtest.h>
 
-#include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <functional>
 #include <sys/resource.h>
@@ -49,7 +51,11 @@ inline int runUnprivileged(const std::function<void()>& body, bool withoutThread
         std::_Exit(::testing::Test::HasFailure() ? 1 : 0);
     }
     int status = 0;
-    while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    if (!eventually([&] { return ::waitpid(child, &status, WNOHANG) == child; },
+                    std::chrono::minutes(2))) {
+        ::kill(child, SIGKILL);
+        ::waitpid(child, &status, 0);
+        ADD_FAILURE() << "the child process hung";
     }
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
