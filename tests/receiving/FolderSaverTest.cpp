@@ -167,6 +167,7 @@ const Failure failures[] = {
      }},
     {"AlbumIsAFile", EEXIST,
      [](const fs::path& album, const fs::path&) {
+         fs::remove(album);
          writeFile(album, "");
          return nullptr;
      }},
@@ -188,6 +189,7 @@ TEST_P(FolderSaverFailure, FailsTheFileWithTheSystemsMessageAndPlacesNothing) {
         GTEST_SKIP() << "needs /dev/shm on another file system than the temporary folder";
     }
     begin(SessionHeader{.albumName = "Trip"});
+    fs::create_directory(destination.path() / "Trip"); // so that only the fault can fail it
     const std::string contents(10'000, 'd');
     std::vector<std::string> before;
     BatchOutcome outcome;
@@ -251,8 +253,7 @@ TEST_F(FolderSaverTest, FlushSavesWhatIsWaitingAndAFileHandedOverLaterIsStillSav
 
 TEST_F(FolderSaverTest, AFastRunOfFilesIsSavedAndReportedInTheOrderItCame) {
     begin();
-    // Enqueued back to back, so most of them wait and are saved as groups,
-    // more than fit in one.
+    // Enqueued back to back: most wait, and are saved in groups, more than fit in one.
     const int files = static_cast<int>(FolderSaver::maxGroupFiles) + 60;
     std::vector<BatchOutcome> expected;
     for (int i = 0; i < files; ++i) {

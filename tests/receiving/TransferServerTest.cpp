@@ -165,8 +165,7 @@ struct Place {
 };
 
 const Place places[] = {
-    // The name is used after a UUID: with a "/" it points into a folder that
-    // does not exist, never out of the temporary folder.
+    // After the UUID a name with a "/" points into no folder, never out of this one.
     {"ANameWithASlashCannotBeOpened", "../escape.jpg", true, "scratch", false},
     {"TmpdirWhenNoFolderIsGiven", "x.jpg", false, "scratch", true},
     {"NoUsableTemporaryDirectory", "x.jpg", false, "plain-file", false},
