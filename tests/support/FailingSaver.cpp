@@ -27,17 +27,17 @@ void FailingSaver::enqueue(const std::filesystem::path& file, const FileHeader& 
     std::size_t number = 0;
     {
         const std::lock_guard lock(mutex_);
-        number = enqueued_.size();
-        enqueued_.push_back(header.name);
+        number = enqueued_++;
     }
-    if (cue_.failing.count(number) == 0) {
+    const auto failure = cue_.failing.find(number);
+    if (failure == cue_.failing.end()) {
         inner_.enqueue(file, header);
         return;
     }
     std::error_code ignored;
     std::filesystem::remove(file, ignored);
-    outcomes_.publish(
-        BatchOutcome{.name = header.name, .status = Ack::Status::error, .message = cue_.message});
+    outcomes_.publish(BatchOutcome{
+        .name = header.name, .status = Ack::Status::error, .message = failure->second});
 }
 
 void FailingSaver::flushAndDrain() {
@@ -54,11 +54,6 @@ void FailingSaver::flushAndDrain() {
         outcomes_.publish(std::move(outcome));
     }
     outcomes_.finish();
-}
-
-std::vector<std::string> FailingSaver::enqueued() const {
-    const std::lock_guard lock(mutex_);
-    return enqueued_;
 }
 
 } // namespace kestrelvane::testing

@@ -3,9 +3,9 @@
 #include "KestrelvaneKit/receiving/BatchSaving.h"
 
 #include <cstddef>
+#include <map>
 #include <mutex>
 #include <optional>
-#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -14,15 +14,14 @@ namespace kestrelvane::testing {
 
 /// Decorates any saver and fails on cue. Files whose 0-based enqueue number
 /// is in `failing` are not handed on: their temporary file is deleted and an
-/// error outcome with `message` is published, as a saver that could not store
-/// them would. With `holdOutcomes` the inner saver's outcomes are kept back
+/// error outcome with the message given there is published, as a saver that
+/// could not store them would. With `holdOutcomes` the inner saver's outcomes are kept back
 /// until flushAndDrain, as a saver that batches its work would; a connection
 /// that drops meanwhile then loses acknowledgements of files already saved.
 class FailingSaver final : public BatchSaving {
 public:
     struct Cue {
-        std::set<std::size_t> failing{};
-        std::string message = "No space left on device";
+        std::map<std::size_t, std::string> failing{};
         bool holdOutcomes = false;
     };
 
@@ -34,14 +33,11 @@ public:
     void flushAndDrain() override;
     AsyncQueue<BatchOutcome>& outcomes() override { return outcomes_; }
 
-    /// Names in the order they were enqueued.
-    std::vector<std::string> enqueued() const;
-
 private:
     BatchSaving& inner_;
     const Cue cue_;
     mutable std::mutex mutex_;
-    std::vector<std::string> enqueued_;
+    std::size_t enqueued_ = 0;
     std::vector<BatchOutcome> held_;
     AsyncQueue<BatchOutcome> outcomes_;
     std::jthread forwarder_; // the inner saver's outcomes to ours; last, so it goes first

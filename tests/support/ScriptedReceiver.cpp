@@ -66,6 +66,10 @@ void ScriptedReceiver::sendFrame(ByteView payload) {
     channel_.sendFrame(payload);
 }
 
+void ScriptedReceiver::sendRaw(const Bytes& bytes) {
+    channel_.sendRaw(bytes);
+}
+
 void ScriptedReceiver::closeConnection() {
     channel_.cancel();
 }

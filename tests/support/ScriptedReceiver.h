@@ -37,6 +37,7 @@ public:
 
     void sendAck(const Ack& ack);
     void sendFrame(ByteView payload);
+    void sendRaw(const Bytes& bytes);
     /// Closes the connection in both directions.
     void closeConnection();
 

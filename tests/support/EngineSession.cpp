@@ -1,0 +1,244 @@
+#include "support/EngineSession.h"
+
+#include "KestrelvaneKit/usb/UsbmuxdStream.h"
+#include "support/TestFiles.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <condition_variable>
+#include <sys/socket.h>
+#include <system_error>
+
+namespace kestrelvane::testing {
+
+namespace fs = std::filesystem;
+
+EngineSession::Ends EngineSession::connect(const Link& link) {
+    Ends ends;
+    if (link.kind == Link::Kind::memory) {
+        auto [sender, receiver] =
+            makeMemoryStreamPair(ReceiveMode::whatIsThere, link.receiverReceives);
+        ends.raw[0] = sender;
+        ends.raw[1] = receiver;
+    } else {
+        if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.fds) != 0) {
+            throw std::system_error(errno, std::generic_category(), "socketpair");
+        }
+        ends.raw[0] = std::make_shared<UsbmuxdStream>(ends.fds[0]);
+        ends.raw[1] = std::make_shared<UsbmuxdStream>(ends.fds[1]);
+    }
+    ends.used[0] = ends.raw[0];
+    ends.used[1] = ends.raw[1];
+    if (link.cut) {
+        auto& end = ends.used[static_cast<int>(link.cutSide)];
+        ends.failing = std::make_shared<FailingStream>(end, *link.cut);
+        end = ends.failing;
+    }
+    return ends;
+}
+
+EngineSession::EngineSession(const Link& link) : EngineSession(connect(link)) {
+}
+
+EngineSession::EngineSession(Ends ends)
+    : ends_(std::move(ends)), senderChannel_(ends_.used[0]), receiverChannel_(ends_.used[1]),
+      watchdog_([this](const std::stop_token& stop) {
+          std::mutex mutex;
+          std::unique_lock lock(mutex);
+          if (!std::condition_variable_any().wait_for(lock, stop, deadline,
+                                                      [&] { return stop.stop_requested(); })) {
+              timedOut_ = true;
+              closeBoth();
+          }
+      }) {
+}
+
+EngineSession::~EngineSession() {
+    watchdog_.request_stop();
+    watchdog_.join();
+    closeBoth();
+    for (auto* engine : {&sent_, &served_}) {
+        if (engine->valid()) {
+            engine->wait();
+        }
+    }
+    scripted_.reset();
+}
+
+void EngineSession::closeBoth() noexcept {
+    ends_.raw[0]->close();
+    ends_.raw[1]->close();
+}
+
+void EngineSession::serve(BatchSaving& saver, const fs::path& scratch) {
+    served_ = std::async(std::launch::async, [this, &saver, scratch] {
+        TransferServer(saver, scratch).run(receiverChannel_, [this](const auto& event) {
+            const std::lock_guard lock(mutex_);
+            events_.push_back(event);
+        });
+        receiverChannel_.cancel(); // as a real caller does once the session is over
+    });
+}
+
+void EngineSession::serveFolder(const fs::path& destination, const fs::path& scratch,
+                                const FailingSaver::Cue& cue) {
+    folder_.emplace(destination);
+    faulty_.emplace(*folder_, cue);
+    serve(*faulty_, scratch);
+}
+
+void EngineSession::send(std::vector<fs::path> files, const SessionHeader& session) {
+    sent_ = std::async(std::launch::async, [this, files = std::move(files), session] {
+        try {
+            returned = client.send(files, senderChannel_, session, [this](const auto& step) {
+                const std::lock_guard lock(mutex_);
+                progress_.push_back(step);
+            });
+        } catch (...) {
+            error = std::current_exception();
+        }
+        senderChannel_.cancel(); // the sender's side of a session ends with it
+    });
+}
+
+bool EngineSession::sendToFolder(std::vector<fs::path> files, const fs::path& destination,
+                                 const fs::path& scratch, const FailingSaver::Cue& cue,
+                                 const SessionHeader& session) {
+    serveFolder(destination, scratch, cue);
+    send(std::move(files), session);
+    return finish();
+}
+
+void EngineSession::sendFile(const FileHeader& header, ByteView bytes) {
+    senderChannel_.sendFrame(WireMessage::encode(header));
+    senderChannel_.sendRaw(bytes);
+}
+
+void EngineSession::sendFilesUntilRefused(const std::vector<std::pair<FileHeader, Bytes>>& files) {
+    try {
+        for (const auto& [header, bytes] : files) {
+            sendFile(header, bytes);
+        }
+    } catch (const StreamError&) {
+    }
+}
+
+Ack EngineSession::receiveAck() {
+    return WireMessage::decode<Ack>(senderChannel_.receiveFrame());
+}
+
+std::vector<Bytes> EngineSession::remainingFrames() {
+    std::vector<Bytes> frames;
+    try {
+        while (true) {
+            frames.push_back(senderChannel_.receiveFrame());
+        }
+    } catch (const StreamError&) {
+    }
+    return frames;
+}
+
+ScriptedReceiver& EngineSession::receiver(bool autoAck) {
+    scripted_ = std::make_unique<ScriptedReceiver>(ends_.used[1], autoAck);
+    return *scripted_;
+}
+
+void EngineSession::endSending(Side side) {
+    const int index = static_cast<int>(side);
+    if (ends_.fds[index] >= 0) {
+        ::shutdown(ends_.fds[index], SHUT_WR);
+    } else {
+        memoryEnd(side).finishSending();
+    }
+}
+
+MemoryStream& EngineSession::memoryEnd(Side side) {
+    return dynamic_cast<MemoryStream&>(*ends_.raw[static_cast<int>(side)]);
+}
+
+bool EngineSession::finish() {
+    if (!sent_.valid()) {
+        endSending(Side::sender); // the test played the sender and is done
+    }
+    for (auto* engine : {&sent_, &served_}) {
+        if (engine->valid()) {
+            engine->wait(); // the watchdog closes the connection at the deadline
+        }
+    }
+    watchdog_.request_stop();
+    return !timedOut_;
+}
+
+std::optional<std::string> EngineSession::errorText() const {
+    try {
+        if (error) {
+            std::rethrow_exception(error);
+        }
+    } catch (const std::exception& thrown) {
+        return thrown.what();
+    }
+    return std::nullopt;
+}
+
+std::vector<TransferClient::Progress> EngineSession::progress() const {
+    const std::lock_guard lock(mutex_);
+    return progress_;
+}
+
+std::vector<TransferServer::Event> EngineSession::events() const {
+    const std::lock_guard lock(mutex_);
+    return events_;
+}
+
+std::set<std::string> EngineSession::reportedOk() const {
+    std::set<std::string> names;
+    for (const auto& step : progress()) {
+        if (step.ack.status == Ack::Status::ok) {
+            names.insert(step.ack.name);
+        }
+    }
+    return names;
+}
+
+std::set<std::string> EngineSession::receiverOk() const {
+    std::set<std::string> names;
+    for (const auto& event : events()) {
+        if (event.ack.status == Ack::Status::ok) {
+            names.insert(event.ack.name);
+        }
+    }
+    return names;
+}
+
+std::vector<fs::path> EngineSession::notReportedOk(const std::vector<fs::path>& files) const {
+    const auto ok = reportedOk();
+    std::vector<fs::path> rest;
+    std::copy_if(files.begin(), files.end(), std::back_inserter(rest),
+                 [&](const fs::path& file) { return ok.count(file.filename()) == 0; });
+    return rest;
+}
+
+bool sameContents(const fs::path& a, const fs::path& b) {
+    return fs::exists(a) && fs::exists(b) && readText(a) == readText(b);
+}
+
+std::vector<std::string> filesUnder(const fs::path& folder) {
+    std::vector<std::string> names;
+    for (const auto& entry : fs::recursive_directory_iterator(folder)) {
+        if (entry.is_regular_file()) {
+            names.push_back(fs::relative(entry.path(), folder).string());
+        }
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+std::vector<std::string> filesNotAsIn(const fs::path& copies, const fs::path& originals) {
+    std::vector<std::string> names = filesUnder(copies);
+    std::erase_if(names, [&](const std::string& name) {
+        return sameContents(copies / name, originals / name);
+    });
+    return names;
+}
+
+} // namespace kestrelvane::testing
