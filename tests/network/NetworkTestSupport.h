@@ -1,7 +1,6 @@
 #pragma once
 
 #include "KestrelvaneKit/network/TcpConnection.h"
-#include "support/CaughtError.h"
 
 #include <chrono>
 #include <functional>
@@ -14,16 +13,6 @@
 #include <utility>
 
 namespace kestrelvane::testing {
-
-/// What `call` threw as a std::system_error; nothing when it returned.
-template <class Call> std::optional<std::system_error> systemErrorOf(Call call) {
-    return errorOf<std::system_error>(call);
-}
-
-/// Whether the text of `error` begins with `prefix` (the C library's words follow).
-inline bool startsWith(const std::system_error& error, const std::string& prefix) {
-    return std::string(error.what()).rfind(prefix, 0) == 0;
-}
 
 /// Starts `connection` and returns the first report whose state `settles`
 /// picks, with its error; nothing when none comes within 30 s. The handler

@@ -1,13 +1,12 @@
 // Checks that need a network of their own: run only by run-in-private-network.sh
 // (through ServiceDiscoveryTest), inside a namespace with nothing but loopback
 // and an avahi-daemon restricted to it.
-#include "KestrelvaneKit/log/KVLog.h"
 #include "KestrelvaneKit/network/BonjourStream.h"
 #include "KestrelvaneKit/network/ServiceBrowser.h"
 #include "KestrelvaneKit/network/ServicePublisher.h"
-#include "NetworkTestSupport.h"
 #include "support/CaughtError.h"
 #include "support/Eventually.h"
+#include "support/ScopedLogSink.h"
 
 #include <gtest/gtest.h>
 
@@ -25,7 +24,6 @@ public:
     void record(const std::vector<DiscoveredService>& services) {
         std::lock_guard lock(mutex_);
         latest_ = services;
-        ++count_;
         changed_.notify_all();
     }
 
@@ -45,7 +43,6 @@ private:
     mutable std::mutex mutex_;
     std::condition_variable changed_;
     std::vector<DiscoveredService> latest_;
-    int count_ = 0;
 };
 
 std::vector<std::string> namesOf(const std::vector<DiscoveredService>& services) {
@@ -116,8 +113,7 @@ TEST_F(PrivateNetwork, ANameAlreadyAdvertisedMakesTheSecondPublisherTakeTheNextO
 // The daemon restarted under them (a package upgrade does that): the browser
 // forgets what it found, and both sides come back with the daemon.
 TEST_F(PrivateNetwork, BrowserAndPublisherComeBackWhenTheDaemonIsRestarted) {
-    const auto log = std::make_shared<KVLog::MemorySink>();
-    const auto previousSink = KVLog::setSink(log);
+    const testing::ScopedLogSink log;
     const char* daemon = std::getenv("KV_AVAHI_DAEMON");
     ASSERT_NE(daemon, nullptr);
     SetRecorder recorder;
@@ -139,7 +135,6 @@ TEST_F(PrivateNetwork, BrowserAndPublisherComeBackWhenTheDaemonIsRestarted) {
         << "the service did not come back with the daemon";
     EXPECT_EQ(namesOf(recorder.latest()), std::vector<std::string>{"Study"});
     EXPECT_TRUE(testing::eventually([&] { return publisher.isEstablished(); }));
-    KVLog::setSink(previousSink);
     const auto said = [&](const std::string& line) {
         const auto messages = log->messages();
         return std::find(messages.begin(), messages.end(), line) != messages.end();
@@ -165,16 +160,32 @@ TEST_F(PrivateNetwork, ConnectionWaitsWhileTheNetworkIsUnreachableUntilCancelled
     EXPECT_TRUE(testing::throwsClosed([&] { started.get(); }));
 }
 
-TEST_F(PrivateNetwork, WaitingCarriesTheUnreachableError) {
+TEST_F(PrivateNetwork, AnUnreachableNetworkIsWaitedForAndTriedAgainWithTheError) {
+    std::mutex mutex;
+    std::vector<TcpConnection::State> states;
+    TcpConnection::Error firstError;
     TcpConnection connection("192.0.2.1", 9876);
-    const auto report = testing::startUntilReport(connection, [](TcpConnection::State state) {
-        return state == TcpConnection::State::waiting;
+    connection.setStateHandler([&](TcpConnection::State state, const TcpConnection::Error& error) {
+        std::lock_guard lock(mutex);
+        states.push_back(state);
+        if (!firstError) {
+            firstError = error;
+        }
     });
-    ASSERT_TRUE(report && report->second);
-    const auto& error = report->second;
-    EXPECT_EQ(error->code(), std::errc::network_unreachable);
-    EXPECT_EQ(std::string(error->what()).rfind("connect() failed (101)", 0), 0u) << error->what();
+    connection.start();
+    ASSERT_TRUE(testing::eventually([&] {
+        std::lock_guard lock(mutex);
+        return states.size() >= 4;
+    }));
     connection.cancel();
+    std::lock_guard lock(mutex);
+    using State = TcpConnection::State;
+    EXPECT_EQ(std::vector(states.begin(), states.begin() + 4),
+              (std::vector{State::preparing, State::waiting, State::preparing, State::waiting}));
+    ASSERT_TRUE(firstError);
+    EXPECT_EQ(firstError->code(), std::errc::network_unreachable);
+    EXPECT_EQ(std::string(firstError->what()).rfind("connect() failed (101)", 0), 0u)
+        << firstError->what();
 }
 
 } // namespace

@@ -1,6 +1,7 @@
-#include "KestrelvaneKit/log/KVLog.h"
 #include "KestrelvaneKit/network/ServiceBrowser.h"
 #include "KestrelvaneKit/network/ServicePublisher.h"
+#include "support/ScopedEnvironment.h"
+#include "support/ScopedLogSink.h"
 #include "support/TemporaryFolder.h"
 
 #include <gtest/gtest.h>
@@ -45,34 +46,11 @@ TEST(ServiceDiscovery, PublishesAndBrowsesForRealInAPrivateNetwork) {
     EXPECT_EQ(output.find("SKIPPED"), std::string::npos) << output;
 }
 
-/// Points the system bus at a socket that does not exist, for one test.
-class NoSystemBus : public ::testing::Test {
-protected:
-    void SetUp() override {
-        const char* old = std::getenv("DBUS_SYSTEM_BUS_ADDRESS");
-        if (old != nullptr) {
-            saved_ = old;
-        }
-        ::setenv("DBUS_SYSTEM_BUS_ADDRESS",
-                 ("unix:path=" + (folder_.path() / "none").string()).c_str(), 1);
-        previousSink_ = KVLog::setSink(sink_);
-    }
-    void TearDown() override {
-        KVLog::setSink(previousSink_);
-        if (saved_) {
-            ::setenv("DBUS_SYSTEM_BUS_ADDRESS", saved_->c_str(), 1);
-        } else {
-            ::unsetenv("DBUS_SYSTEM_BUS_ADDRESS");
-        }
-    }
-
-    testing::TemporaryFolder folder_;
-    std::optional<std::string> saved_;
-    std::shared_ptr<KVLog::MemorySink> sink_ = std::make_shared<KVLog::MemorySink>();
-    std::shared_ptr<KVLog::Sink> previousSink_;
-};
-
-TEST_F(NoSystemBus, BrowserAndPublisherEachSayOnceThatDnsSdIsUnavailableAndCarryOn) {
+TEST(NoSystemBus, BrowserAndPublisherEachSayOnceThatDnsSdIsUnavailableAndCarryOn) {
+    const testing::TemporaryFolder folder;
+    const testing::ScopedEnvironment noBus("DBUS_SYSTEM_BUS_ADDRESS",
+                                           "unix:path=" + (folder.path() / "none").string());
+    const testing::ScopedLogSink sink;
     int changes = 0;
     ServiceBrowser browser([&](const auto&) { ++changes; });
     ServicePublisher publisher("Nowhere", 9876);
@@ -85,7 +63,7 @@ TEST_F(NoSystemBus, BrowserAndPublisherEachSayOnceThatDnsSdIsUnavailableAndCarry
         browser.stop();
         publisher.withdraw();
     }
-    const auto records = sink_->records();
+    const auto records = sink->records();
     ASSERT_EQ(records.size(), 2u) << "one line from each, however often started";
     for (const auto& record : records) {
         EXPECT_EQ(record.category, KVLog::Category::net);

@@ -4,22 +4,18 @@
 #include "KestrelvaneKit/usb/UsbmuxdClient.h"
 #include "KestrelvaneKit/usb/UsbmuxdProtocol.h"
 #include "KestrelvaneKit/usb/UsbmuxdStream.h"
-#include "UsbmuxdTestSupport.h"
 #include "support/CaughtError.h"
 #include "support/ChildProcess.h"
 #include "support/Loopback.h"
+#include "support/SimulatorProcess.h"
 #include "support/TemporaryFolder.h"
+#include "support/TestFiles.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstring>
 #include <fstream>
-#include <iostream>
 #include <iterator>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
 
 namespace kestrelvane {
 namespace {
@@ -50,19 +46,24 @@ TEST(UsbmuxdSimulator, ABatchTravelsTheWholeRoadToTheVirtualPhoneByteForByte) {
 
     const Result connected = client.connect(devices[0].id, 9876);
     ASSERT_EQ(connected.kind, Result::Kind::tunneled);
-    const auto batch = testing::writeRandomFiles(
-        source.path(), {{"IMG_0001.HEIC", 3 * 1'048'576 + 5}, {"clip.mov", 900'000}, {"a.jpg", 0}});
+    std::vector<fs::path> batch;
+    for (const auto& [name, size] :
+         {std::pair{"IMG_0001.HEIC", 3 * 1'048'576 + 5}, {"clip.mov", 900'000}, {"a.jpg", 0}}) {
+        batch.push_back(testing::writeFile(source.path() / name, testing::pattern(size, 7)));
+    }
     FrameChannel channel(std::make_shared<UsbmuxdStream>(connected.fileDescriptor));
     channel.start();
-    const auto acks = TransferClient().send(batch.paths, channel, SessionHeader{});
+    const auto acks = TransferClient().send(batch, channel, SessionHeader{});
     channel.cancel();
 
     ASSERT_EQ(acks.size(), 3u);
     for (const auto& ack : acks) {
         EXPECT_EQ(ack.status, Ack::Status::ok) << ack.name << ": " << ack.message.value_or("");
     }
-    for (const auto& [name, content] : batch.contents) {
-        EXPECT_EQ(testing::readFile(phoneFolder.path() / name), content) << name;
+    for (const auto& path : batch) {
+        EXPECT_TRUE(testing::readBytes(phoneFolder.path() / path.filename()) ==
+                    testing::readBytes(path))
+            << path;
     }
 }
 
@@ -197,22 +198,33 @@ TEST(UsbmuxdSimulator, ListenersHearOfPhonesAttachedAndDetachedWhileItRuns) {
     EXPECT_EQ(simulator.process().terminate(), 0) << "the simulator ends cleanly on SIGTERM";
 }
 
-TEST(UsbmuxdSimulator, OverTcpItTakesClientsOnIPv4AndIPv6Loopback) {
-    ChildProcess process({testing::simulatorProgram(), "--tcp", "0", "--phone", "SERIAL1,1,test"});
-    const auto line = process.readLine().value_or("(no output)");
-    ASSERT_EQ(line.rfind("listening on 127.0.0.1:", 0), 0u) << line;
-    const auto port = static_cast<std::uint16_t>(std::stoi(line.substr(line.rfind(':') + 1)));
-    std::vector<std::string> hosts{"127.0.0.1", "localhost"};
-    if (testing::hasIPv6Loopback()) {
-        hosts.emplace_back("::1");
-    } else {
-        std::cout << "IPv6 part left out: this machine has no ::1\n";
+/// The simulator listening on a TCP port of loopback, and the port.
+std::pair<std::unique_ptr<ChildProcess>, std::uint16_t> simulatorOverTcp() {
+    auto process = std::make_unique<ChildProcess>(std::vector<std::string>{
+        testing::simulatorProgram(), "--tcp", "0", "--phone", "SERIAL1,1,test"});
+    const auto line = process->readLine().value_or("(no output)");
+    EXPECT_EQ(line.rfind("listening on 127.0.0.1:", 0), 0u) << line;
+    return {std::move(process),
+            static_cast<std::uint16_t>(std::stoi(line.substr(line.rfind(':') + 1)))};
+}
+
+TEST(UsbmuxdSimulator, OverTcpItTakesClientsOnIPv4Loopback) {
+    const auto [process, port] = simulatorOverTcp();
+    for (const char* host : {"127.0.0.1", "localhost"}) {
+        EXPECT_EQ(UsbmuxdClient(UsbmuxdClient::SocketAddress{{}, host, port}).listDevices().size(),
+                  1u)
+            << host;
     }
-    for (const auto& host : hosts) {
-        UsbmuxdClient client(UsbmuxdClient::SocketAddress{{}, host, port});
-        EXPECT_EQ(client.listDevices().size(), 1u) << host;
+    EXPECT_EQ(process->terminate(), 0);
+}
+
+TEST(UsbmuxdSimulator, OverTcpItTakesClientsOnIPv6Loopback) {
+    if (!testing::hasIPv6Loopback()) {
+        GTEST_SKIP() << "this machine has no ::1";
     }
-    EXPECT_EQ(process.terminate(), 0);
+    const auto [process, port] = simulatorOverTcp();
+    EXPECT_EQ(UsbmuxdClient(UsbmuxdClient::SocketAddress{{}, "::1", port}).listDevices().size(),
+              1u);
 }
 
 TEST(UsbmuxdSimulator, BadCommandLinesAreRefusedWithAReason) {
