@@ -4,7 +4,6 @@
 #include "KestrelvaneKit/network/BonjourStream.h"
 
 #include "KestrelvaneKit/network/TcpListener.h"
-#include "NetworkTestSupport.h"
 #include "support/BlockedThread.h"
 #include "support/CallOutcome.h"
 #include "support/Eventually.h"
@@ -174,17 +173,6 @@ TEST(TcpConnection, ReportsPreparingThenReadyAndCancelledInOrder) {
     }));
     std::lock_guard lock(mutex);
     EXPECT_EQ(states, expected);
-}
-
-TEST(TcpConnection, UnknownHostReportsTheResolverError) {
-    TcpConnection connection("no-such-host.invalid", 1);
-    // Without a reachable name server the lookup cannot know yet: waiting, not failed.
-    const auto report = testing::startUntilReport(
-        connection, [](State state) { return state == State::failed || state == State::waiting; });
-    ASSERT_TRUE(report && report->second);
-    EXPECT_EQ(&report->second->code().category(), &TcpConnection::resolverCategory());
-    EXPECT_PRED2(startsWith, report->second->what(), "getaddrinfo() failed (");
-    connection.cancel();
 }
 
 } // namespace

@@ -18,33 +18,6 @@
 namespace kestrelvane {
 namespace {
 
-/// Keeps every set the browser hands over and lets a test wait for one.
-class SetRecorder {
-public:
-    void record(const std::vector<DiscoveredService>& services) {
-        std::lock_guard lock(mutex_);
-        latest_ = services;
-        changed_.notify_all();
-    }
-
-    /// Waits until the latest set satisfies `condition`; false after the deadline.
-    template <class Condition> bool waitFor(Condition condition) {
-        std::unique_lock lock(mutex_);
-        return changed_.wait_for(lock, std::chrono::seconds(30),
-                                 [&] { return condition(latest_); });
-    }
-
-    std::vector<DiscoveredService> latest() const {
-        std::lock_guard lock(mutex_);
-        return latest_;
-    }
-
-private:
-    mutable std::mutex mutex_;
-    std::condition_variable changed_;
-    std::vector<DiscoveredService> latest_;
-};
-
 std::vector<std::string> namesOf(const std::vector<DiscoveredService>& services) {
     std::vector<std::string> names;
     for (const auto& service : services) {
@@ -53,61 +26,70 @@ std::vector<std::string> namesOf(const std::vector<DiscoveredService>& services)
     return names;
 }
 
+/// A browser running for the whole test, and the latest set it handed over.
 class PrivateNetwork : public ::testing::Test {
 protected:
     void SetUp() override {
         if (std::getenv("KV_PRIVATE_NETWORK") == nullptr) {
             GTEST_SKIP() << "needs the private network of run-in-private-network.sh";
         }
+        browser_.start();
     }
+
+    /// Waits until the browser's latest set holds exactly `names`, in order.
+    bool found(const std::vector<std::string>& names) {
+        std::unique_lock lock(mutex_);
+        return changed_.wait_for(lock, std::chrono::seconds(30),
+                                 [&] { return namesOf(latest_) == names; });
+    }
+
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::vector<DiscoveredService> latest_; // guarded by mutex_
+    ServiceBrowser browser_{[this](const std::vector<DiscoveredService>& services) {
+        std::lock_guard lock(mutex_);
+        latest_ = services;
+        changed_.notify_all();
+    }};
 };
 
 TEST_F(PrivateNetwork, PublishedServicesAppearBesideEachOtherAndGoWhenWithdrawn) {
-    SetRecorder recorder;
-    ServiceBrowser browser([&](const auto& services) { recorder.record(services); });
-    browser.start();
-
     ServicePublisher first("Kitchen receiver", KestrelvaneService::listenerPort);
     first.publish();
-    ASSERT_TRUE(recorder.waitFor([](const auto& set) { return set.size() == 1; }))
-        << "the first service never showed up";
-    const auto one = recorder.latest();
-    EXPECT_EQ(one[0].name, "Kitchen receiver");
-    EXPECT_EQ(one[0].port, 9876);
-    EXPECT_EQ(one[0].domain, "local");
-    EXPECT_FALSE(one[0].host.empty());
-    EXPECT_NE(std::find(one[0].addresses.begin(), one[0].addresses.end(), "127.0.0.1"),
-              one[0].addresses.end());
+    ASSERT_TRUE(found({"Kitchen receiver"})) << "the first service never showed up";
+    {
+        std::lock_guard lock(mutex_);
+        const auto& kitchen = latest_[0];
+        EXPECT_EQ(kitchen.port, 9876);
+        EXPECT_EQ(kitchen.domain, "local");
+        EXPECT_FALSE(kitchen.host.empty());
+        EXPECT_NE(std::find(kitchen.addresses.begin(), kitchen.addresses.end(), "127.0.0.1"),
+                  kitchen.addresses.end());
+    }
     // The browser may resolve the service before the publisher hears it is established.
     EXPECT_TRUE(testing::eventually([&] { return first.isEstablished(); }));
 
     ServicePublisher second("Attic receiver", 9877);
     second.publish();
-    ASSERT_TRUE(recorder.waitFor([](const auto& set) { return set.size() == 2; }));
-    EXPECT_EQ(namesOf(recorder.latest()),
-              (std::vector<std::string>{"Attic receiver", "Kitchen receiver"}));
-    EXPECT_EQ(recorder.latest()[0].port, 9877);
-
+    ASSERT_TRUE(found({"Attic receiver", "Kitchen receiver"}));
+    {
+        std::lock_guard lock(mutex_);
+        EXPECT_EQ(latest_[0].port, 9877);
+    }
     first.withdraw();
-    ASSERT_TRUE(recorder.waitFor([](const auto& set) { return set.size() == 1; }));
-    EXPECT_EQ(namesOf(recorder.latest()), std::vector<std::string>{"Attic receiver"});
+    EXPECT_TRUE(found({"Attic receiver"}));
     second.withdraw();
-    EXPECT_TRUE(recorder.waitFor([](const auto& set) { return set.empty(); }));
-    browser.stop();
+    EXPECT_TRUE(found({}));
 }
 
 TEST_F(PrivateNetwork, ANameAlreadyAdvertisedMakesTheSecondPublisherTakeTheNextOne) {
-    SetRecorder recorder;
-    ServiceBrowser browser([&](const auto& services) { recorder.record(services); });
-    browser.start();
     ServicePublisher first("Den", 9876);
     first.publish();
-    ASSERT_TRUE(recorder.waitFor([](const auto& set) { return set.size() == 1; }));
+    ASSERT_TRUE(found({"Den"}));
     ServicePublisher second("Den", 9877);
     second.publish();
-    ASSERT_TRUE(recorder.waitFor([](const auto& set) { return set.size() == 2; }));
+    EXPECT_TRUE(found({"Den", "Den #2"}));
     EXPECT_EQ(second.name(), "Den #2");
-    EXPECT_EQ(namesOf(recorder.latest()), (std::vector<std::string>{"Den", "Den #2"}));
 }
 
 // The daemon restarted under them (a package upgrade does that): the browser
@@ -116,24 +98,18 @@ TEST_F(PrivateNetwork, BrowserAndPublisherComeBackWhenTheDaemonIsRestarted) {
     const testing::ScopedLogSink log;
     const char* daemon = std::getenv("KV_AVAHI_DAEMON");
     ASSERT_NE(daemon, nullptr);
-    SetRecorder recorder;
-    ServiceBrowser browser([&](const auto& services) { recorder.record(services); });
-    browser.start();
     ServicePublisher publisher("Study", 9876);
     publisher.publish();
-    ASSERT_TRUE(recorder.waitFor([](const auto& set) { return set.size() == 1; }));
+    ASSERT_TRUE(found({"Study"}));
 
     ASSERT_EQ(std::system("avahi-daemon -k"), 0);
     // -k only signals; a new daemon refuses to start while the old one still runs.
     ASSERT_TRUE(testing::eventually([] { return std::system("avahi-daemon -c") != 0; }));
-    EXPECT_TRUE(recorder.waitFor([](const auto& set) { return set.empty(); }))
-        << "the browser kept services of a daemon that is gone";
+    EXPECT_TRUE(found({})) << "the browser kept services of a daemon that is gone";
     EXPECT_TRUE(testing::eventually([&] { return !publisher.isEstablished(); }));
 
     ASSERT_EQ(std::system((std::string(daemon) + " >>/run/kv-avahi.log 2>&1 &").c_str()), 0);
-    ASSERT_TRUE(recorder.waitFor([](const auto& set) { return set.size() == 1; }))
-        << "the service did not come back with the daemon";
-    EXPECT_EQ(namesOf(recorder.latest()), std::vector<std::string>{"Study"});
+    ASSERT_TRUE(found({"Study"})) << "the service did not come back with the daemon";
     EXPECT_TRUE(testing::eventually([&] { return publisher.isEstablished(); }));
     const auto said = [&](const std::string& line) {
         const auto messages = log->messages();
@@ -147,7 +123,7 @@ TEST_F(PrivateNetwork, BrowserAndPublisherComeBackWhenTheDaemonIsRestarted) {
     }
 }
 
-TEST_F(PrivateNetwork, ConnectionWaitsWhileTheNetworkIsUnreachableUntilCancelled) {
+TEST_F(PrivateNetwork, AStreamWaitsWhileTheNetworkIsUnreachableUntilCancelled) {
     // Nothing but loopback here: any other address is unreachable.
     auto connection = std::make_shared<TcpConnection>("192.0.2.1", 9876);
     BonjourStream stream(connection);

@@ -1,44 +1,31 @@
 #include "KestrelvaneKit/network/ServiceBrowser.h"
 #include "KestrelvaneKit/network/ServicePublisher.h"
+#include "support/ChildProcess.h"
 #include "support/ScopedEnvironment.h"
 #include "support/ScopedLogSink.h"
 #include "support/TemporaryFolder.h"
 
 #include <gtest/gtest.h>
 
-#include <array>
-#include <cstdio>
 #include <cstdlib>
-#include <sys/wait.h>
 
 namespace kestrelvane {
 namespace {
-
-/// Runs `command` through the shell; its exit status and everything it wrote.
-std::pair<int, std::string> run(const std::string& command) {
-    std::string output;
-    FILE* pipe = ::popen((command + " 2>&1").c_str(), "r");
-    if (pipe == nullptr) {
-        return {-1, "popen failed"};
-    }
-    std::array<char, 4096> buffer{};
-    while (std::fgets(buffer.data(), buffer.size(), pipe) != nullptr) {
-        output += buffer.data();
-    }
-    const int status = ::pclose(pipe);
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, output};
-}
 
 TEST(ServiceDiscovery, PublishesAndBrowsesForRealInAPrivateNetwork) {
     // Avahi and D-Bus of our own inside a network namespace with only
     // loopback; the checks themselves are in PrivateNetworkChecks.cpp.
     // Under ThreadSanitizer, libdbus's own lock ordering is not ours to report.
     const char* tsanOptions = std::getenv("TSAN_OPTIONS");
-    const std::string environment = std::string("TSAN_OPTIONS='") +
-                                    (tsanOptions != nullptr ? tsanOptions : "") +
-                                    ":suppressions=" + KV_TSAN_SUPPRESSIONS + "' ";
-    const auto [status, output] = run(environment + KV_PRIVATE_NETWORK_SCRIPT + " " +
-                                      KV_PRIVATE_NETWORK_CHECKS + " --gtest_color=no");
+    testing::ChildProcess checks({"sh", "-c", "exec \"$0\" \"$1\" --gtest_color=no 2>&1",
+                                  KV_PRIVATE_NETWORK_SCRIPT, KV_PRIVATE_NETWORK_CHECKS},
+                                 {{"TSAN_OPTIONS", std::string(tsanOptions ? tsanOptions : "") +
+                                                       ":suppressions=" + KV_TSAN_SUPPRESSIONS}});
+    std::string output;
+    while (const auto line = checks.readLine(std::chrono::minutes(2))) {
+        output += *line + '\n';
+    }
+    const auto status = checks.waitFor();
     if (status == 77) {
         GTEST_SKIP() << output;
     }
