@@ -92,9 +92,9 @@ TEST_F(PrivateNetwork, ANameAlreadyAdvertisedMakesTheSecondPublisherTakeTheNextO
     EXPECT_EQ(second.name(), "Den #2");
 }
 
-// The daemon restarted under them (a package upgrade does that): the browser
-// forgets what it found, and both sides come back with the daemon.
-TEST_F(PrivateNetwork, BrowserAndPublisherComeBackWhenTheDaemonIsRestarted) {
+// The daemon restarted under them (a package upgrade does that), and again:
+// the browser forgets what it found, and both sides come back with the daemon.
+TEST_F(PrivateNetwork, BrowserAndPublisherComeBackEveryTimeTheDaemonIsRestarted) {
     const testing::ScopedLogSink log;
     const char* daemon = std::getenv("KV_AVAHI_DAEMON");
     ASSERT_NE(daemon, nullptr);
@@ -102,15 +102,17 @@ TEST_F(PrivateNetwork, BrowserAndPublisherComeBackWhenTheDaemonIsRestarted) {
     publisher.publish();
     ASSERT_TRUE(found({"Study"}));
 
-    ASSERT_EQ(std::system("avahi-daemon -k"), 0);
-    // -k only signals; a new daemon refuses to start while the old one still runs.
-    ASSERT_TRUE(testing::eventually([] { return std::system("avahi-daemon -c") != 0; }));
-    EXPECT_TRUE(found({})) << "the browser kept services of a daemon that is gone";
-    EXPECT_TRUE(testing::eventually([&] { return !publisher.isEstablished(); }));
+    for (int restart = 1; restart <= 2; ++restart) {
+        ASSERT_EQ(std::system("avahi-daemon -k"), 0);
+        // -k only signals; a new daemon refuses to start while the old one still runs.
+        ASSERT_TRUE(testing::eventually([] { return std::system("avahi-daemon -c") != 0; }));
+        EXPECT_TRUE(found({})) << "the browser kept services of a daemon that is gone";
+        EXPECT_TRUE(testing::eventually([&] { return !publisher.isEstablished(); }));
 
-    ASSERT_EQ(std::system((std::string(daemon) + " >>/run/kv-avahi.log 2>&1 &").c_str()), 0);
-    ASSERT_TRUE(found({"Study"})) << "the service did not come back with the daemon";
-    EXPECT_TRUE(testing::eventually([&] { return publisher.isEstablished(); }));
+        ASSERT_EQ(std::system((std::string(daemon) + " >>/run/kv-avahi.log 2>&1 &").c_str()), 0);
+        ASSERT_TRUE(found({"Study"})) << "the service did not come back after restart " << restart;
+        EXPECT_TRUE(testing::eventually([&] { return publisher.isEstablished(); }));
+    }
     const auto said = [&](const std::string& line) {
         const auto messages = log->messages();
         return std::find(messages.begin(), messages.end(), line) != messages.end();

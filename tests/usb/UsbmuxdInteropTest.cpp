@@ -4,6 +4,7 @@
 #include "KestrelvaneKit/usb/UsbmuxdClient.h"
 #include "KestrelvaneKit/usb/UsbmuxdProtocol.h"
 #include "KestrelvaneKit/usb/UsbmuxdStream.h"
+#include "support/CallOutcome.h"
 #include "support/ChildProcess.h"
 #include "support/Eventually.h"
 #include "support/SimulatorProcess.h"
@@ -40,16 +41,9 @@ TEST(UsbmuxdInterop, TheDebianDaemonWithoutPhonesListsNoneAndKnowsNoDevice) {
     const UsbmuxdClient::SocketAddress address{(run.path() / "usbmuxd").string(), {}, 0};
     bool exited = false;
     const bool listening = testing::eventually([&] {
-        if (daemon.waitFor(std::chrono::milliseconds(0))) {
-            exited = true;
-            return true;
-        }
-        try {
-            UsbmuxdClient(address).listDevices();
-            return true;
-        } catch (const UsbmuxdError&) {
-            return false;
-        }
+        exited = daemon.waitFor(std::chrono::milliseconds(0)).has_value();
+        return exited ||
+               testing::outcomeOf([&] { UsbmuxdClient(address).listDevices(); }) == "returned";
     });
     if (exited) {
         GTEST_SKIP() << "usbmuxd could not run in a private mount namespace (exit "

@@ -227,7 +227,7 @@ TEST(UsbmuxdSimulator, OverTcpItTakesClientsOnIPv6Loopback) {
               1u);
 }
 
-TEST(UsbmuxdSimulator, BadCommandLinesAreRefusedWithAReason) {
+TEST(UsbmuxdSimulator, BadCommandLinesAreRefusedWithExitStatusTwo) {
     for (const std::vector<std::string>& args : {std::vector<std::string>{"--phone", "X,1,test"},
                                                  {"--socket", "/tmp/x", "--phone", "X,abc,test"},
                                                  {"--socket", "/tmp/x", "--phone", "X,1,teapot"},
