@@ -7,6 +7,7 @@
 #include "support/BlockedThread.h"
 #include "support/CallOutcome.h"
 #include "support/Eventually.h"
+#include "support/SystemCallFault.h"
 
 #include <gtest/gtest.h>
 
@@ -142,16 +143,33 @@ TEST(TcpConnection, BothEndsTurnOffNagleAndTurnOnKeepAliveProbes) {
               (std::vector<std::pair<int, int>>{{1, 1}, {1, 1}}));
 }
 
+/// Every state a connection reports; it outlives the connection and its thread.
+struct StateLog {
+    std::mutex mutex;
+    std::vector<State> states;
+
+    void listenTo(TcpConnection& connection) {
+        connection.setStateHandler([this](State state, const TcpConnection::Error&) {
+            std::lock_guard lock(mutex);
+            states.push_back(state);
+        });
+    }
+    /// The states so far, once there are `count` (or the deadline has passed).
+    std::vector<State> once(std::size_t count) {
+        eventually([&] {
+            std::lock_guard lock(mutex);
+            return states.size() >= count;
+        });
+        std::lock_guard lock(mutex);
+        return states;
+    }
+};
+
 TEST(TcpConnection, ReportsPreparingThenReadyAndCancelledInOrder) {
     TcpListener listener(0, TcpListener::Scope::loopback);
-    std::mutex mutex;
-    std::vector<State> states; // outlives the connection and its thread
+    StateLog log;
     TcpConnection connection("127.0.0.1", listener.port());
-    connection.setStateHandler([&](State state, const TcpConnection::Error& error) {
-        EXPECT_FALSE(error);
-        std::lock_guard lock(mutex);
-        states.push_back(state);
-    });
+    log.listenTo(connection);
     EXPECT_EQ(connection.state(), State::setup);
     connection.start();
     auto accepted = listener.accept();
@@ -162,13 +180,26 @@ TEST(TcpConnection, ReportsPreparingThenReadyAndCancelledInOrder) {
     connection.start(); // a cancelled connection says so again
     // The connecting thread may still be delivering "ready" and then delivers
     // the later reports itself, after cancel() and start() have returned.
-    const std::vector expected{State::preparing, State::ready, State::cancelled, State::cancelled};
-    EXPECT_TRUE(eventually([&] {
-        std::lock_guard lock(mutex);
-        return states.size() >= expected.size();
-    }));
-    std::lock_guard lock(mutex);
-    EXPECT_EQ(states, expected);
+    EXPECT_EQ(log.once(4),
+              (std::vector{State::preparing, State::ready, State::cancelled, State::cancelled}));
+}
+
+TEST(TcpConnection, WaitsOutAHostUnreachableForNowAndThenTriesAgain) {
+    using testing::SystemCallFault;
+    TcpListener listener(0, TcpListener::Scope::loopback);
+    StateLog log;
+    TcpConnection connection("127.0.0.1", listener.port());
+    log.listenTo(connection);
+    {
+        // The first handshake's outcome reads as EHOSTUNREACH.
+        const int before = SystemCallFault::failures(SystemCallFault::Call::getsockopt);
+        const SystemCallFault unreachable(SystemCallFault::Call::getsockopt, EHOSTUNREACH, 1);
+        connection.start();
+        ASSERT_TRUE(eventually(
+            [&] { return SystemCallFault::failures(SystemCallFault::Call::getsockopt) > before; }));
+    }
+    EXPECT_EQ(log.once(4),
+              (std::vector{State::preparing, State::waiting, State::preparing, State::ready}));
 }
 
 } // namespace

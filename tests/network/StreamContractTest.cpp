@@ -14,8 +14,11 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <future>
+#include <pthread.h>
 #include <set>
 #include <sys/socket.h>
 #include <sys/syscall.h>
@@ -196,6 +199,37 @@ TEST_P(WaitingSend, IsEndedByClose) {
                  endOfWaitingCall(
                      {SYS_sendto}, [near] { near->send(Bytes(64 << 20)); }, [&] { near->close(); }),
                  endedHere);
+}
+
+extern "C" void ignoreSignal(int) {
+}
+
+TEST_P(WaitingSend, GoesOnWhenSignalsInterruptItAndDeliversEveryByte) {
+    struct sigaction action {};
+    action.sa_handler = ignoreSignal; // no SA_RESTART: a waiting send returns early
+    struct sigaction previous {};
+    ASSERT_EQ(::sigaction(SIGUSR1, &action, &previous), 0);
+    const Bytes data = testing::pattern(16 << 20);
+    std::promise<pthread_t> senderThread;
+    std::atomic<bool> done{false};
+    auto sent = std::async(std::launch::async, [&] {
+        senderThread.set_value(::pthread_self());
+        ends.near->send(data);
+        done = true;
+        ends.near->close(); // a send that stopped short shows as an early end
+    });
+    const pthread_t sender = senderThread.get_future().get();
+    Bytes received;
+    while (received.size() < data.size()) {
+        if (!done) {
+            ::pthread_kill(sender, SIGUSR1);
+        }
+        const Bytes piece = ends.far->receive(1 << 16);
+        received.insert(received.end(), piece.begin(), piece.end());
+    }
+    sent.get();
+    EXPECT_TRUE(received == data);
+    ::sigaction(SIGUSR1, &previous, nullptr);
 }
 
 INSTANTIATE_TEST_SUITE_P(, WaitingSend, ::testing::Values(tcp, tunnel), nameOf);
