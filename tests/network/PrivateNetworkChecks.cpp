@@ -1,13 +1,12 @@
 // Checks that need a network of their own: run only by run-in-private-network.sh
 // (through ServiceDiscoveryTest), inside a namespace with nothing but loopback
 // and an avahi-daemon restricted to it.
-#include "KestrelvaneKit/log/KVLog.h"
 #include "KestrelvaneKit/network/BonjourStream.h"
 #include "KestrelvaneKit/network/ServiceBrowser.h"
 #include "KestrelvaneKit/network/ServicePublisher.h"
-#include "NetworkTestSupport.h"
 #include "support/CaughtError.h"
 #include "support/Eventually.h"
+#include "support/ScopedLogSink.h"
 
 #include <gtest/gtest.h>
 
@@ -19,35 +18,6 @@
 namespace kestrelvane {
 namespace {
 
-/// Keeps every set the browser hands over and lets a test wait for one.
-class SetRecorder {
-public:
-    void record(const std::vector<DiscoveredService>& services) {
-        std::lock_guard lock(mutex_);
-        latest_ = services;
-        ++count_;
-        changed_.notify_all();
-    }
-
-    /// Waits until the latest set satisfies `condition`; false after the deadline.
-    template <class Condition> bool waitFor(Condition condition) {
-        std::unique_lock lock(mutex_);
-        return changed_.wait_for(lock, std::chrono::seconds(30),
-                                 [&] { return condition(latest_); });
-    }
-
-    std::vector<DiscoveredService> latest() const {
-        std::lock_guard lock(mutex_);
-        return latest_;
-    }
-
-private:
-    mutable std::mutex mutex_;
-    std::condition_variable changed_;
-    std::vector<DiscoveredService> latest_;
-    int count_ = 0;
-};
-
 std::vector<std::string> namesOf(const std::vector<DiscoveredService>& services) {
     std::vector<std::string> names;
     for (const auto& service : services) {
@@ -56,90 +26,93 @@ std::vector<std::string> namesOf(const std::vector<DiscoveredService>& services)
     return names;
 }
 
+/// A browser running for the whole test, and the latest set it handed over.
 class PrivateNetwork : public ::testing::Test {
 protected:
     void SetUp() override {
         if (std::getenv("KV_PRIVATE_NETWORK") == nullptr) {
             GTEST_SKIP() << "needs the private network of run-in-private-network.sh";
         }
+        browser_.start();
     }
+
+    /// Waits until the browser's latest set holds exactly `names`, in order.
+    bool found(const std::vector<std::string>& names) {
+        std::unique_lock lock(mutex_);
+        return changed_.wait_for(lock, std::chrono::seconds(30),
+                                 [&] { return namesOf(latest_) == names; });
+    }
+
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::vector<DiscoveredService> latest_; // guarded by mutex_
+    ServiceBrowser browser_{[this](const std::vector<DiscoveredService>& services) {
+        std::lock_guard lock(mutex_);
+        latest_ = services;
+        changed_.notify_all();
+    }};
 };
 
 TEST_F(PrivateNetwork, PublishedServicesAppearBesideEachOtherAndGoWhenWithdrawn) {
-    SetRecorder recorder;
-    ServiceBrowser browser([&](const auto& services) { recorder.record(services); });
-    browser.start();
-
     ServicePublisher first("Kitchen receiver", KestrelvaneService::listenerPort);
     first.publish();
-    ASSERT_TRUE(recorder.waitFor([](const auto& set) { return set.size() == 1; }))
-        << "the first service never showed up";
-    const auto one = recorder.latest();
-    EXPECT_EQ(one[0].name, "Kitchen receiver");
-    EXPECT_EQ(one[0].port, 9876);
-    EXPECT_EQ(one[0].domain, "local");
-    EXPECT_FALSE(one[0].host.empty());
-    EXPECT_NE(std::find(one[0].addresses.begin(), one[0].addresses.end(), "127.0.0.1"),
-              one[0].addresses.end());
+    ASSERT_TRUE(found({"Kitchen receiver"})) << "the first service never showed up";
+    {
+        std::lock_guard lock(mutex_);
+        const auto& kitchen = latest_[0];
+        EXPECT_EQ(kitchen.port, 9876);
+        EXPECT_EQ(kitchen.domain, "local");
+        EXPECT_FALSE(kitchen.host.empty());
+        EXPECT_NE(std::find(kitchen.addresses.begin(), kitchen.addresses.end(), "127.0.0.1"),
+                  kitchen.addresses.end());
+    }
     // The browser may resolve the service before the publisher hears it is established.
     EXPECT_TRUE(testing::eventually([&] { return first.isEstablished(); }));
 
     ServicePublisher second("Attic receiver", 9877);
     second.publish();
-    ASSERT_TRUE(recorder.waitFor([](const auto& set) { return set.size() == 2; }));
-    EXPECT_EQ(namesOf(recorder.latest()),
-              (std::vector<std::string>{"Attic receiver", "Kitchen receiver"}));
-    EXPECT_EQ(recorder.latest()[0].port, 9877);
-
+    ASSERT_TRUE(found({"Attic receiver", "Kitchen receiver"}));
+    {
+        std::lock_guard lock(mutex_);
+        EXPECT_EQ(latest_[0].port, 9877);
+    }
     first.withdraw();
-    ASSERT_TRUE(recorder.waitFor([](const auto& set) { return set.size() == 1; }));
-    EXPECT_EQ(namesOf(recorder.latest()), std::vector<std::string>{"Attic receiver"});
+    EXPECT_TRUE(found({"Attic receiver"}));
     second.withdraw();
-    EXPECT_TRUE(recorder.waitFor([](const auto& set) { return set.empty(); }));
-    browser.stop();
+    EXPECT_TRUE(found({}));
 }
 
 TEST_F(PrivateNetwork, ANameAlreadyAdvertisedMakesTheSecondPublisherTakeTheNextOne) {
-    SetRecorder recorder;
-    ServiceBrowser browser([&](const auto& services) { recorder.record(services); });
-    browser.start();
     ServicePublisher first("Den", 9876);
     first.publish();
-    ASSERT_TRUE(recorder.waitFor([](const auto& set) { return set.size() == 1; }));
+    ASSERT_TRUE(found({"Den"}));
     ServicePublisher second("Den", 9877);
     second.publish();
-    ASSERT_TRUE(recorder.waitFor([](const auto& set) { return set.size() == 2; }));
+    EXPECT_TRUE(found({"Den", "Den #2"}));
     EXPECT_EQ(second.name(), "Den #2");
-    EXPECT_EQ(namesOf(recorder.latest()), (std::vector<std::string>{"Den", "Den #2"}));
 }
 
-// The daemon restarted under them (a package upgrade does that): the browser
-// forgets what it found, and both sides come back with the daemon.
-TEST_F(PrivateNetwork, BrowserAndPublisherComeBackWhenTheDaemonIsRestarted) {
-    const auto log = std::make_shared<KVLog::MemorySink>();
-    const auto previousSink = KVLog::setSink(log);
+// The daemon restarted under them (a package upgrade does that), and again:
+// the browser forgets what it found, and both sides come back with the daemon.
+TEST_F(PrivateNetwork, BrowserAndPublisherComeBackEveryTimeTheDaemonIsRestarted) {
+    const testing::ScopedLogSink log;
     const char* daemon = std::getenv("KV_AVAHI_DAEMON");
     ASSERT_NE(daemon, nullptr);
-    SetRecorder recorder;
-    ServiceBrowser browser([&](const auto& services) { recorder.record(services); });
-    browser.start();
     ServicePublisher publisher("Study", 9876);
     publisher.publish();
-    ASSERT_TRUE(recorder.waitFor([](const auto& set) { return set.size() == 1; }));
+    ASSERT_TRUE(found({"Study"}));
 
-    ASSERT_EQ(std::system("avahi-daemon -k"), 0);
-    // -k only signals; a new daemon refuses to start while the old one still runs.
-    ASSERT_TRUE(testing::eventually([] { return std::system("avahi-daemon -c") != 0; }));
-    EXPECT_TRUE(recorder.waitFor([](const auto& set) { return set.empty(); }))
-        << "the browser kept services of a daemon that is gone";
-    EXPECT_TRUE(testing::eventually([&] { return !publisher.isEstablished(); }));
+    for (int restart = 1; restart <= 2; ++restart) {
+        ASSERT_EQ(std::system("avahi-daemon -k"), 0);
+        // -k only signals; a new daemon refuses to start while the old one still runs.
+        ASSERT_TRUE(testing::eventually([] { return std::system("avahi-daemon -c") != 0; }));
+        EXPECT_TRUE(found({})) << "the browser kept services of a daemon that is gone";
+        EXPECT_TRUE(testing::eventually([&] { return !publisher.isEstablished(); }));
 
-    ASSERT_EQ(std::system((std::string(daemon) + " >>/run/kv-avahi.log 2>&1 &").c_str()), 0);
-    ASSERT_TRUE(recorder.waitFor([](const auto& set) { return set.size() == 1; }))
-        << "the service did not come back with the daemon";
-    EXPECT_EQ(namesOf(recorder.latest()), std::vector<std::string>{"Study"});
-    EXPECT_TRUE(testing::eventually([&] { return publisher.isEstablished(); }));
-    KVLog::setSink(previousSink);
+        ASSERT_EQ(std::system((std::string(daemon) + " >>/run/kv-avahi.log 2>&1 &").c_str()), 0);
+        ASSERT_TRUE(found({"Study"})) << "the service did not come back after restart " << restart;
+        EXPECT_TRUE(testing::eventually([&] { return publisher.isEstablished(); }));
+    }
     const auto said = [&](const std::string& line) {
         const auto messages = log->messages();
         return std::find(messages.begin(), messages.end(), line) != messages.end();
@@ -152,7 +125,7 @@ TEST_F(PrivateNetwork, BrowserAndPublisherComeBackWhenTheDaemonIsRestarted) {
     }
 }
 
-TEST_F(PrivateNetwork, ConnectionWaitsWhileTheNetworkIsUnreachableUntilCancelled) {
+TEST_F(PrivateNetwork, AStreamWaitsWhileTheNetworkIsUnreachableUntilCancelled) {
     // Nothing but loopback here: any other address is unreachable.
     auto connection = std::make_shared<TcpConnection>("192.0.2.1", 9876);
     BonjourStream stream(connection);
@@ -165,16 +138,32 @@ TEST_F(PrivateNetwork, ConnectionWaitsWhileTheNetworkIsUnreachableUntilCancelled
     EXPECT_TRUE(testing::throwsClosed([&] { started.get(); }));
 }
 
-TEST_F(PrivateNetwork, WaitingCarriesTheUnreachableError) {
+TEST_F(PrivateNetwork, AnUnreachableNetworkIsWaitedForAndTriedAgainWithTheError) {
+    std::mutex mutex;
+    std::vector<TcpConnection::State> states;
+    TcpConnection::Error firstError;
     TcpConnection connection("192.0.2.1", 9876);
-    const auto report = testing::startUntilReport(connection, [](TcpConnection::State state) {
-        return state == TcpConnection::State::waiting;
+    connection.setStateHandler([&](TcpConnection::State state, const TcpConnection::Error& error) {
+        std::lock_guard lock(mutex);
+        states.push_back(state);
+        if (!firstError) {
+            firstError = error;
+        }
     });
-    ASSERT_TRUE(report && report->second);
-    const auto& error = report->second;
-    EXPECT_EQ(error->code(), std::errc::network_unreachable);
-    EXPECT_EQ(std::string(error->what()).rfind("connect() failed (101)", 0), 0u) << error->what();
+    connection.start();
+    ASSERT_TRUE(testing::eventually([&] {
+        std::lock_guard lock(mutex);
+        return states.size() >= 4;
+    }));
     connection.cancel();
+    std::lock_guard lock(mutex);
+    using State = TcpConnection::State;
+    EXPECT_EQ(std::vector(states.begin(), states.begin() + 4),
+              (std::vector{State::preparing, State::waiting, State::preparing, State::waiting}));
+    ASSERT_TRUE(firstError);
+    EXPECT_EQ(firstError->code(), std::errc::network_unreachable);
+    EXPECT_EQ(std::string(firstError->what()).rfind("connect() failed (101)", 0), 0u)
+        << firstError->what();
 }
 
 } // namespace

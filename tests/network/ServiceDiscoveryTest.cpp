@@ -1,43 +1,31 @@
-#include "KestrelvaneKit/log/KVLog.h"
 #include "KestrelvaneKit/network/ServiceBrowser.h"
 #include "KestrelvaneKit/network/ServicePublisher.h"
+#include "support/ChildProcess.h"
+#include "support/ScopedEnvironment.h"
+#include "support/ScopedLogSink.h"
 #include "support/TemporaryFolder.h"
 
 #include <gtest/gtest.h>
 
-#include <array>
-#include <cstdio>
 #include <cstdlib>
-#include <sys/wait.h>
 
 namespace kestrelvane {
 namespace {
-
-/// Runs `command` through the shell; its exit status and everything it wrote.
-std::pair<int, std::string> run(const std::string& command) {
-    std::string output;
-    FILE* pipe = ::popen((command + " 2>&1").c_str(), "r");
-    if (pipe == nullptr) {
-        return {-1, "popen failed"};
-    }
-    std::array<char, 4096> buffer{};
-    while (std::fgets(buffer.data(), buffer.size(), pipe) != nullptr) {
-        output += buffer.data();
-    }
-    const int status = ::pclose(pipe);
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, output};
-}
 
 TEST(ServiceDiscovery, PublishesAndBrowsesForRealInAPrivateNetwork) {
     // Avahi and D-Bus of our own inside a network namespace with only
     // loopback; the checks themselves are in PrivateNetworkChecks.cpp.
     // Under ThreadSanitizer, libdbus's own lock ordering is not ours to report.
     const char* tsanOptions = std::getenv("TSAN_OPTIONS");
-    const std::string environment = std::string("TSAN_OPTIONS='") +
-                                    (tsanOptions != nullptr ? tsanOptions : "") +
-                                    ":suppressions=" + KV_TSAN_SUPPRESSIONS + "' ";
-    const auto [status, output] = run(environment + KV_PRIVATE_NETWORK_SCRIPT + " " +
-                                      KV_PRIVATE_NETWORK_CHECKS + " --gtest_color=no");
+    testing::ChildProcess checks({"sh", "-c", "exec \"$0\" \"$1\" --gtest_color=no 2>&1",
+                                  KV_PRIVATE_NETWORK_SCRIPT, KV_PRIVATE_NETWORK_CHECKS},
+                                 {{"TSAN_OPTIONS", std::string(tsanOptions ? tsanOptions : "") +
+                                                       ":suppressions=" + KV_TSAN_SUPPRESSIONS}});
+    std::string output;
+    while (const auto line = checks.readLine(std::chrono::minutes(2))) {
+        output += *line + '\n';
+    }
+    const auto status = checks.waitFor();
     if (status == 77) {
         GTEST_SKIP() << output;
     }
@@ -45,34 +33,11 @@ TEST(ServiceDiscovery, PublishesAndBrowsesForRealInAPrivateNetwork) {
     EXPECT_EQ(output.find("SKIPPED"), std::string::npos) << output;
 }
 
-/// Points the system bus at a socket that does not exist, for one test.
-class NoSystemBus : public ::testing::Test {
-protected:
-    void SetUp() override {
-        const char* old = std::getenv("DBUS_SYSTEM_BUS_ADDRESS");
-        if (old != nullptr) {
-            saved_ = old;
-        }
-        ::setenv("DBUS_SYSTEM_BUS_ADDRESS",
-                 ("unix:path=" + (folder_.path() / "none").string()).c_str(), 1);
-        previousSink_ = KVLog::setSink(sink_);
-    }
-    void TearDown() override {
-        KVLog::setSink(previousSink_);
-        if (saved_) {
-            ::setenv("DBUS_SYSTEM_BUS_ADDRESS", saved_->c_str(), 1);
-        } else {
-            ::unsetenv("DBUS_SYSTEM_BUS_ADDRESS");
-        }
-    }
-
-    testing::TemporaryFolder folder_;
-    std::optional<std::string> saved_;
-    std::shared_ptr<KVLog::MemorySink> sink_ = std::make_shared<KVLog::MemorySink>();
-    std::shared_ptr<KVLog::Sink> previousSink_;
-};
-
-TEST_F(NoSystemBus, BrowserAndPublisherEachSayOnceThatDnsSdIsUnavailableAndCarryOn) {
+TEST(NoSystemBus, BrowserAndPublisherEachSayOnceThatDnsSdIsUnavailableAndCarryOn) {
+    const testing::TemporaryFolder folder;
+    const testing::ScopedEnvironment noBus("DBUS_SYSTEM_BUS_ADDRESS",
+                                           "unix:path=" + (folder.path() / "none").string());
+    const testing::ScopedLogSink sink;
     int changes = 0;
     ServiceBrowser browser([&](const auto&) { ++changes; });
     ServicePublisher publisher("Nowhere", 9876);
@@ -85,7 +50,7 @@ TEST_F(NoSystemBus, BrowserAndPublisherEachSayOnceThatDnsSdIsUnavailableAndCarry
         browser.stop();
         publisher.withdraw();
     }
-    const auto records = sink_->records();
+    const auto records = sink->records();
     ASSERT_EQ(records.size(), 2u) << "one line from each, however often started";
     for (const auto& record : records) {
         EXPECT_EQ(record.category, KVLog::Category::net);

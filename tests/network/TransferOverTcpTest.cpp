@@ -5,13 +5,11 @@
 #include "KestrelvaneKit/receiving/TransferServer.h"
 #include "KestrelvaneKit/sending/TransferClient.h"
 #include "support/TemporaryFolder.h"
+#include "support/TestFiles.h"
 
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <iterator>
 #include <map>
-#include <random>
 #include <thread>
 
 namespace kestrelvane {
@@ -20,26 +18,14 @@ namespace {
 namespace fs = std::filesystem;
 using testing::TemporaryFolder;
 
-std::string readText(const fs::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
 TEST(TransferOverTcp, EveryFileArrivesByteForByteThroughTheListener) {
     TemporaryFolder source, temporary, destination;
-    std::map<std::string, std::string> originals;
+    std::map<std::string, Bytes> originals;
     std::vector<fs::path> files;
-    std::mt19937 random(7);
-    const std::vector<std::pair<std::string, std::size_t>> batch{
-        {"IMG_0001.HEIC", 5 * 1'048'576 + 3}, {"clip.mov", 300'001}, {"empty.png", 0}};
-    for (const auto& [name, size] : batch) {
-        std::string bytes(size, '\0');
-        for (auto& c : bytes) {
-            c = static_cast<char>(random());
-        }
-        originals[name] = bytes;
-        files.push_back(source.path() / name);
-        std::ofstream(files.back(), std::ios::binary) << bytes;
+    for (const auto& [name, size] :
+         {std::pair{"IMG_0001.HEIC", 5 * 1'048'576 + 3}, {"clip.mov", 300'001}, {"empty.png", 0}}) {
+        originals[name] = testing::pattern(size, static_cast<std::uint8_t>(files.size()));
+        files.push_back(testing::writeFile(source.path() / name, originals[name]));
     }
 
     TcpListener listener(0, TcpListener::Scope::loopback);
@@ -63,10 +49,11 @@ TEST(TransferOverTcp, EveryFileArrivesByteForByteThroughTheListener) {
     listener.stop();
     receiver.join();
 
-    ASSERT_EQ(acks.size(), batch.size());
+    ASSERT_EQ(acks.size(), files.size());
     for (const auto& ack : acks) {
         EXPECT_EQ(ack.status, Ack::Status::ok) << ack.name << ": " << ack.message.value_or("");
-        EXPECT_EQ(readText(destination.path() / "Over the air" / ack.name), originals[ack.name])
+        EXPECT_TRUE(testing::readBytes(destination.path() / "Over the air" / ack.name) ==
+                    originals[ack.name])
             << ack.name;
     }
     EXPECT_TRUE(temporary.fileNames().empty());

@@ -7,7 +7,6 @@
 #include <filesystem>
 #include <fstream>
 #include <future>
-#include <initializer_list>
 #include <memory>
 #include <string>
 #include <sys/syscall.h>
@@ -25,7 +24,7 @@ inline pid_t currentThreadID() {
 /// Whether thread `tid` of this process is parked in one of the system calls
 /// `calls` (SYS_ numbers), so that a test wakes a call that really waits
 /// rather than one that has not begun yet.
-inline bool isBlockedIn(pid_t tid, std::initializer_list<long> calls) {
+inline bool isBlockedIn(pid_t tid, const std::vector<long>& calls) {
     std::ifstream syscall("/proc/self/task/" + std::to_string(tid) + "/syscall");
     long number = -1;
     return static_cast<bool>(syscall >> number) &&
@@ -43,8 +42,7 @@ inline std::vector<pid_t> threadIDs() {
 
 /// Whether a thread that is not one of `known` is parked in one of `calls`:
 /// for a thread a library starts of its own.
-inline bool aNewThreadIsBlockedIn(const std::vector<pid_t>& known,
-                                  std::initializer_list<long> calls) {
+inline bool aNewThreadIsBlockedIn(const std::vector<pid_t>& known, const std::vector<long>& calls) {
     for (const pid_t tid : threadIDs()) {
         if (std::find(known.begin(), known.end(), tid) == known.end() && isBlockedIn(tid, calls)) {
             return true;
@@ -63,7 +61,7 @@ template <class Result> struct BlockedCall {
 /// Runs `call` on a thread of its own and returns once the thread is parked
 /// in one of `calls` (or the deadline of eventually() has passed).
 template <class Call>
-auto callUntilBlockedIn(std::initializer_list<long> calls, Call call)
+auto callUntilBlockedIn(const std::vector<long>& calls, Call call)
     -> BlockedCall<decltype(call())> {
     const auto tid = std::make_shared<std::atomic<pid_t>>(0);
     BlockedCall<decltype(call())> started;

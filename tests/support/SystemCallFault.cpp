@@ -93,24 +93,6 @@ int __wrap_fsync(int fd) {
     return __real_fsync(fd);
 }
 
-int __wrap_chmod(const char* path, mode_t mode) {
-    using kestrelvane::testing::SystemCallFault;
-    if (const int error = kestrelvane::testing::errorFor(SystemCallFault::Call::chmod)) {
-        errno = error;
-        return -1;
-    }
-    return __real_chmod(path, mode);
-}
-
-int __wrap_utimensat(int dirfd, const char* path, const struct timespec times[2], int flags) {
-    using kestrelvane::testing::SystemCallFault;
-    if (const int error = kestrelvane::testing::errorFor(SystemCallFault::Call::utimensat)) {
-        errno = error;
-        return -1;
-    }
-    return __real_utimensat(dirfd, path, times, flags);
-}
-
 #define KV_FAIL_OR_CALL(name, ...)                                                                 \
     using kestrelvane::testing::SystemCallFault;                                                   \
     if (const int error = kestrelvane::testing::errorFor(SystemCallFault::Call::name)) {           \
@@ -119,6 +101,12 @@ int __wrap_utimensat(int dirfd, const char* path, const struct timespec times[2]
     }                                                                                              \
     return __real_##name(__VA_ARGS__)
 
+int __wrap_chmod(const char* path, mode_t mode) {
+    KV_FAIL_OR_CALL(chmod, path, mode);
+}
+int __wrap_utimensat(int dirfd, const char* path, const struct timespec times[2], int flags) {
+    KV_FAIL_OR_CALL(utimensat, dirfd, path, times, flags);
+}
 int __wrap_socket(int domain, int type, int protocol) {
     KV_FAIL_OR_CALL(socket, domain, type, protocol);
 }

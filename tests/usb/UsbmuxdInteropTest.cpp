@@ -4,10 +4,12 @@
 #include "KestrelvaneKit/usb/UsbmuxdClient.h"
 #include "KestrelvaneKit/usb/UsbmuxdProtocol.h"
 #include "KestrelvaneKit/usb/UsbmuxdStream.h"
-#include "UsbmuxdTestSupport.h"
+#include "support/CallOutcome.h"
 #include "support/ChildProcess.h"
 #include "support/Eventually.h"
+#include "support/SimulatorProcess.h"
 #include "support/TemporaryFolder.h"
+#include "support/TestFiles.h"
 
 #include <gtest/gtest.h>
 
@@ -39,16 +41,9 @@ TEST(UsbmuxdInterop, TheDebianDaemonWithoutPhonesListsNoneAndKnowsNoDevice) {
     const UsbmuxdClient::SocketAddress address{(run.path() / "usbmuxd").string(), {}, 0};
     bool exited = false;
     const bool listening = testing::eventually([&] {
-        if (daemon.waitFor(std::chrono::milliseconds(0))) {
-            exited = true;
-            return true;
-        }
-        try {
-            UsbmuxdClient(address).listDevices();
-            return true;
-        } catch (const UsbmuxdError&) {
-            return false;
-        }
+        exited = daemon.waitFor(std::chrono::milliseconds(0)).has_value();
+        return exited ||
+               testing::outcomeOf([&] { UsbmuxdClient(address).listDevices(); }) == "returned";
     });
     if (exited) {
         GTEST_SKIP() << "usbmuxd could not run in a private mount namespace (exit "
@@ -95,19 +90,22 @@ TEST(UsbmuxdInterop, InetcatCarriesARealTransferThroughTheSimulatorsTunnel) {
 
     // Small files: inetcat 2.0.2 has been seen to lose data of megabyte bursts
     // on its way to the daemon's socket; its own limit, not the tunnel's.
-    const auto batch = testing::writeRandomFiles(
-        source.path(), {{"IMG_0001.JPG", 20'000}, {"IMG_0002.PNG", 7'000}});
+    const std::vector batch{
+        testing::writeFile(source.path() / "IMG_0001.JPG", testing::pattern(20'000, 1)),
+        testing::writeFile(source.path() / "IMG_0002.PNG", testing::pattern(7'000, 2))};
     FrameChannel channel(std::make_shared<UsbmuxdStream>(pair[0]));
     channel.start();
-    const auto acks = TransferClient().send(batch.paths, channel, SessionHeader{});
+    const auto acks = TransferClient().send(batch, channel, SessionHeader{});
     channel.cancel();
 
     ASSERT_EQ(acks.size(), 2u);
     for (const auto& ack : acks) {
         EXPECT_EQ(ack.status, Ack::Status::ok) << ack.name << ": " << ack.message.value_or("");
     }
-    for (const auto& [name, content] : batch.contents) {
-        EXPECT_EQ(testing::readFile(phoneFolder.path() / name), content) << name;
+    for (const auto& path : batch) {
+        EXPECT_TRUE(testing::readBytes(phoneFolder.path() / path.filename()) ==
+                    testing::readBytes(path))
+            << path;
     }
     EXPECT_TRUE(cat.waitFor().has_value()) << "inetcat kept running after its input ended";
 }

@@ -4,22 +4,19 @@
 #include "KestrelvaneKit/usb/UsbmuxdClient.h"
 #include "KestrelvaneKit/usb/UsbmuxdProtocol.h"
 #include "KestrelvaneKit/usb/UsbmuxdStream.h"
-#include "UsbmuxdTestSupport.h"
 #include "support/CaughtError.h"
 #include "support/ChildProcess.h"
 #include "support/Loopback.h"
+#include "support/SimulatorProcess.h"
 #include "support/TemporaryFolder.h"
+#include "support/TestFiles.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstring>
 #include <fstream>
-#include <iostream>
 #include <iterator>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
+#include <tuple>
 
 namespace kestrelvane {
 namespace {
@@ -50,19 +47,24 @@ TEST(UsbmuxdSimulator, ABatchTravelsTheWholeRoadToTheVirtualPhoneByteForByte) {
 
     const Result connected = client.connect(devices[0].id, 9876);
     ASSERT_EQ(connected.kind, Result::Kind::tunneled);
-    const auto batch = testing::writeRandomFiles(
-        source.path(), {{"IMG_0001.HEIC", 3 * 1'048'576 + 5}, {"clip.mov", 900'000}, {"a.jpg", 0}});
+    std::vector<fs::path> batch;
+    for (const auto& [name, size] :
+         {std::pair{"IMG_0001.HEIC", 3 * 1'048'576 + 5}, {"clip.mov", 900'000}, {"a.jpg", 0}}) {
+        batch.push_back(testing::writeFile(source.path() / name, testing::pattern(size, 7)));
+    }
     FrameChannel channel(std::make_shared<UsbmuxdStream>(connected.fileDescriptor));
     channel.start();
-    const auto acks = TransferClient().send(batch.paths, channel, SessionHeader{});
+    const auto acks = TransferClient().send(batch, channel, SessionHeader{});
     channel.cancel();
 
     ASSERT_EQ(acks.size(), 3u);
     for (const auto& ack : acks) {
         EXPECT_EQ(ack.status, Ack::Status::ok) << ack.name << ": " << ack.message.value_or("");
     }
-    for (const auto& [name, content] : batch.contents) {
-        EXPECT_EQ(testing::readFile(phoneFolder.path() / name), content) << name;
+    for (const auto& path : batch) {
+        EXPECT_TRUE(testing::readBytes(phoneFolder.path() / path.filename()) ==
+                    testing::readBytes(path))
+            << path;
     }
 }
 
@@ -122,8 +124,6 @@ TEST(UsbmuxdSimulator, RepliesInTheRequestsFormatWithItsTagAndTheDaemonsKeys) {
         EXPECT_EQ(PropertyList::stringAt(properties, "SerialNumber"), "SERIAL1");
         EXPECT_EQ(PropertyList::integerAt(properties, "ProductID"), 4776);
         EXPECT_EQ(PropertyList::stringAt(properties, "ConnectionType"), "USB");
-        EXPECT_TRUE(PropertyList::integerAt(properties, "LocationID"));
-        EXPECT_TRUE(PropertyList::integerAt(properties, "ConnectionSpeed"));
 
         conversation.send(42, message("ReadBUID"), format);
         const auto buid = conversation.receive();
@@ -142,80 +142,79 @@ TEST(UsbmuxdSimulator, ListenersHearOfPhonesAttachedAndDetachedWhileItRuns) {
     const auto accepted = listener.receive();
     EXPECT_EQ(accepted.tag, 5u);
     EXPECT_EQ(PropertyList::integerAt(accepted.body.get(), "Number"), 0);
-    const auto present = listener.receive();
-    EXPECT_EQ(present.tag, 0u);
-    EXPECT_EQ(PropertyList::stringAt(present.body.get(), "MessageType"), "Attached");
-    EXPECT_EQ(PropertyList::stringAt(PropertyList::dictionaryAt(present.body.get(), "Properties"),
-                                     "SerialNumber"),
-              "FIRST");
+    /// The next event: its type, and the phone's serial or device number.
+    const auto next = [&] {
+        const auto event = listener.receive();
+        EXPECT_EQ(event.tag, 0u);
+        plist_t properties = PropertyList::dictionaryAt(event.body.get(), "Properties");
+        return std::tuple{PropertyList::stringAt(event.body.get(), "MessageType").value_or(""),
+                          PropertyList::stringAt(properties, "SerialNumber").value_or(""),
+                          PropertyList::integerAt(event.body.get(), "DeviceID").value_or(-1)};
+    };
+    EXPECT_EQ(std::get<1>(next()), "FIRST");
 
-    Conversation control(simulator.socketPath());
     PropertyList attach = message("Attach");
     attach.set("Phone", PropertyList::string("SECOND,2,echo"));
-    control.send(1, attach);
-    const auto attached = control.receive();
-    ASSERT_EQ(PropertyList::integerAt(attached.body.get(), "Number"), 0);
-    const auto secondID = PropertyList::integerAt(attached.body.get(), "DeviceID");
-    const auto event = listener.receive();
-    EXPECT_EQ(event.tag, 0u);
-    EXPECT_EQ(PropertyList::stringAt(event.body.get(), "MessageType"), "Attached");
-    EXPECT_EQ(PropertyList::integerAt(event.body.get(), "DeviceID"), secondID);
+    ASSERT_EQ(simulator.request(attach), 0);
+    const auto [type, serial, secondID] = next();
+    EXPECT_EQ(type, "Attached");
+    EXPECT_EQ(serial, "SECOND");
 
     // A tunnel to the new phone works until its cable is pulled.
     UsbmuxdClient client(simulator.address());
-    const Result tunnel = client.connect(*secondID, 9876);
+    const Result tunnel = client.connect(secondID, 9876);
     ASSERT_EQ(tunnel.kind, Result::Kind::tunneled);
     UsbmuxdStream stream(tunnel.fileDescriptor);
     stream.send(asBytes("ping"));
-    Bytes echoed;
+    std::string echoed;
     while (echoed.size() < 4) {
-        const Bytes piece = stream.receive(4 - static_cast<std::int64_t>(echoed.size()));
-        echoed.insert(echoed.end(), piece.begin(), piece.end());
+        echoed += asText(stream.receive(4));
     }
-    EXPECT_EQ(echoed, toBytes("ping"));
-
-    PropertyList detach = message("Detach");
-    detach.set("SerialNumber", PropertyList::string("SECOND"));
-    control.send(2, detach);
-    EXPECT_EQ(PropertyList::integerAt(control.receive().body.get(), "Number"), 0);
-    const auto gone = listener.receive();
-    EXPECT_EQ(PropertyList::stringAt(gone.body.get(), "MessageType"), "Detached");
-    EXPECT_EQ(PropertyList::integerAt(gone.body.get(), "DeviceID"), secondID);
+    EXPECT_EQ(echoed, "ping");
+    EXPECT_TRUE(simulator.detach("SECOND"));
+    EXPECT_EQ(next(), std::tuple("Detached", "", secondID));
     EXPECT_TRUE(testing::throwsClosed([&] { stream.receive(10); }))
         << "the tunnel outlived its phone";
     EXPECT_EQ(client.listDevices().size(), 1u);
 
-    control.send(3, detach);
-    EXPECT_EQ(PropertyList::integerAt(control.receive().body.get(), "Number"), 2);
+    EXPECT_FALSE(simulator.detach("SECOND"));
     PropertyList badAttach = message("Attach");
     badAttach.set("Phone", PropertyList::string("NOPRODUCT"));
-    control.send(4, badAttach);
-    const auto refused = control.receive();
-    EXPECT_EQ(PropertyList::integerAt(refused.body.get(), "Number"), 1);
-    EXPECT_TRUE(PropertyList::stringAt(refused.body.get(), "String"));
+    EXPECT_EQ(simulator.request(badAttach), 1);
     stream.close();
     EXPECT_EQ(simulator.process().terminate(), 0) << "the simulator ends cleanly on SIGTERM";
 }
 
-TEST(UsbmuxdSimulator, OverTcpItTakesClientsOnIPv4AndIPv6Loopback) {
-    ChildProcess process({testing::simulatorProgram(), "--tcp", "0", "--phone", "SERIAL1,1,test"});
-    const auto line = process.readLine().value_or("(no output)");
-    ASSERT_EQ(line.rfind("listening on 127.0.0.1:", 0), 0u) << line;
-    const auto port = static_cast<std::uint16_t>(std::stoi(line.substr(line.rfind(':') + 1)));
-    std::vector<std::string> hosts{"127.0.0.1", "localhost"};
-    if (testing::hasIPv6Loopback()) {
-        hosts.emplace_back("::1");
-    } else {
-        std::cout << "IPv6 part left out: this machine has no ::1\n";
-    }
-    for (const auto& host : hosts) {
-        UsbmuxdClient client(UsbmuxdClient::SocketAddress{{}, host, port});
-        EXPECT_EQ(client.listDevices().size(), 1u) << host;
-    }
-    EXPECT_EQ(process.terminate(), 0);
+/// The simulator listening on a TCP port of loopback, and the port.
+std::pair<std::unique_ptr<ChildProcess>, std::uint16_t> simulatorOverTcp() {
+    auto process = std::make_unique<ChildProcess>(std::vector<std::string>{
+        testing::simulatorProgram(), "--tcp", "0", "--phone", "SERIAL1,1,test"});
+    const auto line = process->readLine().value_or("(no output)");
+    EXPECT_EQ(line.rfind("listening on 127.0.0.1:", 0), 0u) << line;
+    return {std::move(process),
+            static_cast<std::uint16_t>(std::stoi(line.substr(line.rfind(':') + 1)))};
 }
 
-TEST(UsbmuxdSimulator, BadCommandLinesAreRefusedWithAReason) {
+TEST(UsbmuxdSimulator, OverTcpItTakesClientsOnIPv4Loopback) {
+    const auto [process, port] = simulatorOverTcp();
+    for (const char* host : {"127.0.0.1", "localhost"}) {
+        EXPECT_EQ(UsbmuxdClient(UsbmuxdClient::SocketAddress{{}, host, port}).listDevices().size(),
+                  1u)
+            << host;
+    }
+    EXPECT_EQ(process->terminate(), 0);
+}
+
+TEST(UsbmuxdSimulator, OverTcpItTakesClientsOnIPv6Loopback) {
+    if (!testing::hasIPv6Loopback()) {
+        GTEST_SKIP() << "this machine has no ::1";
+    }
+    const auto [process, port] = simulatorOverTcp();
+    EXPECT_EQ(UsbmuxdClient(UsbmuxdClient::SocketAddress{{}, "::1", port}).listDevices().size(),
+              1u);
+}
+
+TEST(UsbmuxdSimulator, BadCommandLinesAreRefusedWithExitStatusTwo) {
     for (const std::vector<std::string>& args : {std::vector<std::string>{"--phone", "X,1,test"},
                                                  {"--socket", "/tmp/x", "--phone", "X,abc,test"},
                                                  {"--socket", "/tmp/x", "--phone", "X,1,teapot"},
