@@ -4,11 +4,9 @@
 #include <QThread>
 
 #include <atomic>
-#include <functional>
-#include <optional>
+#include <future>
 #include <sys/resource.h>
 #include <unistd.h>
-#include <vector>
 
 namespace kestrelvane {
 
@@ -22,13 +20,9 @@ int ownNiceness() {
 int nicenessOfAWorker(BackgroundWork& work) {
     std::optional<int> seen;
     work.runThenDeliver([&seen] {
-        const int niceness = ownNiceness();
-        return std::function<void()>([&seen, niceness] { seen = niceness; });
+        return std::function<void()>([&seen, niceness = ownNiceness()] { seen = niceness; });
     });
-    if (!QTest::qWaitFor([&] { return seen.has_value(); }, 10'000)) {
-        return -1000;
-    }
-    return *seen;
+    return QTest::qWaitFor([&] { return seen.has_value(); }, 10'000) ? *seen : -1000;
 }
 
 } // namespace
@@ -43,24 +37,31 @@ private slots:
         QCOMPARE(nicenessOfAWorker(normal), owner);
         BackgroundWork low(2, BackgroundWork::Priority::low);
         QCOMPARE(nicenessOfAWorker(low), std::min(owner + BackgroundWork::lowPriorityNiceness, 19));
-        // Only the workers: the owner's thread keeps its priority.
-        QCOMPARE(ownNiceness(), owner);
+        QCOMPARE(ownNiceness(), owner); // only the workers
     }
 
-    void jobsRunInOrderAndDeliveriesArriveOnTheOwnersThread() {
+    void jobsRunInOrderOnAWorkerDeliverOnTheOwnersThreadAndAreWaitedFor() {
         BackgroundWork work(1);
         std::vector<int> order;
         std::atomic<bool> ranOnWorker = true;
         for (int i = 0; i < 5; ++i) {
             work.runThenDeliver([i, &order, &ranOnWorker, owner = QThread::currentThread()] {
-                if (QThread::currentThread() == owner) {
-                    ranOnWorker = false;
-                }
+                ranOnWorker = ranOnWorker && QThread::currentThread() != owner;
                 return std::function<void()>([&order, i, owner] {
                     order.push_back(QThread::currentThread() == owner ? i : -1);
                 });
             });
         }
+        std::promise<void> started;
+        std::promise<void> release;
+        work.run([&started, released = release.get_future().share()] {
+            started.set_value();
+            released.wait();
+        });
+        started.get_future().wait();
+        QVERIFY(!work.waitForDone(std::chrono::milliseconds(1))); // no job waits, the last runs
+        release.set_value();
+        QVERIFY(work.waitForDone(std::chrono::seconds(30)));
         QVERIFY(QTest::qWaitFor([&] { return order.size() == 5; }, 10'000));
         QCOMPARE(order, (std::vector<int>{0, 1, 2, 3, 4}));
         QVERIFY(ranOnWorker);

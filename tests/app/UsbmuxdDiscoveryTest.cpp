@@ -1,7 +1,5 @@
 #include "Sender/UsbmuxdDiscovery.h"
 
-#include "MediaFiles.h"
-#include "Sender/SenderViewModel.h"
 #include "support/FakeUsbmuxd.h"
 #include "support/SimulatorProcess.h"
 #include "support/TemporaryFolder.h"
@@ -16,8 +14,8 @@
 
 namespace kestrelvane {
 
-namespace fs = std::filesystem;
 using State = UsbmuxdDiscovery::State;
+using Kind = State::Kind;
 using Simulator = testing::SimulatorProcess;
 
 namespace {
@@ -29,22 +27,63 @@ bool waitForPasses(QSignalSpy& passes, int more) {
     return QTest::qWaitFor([&] { return passes.count() >= target; }, 30'000);
 }
 
+bool becomesReady(const UsbmuxdDiscovery& discovery) {
+    return QTest::qWaitFor([&] { return discovery.state().kind == Kind::ready; }, 30'000);
+}
+
 } // namespace
 
 class UsbmuxdDiscoveryTest : public QObject {
     Q_OBJECT
 
 private slots:
-    void withoutADaemonThereIsNoDeviceAndPassesGoOn() {
+    // What the first pass finds, kept by every pass after it without probing again.
+    void eachPhoneShowsAsWhatItsReceiverAllows_data() {
+        QTest::addColumn<QStringList>("phones"); // {"-"}: no daemon at all
+        QTest::addColumn<int>("kindNumber");
+        QTest::addColumn<int>("tunnels");
+        QTest::newRow("no daemon") << QStringList{"-"} << int(Kind::noDevice) << 0;
+        QTest::newRow("no phone") << QStringList{} << int(Kind::noDevice) << 0;
+        QTest::newRow("receiver closed")
+            << QStringList{"SHUT,0x12a8,none"} << int(Kind::appNotListening) << 0;
+        QTest::newRow("gone while probed")
+            << QStringList{"GONE,0x12a8,vanished"} << int(Kind::noDevice) << 0;
+        QTest::newRow("only the first phone")
+            << QStringList{"FIRST,0x12a8,none", "SECOND,0x12a8,test"} << int(Kind::appNotListening)
+            << 0;
+        QTest::newRow("listening") << QStringList{"PHONE,0x12a8,test"} << int(Kind::ready) << 1;
+    }
+    void eachPhoneShowsAsWhatItsReceiverAllows() {
+        QFETCH(QStringList, phones);
+        QFETCH(int, kindNumber);
+        const auto kind = static_cast<Kind>(kindNumber);
+        QFETCH(int, tunnels);
         testing::TemporaryFolder folder;
-        UsbmuxdDiscovery discovery({(folder.path() / "absent").string(), {}, 0}, testInterval);
+        std::optional<Simulator> sim;
+        if (phones != QStringList{"-"}) {
+            std::vector<std::string> described;
+            for (const QString& phone : phones) {
+                described.push_back(phone.toStdString());
+            }
+            sim.emplace(described);
+        }
+        UsbmuxdDiscovery discovery(
+            sim ? sim->address()
+                : UsbmuxdClient::SocketAddress{(folder.path() / "absent").string(), {}, 0},
+            testInterval);
         QSignalSpy changes(&discovery, &UsbmuxdDiscovery::stateChanged);
         QSignalSpy passes(&discovery, &UsbmuxdDiscovery::passFinished);
         discovery.start();
-        discovery.start(); // a second start does not add a second loop
-        QVERIFY(waitForPasses(passes, 3));
+        QVERIFY(waitForPasses(passes, 5));
+        QCOMPARE(discovery.state().kind, kind);
+        QCOMPARE(discovery.state().deviceID, std::int64_t{kind == Kind::noDevice ? 0 : 1});
+        QCOMPARE(discovery.state().fileDescriptor >= 0, kind == Kind::ready);
+        QCOMPARE(changes.count(), kind == Kind::noDevice ? 0 : 1);
+        discovery.stop();
         QVERIFY(discovery.state() == State::noDevice());
-        QCOMPARE(changes.count(), 0);
+        if (sim) {
+            QCOMPARE(sim->tunnelsOpened(), tunnels);
+        }
     }
 
     // The daemon answers only once the discovery's destruction is under way,
@@ -72,45 +111,12 @@ private slots:
         releaser.join();
     }
 
-    void aRefusingReceiverIsNotListening() {
-        Simulator sim({"REFUSER,0x12a8,none"});
-        UsbmuxdDiscovery discovery(sim.address(), testInterval);
-        discovery.start();
-        QTRY_VERIFY_WITH_TIMEOUT(discovery.state() == State::appNotListening(1), 30'000);
-    }
-
-    void aListeningReceiverIsHeldReadyAndNeverProbedAgain() {
-        Simulator sim({"PHONE,0x12a8,test"});
-        UsbmuxdDiscovery discovery(sim.address(), testInterval);
-        QSignalSpy changes(&discovery, &UsbmuxdDiscovery::stateChanged);
-        QSignalSpy passes(&discovery, &UsbmuxdDiscovery::passFinished);
-        discovery.start();
-        QTRY_VERIFY_WITH_TIMEOUT(discovery.state().kind == State::Kind::ready, 30'000);
-        QCOMPARE(discovery.state().deviceID, 1);
-        QVERIFY(discovery.state().fileDescriptor >= 0);
-        QVERIFY(waitForPasses(passes, 5));
-        QCOMPARE(changes.count(), 1);
-        discovery.stop();
-        QVERIFY(discovery.state() == State::noDevice());
-        QCOMPARE(sim.tunnelsOpened(), 1);
-    }
-
-    void onlyTheFirstOfTwoPhonesIsProbed() {
-        Simulator sim({"FIRST,0x12a8,none", "SECOND,0x12a8,test"});
-        UsbmuxdDiscovery discovery(sim.address(), testInterval);
-        QSignalSpy passes(&discovery, &UsbmuxdDiscovery::passFinished);
-        discovery.start();
-        QVERIFY(waitForPasses(passes, 4));
-        QVERIFY(discovery.state() == State::appNotListening(1));
-        discovery.stop();
-        QCOMPARE(sim.tunnelsOpened(), 0);
-    }
-
-    void theTunnelIsHandedOutOnceAndThenProbedAfresh() {
+    void aHandedOutTunnelWorksAndItsPhoneIsProbedAfreshAndPausesKeepTheState() {
         Simulator sim({"PHONE,0x12a8,echo"});
         UsbmuxdDiscovery discovery(sim.address(), testInterval);
+        QSignalSpy passes(&discovery, &UsbmuxdDiscovery::passFinished);
         discovery.start();
-        QTRY_VERIFY_WITH_TIMEOUT(discovery.state().kind == State::Kind::ready, 30'000);
+        QVERIFY(becomesReady(discovery));
         const int held = discovery.state().fileDescriptor;
         discovery.setPaused(true);
         const std::optional<int> taken = discovery.takeReadyTunnel();
@@ -119,23 +125,15 @@ private slots:
         QVERIFY(!discovery.takeReadyTunnel());
 
         // The caller owns a working tunnel: the echo receiver answers through it.
-        const char ping[] = "ping";
-        QCOMPARE(::write(*taken, ping, 4), 4);
+        QCOMPARE(::write(*taken, "ping", 4), 4);
         char pong[4] = {};
         QCOMPARE(::read(*taken, pong, 4), 4);
         QCOMPARE(std::string(pong, 4), std::string("ping"));
         ::close(*taken);
 
         discovery.setPaused(false);
-        QTRY_VERIFY_WITH_TIMEOUT(discovery.state().kind == State::Kind::ready, 30'000);
-    }
-
-    void whilePausedAnUnpluggedPhoneLeavesTheStateUntilResumed() {
-        Simulator sim({"PHONE,0x12a8,test"});
-        UsbmuxdDiscovery discovery(sim.address(), testInterval);
-        QSignalSpy passes(&discovery, &UsbmuxdDiscovery::passFinished);
-        discovery.start();
-        QTRY_VERIFY_WITH_TIMEOUT(discovery.state().kind == State::Kind::ready, 30'000);
+        QVERIFY(becomesReady(discovery));
+        // While paused, an unplugged phone leaves the state alone until resumed.
         const State ready = discovery.state();
         discovery.setPaused(true);
         QVERIFY(sim.detach("PHONE"));
@@ -143,49 +141,6 @@ private slots:
         QVERIFY(discovery.state() == ready);
         discovery.setPaused(false);
         QTRY_VERIFY_WITH_TIMEOUT(discovery.state() == State::noDevice(), 30'000);
-    }
-
-    void stopThenStartPollsAgainFromNoDevice() {
-        Simulator sim({"PHONE,0x12a8,test"});
-        UsbmuxdDiscovery discovery(sim.address(), testInterval);
-        QSignalSpy changes(&discovery, &UsbmuxdDiscovery::stateChanged);
-        discovery.start();
-        QTRY_VERIFY_WITH_TIMEOUT(discovery.state().kind == State::Kind::ready, 30'000);
-        discovery.stop();
-        QVERIFY(!discovery.isRunning());
-        QVERIFY(discovery.state() == State::noDevice());
-        discovery.start();
-        QTRY_VERIFY_WITH_TIMEOUT(discovery.state().kind == State::Kind::ready, 30'000);
-        QCOMPARE(changes.count(), 3);
-    }
-
-    void aSendFromTheViewModelReachesThePhoneThroughTheTunnel() {
-        testing::TemporaryFolder received;
-        Simulator sim({"PHONE,0x12a8,folder=" + received.path().string()});
-        testing::TemporaryFolder source;
-        const std::vector<fs::path> files = testing::writePhotos(source.path(), 5);
-        SenderViewModel model;
-        QSignalSpy added(&model.queue(), &TransferQueue::addFinished);
-        model.addURLs(files);
-        QVERIFY(added.wait(30'000));
-
-        UsbmuxdDiscovery discovery(sim.address(), testInterval);
-        discovery.start();
-        QTRY_VERIFY_WITH_TIMEOUT(discovery.state().kind == State::Kind::ready, 30'000);
-        const std::optional<int> tunnel = discovery.takeReadyTunnel();
-        QVERIFY(tunnel);
-        discovery.setPaused(true);
-        int failures = 0;
-        model.send(*tunnel, [&] { ++failures; });
-        QVERIFY(model.isSending());
-        QCOMPARE(model.queue().unsentItems().front().status, TransferQueue::Status::sending());
-        QTRY_VERIFY_WITH_TIMEOUT(!model.isSending(), 30'000);
-        QCOMPARE(model.queue().savedCount(), 5);
-        QCOMPARE(failures, 0);
-        QCOMPARE(received.fileNames(),
-                 (std::vector<std::string>{"IMG_0.jpg", "IMG_1.jpg", "IMG_2.jpg", "IMG_3.jpg",
-                                           "IMG_4.jpg"}));
-        QCOMPARE(testing::contentsOf(received.path() / "IMG_4.jpg"), testing::contentsOf(files[4]));
     }
 };
 
