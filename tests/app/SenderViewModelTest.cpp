@@ -46,7 +46,7 @@ class SenderViewModelTest : public QObject {
         receiver_.emplace(receiverEnd, autoAck);
         model_->startSend(
             model_->queue().unsentURLs(),
-            [senderEnd] { return std::make_unique<FrameChannel>(senderEnd); },
+            [stream = senderEnd] { return std::make_unique<FrameChannel>(stream); },
             [this] { ++failures_; });
     }
 
