@@ -4,11 +4,9 @@
 #include <QThread>
 
 #include <atomic>
-#include <functional>
-#include <optional>
+#include <future>
 #include <sys/resource.h>
 #include <unistd.h>
-#include <vector>
 
 namespace kestrelvane {
 
@@ -18,52 +16,41 @@ int ownNiceness() {
     return ::getpriority(PRIO_PROCESS, static_cast<id_t>(::gettid()));
 }
 
-/// The nice value of the thread that runs a job of `work`, delivered back.
-int nicenessOfAWorker(BackgroundWork& work) {
-    std::optional<int> seen;
-    work.runThenDeliver([&seen] {
-        const int niceness = ownNiceness();
-        return std::function<void()>([&seen, niceness] { seen = niceness; });
-    });
-    if (!QTest::qWaitFor([&] { return seen.has_value(); }, 10'000)) {
-        return -1000;
-    }
-    return *seen;
-}
-
 } // namespace
 
 class BackgroundWorkTest : public QObject {
     Q_OBJECT
 
 private slots:
-    void lowPriorityWorkersYieldToTheOwnersThread() {
+    void jobsRunInOrderOnALowPriorityWorkerDeliverOnTheOwnersThreadAndAreWaitedFor() {
         const int owner = ownNiceness();
-        BackgroundWork normal(1);
-        QCOMPARE(nicenessOfAWorker(normal), owner);
-        BackgroundWork low(2, BackgroundWork::Priority::low);
-        QCOMPARE(nicenessOfAWorker(low), std::min(owner + BackgroundWork::lowPriorityNiceness, 19));
-        // Only the workers: the owner's thread keeps its priority.
-        QCOMPARE(ownNiceness(), owner);
-    }
-
-    void jobsRunInOrderAndDeliveriesArriveOnTheOwnersThread() {
-        BackgroundWork work(1);
+        BackgroundWork work(1, BackgroundWork::Priority::low);
         std::vector<int> order;
-        std::atomic<bool> ranOnWorker = true;
+        std::atomic<int> workerNiceness = 0;
         for (int i = 0; i < 5; ++i) {
-            work.runThenDeliver([i, &order, &ranOnWorker, owner = QThread::currentThread()] {
-                if (QThread::currentThread() == owner) {
-                    ranOnWorker = false;
-                }
-                return std::function<void()>([&order, i, owner] {
-                    order.push_back(QThread::currentThread() == owner ? i : -1);
+            work.runThenDeliver(
+                [i, &order, &workerNiceness, ownerThread = QThread::currentThread()] {
+                    workerNiceness = QThread::currentThread() == ownerThread ? -100 : ownNiceness();
+                    return std::function<void()>([&order, i, ownerThread] {
+                        order.push_back(QThread::currentThread() == ownerThread ? i : -1);
+                    });
                 });
-            });
         }
+        std::promise<void> started;
+        std::promise<void> release;
+        work.run([&started, released = release.get_future().share()] {
+            started.set_value();
+            released.wait();
+        });
+        started.get_future().wait();
+        QVERIFY(!work.waitForDone(std::chrono::milliseconds(1))); // no job waits, the last runs
+        release.set_value();
+        QVERIFY(work.waitForDone(std::chrono::seconds(30)));
         QVERIFY(QTest::qWaitFor([&] { return order.size() == 5; }, 10'000));
         QCOMPARE(order, (std::vector<int>{0, 1, 2, 3, 4}));
-        QVERIFY(ranOnWorker);
+        // Only the workers yield: the owner's thread keeps its priority.
+        QCOMPARE(workerNiceness.load(), std::min(owner + BackgroundWork::lowPriorityNiceness, 19));
+        QCOMPARE(ownNiceness(), owner);
     }
 };
 

@@ -1,23 +1,16 @@
 #include "Sender/UsbmuxdDiscovery.h"
 
-#include "MediaFiles.h"
-#include "Sender/SenderViewModel.h"
-#include "support/FakeUsbmuxd.h"
 #include "support/SimulatorProcess.h"
-#include "support/TemporaryFolder.h"
 
 #include <QSignalSpy>
 #include <QTest>
 
-#include <atomic>
-#include <future>
-#include <thread>
 #include <unistd.h>
 
 namespace kestrelvane {
 
-namespace fs = std::filesystem;
 using State = UsbmuxdDiscovery::State;
+using Kind = State::Kind;
 using Simulator = testing::SimulatorProcess;
 
 namespace {
@@ -29,88 +22,59 @@ bool waitForPasses(QSignalSpy& passes, int more) {
     return QTest::qWaitFor([&] { return passes.count() >= target; }, 30'000);
 }
 
+bool becomesReady(const UsbmuxdDiscovery& discovery) {
+    return QTest::qWaitFor([&] { return discovery.state().kind == Kind::ready; }, 30'000);
+}
+
 } // namespace
 
 class UsbmuxdDiscoveryTest : public QObject {
     Q_OBJECT
 
 private slots:
-    void withoutADaemonThereIsNoDeviceAndPassesGoOn() {
-        testing::TemporaryFolder folder;
-        UsbmuxdDiscovery discovery({(folder.path() / "absent").string(), {}, 0}, testInterval);
-        QSignalSpy changes(&discovery, &UsbmuxdDiscovery::stateChanged);
-        QSignalSpy passes(&discovery, &UsbmuxdDiscovery::passFinished);
-        discovery.start();
-        discovery.start(); // a second start does not add a second loop
-        QVERIFY(waitForPasses(passes, 3));
-        QVERIFY(discovery.state() == State::noDevice());
-        QCOMPARE(changes.count(), 0);
-    }
-
-    // The daemon answers only once the discovery's destruction is under way,
-    // so the answer reaches a worker whose owner is going away.
-    void destroyingTheDiscoveryDuringAPassEndsIt() {
-        std::promise<void> entered;
-        std::promise<void> release;
-        std::shared_future<void> released = release.get_future().share();
-        std::atomic<bool> first{true};
-        testing::FakeUsbmuxd daemon([&](const testing::FakeUsbmuxd::Request& request) {
-            if (first.exchange(false)) {
-                entered.set_value();
-                released.wait();
+    // What the first pass finds, kept by every pass after it without probing again.
+    void eachPhoneShowsAsWhatItsReceiverAllows() {
+        const struct {
+            bool daemon;
+            std::vector<std::string> phones;
+            Kind kind;
+            int tunnels;
+        } cases[] = {
+            {false, {}, Kind::noDevice, 0},
+            {true, {}, Kind::noDevice, 0},
+            {true, {"SHUT,0x12a8,none"}, Kind::appNotListening, 0},
+            {true, {"GONE,0x12a8,vanished"}, Kind::noDevice, 0}, // unplugged while probed
+            {true, {"FIRST,0x12a8,none", "SECOND,0x12a8,test"}, Kind::appNotListening, 0},
+            {true, {"PHONE,0x12a8,test"}, Kind::ready, 1},
+        };
+        for (const auto& [daemon, phones, kind, tunnels] : cases) {
+            std::optional<Simulator> sim;
+            if (daemon) {
+                sim.emplace(phones);
             }
-            PropertyList reply = PropertyList::dictionary();
-            reply.set("DeviceList", PropertyList::array());
-            return testing::FakeUsbmuxd::Reply{testing::FakeUsbmuxd::packet(request.tag, reply)};
-        });
-        auto discovery = std::make_unique<UsbmuxdDiscovery>(daemon.address(), testInterval);
-        discovery->start();
-        QVERIFY(entered.get_future().wait_for(std::chrono::seconds(30)) ==
-                std::future_status::ready);
-        std::thread releaser([&release] { release.set_value(); });
-        discovery.reset();
-        releaser.join();
+            UsbmuxdDiscovery discovery(
+                sim ? sim->address() : UsbmuxdClient::SocketAddress{"/nonexistent/usbmuxd", {}, 0},
+                testInterval);
+            QSignalSpy changes(&discovery, &UsbmuxdDiscovery::stateChanged);
+            QSignalSpy passes(&discovery, &UsbmuxdDiscovery::passFinished);
+            discovery.start();
+            QVERIFY(waitForPasses(passes, 5));
+            QCOMPARE(discovery.state().kind, kind);
+            QCOMPARE(discovery.state().deviceID, std::int64_t{kind == Kind::noDevice ? 0 : 1});
+            QCOMPARE(discovery.state().fileDescriptor >= 0, kind == Kind::ready);
+            QCOMPARE(changes.count(), kind == Kind::noDevice ? 0 : 1);
+            discovery.stop();
+            QVERIFY(discovery.state() == State::noDevice());
+            QCOMPARE(sim ? sim->tunnelsOpened() : 0, tunnels);
+        }
     }
 
-    void aRefusingReceiverIsNotListening() {
-        Simulator sim({"REFUSER,0x12a8,none"});
-        UsbmuxdDiscovery discovery(sim.address(), testInterval);
-        discovery.start();
-        QTRY_VERIFY_WITH_TIMEOUT(discovery.state() == State::appNotListening(1), 30'000);
-    }
-
-    void aListeningReceiverIsHeldReadyAndNeverProbedAgain() {
-        Simulator sim({"PHONE,0x12a8,test"});
-        UsbmuxdDiscovery discovery(sim.address(), testInterval);
-        QSignalSpy changes(&discovery, &UsbmuxdDiscovery::stateChanged);
-        QSignalSpy passes(&discovery, &UsbmuxdDiscovery::passFinished);
-        discovery.start();
-        QTRY_VERIFY_WITH_TIMEOUT(discovery.state().kind == State::Kind::ready, 30'000);
-        QCOMPARE(discovery.state().deviceID, 1);
-        QVERIFY(discovery.state().fileDescriptor >= 0);
-        QVERIFY(waitForPasses(passes, 5));
-        QCOMPARE(changes.count(), 1);
-        discovery.stop();
-        QVERIFY(discovery.state() == State::noDevice());
-        QCOMPARE(sim.tunnelsOpened(), 1);
-    }
-
-    void onlyTheFirstOfTwoPhonesIsProbed() {
-        Simulator sim({"FIRST,0x12a8,none", "SECOND,0x12a8,test"});
-        UsbmuxdDiscovery discovery(sim.address(), testInterval);
-        QSignalSpy passes(&discovery, &UsbmuxdDiscovery::passFinished);
-        discovery.start();
-        QVERIFY(waitForPasses(passes, 4));
-        QVERIFY(discovery.state() == State::appNotListening(1));
-        discovery.stop();
-        QCOMPARE(sim.tunnelsOpened(), 0);
-    }
-
-    void theTunnelIsHandedOutOnceAndThenProbedAfresh() {
+    void aHandedOutTunnelWorksAndItsPhoneIsProbedAfreshAndPausesKeepTheState() {
         Simulator sim({"PHONE,0x12a8,echo"});
         UsbmuxdDiscovery discovery(sim.address(), testInterval);
+        QSignalSpy passes(&discovery, &UsbmuxdDiscovery::passFinished);
         discovery.start();
-        QTRY_VERIFY_WITH_TIMEOUT(discovery.state().kind == State::Kind::ready, 30'000);
+        QVERIFY(becomesReady(discovery));
         const int held = discovery.state().fileDescriptor;
         discovery.setPaused(true);
         const std::optional<int> taken = discovery.takeReadyTunnel();
@@ -119,23 +83,15 @@ private slots:
         QVERIFY(!discovery.takeReadyTunnel());
 
         // The caller owns a working tunnel: the echo receiver answers through it.
-        const char ping[] = "ping";
-        QCOMPARE(::write(*taken, ping, 4), 4);
+        QCOMPARE(::write(*taken, "ping", 4), 4);
         char pong[4] = {};
         QCOMPARE(::read(*taken, pong, 4), 4);
         QCOMPARE(std::string(pong, 4), std::string("ping"));
         ::close(*taken);
 
         discovery.setPaused(false);
-        QTRY_VERIFY_WITH_TIMEOUT(discovery.state().kind == State::Kind::ready, 30'000);
-    }
-
-    void whilePausedAnUnpluggedPhoneLeavesTheStateUntilResumed() {
-        Simulator sim({"PHONE,0x12a8,test"});
-        UsbmuxdDiscovery discovery(sim.address(), testInterval);
-        QSignalSpy passes(&discovery, &UsbmuxdDiscovery::passFinished);
-        discovery.start();
-        QTRY_VERIFY_WITH_TIMEOUT(discovery.state().kind == State::Kind::ready, 30'000);
+        QVERIFY(becomesReady(discovery));
+        // While paused, an unplugged phone leaves the state alone until resumed.
         const State ready = discovery.state();
         discovery.setPaused(true);
         QVERIFY(sim.detach("PHONE"));
@@ -143,49 +99,6 @@ private slots:
         QVERIFY(discovery.state() == ready);
         discovery.setPaused(false);
         QTRY_VERIFY_WITH_TIMEOUT(discovery.state() == State::noDevice(), 30'000);
-    }
-
-    void stopThenStartPollsAgainFromNoDevice() {
-        Simulator sim({"PHONE,0x12a8,test"});
-        UsbmuxdDiscovery discovery(sim.address(), testInterval);
-        QSignalSpy changes(&discovery, &UsbmuxdDiscovery::stateChanged);
-        discovery.start();
-        QTRY_VERIFY_WITH_TIMEOUT(discovery.state().kind == State::Kind::ready, 30'000);
-        discovery.stop();
-        QVERIFY(!discovery.isRunning());
-        QVERIFY(discovery.state() == State::noDevice());
-        discovery.start();
-        QTRY_VERIFY_WITH_TIMEOUT(discovery.state().kind == State::Kind::ready, 30'000);
-        QCOMPARE(changes.count(), 3);
-    }
-
-    void aSendFromTheViewModelReachesThePhoneThroughTheTunnel() {
-        testing::TemporaryFolder received;
-        Simulator sim({"PHONE,0x12a8,folder=" + received.path().string()});
-        testing::TemporaryFolder source;
-        const std::vector<fs::path> files = testing::writePhotos(source.path(), 5);
-        SenderViewModel model;
-        QSignalSpy added(&model.queue(), &TransferQueue::addFinished);
-        model.addURLs(files);
-        QVERIFY(added.wait(30'000));
-
-        UsbmuxdDiscovery discovery(sim.address(), testInterval);
-        discovery.start();
-        QTRY_VERIFY_WITH_TIMEOUT(discovery.state().kind == State::Kind::ready, 30'000);
-        const std::optional<int> tunnel = discovery.takeReadyTunnel();
-        QVERIFY(tunnel);
-        discovery.setPaused(true);
-        int failures = 0;
-        model.send(*tunnel, [&] { ++failures; });
-        QVERIFY(model.isSending());
-        QCOMPARE(model.queue().unsentItems().front().status, TransferQueue::Status::sending());
-        QTRY_VERIFY_WITH_TIMEOUT(!model.isSending(), 30'000);
-        QCOMPARE(model.queue().savedCount(), 5);
-        QCOMPARE(failures, 0);
-        QCOMPARE(received.fileNames(),
-                 (std::vector<std::string>{"IMG_0.jpg", "IMG_1.jpg", "IMG_2.jpg", "IMG_3.jpg",
-                                           "IMG_4.jpg"}));
-        QCOMPARE(testing::contentsOf(received.path() / "IMG_4.jpg"), testing::contentsOf(files[4]));
     }
 };
 
