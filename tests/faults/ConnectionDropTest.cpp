@@ -48,8 +48,8 @@ struct Wire {
 
 using W = const Wire&;
 using enum Side;
-using enum Direction;
-using enum Failure;
+using enum FailingStream::Direction;
+using enum FailingStream::Failure;
 
 struct Stage {
     const char* name;
