@@ -3,15 +3,11 @@
 #include "support/ChildProcess.h"
 
 #include <chrono>
-#include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
 
 namespace kestrelvane::testing {
-
-/// The media fixtures the tool is run on.
-inline const std::filesystem::path media = std::filesystem::path(KV_FIXTURES_DIR) / "media";
 
 /// Which of a program's output streams the test reads.
 enum class Streams { joined, stdoutOnly, stderrOnly };
@@ -41,9 +37,5 @@ Finished finish(ChildProcess& process,
 /// Runs `kestrelvane` to its end.
 Finished run(const std::vector<std::string>& arguments,
              const ChildProcess::Environment& environment = {}, Streams streams = Streams::joined);
-
-/// The port a starting `kestrelvane receive` announces on its first line
-/// ("Receiving into … on port N"); 0, with a test failure, when it says none.
-int announcedPort(ChildProcess& receiver);
 
 } // namespace kestrelvane::testing
