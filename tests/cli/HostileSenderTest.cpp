@@ -177,7 +177,7 @@ struct Attempt {
     bool hangsUp = true; ///< or stays connected, for the receiver to end it
 };
 
-TEST_F(HostileSender, BrokenLyingOrStalledSessionsEndAloneAndSaveNothing) {
+TEST_F(HostileSender, BrokenLyingOrStalledSessionsEndAloneAndLeaveNothingBehind) {
     const std::string content = "a photo's bytes";
     const Bytes session = frame(R"({"schemaVersion":1,"direction":"macToPhone"})");
     Bytes corrupted = sessionWithFile("bad.jpg", content);
@@ -228,6 +228,7 @@ TEST_F(HostileSender, BrokenLyingOrStalledSessionsEndAloneAndSaveNothing) {
         expectUnharmed();
     }
     EXPECT_TRUE(receiver_->says("FAILED  bad.jpg: checksum mismatch"));
+    EXPECT_TRUE(receiver_->says(" ended: 0 saved, 1 failed"));
     EXPECT_TRUE(receiver_->says("recv() timed out after 1 s"));
 }
 

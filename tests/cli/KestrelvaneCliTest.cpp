@@ -82,10 +82,12 @@ TEST_P(Send, SavesIntoTheTrimmedAlbumWithCaptureDatesOnceEachAndANamesakeBeside)
     }
     EXPECT_EQ(events[0]["event"], "start");
     for (const int i : {1, 2}) {
-        EXPECT_EQ(events[i]["event"], "ack");
-        EXPECT_EQ(events[i]["status"], "ok");
-        EXPECT_EQ(events[i]["index"], i);
-        EXPECT_EQ(events[i]["total"], 2);
+        events[i].erase("bytes");
+        EXPECT_EQ(events[i], nlohmann::json({{"event", "ack"},
+                                             {"index", i},
+                                             {"total", 2},
+                                             {"name", "jpeg-original.jpg"},
+                                             {"status", "ok"}}));
     }
     EXPECT_EQ(events[3]["event"], "summary");
     EXPECT_EQ(events[3]["saved"], 2);
@@ -196,7 +198,7 @@ TEST(KestrelvaneCli, DemoSendsItsSamplesOverTheSimulatedUsbPathAndChecksThem) {
 
 // scripts/bench's quick mode on this build's programs: it runs, and checks
 // itself that every file arrives. Nothing of its timing is checked here.
-TEST(BenchScript, QuickRunSendsEveryFileOverEachPath) {
+TEST(BenchScript, QuickModeRunsOnThisBuildsPrograms) {
     const TemporaryFolder folder;
     const Finished bench = finish(
         *start(KV_BENCH_SCRIPT,

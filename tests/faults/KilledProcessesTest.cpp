@@ -32,25 +32,17 @@ std::vector<fs::path> makeBatch(const fs::path& folder, int count, std::size_t s
     return files;
 }
 
-/// The names of the entries directly in `folder` (hidden ones too), sorted.
-std::vector<std::string> namesIn(const fs::path& folder) {
-    std::vector<std::string> names;
+/// How many entries `folder` holds, each checked to hold the bytes of its
+/// namesake in `source`.
+std::size_t wholeCopiesIn(const fs::path& folder, const fs::path& source) {
+    std::size_t count = 0;
     for (const auto& entry : fs::directory_iterator(folder)) {
-        names.push_back(entry.path().filename().string());
+        EXPECT_EQ(Checksum::sha256HexOfFile(entry.path()),
+                  Checksum::sha256HexOfFile(source / entry.path().filename()))
+            << entry.path();
+        ++count;
     }
-    std::sort(names.begin(), names.end());
-    return names;
-}
-
-/// The names in `folder`, each checked to hold the bytes of its namesake in `source`.
-std::vector<std::string> wholeCopiesIn(const fs::path& folder, const fs::path& source) {
-    const auto names = namesIn(folder);
-    for (const auto& name : names) {
-        EXPECT_EQ(Checksum::sha256HexOfFile(folder / name),
-                  Checksum::sha256HexOfFile(source / name))
-            << name;
-    }
-    return names;
+    return count;
 }
 
 /// `kestrelvane send --json` of `files` to `to`, `onEvent` seeing each event as
@@ -62,99 +54,82 @@ send(const std::vector<fs::path>& files, const std::string& to,
     std::vector<std::string> arguments = {"send", "--json", "--log", "stderr", "--to", to};
     arguments.insert(arguments.end(), files.begin(), files.end());
     const auto sender = kestrelvane(arguments, environment, Streams::stdoutOnly);
-    nlohmann::json last;
-    while (const auto line = sender->readLine(std::chrono::seconds(60))) {
-        last = nlohmann::json::parse(*line);
+    const Finished sent = finish(*sender, std::chrono::seconds(60), [&](const std::string& line) {
         if (onEvent) {
-            onEvent(last, *sender);
+            onEvent(nlohmann::json::parse(line), *sender);
         }
-    }
-    return {sender->waitFor(std::chrono::seconds(60)).value_or(-1), last};
+    });
+    return {sent.status, sent.lines.empty() ? nullptr : nlohmann::json::parse(sent.lines.back())};
 }
 
-std::vector<fs::path> unsavedIn(const nlohmann::json& summary) {
-    std::vector<fs::path> paths;
-    for (const auto& file : summary.value("unsaved", nlohmann::json::array())) {
-        paths.emplace_back(file.at("path").get<std::string>());
-    }
-    return paths;
-}
-
-enum class Victim { sender, receiver, usbmuxd };
-
-class Killed : public ::testing::TestWithParam<Victim> {};
+/// Which process dies: "sender", "receiver" or "usbmuxd".
+class Killed : public ::testing::TestWithParam<std::string> {};
 
 TEST_P(Killed, MidBatchLosesNothingAcknowledgedAndAResendCompletesTheBatchOnce) {
-    const Victim victim = GetParam();
-    const bool usb = victim == Victim::usbmuxd;
+    const std::string victim = GetParam();
+    const bool usb = victim == "usbmuxd";
     TemporaryFolder source, destination, temporary;
     const auto files = makeBatch(source.path(), 16, usb ? 2 << 20 : 1 << 20);
     std::unique_ptr<ReceiverProcess> receiver;
     std::unique_ptr<SimulatorProcess> usbmuxd;
+    std::string to = "usb";
+    ChildProcess::Environment environment;
+    const ChildProcess::Environment tmpdir = {{"TMPDIR", temporary.path().string()}};
     const auto startDestination = [&] {
         if (usb) {
             usbmuxd = std::make_unique<SimulatorProcess>(
                 std::vector<std::string>{"SIM1,0x12a8,folder=" + destination.path().string()});
+            environment = usbmuxd->environment();
         } else {
             receiver = std::make_unique<ReceiverProcess>(
-                destination.path(), std::vector<std::string>{"--log", "stderr"},
-                ChildProcess::Environment{{"TMPDIR", temporary.path().string()}});
+                destination.path(), std::vector<std::string>{"--log", "stderr"}, tmpdir);
+            to = receiver->address();
         }
-    };
-    const auto sendTo = [&](const std::vector<fs::path>& batch, const auto& onEvent) {
-        return usb ? send(batch, "usb", usbmuxd->environment(), onEvent)
-                   : send(batch, receiver->address(), {}, onEvent);
     };
     startDestination();
     // The victim dies as soon as the sender hears of the first saved file.
     ChildProcess* dying = nullptr;
-    const auto [status, summary] = sendTo(files, [&](const auto& event, ChildProcess& sender) {
-        if (!dying && event["event"] == "ack") {
-            dying = victim == Victim::sender     ? &sender
-                    : victim == Victim::receiver ? &receiver->process()
-                                                 : &usbmuxd->process();
-            ::kill(dying->pid(), SIGKILL);
-        }
-    });
+    const auto [status, summary] =
+        send(files, to, environment, [&](const auto& event, ChildProcess& sender) {
+            if (!dying && event["event"] == "ack") {
+                dying = victim == "sender" ? &sender
+                        : usb              ? &usbmuxd->process()
+                                           : &receiver->process();
+                ::kill(dying->pid(), SIGKILL);
+            }
+        });
     ASSERT_NE(dying, nullptr);
-    EXPECT_EQ(status, victim == Victim::sender ? 128 + SIGKILL : 1) << "-1: the sender hung";
-    // What the sender was told is saved is saved; a file cut short is not there.
-    wholeCopiesIn(destination.path(), source.path());
+    EXPECT_EQ(status, victim == "sender" ? 128 + SIGKILL : 1) << "-1: the sender hung";
     auto unsaved = files; // a killed sender leaves no list: the whole batch again
-    if (victim != Victim::sender) {
+    if (victim != "sender") {
         EXPECT_EQ(dying->waitFor(), 128 + SIGKILL);
-        unsaved = unsavedIn(summary);
+        unsaved.clear();
+        for (const auto& file : summary["unsaved"]) {
+            unsaved.emplace_back(file["path"].get<std::string>());
+        }
         ASSERT_FALSE(unsaved.empty()) << "the batch was complete before the kill";
         startDestination();
     } else {
         ASSERT_TRUE(receiver->says("session 1 ended")); // before a resend can race it
     }
 
-    const auto [resumed, resumedSummary] = sendTo(unsaved, nullptr);
+    const auto [resumed, resumedSummary] = send(unsaved, to, environment);
     EXPECT_EQ(resumed, 0) << resumedSummary.dump();
-    std::vector<std::string> names;
-    for (const auto& file : files) {
-        names.push_back(file.filename().string());
-    }
-    EXPECT_EQ(wholeCopiesIn(destination.path(), source.path()), names) << "a file lost or doubled";
+    // What the sender was told is saved is whole, and now every file, once.
+    EXPECT_EQ(wholeCopiesIn(destination.path(), source.path()), files.size())
+        << "a file lost or doubled";
     if (!usb) {
-        // The receiver's one scratch folder holds nothing but its lock: what a
-        // killed receiver or sender left there is gone.
-        const auto scratch = namesIn(temporary.path());
-        ASSERT_EQ(scratch.size(), 1u) << ::testing::PrintToString(scratch);
-        EXPECT_EQ(namesIn(temporary.path() / scratch[0]), std::vector<std::string>{".lock"});
+        // A receiver starting beside it leaves its scratch folder alone, which
+        // holds nothing but its lock: what a killed receiver or sender left is gone.
+        ReceiverProcess(destination.path(), {}, tmpdir);
+        EXPECT_EQ(std::distance(fs::recursive_directory_iterator(temporary.path()), {}), 2);
         EXPECT_EQ(receiver->process().terminate(), 0);
         EXPECT_TRUE(fs::is_empty(temporary.path())) << "the receiver left its scratch folder";
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Processes, Killed,
-                         ::testing::Values(Victim::sender, Victim::receiver, Victim::usbmuxd),
-                         [](const auto& victim) {
-                             return std::string(victim.param == Victim::sender     ? "Sender"
-                                                : victim.param == Victim::receiver ? "Receiver"
-                                                                                   : "Usbmuxd");
-                         });
+INSTANTIATE_TEST_SUITE_P(Processes, Killed, ::testing::Values("sender", "receiver", "usbmuxd"),
+                         [](const auto& victim) { return victim.param; });
 
 TEST(KilledUsbmuxd, WhileTheSenderWaitsForItsDeviceListEndsTheSendWithNoConnection) {
     TemporaryFolder phone;
@@ -200,10 +175,10 @@ TEST(FullDisk, FilesThatDoNotFitAreAnsweredWithAnErrorAndLeaveNothingBehind) {
                                   copy.path().string() + "'"});
     const auto [status, summary] = send(files, receiver.address());
     EXPECT_EQ(status, 1);
-    ASSERT_EQ(unsavedIn(summary).size(), 1u) << summary.dump();
+    ASSERT_EQ(summary["unsaved"].size(), 1u) << summary.dump();
     EXPECT_EQ(summary["unsaved"][0]["reason"], "No space left on device");
     EXPECT_EQ(receiver.finish().status, 0) << "the receiver did not end cleanly";
-    EXPECT_EQ(wholeCopiesIn(copy.path(), source.path()).size(), 2u) << "a partial file was left";
+    EXPECT_EQ(wholeCopiesIn(copy.path(), source.path()), 2u) << "a partial file was left";
     EXPECT_TRUE(fs::is_empty(temporary.path())) << "a temporary file was left";
 }
 

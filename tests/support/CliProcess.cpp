@@ -37,9 +37,13 @@ std::string Finished::text() const {
     return all;
 }
 
-Finished finish(ChildProcess& process, std::chrono::milliseconds deadline) {
+Finished finish(ChildProcess& process, std::chrono::milliseconds deadline,
+                const std::function<void(const std::string&)>& onLine) {
     Finished finished;
     while (auto line = process.readLine(deadline)) {
+        if (onLine) {
+            onLine(*line);
+        }
         finished.lines.push_back(*line);
     }
     finished.status = process.waitFor(deadline).value_or(-1);

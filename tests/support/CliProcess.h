@@ -3,6 +3,7 @@
 #include "support/ChildProcess.h"
 
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -31,9 +32,11 @@ struct Finished {
     std::string text() const; ///< the lines, each ending in a newline
 };
 
-/// Reads everything `process` prints and waits for it to end.
+/// Reads everything `process` prints, each line also to `onLine` as it comes,
+/// and waits for it to end.
 Finished finish(ChildProcess& process,
-                std::chrono::milliseconds deadline = std::chrono::seconds(120));
+                std::chrono::milliseconds deadline = std::chrono::seconds(120),
+                const std::function<void(const std::string&)>& onLine = {});
 /// Runs `kestrelvane` to its end.
 Finished run(const std::vector<std::string>& arguments,
              const ChildProcess::Environment& environment = {}, Streams streams = Streams::joined);
