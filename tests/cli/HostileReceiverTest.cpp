@@ -2,15 +2,16 @@
 // everything, then acknowledges what was never sent, acknowledges twice, sends
 // garbage or stays mute. The sender must end with status 1 and never count a
 // file as saved that was not acknowledged "ok".
-#include "CliProcess.h"
 #include "KestrelvaneKit/network/BonjourStream.h"
 #include "KestrelvaneKit/network/TcpListener.h"
+#include "support/CliProcess.h"
 #include "support/ScriptedReceiver.h"
+#include "support/TemporaryFolder.h"
+#include "support/TestFiles.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include <functional>
 #include <set>
 
 namespace kestrelvane {
@@ -18,103 +19,94 @@ namespace {
 
 using namespace testing;
 
-const std::vector<std::string> sentNames = {"jpeg-original.jpg", "video.mov"};
+const std::filesystem::path media = std::filesystem::path(KV_FIXTURES_DIR) / "media";
+
+Ack ok(const std::string& name) {
+    return {.name = name, .status = Ack::Status::ok};
+}
 
 struct Misbehaviour {
     std::string what;
-    std::function<void(ScriptedReceiver&)> script;
-    std::set<std::string> reallySaved; ///< planned files acknowledged "ok"
+    std::vector<Ack> acks;
+    std::optional<Bytes> frame;             ///< sent after the acknowledgements, if any
+    bool hangsUp;                           ///< or leaves the connection open
+    std::multiset<std::string> reallySaved; ///< planned files acknowledged "ok"
 };
 
-ByteView text(std::string_view bytes) {
-    return asBytes(bytes);
-}
-
 TEST(HostileReceiver, SenderCountsOnlyOkAcknowledgementsOfFilesItSentAndAlwaysEnds) {
+    const Ack mismatch = {
+        .name = "video.mov", .status = Ack::Status::error, .message = "checksum mismatch"};
     const std::vector<Misbehaviour> cases = {
-        {"acknowledgements for names never sent, then a hang-up",
-         [](ScriptedReceiver& receiver) {
-             receiver.sendAck({.name = "ghost.jpg", .status = Ack::Status::ok});
-             receiver.sendAck({.name = "../jpeg-original.jpg", .status = Ack::Status::ok});
-             receiver.sendAck({.name = "JPEG-ORIGINAL.JPG", .status = Ack::Status::ok});
-             receiver.closeConnection();
-         },
+        {"acknowledgements for names never sent",
+         {ok("ghost.jpg"), ok("../jpeg-original.jpg"), ok("JPEG-ORIGINAL.JPG")},
+         {},
+         true,
          {}},
-        {"the same ok twice for one file and nothing for the other",
-         [](ScriptedReceiver& receiver) {
-             receiver.sendAck({.name = "jpeg-original.jpg", .status = Ack::Status::ok});
-             receiver.sendAck({.name = "jpeg-original.jpg", .status = Ack::Status::ok});
-             receiver.closeConnection();
-         },
-         {"jpeg-original.jpg"}},
-        {"an error and then an ok for the same file",
-         [](ScriptedReceiver& receiver) {
-             receiver.sendAck({.name = "video.mov",
-                               .status = Ack::Status::error,
-                               .message = "checksum mismatch"});
-             receiver.sendAck({.name = "video.mov", .status = Ack::Status::ok});
-             receiver.closeConnection();
-         },
-         {}},
-        {"garbage instead of an acknowledgement, connection left open",
-         [](ScriptedReceiver& receiver) { receiver.sendFrame(text("{\"name\":42")); },
-         {}},
-        {"an acknowledgement without a status, connection left open",
-         [](ScriptedReceiver& receiver) { receiver.sendFrame(text("{\"name\":\"video.mov\"}")); },
-         {}},
-        {"a 2 MB frame where an acknowledgement belongs, connection left open",
-         [](ScriptedReceiver& receiver) { receiver.sendFrame(Bytes(2'000'000, 'x')); },
-         {}},
-        {"never an acknowledgement, then a hang-up",
-         [](ScriptedReceiver& receiver) { receiver.closeConnection(); },
-         {}},
+        {"the same ok twice for the video, one for the name both photos have",
+         {ok("video.mov"), ok("video.mov"), ok("jpeg-original.jpg")},
+         {},
+         true,
+         {"video.mov", "jpeg-original.jpg"}},
+        {"an error and then an ok for the same file", {mismatch, ok("video.mov")}, {}, true, {}},
+        {"garbage instead of an acknowledgement", {}, toBytes("{\"name\":42"), false, {}},
+        {"an acknowledgement without a status", {}, toBytes("{\"name\":\"video.mov\"}"), false, {}},
+        {"a 2 MB frame where an acknowledgement belongs", {}, Bytes(2'000'000, 'x'), false, {}},
+        {"never an acknowledgement, then a hang-up", {}, {}, true, {}},
     };
+    // Two photos of the same name, from two folders, and a video.
+    const TemporaryFolder other;
+    const std::vector<std::string> files = {
+        (media / "jpeg-original.jpg").string(), (media / "video.mov").string(),
+        writeFile(other.path() / "jpeg-original.jpg", "another photo").string()};
+    const std::multiset<std::string> sent = {"jpeg-original.jpg", "jpeg-original.jpg", "video.mov"};
     for (const auto& misbehaviour : cases) {
         SCOPED_TRACE(misbehaviour.what);
         TcpListener listener(0, TcpListener::Scope::loopback);
         std::vector<std::string> arguments = {"send", "--json", "--to",
                                               "127.0.0.1:" + std::to_string(listener.port())};
-        for (const auto& name : sentNames) {
-            arguments.push_back((media / name).string());
-        }
-        const auto process = kestrelvane(arguments, {}, Streams::stdoutOnly);
-        ChildProcess& sender = *process;
+        arguments.insert(arguments.end(), files.begin(), files.end());
+        const auto sender = kestrelvane(arguments, {}, Streams::stdoutOnly);
         auto stream = std::make_shared<BonjourStream>(listener.accept());
         stream->start();
         ScriptedReceiver receiver(stream, false);
-        ASSERT_TRUE(receiver.waitForFiles(sentNames.size()));
+        ASSERT_TRUE(receiver.waitForFiles(files.size()));
         try {
-            misbehaviour.script(receiver);
+            for (const auto& ack : misbehaviour.acks) {
+                receiver.sendAck(ack);
+            }
+            if (misbehaviour.frame) {
+                receiver.sendFrame(*misbehaviour.frame);
+            }
+            if (misbehaviour.hangsUp) {
+                receiver.closeConnection();
+            }
         } catch (const std::system_error&) {
             // The sender ends after as many acknowledgements as files, whatever
-            // they said, and may have hung up before the script's last words.
+            // they said, and may have hung up before the last of them.
         }
-
-        std::vector<nlohmann::json> events;
-        while (auto line = sender.readLine()) {
-            events.push_back(nlohmann::json::parse(*line));
-        }
-        const auto status = sender.waitFor();
+        const Finished finished = finish(*sender, std::chrono::seconds(30));
         receiver.closeConnection();
-        ASSERT_EQ(status, 1) << "the sender did not end with some files not saved";
+        ASSERT_EQ(finished.status, 1) << "the sender did not end with some files not saved";
 
-        ASSERT_FALSE(events.empty());
-        const auto& summary = events.back();
+        // Reported saved, as it went and in the summary, exactly what was
+        // acknowledged "ok"; every other file listed as not saved.
+        std::multiset<std::string> reportedOk;
+        std::multiset<std::string> accounted = misbehaviour.reallySaved;
+        nlohmann::json summary;
+        for (const auto& line : finished.lines) {
+            const auto event = nlohmann::json::parse(line);
+            if (event["event"] == "ack" && event["status"] == "ok") {
+                reportedOk.insert(event["name"].get<std::string>());
+            }
+            summary = event;
+        }
+        EXPECT_EQ(reportedOk, misbehaviour.reallySaved);
         ASSERT_EQ(summary["event"], "summary");
         EXPECT_EQ(summary["saved"], misbehaviour.reallySaved.size());
-        std::set<std::string> unsaved;
         for (const auto& file : summary["unsaved"]) {
-            unsaved.insert(file["name"].get<std::string>());
+            accounted.insert(file["name"].get<std::string>());
         }
-        for (const auto& name : sentNames) {
-            EXPECT_NE(unsaved.count(name), misbehaviour.reallySaved.count(name)) << name;
-        }
-        for (const auto& event : events) {
-            if (event["event"] == "ack" && event["status"] == "ok") {
-                EXPECT_EQ(misbehaviour.reallySaved.count(event["name"].get<std::string>()), 1u)
-                    << "reported saved: " << event.dump();
-            }
-        }
+        EXPECT_EQ(accounted, sent);
     }
 }
 

@@ -1,9 +1,8 @@
-#include "CliProcess.h"
+#include "support/CliProcess.h"
 
-#include <gtest/gtest.h>
+#include "support/SimulatorProcess.h"
 
 #include <algorithm>
-#include <regex>
 
 namespace kestrelvane::testing {
 
@@ -22,7 +21,7 @@ std::unique_ptr<ChildProcess> start(const std::string& program,
 std::unique_ptr<ChildProcess> kestrelvane(const std::vector<std::string>& arguments,
                                           const ChildProcess::Environment& environment,
                                           Streams streams) {
-    return start(KV_CLI, arguments, environment, streams);
+    return start(cliProgram(), arguments, environment, streams);
 }
 
 bool Finished::mentions(const std::string& text) const {
@@ -38,9 +37,13 @@ std::string Finished::text() const {
     return all;
 }
 
-Finished finish(ChildProcess& process, std::chrono::milliseconds deadline) {
+Finished finish(ChildProcess& process, std::chrono::milliseconds deadline,
+                const std::function<void(const std::string&)>& onLine) {
     Finished finished;
     while (auto line = process.readLine(deadline)) {
+        if (onLine) {
+            onLine(*line);
+        }
         finished.lines.push_back(*line);
     }
     finished.status = process.waitFor(deadline).value_or(-1);
@@ -50,16 +53,6 @@ Finished finish(ChildProcess& process, std::chrono::milliseconds deadline) {
 Finished run(const std::vector<std::string>& arguments,
              const ChildProcess::Environment& environment, Streams streams) {
     return finish(*kestrelvane(arguments, environment, streams));
-}
-
-int announcedPort(ChildProcess& receiver) {
-    const auto first = receiver.readLine();
-    std::smatch match;
-    if (first && std::regex_search(*first, match, std::regex("on port ([0-9]+)$"))) {
-        return std::stoi(match[1]);
-    }
-    ADD_FAILURE() << "the receiver did not say where it listens: " << first.value_or("(nothing)");
-    return 0;
 }
 
 } // namespace kestrelvane::testing

@@ -3,15 +3,12 @@
 #include "support/ChildProcess.h"
 
 #include <chrono>
-#include <filesystem>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
 namespace kestrelvane::testing {
-
-/// The media fixtures the tool is run on.
-inline const std::filesystem::path media = std::filesystem::path(KV_FIXTURES_DIR) / "media";
 
 /// Which of a program's output streams the test reads.
 enum class Streams { joined, stdoutOnly, stderrOnly };
@@ -35,15 +32,13 @@ struct Finished {
     std::string text() const; ///< the lines, each ending in a newline
 };
 
-/// Reads everything `process` prints and waits for it to end.
+/// Reads everything `process` prints, each line also to `onLine` as it comes,
+/// and waits for it to end.
 Finished finish(ChildProcess& process,
-                std::chrono::milliseconds deadline = std::chrono::seconds(120));
+                std::chrono::milliseconds deadline = std::chrono::seconds(120),
+                const std::function<void(const std::string&)>& onLine = {});
 /// Runs `kestrelvane` to its end.
 Finished run(const std::vector<std::string>& arguments,
              const ChildProcess::Environment& environment = {}, Streams streams = Streams::joined);
-
-/// The port a starting `kestrelvane receive` announces on its first line
-/// ("Receiving into … on port N"); 0, with a test failure, when it says none.
-int announcedPort(ChildProcess& receiver);
 
 } // namespace kestrelvane::testing
