@@ -24,14 +24,14 @@ Bytes frame(std::string_view payload) {
     return FrameCodec::encode(asBytes(payload));
 }
 
-Bytes part(const Bytes& bytes, std::size_t from, std::size_t to) {
+Bytes slice(const Bytes& bytes, std::size_t from, std::size_t to) {
     return Bytes(bytes.begin() + static_cast<std::ptrdiff_t>(from),
                  bytes.begin() + static_cast<std::ptrdiff_t>(to));
 }
 
-Bytes concat(std::initializer_list<Bytes> parts) {
+Bytes concat(std::initializer_list<Bytes> pieces) {
     Bytes out;
-    for (const auto& each : parts) {
+    for (const auto& each : pieces) {
         out.insert(out.end(), each.begin(), each.end());
     }
     return out;
@@ -43,13 +43,13 @@ TEST(FrameChannel, ServesBufferedBytesBeforeAskingTheStreamAndSendsFramesWhole) 
     const Bytes file = pattern(5000, 3);
     const Bytes next = frame("{\"next\":true}");
     auto stream = std::make_shared<ScriptedStream>(std::vector<Bytes>{
-        concat({frame("{}"), frame(""), file, part(next, 0, 6)}), part(next, 6, next.size())});
+        concat({frame("{}"), frame(""), file, slice(next, 0, 6)}), slice(next, 6, next.size())});
     FrameChannel channel(stream);
 
     EXPECT_EQ(channel.receiveFrame(), toBytes("{}"));
     EXPECT_EQ(channel.receiveFrame(), Bytes{});
-    EXPECT_EQ(channel.receiveRaw(1000), part(file, 0, 1000));
-    EXPECT_EQ(channel.receiveRaw(4000), part(file, 1000, 5000));
+    EXPECT_EQ(channel.receiveRaw(1000), slice(file, 0, 1000));
+    EXPECT_EQ(channel.receiveRaw(4000), slice(file, 1000, 5000));
     EXPECT_EQ(channel.receiveRaw(0), Bytes{});
     EXPECT_THROW(channel.receiveRaw(-1), std::invalid_argument);
     EXPECT_EQ(stream->receiveMaxima.size(), 1u);
@@ -77,15 +77,15 @@ TEST(FrameChannel, BoundedReceiveRejectsAnOversizedPrefixBeforeBufferingItsPaylo
 
 // The bytes that came with the header are copied out first; the rest is read
 // straight into the destination, each read asking for exactly what is missing
-// and empty reads retried. A receive that ends part-way returns nothing, and every byte it had
+// and empty reads retried. A receive that ends early returns nothing, and every byte it had
 // taken in, from the buffer or read directly, is there for the next receive.
 TEST(FrameChannel, ReceiveRawIntoTakesTheBufferedPrefixThenReadsTheRestDirectly) {
     const Bytes file = pattern(5000, 5);
     auto stream = std::make_shared<ScriptedStream>(
-        std::vector<Bytes>{concat({frame("{}"), part(file, 0, 100)}),
-                           part(file, 100, 2100),
+        std::vector<Bytes>{concat({frame("{}"), slice(file, 0, 100)}),
+                           slice(file, 100, 2100),
                            {},
-                           part(file, 2100, 5000),
+                           slice(file, 2100, 5000),
                            concat({frame("next"), {0, 0, 0, 9, 1}}),
                            Bytes{2, 3},
                            Bytes{4}});
@@ -94,12 +94,12 @@ TEST(FrameChannel, ReceiveRawIntoTakesTheBufferedPrefixThenReadsTheRestDirectly)
     EXPECT_EQ(channel.receiveFrame(), toBytes("{}"));
     Bytes piece(60);
     channel.receiveRawInto(piece);
-    EXPECT_EQ(piece, part(file, 0, 60));
+    EXPECT_EQ(piece, slice(file, 0, 60));
     channel.receiveRawInto({}); // nothing wanted: no stream call either
     EXPECT_EQ(stream->receiveMaxima.size(), 1u);
     Bytes rest(file.size() - 60);
     channel.receiveRawInto(rest);
-    EXPECT_EQ(rest, part(file, 60, 5000));
+    EXPECT_EQ(rest, slice(file, 60, 5000));
     EXPECT_EQ(stream->receiveMaxima, (std::vector<std::int64_t>{262144, 4900, 2900, 2900}));
 
     EXPECT_EQ(channel.receiveFrame(), toBytes("next"));
