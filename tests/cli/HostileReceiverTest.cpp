@@ -34,19 +34,14 @@ struct Misbehaviour {
 };
 
 TEST(HostileReceiver, SenderCountsOnlyOkAcknowledgementsOfFilesItSentAndAlwaysEnds) {
-    const Ack mismatch = {
-        .name = "video.mov", .status = Ack::Status::error, .message = "checksum mismatch"};
+    const Ack mismatch = {.name = "video.mov", .status = Ack::Status::error, .message = "no"};
+    const std::vector<Ack> strangers = {ok("ghost.jpg"), ok("../jpeg-original.jpg"),
+                                        ok("JPEG-ORIGINAL.JPG")};
+    const std::vector<Ack> twice = {ok("video.mov"), ok("video.mov"), ok("jpeg-original.jpg")};
+    const std::multiset<std::string> oneEach = {"video.mov", "jpeg-original.jpg"};
     const std::vector<Misbehaviour> cases = {
-        {"acknowledgements for names never sent",
-         {ok("ghost.jpg"), ok("../jpeg-original.jpg"), ok("JPEG-ORIGINAL.JPG")},
-         {},
-         true,
-         {}},
-        {"the same ok twice for the video, one for the name both photos have",
-         {ok("video.mov"), ok("video.mov"), ok("jpeg-original.jpg")},
-         {},
-         true,
-         {"video.mov", "jpeg-original.jpg"}},
+        {"acknowledgements for names never sent", strangers, {}, true, {}},
+        {"the video's ok twice, one for the name both photos have", twice, {}, true, oneEach},
         {"an error and then an ok for the same file", {mismatch, ok("video.mov")}, {}, true, {}},
         {"garbage instead of an acknowledgement", {}, toBytes("{\"name\":42"), false, {}},
         {"an acknowledgement without a status", {}, toBytes("{\"name\":\"video.mov\"}"), false, {}},

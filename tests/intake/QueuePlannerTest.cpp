@@ -41,7 +41,7 @@ TEST_F(QueuePlannerTest, CaseDiffersButCanonicallyEquivalentNamesAreOneKey) {
     EXPECT_EQ(QueuePlanner::plan({composed}, {decomposed}), Paths{});
 }
 
-TEST_F(QueuePlannerTest, AFolderContributesItsSortedFilesAtItsOwnPlaceAndTheFirstOccurrenceWins) {
+TEST_F(QueuePlannerTest, AFolderContributesItsSortedFilesAtItsPlaceOrFailsThePlan) {
     const fs::path z = file("z.jpg");
     const fs::path b = file("q/b.jpg");
     const fs::path a = file("q/sub/A.mov");
@@ -49,6 +49,12 @@ TEST_F(QueuePlannerTest, AFolderContributesItsSortedFilesAtItsOwnPlaceAndTheFirs
     EXPECT_EQ(QueuePlanner::plan({z, p / "q", p}, {}), (Paths{z, a, b}));
     // A file first keeps its place (and spelling); the folder adds only the rest.
     EXPECT_EQ(QueuePlanner::plan({p / "q/./b.jpg", p / "q/"}, {}), (Paths{p / "q/./b.jpg", a}));
+    // A folder that cannot be scanned fails the whole plan.
+    const auto unreadable = [](const fs::path& location) -> Paths {
+        throw fs::filesystem_error("cannot read the type of an entry", location,
+                                   std::make_error_code(std::errc::permission_denied));
+    };
+    EXPECT_THROW(QueuePlanner::plan({z, p / "q"}, {}, unreadable), fs::filesystem_error);
 }
 
 TEST_F(QueuePlannerTest, SymbolicLinksAreNeitherResolvedInKeysNorFollowedInsideFolders) {
@@ -64,15 +70,6 @@ TEST_F(QueuePlannerTest, NonMediaAndMissingPathsVanishAndHiddenFilesDroppedDirec
     const fs::path hidden = file(".hidden.jpg");
     EXPECT_EQ(QueuePlanner::plan({file("notes.txt"), p / "missing.jpg", p / "gone", hidden}, {}),
               Paths{hidden});
-}
-
-TEST_F(QueuePlannerTest, AFailedFolderScanFailsThePlan) {
-    file("q/b.jpg");
-    const auto unreadable = [](const fs::path& location) -> Paths {
-        throw fs::filesystem_error("cannot read the type of an entry", location,
-                                   std::make_error_code(std::errc::permission_denied));
-    };
-    EXPECT_THROW(QueuePlanner::plan({p / "q"}, {}, unreadable), fs::filesystem_error);
 }
 
 } // namespace

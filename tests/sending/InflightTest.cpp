@@ -57,7 +57,7 @@ TEST(Inflight, MinimumFilesAreAdmittedWhateverTheirSize) {
     Waiters waiters(window);
     window.reserve(300);
     window.reserve(300);
-    waiters.add(1);
+    waiters.add(1); // two files always get in, a third waits
     EXPECT_EQ(window.waitingCount(), 1u);
     window.release(300);
     EXPECT_EQ(window.snapshot(), (Inflight::Snapshot{301, 2}));
@@ -67,33 +67,26 @@ TEST(Inflight, MinimumFilesAreAdmittedWhateverTheirSize) {
     EXPECT_EQ(clamped.minFiles(), 1);
 }
 
-TEST(Inflight, CancelEndsWaitingAndLaterReservationsUntilReopened) {
-    Inflight window(10, 1);
-    Waiters waiters(window);
-    window.reserve(10);
-    auto& waiting = waiters.add(5);
-    window.cancelWaiting();
-    EXPECT_TRUE(throwsClosed([&] { waiting.get(); }));
-    EXPECT_TRUE(throwsClosed([&] { window.reserve(0); }));
-    window.reopen();
-    window.release(10);
-    window.reserve(5);
-    EXPECT_EQ(window.snapshot(), (Inflight::Snapshot{5, 1}));
-}
-
-TEST(Inflight, AfterReleasesEndWhatFitsIsAdmittedAndWhatWouldWaitFails) {
+// Once releases end, what fits is admitted and what would wait fails; once
+// cancelled, every reservation fails. reopen() ends both.
+TEST(Inflight, EndOfReleasesAndCancelEndWaitingUntilReopened) {
     Inflight window(10, 1);
     Waiters waiters(window);
     window.reserve(6);
-    auto& waiting = waiters.add(6);
+    auto& first = waiters.add(6);
     window.endReleases();
-    EXPECT_TRUE(throwsClosed([&] { waiting.get(); }));
-    window.reserve(4); // fits exactly beside the 6 in flight: no release needed
-    EXPECT_TRUE(throwsClosed([&] { window.reserve(1); })); // would wait for ever
+    EXPECT_TRUE(throwsClosed([&] { first.get(); }));
+    window.reserve(4); // fills the window exactly: no release needed
+    EXPECT_TRUE(throwsClosed([&] { window.reserve(1); }));
     window.reopen();
-    auto& later = waiters.add(1);
+    auto& second = waiters.add(1);
+    window.cancelWaiting();
+    EXPECT_TRUE(throwsClosed([&] { second.get(); }));
+    EXPECT_TRUE(throwsClosed([&] { window.reserve(0); }));
+    window.reopen();
     window.release(6);
-    later.get();
+    window.reserve(5);
+    EXPECT_EQ(window.snapshot(), (Inflight::Snapshot{9, 2}));
 }
 
 } // namespace

@@ -2,12 +2,16 @@
 
 #include "KestrelvaneKit/intake/Checksum.h"
 #include "support/CaughtError.h"
+#include "support/Eventually.h"
 #include "support/ScriptedStream.h"
 #include "support/SystemCallFault.h"
 #include "support/TemporaryFolder.h"
 #include "support/TestFiles.h"
 
 #include <gtest/gtest.h>
+
+#include <fstream>
+#include <future>
 
 namespace kestrelvane {
 namespace {
@@ -33,16 +37,32 @@ TEST(PreparedFile, AFileLongerThanItsStatedSizeIsReadToItsEndAndHashedAsRead) {
     EXPECT_EQ(stream->sent, std::vector<Bytes>{expected});
 }
 
+/// Bytes this process has read so far, by the kernel's count.
+std::uint64_t bytesRead() {
+    std::ifstream io("/proc/self/io");
+    std::string key;
+    std::uint64_t value = 0;
+    while (io >> key >> value && key != "rchar:") {
+    }
+    return value;
+}
+
 // Hashing a long video can take seconds; a send that ends meanwhile must not
-// wait for it.
+// wait for it, however far the hashing has got.
 TEST(PreparedFile, HashingALargeFileStopsWhenTheSendIsStopped) {
     const testing::TemporaryFolder folder;
     const fs::path path = testing::writeFile(folder.path() / "long.mov", "start");
-    fs::resize_file(path, PreparedFile::wholeReadLimit + 1); // sparse: costs no disk
+    fs::resize_file(path, std::uint64_t{16} << 30); // sparse: costs no disk
     std::stop_source stop;
+    const std::uint64_t before = bytesRead();
+    auto hashing = std::async(std::launch::async, [&] {
+        return testing::throwsClosed(
+            [&] { PreparedFile::prepare(path, MediaType::video, stop.get_token()); });
+    });
+    EXPECT_TRUE(testing::eventually(
+        [&] { return bytesRead() - before > 3 * PreparedFile::streamChunkBytes; }));
     stop.request_stop();
-    EXPECT_TRUE(testing::throwsClosed(
-        [&] { PreparedFile::prepare(path, MediaType::video, stop.get_token()); }));
+    EXPECT_TRUE(hashing.get());
 }
 
 TEST(PreparedFile, AnInterruptedReadGoesOnAndAFailedOneNamesTheFileAndTheReason) {

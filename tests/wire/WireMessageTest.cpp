@@ -49,14 +49,12 @@ TEST(WireMessage, EncodesTheProtocolExamplesExactly) {
 }
 
 TEST(WireMessage, RoundTripsKeepEverythingButFractionsOfASecond) {
-    for (const std::uint64_t count : {std::uint64_t{5'000'000'000}, ~std::uint64_t{0}}) {
-        const FileHeader header{.name = "Ferien/Grüße.mov",
-                                .mediaType = MediaType::video,
-                                .byteCount = count,
-                                .sha256 = "x",
-                                .creationDate = march5};
-        EXPECT_EQ(WireMessage::decode<FileHeader>(WireMessage::encode(header)), header);
-    }
+    const FileHeader video{.name = "Ferien/Grüße.mov",
+                           .mediaType = MediaType::video,
+                           .byteCount = ~std::uint64_t{0},
+                           .sha256 = "x",
+                           .creationDate = march5};
+    EXPECT_EQ(WireMessage::decode<FileHeader>(WireMessage::encode(video)), video);
     const SessionHeader session{.schemaVersion = std::numeric_limits<std::int64_t>::min(),
                                 .direction = SessionHeader::Direction::phoneToMac,
                                 .albumName = "Trip"};
