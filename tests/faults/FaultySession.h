@@ -1,4 +1,0 @@
-#pragma once
-
-// sameContents() and filesUnder(), for the fault tests that run processes.
-#include "support/EngineSession.h"
