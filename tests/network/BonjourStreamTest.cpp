@@ -4,14 +4,12 @@
 #include "KestrelvaneKit/network/BonjourStream.h"
 
 #include "KestrelvaneKit/network/TcpListener.h"
-#include "support/BlockedThread.h"
 #include "support/CallOutcome.h"
 #include "support/Eventually.h"
 #include "support/SystemCallFault.h"
 
 #include <gtest/gtest.h>
 
-#include <future>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
@@ -38,49 +36,6 @@ TEST(BonjourStream, RefusedConnectionFailsWithTheSystemErrorAndALaterStartTriesA
     server.start();
     stream.send(asBytes("again"));
     EXPECT_EQ(asText(server.receive(5)), "again");
-}
-
-TEST(BonjourStream, CancelDuringStartEndsItWithClosed) {
-    // A listener whose queue is full drops further handshakes, so a connect
-    // to it stays in progress until cancelled.
-    const int full = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
-    socklen_t length = sizeof address;
-    ASSERT_EQ(::bind(full, reinterpret_cast<sockaddr*>(&address), length), 0);
-    ASSERT_EQ(::listen(full, 0), 0);
-    ::getsockname(full, reinterpret_cast<sockaddr*>(&address), &length);
-    const std::uint16_t port = ntohs(address.sin_port);
-    // One filler takes the queue's only place; until it has, the connect
-    // below could still be taken.
-    std::vector<std::shared_ptr<TcpConnection>> fillers;
-    for (int i = 0; i < 2; ++i) {
-        fillers.push_back(std::make_shared<TcpConnection>("127.0.0.1", port));
-        fillers.back()->start();
-    }
-    ASSERT_TRUE(eventually([&] {
-        return std::any_of(fillers.begin(), fillers.end(),
-                           [](const auto& filler) { return filler->state() == State::ready; });
-    }));
-
-    auto connection = std::make_shared<TcpConnection>("127.0.0.1", port);
-    BonjourStream stream(connection);
-    const auto known = testing::threadIDs();
-    auto started = std::async(std::launch::async, [&] { stream.start(); });
-    // The connecting thread waits in poll() for the handshake, unless it was taken after all.
-    const auto isDone = [&] {
-        return started.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
-    };
-    ASSERT_TRUE(eventually([&] {
-        return isDone() || testing::aNewThreadIsBlockedIn(known, {SYS_poll, SYS_ppoll});
-    }));
-    if (isDone()) {
-        GTEST_SKIP() << "the kernel completed the handshake despite the full queue; "
-                        "no connect in progress to cancel";
-    }
-    stream.close();
-    EXPECT_EQ(outcomeOf([&] { started.get(); }), "closed") << "start() went on after a cancel";
-    EXPECT_EQ(connection->state(), State::cancelled);
-    ::close(full);
 }
 
 TEST(BonjourStream, ResetByThePeerReachesTheCallerAsTheSystemError) {

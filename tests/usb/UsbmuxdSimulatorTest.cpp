@@ -214,17 +214,5 @@ TEST(UsbmuxdSimulator, OverTcpItTakesClientsOnIPv6Loopback) {
               1u);
 }
 
-TEST(UsbmuxdSimulator, BadCommandLinesAreRefusedWithExitStatusTwo) {
-    for (const std::vector<std::string>& args : {std::vector<std::string>{"--phone", "X,1,test"},
-                                                 {"--socket", "/tmp/x", "--phone", "X,abc,test"},
-                                                 {"--socket", "/tmp/x", "--phone", "X,1,teapot"},
-                                                 {"--socket", "/tmp/x", "--tcp", "1"}}) {
-        std::vector<std::string> argv{testing::simulatorProgram()};
-        argv.insert(argv.end(), args.begin(), args.end());
-        ChildProcess process(argv);
-        EXPECT_EQ(process.waitFor(), 2) << args.back();
-    }
-}
-
 } // namespace
 } // namespace kestrelvane

@@ -76,5 +76,26 @@ TEST(UsbmuxdStream, ReleasesItsDescriptorOnlyWhenClosedAndOnlyOnce) {
     ::close(fds[1]);
 }
 
+TEST(UsbmuxdStream, ASendCutOffByItsOwnCloseEndsClosedRatherThanAsASocketError) {
+    int fds[2];
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds), 0);
+    auto stream = std::make_shared<UsbmuxdStream>(fds[0]);
+    // The socket is full before the send begins, so none of it is written when close() comes.
+    const int flags = ::fcntl(fds[0], F_GETFL);
+    ::fcntl(fds[0], F_SETFL, flags | O_NONBLOCK);
+    const Bytes filler(65536);
+    for (const std::size_t size : {filler.size(), std::size_t{1}}) {
+        while (::send(fds[0], filler.data(), size, MSG_NOSIGNAL) > 0) {
+        }
+    }
+    ::fcntl(fds[0], F_SETFL, flags);
+    auto sending = testing::callUntilBlockedIn(
+        {SYS_sendto}, [stream] { return outcomeOf([&] { stream->send(asBytes("x")); }); });
+    ASSERT_TRUE(sending.blocked);
+    stream->close();
+    EXPECT_EQ(sending.result.get(), "closed");
+    ::close(fds[1]);
+}
+
 } // namespace
 } // namespace kestrelvane
