@@ -190,24 +190,27 @@ std::vector<TransferServer::Event> EngineSession::events() const {
     return events_;
 }
 
-std::set<std::string> EngineSession::reportedOk() const {
+namespace {
+
+/// The names of the entries (sender's progress or receiver's events) acknowledged "ok".
+template <class Entries> std::set<std::string> okNames(const Entries& entries) {
     std::set<std::string> names;
-    for (const auto& step : progress()) {
-        if (step.ack.status == Ack::Status::ok) {
-            names.insert(step.ack.name);
+    for (const auto& entry : entries) {
+        if (entry.ack.status == Ack::Status::ok) {
+            names.insert(entry.ack.name);
         }
     }
     return names;
 }
 
+} // namespace
+
+std::set<std::string> EngineSession::reportedOk() const {
+    return okNames(progress());
+}
+
 std::set<std::string> EngineSession::receiverOk() const {
-    std::set<std::string> names;
-    for (const auto& event : events()) {
-        if (event.ack.status == Ack::Status::ok) {
-            names.insert(event.ack.name);
-        }
-    }
-    return names;
+    return okNames(events());
 }
 
 std::vector<fs::path> EngineSession::notReportedOk(const std::vector<fs::path>& files) const {
