@@ -538,13 +538,12 @@ private slots:
     void aCheckReportsANewerReleaseThisOneAsCurrentOrWhyItFailed() {
         const QUrl twoReleases = served(appcast(
             "<item><title>Version 2.1</title><sparkle:version>210</sparkle:version>"
-            "<sparkle:shortVersionString>2.1</sparkle:shortVersionString>"
-            "<sparkle:releaseNotesLink>https://example.org/notes/2.1.html</"
-            "sparkle:releaseNotesLink>"
+            "<sparkle:shortVersionString>2.1</sparkle:shortVersionString><sparkle:releaseNotesLink>"
+            "https://example.org/notes/2.1.html</sparkle:releaseNotesLink>"
             "<enclosure url=\"https://example.org/Kestrelvane-2.1.tar.gz\" length=\"100\"/></item>"
-            "<item><title>Version 2.0</title><enclosure "
-            "url=\"https://example.org/Kestrelvane-2.0.tar.gz\" "
-            "sparkle:version=\"200\" sparkle:shortVersionString=\"2.0\"/></item>"));
+            "<item><title>Version 2.0</title>"
+            "<enclosure url=\"https://example.org/Kestrelvane-2.0.tar.gz\" sparkle:version=\"200\" "
+            "sparkle:shortVersionString=\"2.0\"/></item>"));
         const struct {
             QUrl feed;
             const char* current;
