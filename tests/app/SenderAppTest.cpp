@@ -1,0 +1,609 @@
+#include "KestrelvaneKit/intake/Checksum.h"
+#include "KestrelvaneKit/intake/QueuePlanner.h"
+#include "KestrelvaneKit/wire/FrameChannel.h"
+#include "Sender/AppcastUpdater.h"
+#include "Sender/ContentView.h"
+#include "Sender/QueueRowDelegate.h"
+#include "Sender/ThumbnailProvider.h"
+#include "support/MemoryStream.h"
+#include "support/ScopedEnvironment.h"
+#include "support/ScriptedReceiver.h"
+#include "support/SimulatorProcess.h"
+#include "support/TemporaryFolder.h"
+#include "support/TestFiles.h"
+
+#include <QAbstractItemView>
+#include <QDir>
+#include <QDropEvent>
+#include <QLabel>
+#include <QLineEdit>
+#include <QMimeData>
+#include <QPushButton>
+#include <QSignalSpy>
+#include <QTest>
+#include <QThread>
+
+#include <atomic>
+#include <future>
+#include <sys/resource.h>
+#include <thread>
+#include <unistd.h>
+
+namespace kestrelvane {
+
+namespace fs = std::filesystem;
+using Status = TransferQueue::Status;
+using State = UsbmuxdDiscovery::State;
+using Kind = State::Kind;
+using Check = AppcastUpdater::Result::Kind;
+
+namespace {
+
+constexpr std::chrono::milliseconds testInterval{20};
+
+void saveScreenshot(QWidget& widget, const QString& name) {
+    QDir().mkpath(QStringLiteral(KV_SCREENSHOT_DIR));
+    const QString path = QStringLiteral(KV_SCREENSHOT_DIR "/%1.png").arg(name);
+    // Laid out as the next turn of the event loop would, without running it:
+    // item views lay out their rows on a timer of their own.
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::LayoutRequest);
+    for (auto* view : widget.findChildren<QAbstractItemView*>()) {
+        view->doItemsLayout();
+    }
+    QVERIFY(widget.grab().save(path, "PNG"));
+    qInfo("screenshot: %s", qPrintable(path));
+}
+
+QStringList column(const TransferQueue& queue, int role = TransferQueue::StatusRole) {
+    QStringList out;
+    for (int row = 0; row < queue.rowCount(); ++row) {
+        out << queue.data(queue.index(row), role).toString();
+    }
+    return out;
+}
+
+int ownNiceness() {
+    return ::getpriority(PRIO_PROCESS, static_cast<id_t>(::gettid()));
+}
+
+fs::path fixture(const QString& name) {
+    return fs::path(KV_FIXTURES_DIR) / name.toStdString();
+}
+
+DiscoveredService phone(const std::string& name, std::uint16_t port = 9876) {
+    return {name, "local", name + ".local", {"192.168.1.20"}, port};
+}
+
+Ack ack(int file, Ack::Status status = Ack::Status::ok,
+        std::optional<std::string> message = std::nullopt) {
+    return Ack{"IMG_" + std::to_string(file) + ".jpg", status, std::move(message)};
+}
+
+QByteArray appcast(const QByteArray& items) {
+    return "<rss version=\"2.0\" "
+           "xmlns:sparkle=\"http://www.andymatuschak.org/xml-namespaces/sparkle\"><channel>" +
+           items + "</channel></rss>";
+}
+
+/// A feed fetched through the network code, from a data: URL.
+QUrl served(const QByteArray& body) {
+    return QUrl(QString::fromLatin1("data:application/rss+xml;base64," + body.toBase64()));
+}
+
+} // namespace
+
+class SenderAppTest : public QObject {
+    Q_OBJECT
+
+    std::optional<testing::TemporaryFolder> folder_;
+    std::optional<testing::ScriptedReceiver> receiver_;
+    std::optional<SenderViewModel> model_; // ends a send still running before its receiver goes
+    int failures_ = 0;
+
+    TransferQueue& queue() { return model_->queue(); }
+
+    /// Files at these paths in the folder, of one byte each.
+    std::vector<fs::path> files(std::initializer_list<std::string> names) {
+        std::vector<fs::path> out;
+        for (const auto& name : names) {
+            out.push_back(testing::writeFile(folder_->path() / name, "x"));
+        }
+        return out;
+    }
+
+    bool addAndWait(const std::vector<fs::path>& urls) {
+        QSignalSpy finished(&queue(), &TransferQueue::addFinished);
+        queue().add(urls);
+        return finished.wait(30'000);
+    }
+
+    /// Starts a send of the unsent items to a fresh receiver.
+    void startSend(bool autoAck) {
+        auto [senderEnd, receiverEnd] = testing::makeMemoryStreamPair();
+        receiver_.emplace(receiverEnd, autoAck);
+        model_->startSend(
+            queue().unsentURLs(),
+            [stream = senderEnd] { return std::make_unique<FrameChannel>(stream); },
+            [this] { ++failures_; });
+    }
+
+private slots:
+    void init() {
+        model_.reset();
+        receiver_.reset();
+        folder_.emplace();
+        model_.emplace();
+        failures_ = 0;
+    }
+
+    // Drop → send over the simulator's USB tunnel → the phone is unplugged
+    // mid-send → plugged in again → resume → all saved.
+    void aDropSentToAPhoneUnpluggedMidSendIsResumedAndSaved() {
+        const fs::path in = folder_->path() / "in";
+        const fs::path phoneFolder = folder_->path() / "phone";
+        fs::create_directories(phoneFolder);
+        const std::string phone = "PHONE,0x12a8,folder=" + phoneFolder.string();
+        testing::SimulatorProcess sim({phone});
+        ContentView view(sim.address(), testInterval);
+        view.resize(640, 480);
+        TransferQueue& queue = view.viewModel().queue();
+        auto* button = view.findChild<QPushButton*>("primaryButton");
+        auto* status = view.findChild<QLabel*>("deviceStatus");
+        auto* album = view.findChild<QLineEdit*>("albumField");
+        auto* clear = view.findChild<QPushButton*>("clearButton");
+        view.show();
+        QVERIFY(QTest::qWaitForWindowExposed(&view));
+        QVERIFY(view.findChild<QWidget*>("emptyState")->isVisible());
+        saveScreenshot(view, QStringLiteral("window-empty"));
+
+        // A small photo first, then two large ones still on their way when it is saved.
+        const std::vector<fs::path> photos{
+            testing::writeFile(in / "IMG_0.jpg", testing::pattern(1000)),
+            testing::writeFile(in / "IMG_1.jpg", testing::pattern(24 << 20, 1)),
+            testing::writeFile(in / "IMG_2.jpg", testing::pattern(24 << 20, 2))};
+        QMimeData data;
+        data.setUrls({QUrl::fromLocalFile(QString::fromStdString(in.string()))});
+        QDragEnterEvent enter({320, 240}, Qt::CopyAction, &data, Qt::LeftButton, Qt::NoModifier);
+        QCoreApplication::sendEvent(&view, &enter);
+        QVERIFY(enter.isAccepted());
+        QSignalSpy added(&queue, &TransferQueue::addFinished);
+        QDropEvent dropped({320, 240}, Qt::CopyAction, &data, Qt::LeftButton, Qt::NoModifier);
+        QCoreApplication::sendEvent(&view, &dropped);
+        QVERIFY(added.wait(30'000));
+        QCOMPARE(button->text(), "Send 3 →");
+        QTRY_VERIFY_WITH_TIMEOUT(button->isEnabled(), 30'000);
+        QCOMPARE(status->text(), "● iPhone ready");
+        album->setText(QStringLiteral("Trip"));
+        bool unplugged = false;
+        QMetaObject::Connection unplug;
+        unplug = connect(&queue, &QAbstractItemModel::dataChanged, this, [&] {
+            if (queue.savedCount() > 0) {
+                QObject::disconnect(unplug);
+                unplugged = sim.detach("PHONE");
+            }
+        });
+        QTest::mouseClick(button, Qt::LeftButton);
+        // The hand-over is synchronous: the window shows the send before any reply.
+        QCOMPARE(column(queue), QStringList(3, "sending"));
+        QVERIFY(!album->isEnabled());
+        QVERIFY(!clear->isEnabled());
+        QVERIFY(!button->isEnabled());
+        saveScreenshot(view, QStringLiteral("window-sending"));
+
+        QTRY_VERIFY_WITH_TIMEOUT(!view.viewModel().isSending(), 30'000);
+        QVERIFY(unplugged);
+        QCOMPARE(column(queue), QStringList({"saved", "queued", "queued"}));
+        QCOMPARE(button->text(), "Resume 2 →");
+        QTRY_COMPARE_WITH_TIMEOUT(status->text(), "Plug in your iPhone", 30'000);
+        QVERIFY(!button->isEnabled());
+
+        PropertyList plugIn = PropertyList::dictionary();
+        plugIn.set("MessageType", PropertyList::string("Attach"));
+        plugIn.set("Phone", PropertyList::string(phone));
+        QVERIFY(sim.request(plugIn) == 0);
+        QTRY_VERIFY_WITH_TIMEOUT(button->isEnabled(), 30'000);
+        QTest::mouseClick(button, Qt::LeftButton);
+        QTRY_VERIFY_WITH_TIMEOUT(!view.viewModel().isSending(), 60'000);
+        QCOMPARE(column(queue), QStringList(3, "saved"));
+        for (const fs::path& photo : photos) {
+            QCOMPARE(Checksum::sha256HexOfFile(phoneFolder / "Trip" / photo.filename()),
+                     Checksum::sha256HexOfFile(photo));
+        }
+        QCOMPARE(button->text(), "Sent ✓");
+        QVERIFY(view.findChild<QLabel*>("statsLine")->text().contains(" MB in "));
+        QTRY_COMPARE_WITH_TIMEOUT(status->text(), "● iPhone ready", 30'000);
+        saveScreenshot(view, QStringLiteral("window-sent"));
+
+        // A file the phone refuses gives its reason as its status' hover text.
+        queue.setStatus(Status::failed(QStringLiteral("disk full")), "IMG_1.jpg");
+        QCOMPARE(QueueRowDelegate::statusHelp(queue.index(1)), "disk full");
+        QVERIFY(QueueRowDelegate::statusHelp(queue.index(0)).isEmpty());
+
+        QTest::mouseClick(clear, Qt::LeftButton);
+        QVERIFY(view.findChild<QWidget*>("emptyState")->isVisible());
+        QCOMPARE(queue.unsentCount(), 0); // the saved ones are no longer counted
+        // From the minimum width on, the toolbar shows every device status whole.
+        view.resize(view.minimumSize());
+        for (const Kind kind : {Kind::ready, Kind::noDevice, Kind::appNotListening}) {
+            status->setText(ContentView::deviceText(kind));
+            QCoreApplication::sendPostedEvents(nullptr, QEvent::LayoutRequest);
+            const int needed = status->fontMetrics().horizontalAdvance(status->text());
+            QVERIFY2(status->contentsRect().width() >= needed, qPrintable(status->text()));
+            QVERIFY(status->geometry().right() < view.findChild<QWidget*>("toolbar")->width());
+        }
+        view.hide();
+        QVERIFY(!view.discovery().isRunning());
+        QVERIFY(!view.browser().isBrowsing());
+    }
+
+    void jobsRunInOrderOnALowPriorityWorkerDeliverOnTheOwnersThreadAndAreWaitedFor() {
+        const int owner = ownNiceness();
+        BackgroundWork work(1, BackgroundWork::Priority::low);
+        std::vector<int> order;
+        std::atomic<int> workerNiceness = 0;
+        for (int i = 0; i < 5; ++i) {
+            work.runThenDeliver(
+                [i, &order, &workerNiceness, ownerThread = QThread::currentThread()] {
+                    workerNiceness = QThread::currentThread() == ownerThread ? -100 : ownNiceness();
+                    return std::function<void()>([&order, i, ownerThread] {
+                        order.push_back(QThread::currentThread() == ownerThread ? i : -1);
+                    });
+                });
+        }
+        std::promise<void> started;
+        std::promise<void> release;
+        work.run([&started, released = release.get_future().share()] {
+            started.set_value();
+            released.wait();
+        });
+        started.get_future().wait();
+        QVERIFY(!work.waitForDone(std::chrono::milliseconds(1))); // no job waits, the last runs
+        release.set_value();
+        QVERIFY(work.waitForDone(std::chrono::seconds(30)));
+        QVERIFY(QTest::qWaitFor([&] { return order.size() == 5; }, 10'000));
+        QCOMPARE(order, (std::vector<int>{0, 1, 2, 3, 4}));
+        // Only the workers yield: the owner's thread keeps its priority.
+        QCOMPARE(workerNiceness.load(), std::min(owner + BackgroundWork::lowPriorityNiceness, 19));
+        QCOMPARE(ownNiceness(), owner);
+    }
+
+    void eachDecoderGivesAThumbnailOfTheRequestedSize_data() {
+        QTest::addColumn<QString>("file");
+        QTest::addColumn<QSize>("size"); // 0 × 0: no thumbnail
+        QTest::newRow("jpeg") << "thumbnails/landscape.jpg" << QSize(96, 72);
+        QTest::newRow("heic") << "thumbnails/portrait.heic" << QSize(72, 96);
+        QTest::newRow("video") << "thumbnails/clip.mov" << QSize(96, 54);
+        // Colour-filter-array data Qt cannot read: only the red preview in its SubIFD can serve.
+        QTest::newRow("dng preview") << "thumbnails/preview.dng" << QSize(96, 72);
+        QTest::newRow("small, not enlarged") << "media/jpeg-original.jpg" << QSize(16, 16);
+        QTest::newRow("not an image") << "media/not-an-image.jpg" << QSize(0, 0);
+        QTest::newRow("missing photo") << "media/missing.heic" << QSize(0, 0);
+        QTest::newRow("missing video") << "media/missing.mov" << QSize(0, 0);
+    }
+    void eachDecoderGivesAThumbnailOfTheRequestedSize() {
+        QFETCH(QString, file);
+        QFETCH(QSize, size);
+        const QImage image = ThumbnailProvider::generate(fixture(file), 96);
+        QCOMPARE(image.size(), size);
+        if (file.endsWith(".dng")) {
+            const QColor centre = image.pixelColor(48, 36);
+            QVERIFY2(centre.red() > 180 && centre.green() < 70 && centre.blue() < 70,
+                     qPrintable(centre.name()));
+        }
+    }
+
+    void thumbnailsArriveOnlyForRealImagesAndNotOnceCancelled() {
+        ThumbnailProvider provider(1);
+        QSignalSpy ready(&provider, &ThumbnailProvider::thumbnailReady);
+        provider.request("jpeg", fixture("thumbnails/landscape.jpg"), 48);
+        provider.request("broken", fixture("media/not-an-image.jpg"), 48);
+        QVERIFY(provider.waitForDone(30'000));
+        QTRY_COMPARE_WITH_TIMEOUT(ready.count(), 1, 30'000);
+        QCOMPARE(ready[0][0].toString(), "jpeg");
+        QCOMPARE(ready[0][1].value<QImage>().width(), 48);
+
+        ready.clear();
+        for (int i = 0; i < 40; ++i) {
+            provider.request(QString::number(i), fixture("thumbnails/landscape.jpg"), 48);
+        }
+        provider.cancel("39");
+        provider.cancelAll();
+        provider.request("last", fixture("thumbnails/landscape.jpg"), 48);
+        QTRY_VERIFY_WITH_TIMEOUT(!ready.isEmpty() && ready.last()[0].toString() == "last", 30'000);
+        QVERIFY(provider.waitForDone(30'000));
+        QCoreApplication::processEvents();
+        QCOMPARE(ready.count(), 1);
+    }
+
+    void everyReportFromTheBrowsersThreadReplacesTheListUntilStopped() {
+        DeviceBrowser browser(nullptr, "_kestrelvane-test._tcp");
+        QSignalSpy changed(&browser, &DeviceBrowser::devicesChanged);
+        // The real DNS-SD browser, with no Avahi daemon to reach, finds nothing.
+        const testing::ScopedEnvironment bus("DBUS_SYSTEM_BUS_ADDRESS",
+                                             "unix:path=/nonexistent/kestrelvane-test-bus");
+        browser.start();
+        // Reported the way the DNS-SD browser does: from a thread of its own.
+        const auto report = [&browser](const std::vector<DiscoveredService>& services) {
+            std::thread([&] { browser.resultsChanged(services); }).join();
+        };
+        const std::vector<DiscoveredService> three{phone("Anna"), phone("Ben"), phone("Cleo")};
+        report(three);
+        QTRY_COMPARE_WITH_TIMEOUT(changed.count(), 1, 30'000);
+        QVERIFY(browser.devices() == three);
+        report({phone("Ben", 9877)});
+        QTRY_COMPARE_WITH_TIMEOUT(changed.count(), 2, 30'000);
+        QVERIFY(browser.devices() == std::vector<DiscoveredService>{phone("Ben", 9877)});
+
+        // A report still on its way when the browser stops is dropped.
+        report(three);
+        browser.stop();
+        QCoreApplication::processEvents();
+        QVERIFY(browser.devices().empty());
+        QCOMPARE(changed.count(), 3);
+    }
+
+    // What the first pass finds, kept by every pass after it without probing again.
+    void eachPhoneShowsAsWhatItsReceiverAllows() {
+        const struct {
+            bool daemon;
+            std::vector<std::string> phones;
+            Kind kind;
+            int tunnels;
+        } cases[] = {
+            {false, {}, Kind::noDevice, 0},
+            {true, {}, Kind::noDevice, 0},
+            {true, {"SHUT,0x12a8,none"}, Kind::appNotListening, 0},
+            {true, {"GONE,0x12a8,vanished"}, Kind::noDevice, 0}, // unplugged while probed
+            {true, {"FIRST,0x12a8,none", "SECOND,0x12a8,test"}, Kind::appNotListening, 0},
+            {true, {"PHONE,0x12a8,test"}, Kind::ready, 1},
+        };
+        for (const auto& [daemon, phones, kind, tunnels] : cases) {
+            std::optional<testing::SimulatorProcess> sim;
+            if (daemon) {
+                sim.emplace(phones);
+            }
+            UsbmuxdDiscovery discovery(
+                sim ? sim->address() : UsbmuxdClient::SocketAddress{"/nonexistent/usbmuxd", {}, 0},
+                testInterval);
+            QSignalSpy changes(&discovery, &UsbmuxdDiscovery::stateChanged);
+            QSignalSpy passes(&discovery, &UsbmuxdDiscovery::passFinished);
+            discovery.start();
+            QVERIFY(QTest::qWaitFor([&] { return passes.count() >= 5; }, 30'000));
+            QCOMPARE(discovery.state().kind, kind);
+            QCOMPARE(discovery.state().deviceID, std::int64_t{kind == Kind::noDevice ? 0 : 1});
+            QCOMPARE(discovery.state().fileDescriptor >= 0, kind == Kind::ready);
+            QCOMPARE(changes.count(), kind == Kind::noDevice ? 0 : 1);
+            discovery.stop();
+            QVERIFY(discovery.state() == State::noDevice());
+            QCOMPARE(sim ? sim->tunnelsOpened() : 0, tunnels);
+        }
+    }
+
+    void dropsAreQueuedInPlannerOrderWithTheirTypeAndSizeAndNoFileTwice() {
+        const auto paths =
+            files({"z.heic", "pics/b.jpg", "pics/notes.txt", "pics/A.png", "pics/deep/c.mov"});
+        testing::writeFile(paths[0], testing::pattern(1234));
+        const std::vector<fs::path> drop{paths[0], folder_->path() / "pics"};
+        QStringList names;
+        QStringList types;
+        for (const auto& path : QueuePlanner::plan(drop, {})) {
+            names << QString::fromStdString(path.filename().string());
+            types << (path.extension() == ".mov" ? "video" : "photo");
+        }
+        QCOMPARE(names.size(), 4);
+
+        QSignalSpy finished(&queue(), &TransferQueue::addFinished);
+        queue().add(drop);
+        queue().add({paths[1], paths[1]}); // arrive while the first drop is planned
+        queue().add({folder_->path()});
+        QTRY_COMPARE_WITH_TIMEOUT(finished.count(), 3, 30'000);
+        QVERIFY(addAndWait({paths[0]}));
+        QCOMPARE(column(queue(), TransferQueue::NameRole), names);
+        QCOMPARE(column(queue(), TransferQueue::MediaTypeRole), types);
+        QCOMPARE(queue().totalBytes(), 1234 + 3);
+    }
+
+    void clearingCancelsTheDropsStillBeingPlannedOrAppended() {
+        for (int i = 0; i < 200; ++i) {
+            files({"big/IMG_" + std::to_string(i) + ".jpg"});
+        }
+        const fs::path late = files({"late.jpg"})[0];
+        QSignalSpy finished(&queue(), &TransferQueue::addFinished);
+
+        // Cleared while the first drop is planned and the second waits for it.
+        queue().add({folder_->path() / "big"});
+        queue().add({folder_->path() / "big"});
+        queue().clear();
+        QVERIFY(!queue().isPlanning());
+        // Drops are planned and appended in order: once this one is in, the others are over.
+        QVERIFY(addAndWait({late}));
+        QCOMPARE(column(queue(), TransferQueue::NameRole), QStringList{"late.jpg"});
+        QCOMPARE(finished.count(), 1);
+
+        // Cleared by the first row of a drop: the rest of it stays out, and
+        // the drop is not reported as finished, also when that row was its last.
+        for (const fs::path& dropped : {folder_->path() / "big", late}) {
+            QMetaObject::Connection clearOnce;
+            clearOnce = connect(&queue(), &QAbstractItemModel::rowsInserted, this, [&] {
+                QObject::disconnect(clearOnce);
+                queue().clear();
+            });
+            queue().add({dropped});
+            QTRY_VERIFY_WITH_TIMEOUT(!queue().isPlanning(), 30'000);
+            QCOMPARE(queue().rowCount(), 0);
+            QCOMPARE(finished.count(), 1);
+        }
+        QVERIFY(addAndWait({late}));
+        QCOMPARE(column(queue(), TransferQueue::NameRole), QStringList{"late.jpg"});
+    }
+
+    void statusesFollowASendAndTheCountsFollowEveryChange() {
+        const auto paths = files({"one/IMG.jpg", "two/IMG.jpg", "a.jpg", "b.jpg"});
+        QVERIFY(addAndWait(paths));
+        QSignalSpy changed(&queue(), &QAbstractItemModel::dataChanged);
+        queue().markSending({"IMG.jpg", "a.jpg"});
+        QCOMPARE(changed.count(), 3);
+        QCOMPARE(column(queue()), QStringList({"sending", "sending", "sending", "queued"}));
+
+        // An acknowledgement names a file: the first row of that name takes it.
+        queue().setStatus(Status::failed("disk full"), "IMG.jpg");
+        queue().setStatus(Status::saved(), "a.jpg");
+        queue().setStatus(Status::saved(), "missing.jpg");
+        QCOMPARE(changed.count(), 5);
+        QCOMPARE(column(queue(), TransferQueue::StatusMessageRole).first(), "disk full");
+        queue().revertSending();
+        QCOMPARE(column(queue()), QStringList({"failed", "queued", "saved", "queued"}));
+        QCOMPARE(queue().unsentCount(), 3);
+        QVERIFY((queue().unsentURLs() == std::vector<fs::path>{paths[0], paths[1], paths[3]}));
+
+        queue().setStatus(Status::saved(), "b.jpg");
+        queue().setStatus(Status::failed("gone"), "a.jpg"); // a saved file sent again
+        QCOMPARE(queue().savedCount(), 1);
+        const QString removed = queue().items()[1].id;
+        queue().remove({removed, queue().items()[3].id, "not-there"});
+        QCOMPARE(column(queue(), TransferQueue::NameRole), QStringList({"IMG.jpg", "a.jpg"}));
+        QCOMPARE(queue().savedCount(), 0);
+        QCOMPARE(queue().unsentCount(), 2);
+        queue().applyThumbnail(removed, QImage(4, 4, QImage::Format_RGB32)); // arriving late
+        QCOMPARE(changed.count(), 8);
+    }
+
+    // A send that cannot start, one broken off, then the send of what is left.
+    void aSendBrokenOffRequeuesWhatWasNotSavedAndTheNextSendsExactlyThat() {
+        std::vector<fs::path> sent; // file i holds 1000 + i bytes
+        for (int i = 0; i < 5; ++i) {
+            sent.push_back(testing::writeFile(folder_->path() / ack(i).name,
+                                              testing::pattern(1000 + i, std::uint8_t(i))));
+        }
+        QVERIFY(addAndWait(sent));
+        model_->startSend(
+            queue().unsentURLs(),
+            []() -> std::unique_ptr<FrameChannel> { throw StreamError::refused("no route"); },
+            [this] { ++failures_; });
+        QTRY_VERIFY_WITH_TIMEOUT(!model_->isSending(), 30'000);
+        QCOMPARE(failures_, 1);
+        QCOMPARE(column(queue()), QStringList(5, "queued"));
+        QVERIFY(model_->statsLine().isEmpty());
+
+        startSend(false);
+        QCOMPARE(column(queue()), QStringList(5, "sending"));
+        QVERIFY(receiver_->waitForFiles(5));
+        receiver_->sendAck(ack(0));
+        receiver_->sendAck(ack(1, Ack::Status::error, "no space"));
+        receiver_->sendAck(ack(2, Ack::Status::error));
+        QTRY_COMPARE_WITH_TIMEOUT(column(queue()).count("sending"), 2, 30'000);
+        QVERIFY(model_->statsLine().contains(" MB/s \u00B7 "));
+        receiver_->closeConnection();
+        QTRY_VERIFY_WITH_TIMEOUT(!model_->isSending(), 30'000);
+        QCOMPARE(column(queue()), QStringList({"saved", "failed", "failed", "queued", "queued"}));
+        QCOMPARE(queue().items()[1].status.message, "no space");
+        QCOMPARE(queue().items()[2].status.message, "failed");
+        QCOMPARE(model_->bytesDone(), 1000); // only what was saved
+        // Every file was written: acknowledgements ending early are no failure.
+        QCOMPARE(failures_, 1);
+        QVERIFY(!receiver_->session()->albumName.has_value());
+
+        model_->setAlbumName("  Trip \n");
+        startSend(true);
+        QTRY_VERIFY_WITH_TIMEOUT(!model_->isSending(), 30'000);
+        QCOMPARE(receiver_->files().size(), std::size_t{4}); // IMG_1.jpg … IMG_4.jpg
+        QCOMPARE(receiver_->files().front().header.name, "IMG_1.jpg");
+        QVERIFY(receiver_->session()->albumName == std::optional<std::string>("Trip"));
+        QCOMPARE(column(queue()), QStringList(5, "saved"));
+        QCOMPARE(model_->bytesDone(), 1001 + 1002 + 1003 + 1004);
+        QVERIFY(model_->statsLine().startsWith("0 MB in "));
+        QCOMPARE(failures_, 1);
+    }
+
+    void destroyingTheModelEndsASendThatWaitsForever() {
+        QVERIFY(addAndWait(files({"IMG_0.jpg", "IMG_1.jpg"})));
+        startSend(false);
+        QVERIFY(receiver_->waitForFiles(2));
+        model_.reset(); // must not hang: the connection is closed and the worker joined
+        QVERIFY(receiver_->waitForEnd());
+    }
+
+    void versionsCompareByTheirNumbersAndPreReleasesComeFirst() {
+        const std::pair<const char*, const char*> newerOlder[] = {
+            {"1.10", "1.9"},    {"1.0.1", "1.0"},   {"1.0.0", "1.0"}, {"1.0", "1.0b1"},
+            {"1.0b2", "1.0b1"}, {"1.0.1", "1.0b1"}, {"210", "0.1.0"}};
+        for (const auto& [newer, older] : newerOlder) {
+            QVERIFY2(AppcastUpdater::compareVersions(newer, older) > 0, newer);
+            QVERIFY2(AppcastUpdater::compareVersions(older, newer) < 0, older);
+        }
+        QCOMPARE(AppcastUpdater::compareVersions("2.0", "2.0"), 0);
+    }
+
+    // Started, with a feed, one check at a time; the newest item of the feed is the latest.
+    void aCheckReportsANewerReleaseThisOneAsCurrentOrWhyItFailed() {
+        const QUrl twoReleases = served(appcast(
+            "<item><title>Version 2.1</title><sparkle:version>210</sparkle:version>"
+            "<sparkle:shortVersionString>2.1</sparkle:shortVersionString><sparkle:releaseNotesLink>"
+            "https://example.org/notes/2.1.html</sparkle:releaseNotesLink>"
+            "<enclosure url=\"https://example.org/Kestrelvane-2.1.tar.gz\" length=\"100\"/></item>"
+            "<item><title>Version 2.0</title>"
+            "<enclosure url=\"https://example.org/Kestrelvane-2.0.tar.gz\" sparkle:version=\"200\" "
+            "sparkle:shortVersionString=\"2.0\"/></item>"));
+        const struct {
+            QUrl feed;
+            const char* current;
+            Check kind;
+        } cases[] = {
+            {twoReleases, "200", Check::updateAvailable},
+            {twoReleases, "210", Check::upToDate},
+            {QUrl("file:///nonexistent/appcast.xml"), "1", Check::failed},
+            {served(appcast("")), "1", Check::failed},
+            {served(appcast("<item><title>x</title>")), "1", Check::failed},
+            {served(appcast("<item><title>no version</title></item>")), "1", Check::failed},
+        };
+        AppcastUpdater unconfigured(QUrl(), QStringLiteral("200"));
+        unconfigured.start();
+        for (const auto& [feed, current, kind] : cases) {
+            AppcastUpdater updater(feed, current);
+            QSignalSpy finished(&updater, &AppcastUpdater::checkFinished);
+            QVERIFY(!updater.canCheckForUpdates());
+            updater.start();
+            QTRY_VERIFY_WITH_TIMEOUT(updater.canCheckForUpdates(), 30'000);
+            updater.checkForUpdates();
+            QVERIFY(!updater.canCheckForUpdates()); // a second check now is refused
+            QVERIFY(finished.wait(30'000));
+            QVERIFY(updater.canCheckForUpdates());
+            const auto result = finished.first().first().value<AppcastUpdater::Result>();
+            QCOMPARE(result.kind, kind);
+            QCOMPARE(result.message.isEmpty(), kind != Check::failed);
+            if (kind != Check::failed) {
+                QCOMPARE(result.latest.shortVersion, "2.1");
+                QCOMPARE(result.latest.releaseNotesUrl, QUrl("https://example.org/notes/2.1.html"));
+                QCOMPARE(result.latest.downloadUrl,
+                         QUrl("https://example.org/Kestrelvane-2.1.tar.gz"));
+            }
+        }
+        QVERIFY(!unconfigured.canCheckForUpdates());
+    }
+
+    void theFeedComesFromTheEnvironmentElseTheInstalledDesktopEntry() {
+        testing::TemporaryFolder data;
+        // Not an INI file: commas and semicolons belong to the value, and only
+        // the [Desktop Entry] group counts.
+        testing::writeFile(data.path() / "applications" / "kestrelvane.desktop",
+                           "# X-Kestrelvane-Appcast-URL=https://commented.example.org/\n"
+                           "[Desktop Entry]\nType=Application\nName=Kestrelvane\n"
+                           "Categories=Graphics;Photography;\n"
+                           "X-Kestrelvane-Appcast-URL = https://updates.example.org/a,b;c/"
+                           "appcast.xml?a=b&c=d&e=x\\sy\r\n"
+                           "[Desktop Action Beta]\n"
+                           "X-Kestrelvane-Appcast-URL=https://beta.example.org/\n");
+        const testing::ScopedEnvironment dataHome("XDG_DATA_HOME", data.path().string());
+        std::optional<testing::ScopedEnvironment> feed;
+        feed.emplace("KESTRELVANE_APPCAST_URL", std::nullopt);
+        QCOMPARE(AppcastUpdater::configuredFeed().toString(),
+                 "https://updates.example.org/a,b;c/appcast.xml?a=b&c=d&e=x y");
+        feed.emplace("KESTRELVANE_APPCAST_URL", "http://127.0.0.1:1/feed.xml");
+        QCOMPARE(AppcastUpdater::configuredFeed(), QUrl("http://127.0.0.1:1/feed.xml"));
+    }
+};
+
+} // namespace kestrelvane
+
+QTEST_MAIN(kestrelvane::SenderAppTest)
+#include "SenderAppTest.moc"
