@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <filesystem>
 #include <fstream>
 #include <future>
 #include <memory>
@@ -29,26 +28,6 @@ inline bool isBlockedIn(pid_t tid, const std::vector<long>& calls) {
     long number = -1;
     return static_cast<bool>(syscall >> number) &&
            std::find(calls.begin(), calls.end(), number) != calls.end();
-}
-
-/// The threads of this process now.
-inline std::vector<pid_t> threadIDs() {
-    std::vector<pid_t> ids;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) {
-        ids.push_back(static_cast<pid_t>(std::stol(entry.path().filename().string())));
-    }
-    return ids;
-}
-
-/// Whether a thread that is not one of `known` is parked in one of `calls`:
-/// for a thread a library starts of its own.
-inline bool aNewThreadIsBlockedIn(const std::vector<pid_t>& known, const std::vector<long>& calls) {
-    for (const pid_t tid : threadIDs()) {
-        if (std::find(known.begin(), known.end(), tid) == known.end() && isBlockedIn(tid, calls)) {
-            return true;
-        }
-    }
-    return false;
 }
 
 /// A call started on a thread of its own, and whether that thread was seen

@@ -35,11 +35,4 @@ DescriptorShortage::~DescriptorShortage() {
     ::setrlimit(RLIMIT_NOFILE, &original_);
 }
 
-void DescriptorShortage::release() {
-    if (!taken_.empty()) {
-        ::close(taken_.back());
-        taken_.pop_back();
-    }
-}
-
 } // namespace kestrelvane::testing

@@ -34,8 +34,6 @@ public:
     bool filled() const noexcept {
         return !taken_.empty();
     }
-    /// Gives one descriptor back.
-    void release();
 
 private:
     rlimit original_{};

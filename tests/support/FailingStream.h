@@ -37,8 +37,6 @@ public:
 
     /// Whether the cue has been reached.
     bool hasCut() const noexcept { return cut_.load(); }
-    std::uint64_t bytesSent() const noexcept { return sent_.load(); }
-    std::uint64_t bytesReceived() const noexcept { return received_.load(); }
 
 private:
     [[noreturn]] void fail();

@@ -16,8 +16,8 @@ namespace kestrelvane::testing {
 
 /// A scripted usbmuxd on a Unix socket in a temporary folder: for each
 /// connection it reads one request, records it, writes what the script says,
-/// and then either echoes bytes (a tunnel), waits for the client to hang up,
-/// or (when the reply is empty) hangs up itself.
+/// and then waits for the client to hang up, or (when the reply is empty)
+/// hangs up itself.
 class FakeUsbmuxd {
 public:
     struct Request {
@@ -30,8 +30,7 @@ public:
         std::optional<std::string> progName{};
     };
     struct Reply {
-        Bytes bytes{};       ///< written as one block
-        bool tunnel = false; ///< echo afterwards instead of waiting for the hang-up
+        Bytes bytes{}; ///< written as one block
     };
     using Script = std::function<Reply(const Request&)>;
 

@@ -3,13 +3,15 @@
 #include "KestrelvaneKit/network/TcpListener.h"
 #include "KestrelvaneKit/usb/UsbmuxdProtocol.h"
 #include "support/CallOutcome.h"
-#include "support/DescriptorShortage.h"
 #include "support/Eventually.h"
 #include "support/FakeUsbmuxd.h"
 #include "support/ScopedEnvironment.h"
+#include "support/SystemCallFault.h"
 #include "support/TemporaryFolder.h"
 
 #include <gtest/gtest.h>
+
+#include <cerrno>
 
 namespace kestrelvane {
 namespace {
@@ -44,26 +46,37 @@ FakeUsbmuxd::Script always(Bytes bytes) {
     return [bytes](const FakeUsbmuxd::Request&) { return FakeUsbmuxd::Reply{bytes}; };
 }
 
-TEST(UsbmuxdClient, RequestsCarryTheirKeysAsXmlWithTagsCountingAcrossRequests) {
-    FakeUsbmuxd daemon([](const FakeUsbmuxd::Request& request) {
-        if (request.messageType == "ListDevices") {
-            return FakeUsbmuxd::Reply{FakeUsbmuxd::packet(request.tag, deviceList())};
-        }
-        return FakeUsbmuxd::Reply{FakeUsbmuxd::packet(request.tag, FakeUsbmuxd::result(3))};
+TEST(UsbmuxdClient, RequestsCarryTheirKeysAndTagsInTheirFormatAndOnlyWholeEntriesAreListed) {
+    PropertyList noProperties = PropertyList::dictionary();
+    noProperties.set("DeviceID", PropertyList::integer(4));
+    PropertyList bare = PropertyList::dictionary();
+    bare.set("DeviceID", PropertyList::integer(5)).set("Properties", PropertyList::dictionary());
+    PropertyList textId = device(6, "text id", 1);
+    textId.set("DeviceID", PropertyList::string("6"));
+    const PropertyList list = deviceList(device(3, "first", 4776), std::move(noProperties),
+                                         std::move(bare), std::move(textId), device(2, "last", 1));
+    const std::vector<Device> listed{{3, "first", 4776}, {5, "", 0}, {2, "last", 1}};
+    FakeUsbmuxd daemon([&list](const FakeUsbmuxd::Request& request) {
+        return FakeUsbmuxd::Reply{request.messageType == "ListDevices"
+                                      ? FakeUsbmuxd::packet(request.tag, list, request.format)
+                                      : FakeUsbmuxd::packet(request.tag, FakeUsbmuxd::result(3))};
     });
     UsbmuxdClient client(daemon.address());
     EXPECT_EQ(client.nextTag(), 1u);
-    EXPECT_TRUE(client.listDevices().empty());
+    EXPECT_EQ(client.listDevices(), listed);
     EXPECT_EQ(client.connect(42, 9876), Result::connectionRefused());
     EXPECT_EQ(client.connect(43, 2), Result::connectionRefused());
-    EXPECT_TRUE(client.listDevices().empty());
-    EXPECT_EQ(client.nextTag(), 5u);
+    EXPECT_EQ(client.nextTag(), 4u);
+    // Daemons other than Linux's also read binary requests, and answer in kind.
+    EXPECT_EQ(UsbmuxdClient(daemon.address(), UsbmuxdClient::RequestFormat::binary).listDevices(),
+              listed);
 
     const auto requests = daemon.requests();
     ASSERT_EQ(requests.size(), 4u);
     for (std::size_t i = 0; i < requests.size(); ++i) {
-        EXPECT_EQ(requests[i].tag, i + 1);
-        EXPECT_EQ(requests[i].format, Format::xml) << "the Linux daemon reads XML only";
+        EXPECT_EQ(requests[i].tag, i < 3 ? i + 1 : 1);
+        EXPECT_EQ(requests[i].format, i < 3 ? Format::xml : Format::binary)
+            << "the Linux daemon reads XML only";
         EXPECT_EQ(requests[i].clientVersion, "Kestrelvane");
         EXPECT_EQ(requests[i].progName, "Kestrelvane");
     }
@@ -74,34 +87,13 @@ TEST(UsbmuxdClient, RequestsCarryTheirKeysAsXmlWithTagsCountingAcrossRequests) {
     EXPECT_EQ(requests[1].portNumber, 37926) << "9876 in network byte order";
     EXPECT_EQ(requests[2].deviceID, 43);
     EXPECT_EQ(requests[2].portNumber, 512);
-}
-
-TEST(UsbmuxdClient, BinaryRequestsWhenAskedAndRepliesReadInEitherFormat) {
-    FakeUsbmuxd daemon(always(
-        FakeUsbmuxd::packet(1, deviceList(device(7, "00008030-001A", 0x12a8)), Format::binary)));
-    UsbmuxdClient client(daemon.address(), UsbmuxdClient::RequestFormat::binary);
-    EXPECT_EQ(client.listDevices(), (std::vector<Device>{{7, "00008030-001A", 0x12a8}}));
-    EXPECT_EQ(daemon.requests().at(0).format, Format::binary);
-}
-
-TEST(UsbmuxdClient, ListsOnlyEntriesWithAnIdAndPropertiesAndNothingOfAListThatIsNone) {
-    PropertyList noProperties = PropertyList::dictionary();
-    noProperties.set("DeviceID", PropertyList::integer(4));
-    PropertyList bare = PropertyList::dictionary();
-    bare.set("DeviceID", PropertyList::integer(5)).set("Properties", PropertyList::dictionary());
-    PropertyList textId = device(6, "text id", 1);
-    textId.set("DeviceID", PropertyList::string("6"));
-    const PropertyList reply = deviceList(device(3, "first", 4776), std::move(noProperties),
-                                          std::move(bare), std::move(textId), device(2, "last", 1));
-    EXPECT_EQ(UsbmuxdClient::parseDevices(reply.get()),
-              (std::vector<Device>{{3, "first", 4776}, {5, "", 0}, {2, "last", 1}}));
 
     PropertyList notArray = PropertyList::dictionary();
     notArray.set("DeviceList", PropertyList::string("x"));
     const PropertyList none[] = {PropertyList::dictionary(), std::move(notArray),
                                  deviceList(device(1, "ok", 1), PropertyList::integer(9))};
-    for (const auto& list : none) {
-        EXPECT_TRUE(UsbmuxdClient::parseDevices(list.get()).empty());
+    for (const auto& reply : none) {
+        EXPECT_TRUE(UsbmuxdClient::parseDevices(reply.get()).empty());
     }
 }
 
@@ -155,44 +147,32 @@ TEST(UsbmuxdClient, RepliesThatCannotBeReadFailTheRequestCloseTheSocketAndLeaveT
     }
 }
 
-TEST(UsbmuxdClient, ADaemonThatCannotBeReachedIsASocketError) {
+TEST(UsbmuxdClient, ADaemonThatCannotBeReachedIsASocketErrorAndTakesNoTag) {
     const testing::TemporaryFolder empty;
     const std::string missing = (empty.path() / "usbmuxd").string();
-    UsbmuxdClient absent(Address{missing, {}, 0});
-    EXPECT_EQ(outcomeOf([&] { absent.listDevices(); }),
-              "usbmuxd: connect(" + missing + ") failed (2)");
-    EXPECT_EQ(absent.nextTag(), 1u) << "no socket, no tag";
-
     const std::uint16_t port = TcpListener(0, TcpListener::Scope::loopback).port(); // let go
-    EXPECT_EQ(outcomeOf([&] {
-                  UsbmuxdClient(Address{{}, "127.0.0.1", port}).listDevices();
-              }),
-              "usbmuxd: connect(127.0.0.1:" + std::to_string(port) + ") failed (111)");
-    EXPECT_PRED2(testing::startsWith, outcomeOf([] {
-                     UsbmuxdClient(Address{{}, "no-such-host.invalid", 1}).listDevices();
-                 }),
-                 "usbmuxd: getaddrinfo(no-such-host.invalid) failed");
-}
-
-TEST(UsbmuxdClient, WithoutADescriptorToSpareEitherKindOfAddressIsASocketError) {
-    if (testing::DescriptorShortage::typeChecksNeedDescriptors()) {
-        GTEST_SKIP() << "the sanitizer's type checks cannot run without a descriptor";
+    const struct {
+        Address address;
+        int socketError; // socket() fails with it
+        std::string caller;
+    } cases[] = {
+        {{missing, {}, 0}, 0, "usbmuxd: connect(" + missing + ") failed (2)"},
+        {{{}, "127.0.0.1", port},
+         0,
+         "usbmuxd: connect(127.0.0.1:" + std::to_string(port) + ") failed (111)"},
+        {{{}, "no-such-host.invalid", 1}, 0, "usbmuxd: getaddrinfo(no-such-host.invalid) failed"},
+        {{missing, {}, 0}, EMFILE, "usbmuxd: socket() failed (24)"},
+        {{{}, "127.0.0.1", port}, EMFILE, "usbmuxd: socket() failed (24)"},
+    };
+    for (const auto& [address, socketError, caller] : cases) {
+        UsbmuxdClient client(address);
+        std::optional<testing::SystemCallFault> noSocket;
+        if (socketError != 0) {
+            noSocket.emplace(testing::SystemCallFault::Call::socket, socketError);
+        }
+        EXPECT_PRED2(testing::startsWith, outcomeOf([&] { client.listDevices(); }), caller);
+        EXPECT_EQ(client.nextTag(), 1u) << "no socket, no tag";
     }
-    UsbmuxdClient overUnix(Address{"/nonexistent/usbmuxd", {}, 0});
-    UsbmuxdClient overTcp(Address{{}, "127.0.0.1", 9});
-    std::string unixOutcome;
-    std::string tcpOutcome;
-    bool filled = false;
-    {
-        // Nothing but the calls themselves while short of descriptors.
-        const testing::DescriptorShortage shortage;
-        filled = shortage.filled();
-        unixOutcome = outcomeOf([&] { overUnix.listDevices(); });
-        tcpOutcome = outcomeOf([&] { overTcp.listDevices(); });
-    }
-    ASSERT_TRUE(filled);
-    EXPECT_EQ(unixOutcome, "usbmuxd: socket() failed (24)");
-    EXPECT_EQ(tcpOutcome, "usbmuxd: socket() failed (24)");
 }
 
 TEST(UsbmuxdClient, SocketAddressIsReadAsLibusbmuxdReadsIt) {
