@@ -22,36 +22,6 @@ using testing::outcomeOf;
 using testing::startsWith;
 using State = TcpConnection::State;
 
-TEST(BonjourStream, RefusedConnectionFailsWithTheSystemErrorAndALaterStartTriesAgain) {
-    const std::uint16_t port = TcpListener(0, TcpListener::Scope::loopback).port(); // let go
-    BonjourStream stream(std::make_shared<TcpConnection>("127.0.0.1", port));
-    EXPECT_PRED2(startsWith, outcomeOf([&] { stream.start(); }),
-                 "errno 111: connect() failed (111)");
-    EXPECT_EQ(stream.connection().state(), State::failed);
-
-    TcpListener listener(port, TcpListener::Scope::loopback);
-    stream.start();
-    BonjourStream server(listener.accept());
-    server.start();
-    stream.send(asBytes("again"));
-    EXPECT_EQ(asText(server.receive(5)), "again");
-}
-
-// The one check against the clock: only a lower bound, as a silent peer must
-// make the call time out at some point.
-TEST(BonjourStream, IdleTimeoutSetBeforeConnectingHoldsOnceConnected) {
-    TcpListener listener(0, TcpListener::Scope::loopback);
-    auto connection = std::make_shared<TcpConnection>("127.0.0.1", listener.port());
-    connection->setIdleTimeout(std::chrono::milliseconds(100));
-    BonjourStream client(connection);
-    client.start();
-    auto server = listener.accept();
-    server->start();
-    server->send(asBytes("x"));
-    EXPECT_EQ(asText(client.receive(1)), "x"); // bytes that come are no idleness
-    EXPECT_PRED2(startsWith, outcomeOf([&] { client.receive(1); }), "errno 110: recv() timed out");
-}
-
 /// TCP_NODELAY and SO_KEEPALIVE of each IPv4 socket of this process
 /// connected with `port` at either end.
 std::vector<std::pair<int, int>> optionsOfConnectionsAt(std::uint16_t port) {
@@ -76,13 +46,28 @@ std::vector<std::pair<int, int>> optionsOfConnectionsAt(std::uint16_t port) {
     return found;
 }
 
-TEST(TcpConnection, BothEndsTurnOffNagleAndTurnOnKeepAliveProbes) {
-    TcpListener listener(0, TcpListener::Scope::loopback);
-    BonjourStream client(std::make_shared<TcpConnection>("127.0.0.1", listener.port()));
-    client.start();
-    auto accepted = listener.accept();
-    EXPECT_EQ(optionsOfConnectionsAt(listener.port()),
-              (std::vector<std::pair<int, int>>{{1, 1}, {1, 1}}));
+TEST(BonjourStream, ARefusedStartFailsALaterOneConnectsWithTheSocketOptionsAndTheIdleTimeoutSet) {
+    const std::uint16_t port = TcpListener(0, TcpListener::Scope::loopback).port(); // let go
+    auto connection = std::make_shared<TcpConnection>("127.0.0.1", port);
+    BonjourStream stream(connection);
+    EXPECT_PRED2(startsWith, outcomeOf([&] { stream.start(); }),
+                 "errno 111: connect() failed (111)");
+    EXPECT_EQ(connection->state(), State::failed);
+
+    connection->setIdleTimeout(std::chrono::milliseconds(100)); // before the socket is there
+    TcpListener listener(port, TcpListener::Scope::loopback);
+    stream.start();
+    BonjourStream server(listener.accept());
+    server.start();
+    // Both ends turn off Nagle's delay and turn on keep-alive probes.
+    EXPECT_EQ(optionsOfConnectionsAt(port), (std::vector<std::pair<int, int>>{{1, 1}, {1, 1}}));
+    stream.send(asBytes("again"));
+    EXPECT_EQ(asText(server.receive(5)), "again");
+    server.send(asBytes("x"));
+    EXPECT_EQ(asText(stream.receive(1)), "x"); // bytes that come are no idleness
+    // The one check against the clock: only a lower bound, as a silent peer
+    // must make the call time out at some point.
+    EXPECT_PRED2(startsWith, outcomeOf([&] { stream.receive(1); }), "errno 110: recv() timed out");
 }
 
 TEST(TcpConnection, WaitsOutAHostUnreachableForNowThenReportsReadyAndCancelledInOrder) {

@@ -8,7 +8,6 @@
 
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <future>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -19,9 +18,10 @@ namespace {
 
 using testing::outcomeOf;
 
-// Every address: each family has a socket of its own on the one port. From
-// each host a word goes over, and the accepted side reads it and then the end.
-TEST(TcpListener, AcceptsIPv4NamesAndIPv6OnTheOnePortItReports) {
+// Every address: each family has a socket of its own on the one port, which
+// no other listener can then take. From each host a word goes over, and the
+// accepted side reads it and then the end.
+TEST(TcpListener, AcceptsIPv4NamesAndIPv6OnTheOnePortItReportsWhichIsThenInUse) {
     TcpListener listener;
     ASSERT_NE(listener.port(), 0);
     std::vector<std::string> hosts{"127.0.0.1", "localhost"};
@@ -43,29 +43,15 @@ TEST(TcpListener, AcceptsIPv4NamesAndIPv6OnTheOnePortItReports) {
         client.cancel();
         EXPECT_TRUE(accepted->receive(100).isComplete) << host;
     }
+    EXPECT_PRED2(testing::startsWith,
+                 outcomeOf([&] { TcpListener(listener.port(), TcpListener::Scope::loopback); }),
+                 "errno 98: bind() failed (98)");
     if (!testing::hasIPv6Loopback()) {
         GTEST_SKIP() << "this machine has no ::1: IPv6 was not tried";
     }
 }
 
-TEST(TcpListener, StopWakesAWaitingAcceptAndEveryLaterOneReturnsNothing) {
-    TcpListener listener(0, TcpListener::Scope::loopback);
-    auto waiting =
-        testing::callUntilBlockedIn({SYS_poll, SYS_ppoll}, [&] { return listener.accept(); });
-    ASSERT_TRUE(waiting.blocked);
-    listener.stop();
-    EXPECT_EQ(waiting.result.get(), nullptr);
-    EXPECT_EQ(listener.accept(), nullptr);
-}
-
-TEST(TcpListener, PortInUseFailsWithTheBindError) {
-    TcpListener first(0, TcpListener::Scope::loopback);
-    EXPECT_PRED2(testing::startsWith,
-                 outcomeOf([&] { TcpListener(first.port(), TcpListener::Scope::loopback); }),
-                 "errno 98: bind() failed (98)");
-}
-
-TEST(TcpListener, RunningOutOfDescriptorsMakesAcceptWaitNotFail) {
+TEST(TcpListener, RunningOutOfDescriptorsMakesAcceptWaitNotFailAndStopEndsTheWait) {
     TcpListener listener(0, TcpListener::Scope::loopback);
     const int client = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     ASSERT_GE(client, 0);
@@ -95,27 +81,14 @@ TEST(TcpListener, RunningOutOfDescriptorsMakesAcceptWaitNotFail) {
     ASSERT_EQ(accepting.wait_for(std::chrono::seconds(30)), std::future_status::ready);
     EXPECT_NE(accepting.get(), nullptr);
     ::close(client);
-}
 
-// The wake-up descriptor each needs; a socket that cannot be had is a row of
-// StreamContractTest's system-call faults.
-TEST(TcpListener, AndTcpConnectionWithoutADescriptorToSpareFailWithTheSystemsError) {
-    if (testing::DescriptorShortage::typeChecksNeedDescriptors()) {
-        GTEST_SKIP() << "the sanitizer's type checks cannot run without a descriptor";
-    }
-    for (const std::function<void()>& make :
-         std::vector<std::function<void()>>{[] { TcpListener(0, TcpListener::Scope::loopback); },
-                                            [] { TcpConnection("127.0.0.1", 9); }}) {
-        std::string outcome;
-        bool filled = false;
-        {
-            const testing::DescriptorShortage shortage;
-            filled = shortage.filled();
-            outcome = outcomeOf(make);
-        }
-        EXPECT_TRUE(filled) << "no descriptor was taken: the test proves nothing";
-        EXPECT_PRED2(testing::startsWith, outcome, "errno 24: eventfd() failed (24)");
-    }
+    // stop() wakes the next accept, waiting for a connection, and every later one returns nothing.
+    auto waiting =
+        testing::callUntilBlockedIn({SYS_poll, SYS_ppoll}, [&] { return listener.accept(); });
+    ASSERT_TRUE(waiting.blocked);
+    listener.stop();
+    EXPECT_EQ(waiting.result.get(), nullptr);
+    EXPECT_EQ(listener.accept(), nullptr);
 }
 
 } // namespace

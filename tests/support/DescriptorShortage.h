@@ -16,24 +16,8 @@ public:
     DescriptorShortage(const DescriptorShortage&) = delete;
     DescriptorShortage& operator=(const DescriptorShortage&) = delete;
 
-    /// Whether this build checks types with UndefinedBehaviorSanitizer, whose
-    /// vptr check needs a descriptor (a pipe) and reports a false error when
-    /// none is left; such a build cannot throw while short. Our sanitizer
-    /// builds enable it together with AddressSanitizer.
-    static constexpr bool typeChecksNeedDescriptors() {
-#if defined(__SANITIZE_ADDRESS__)
-        return true;
-#elif defined(__has_feature)
-        return __has_feature(address_sanitizer);
-#else
-        return false;
-#endif
-    }
-
     /// Whether any descriptor had to be taken (false: the test proves nothing).
-    bool filled() const noexcept {
-        return !taken_.empty();
-    }
+    bool filled() const noexcept { return !taken_.empty(); }
 
 private:
     rlimit original_{};

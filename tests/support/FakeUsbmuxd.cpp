@@ -30,16 +30,6 @@ std::optional<UsbmuxdProtocol::Decoded> readRequest(int fd) {
     }
 }
 
-void writeAll(int fd, ByteView bytes) {
-    while (!bytes.empty()) {
-        const ssize_t n = ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-        if (n <= 0) {
-            return;
-        }
-        bytes = bytes.subspan(static_cast<std::size_t>(n));
-    }
-}
-
 } // namespace
 
 FakeUsbmuxd::FakeUsbmuxd(Script script)
@@ -81,8 +71,8 @@ Bytes FakeUsbmuxd::packet(std::uint32_t tag, const PropertyList& body,
 
 PropertyList FakeUsbmuxd::result(std::int64_t number) {
     PropertyList body = PropertyList::dictionary();
-    body.set("MessageType", PropertyList::string("Result"));
-    body.set("Number", PropertyList::integer(number));
+    body.set("MessageType", PropertyList::string("Result"))
+        .set("Number", PropertyList::integer(number));
     return body;
 }
 
@@ -115,17 +105,14 @@ void FakeUsbmuxd::serve() {
                 const std::lock_guard lock(mutex_);
                 requests_.push_back(request);
             }
+            // A reply small enough for one write; then the client hangs up. Nothing
+            // to say: hang up on the client at once.
             const Reply reply = script_(request);
-            writeAll(fd, reply.bytes);
-            // Nothing to say: hang up on the client at once.
-            for (std::uint8_t byte; !reply.bytes.empty();) {
-                const ssize_t n = ::read(fd, &byte, 1);
-                if (n == 0) {
-                    ++hangUps_;
-                }
-                if (n <= 0) {
-                    break;
-                }
+            std::uint8_t byte = 0;
+            if (!reply.bytes.empty() &&
+                ::send(fd, reply.bytes.data(), reply.bytes.size(), MSG_NOSIGNAL) > 0 &&
+                ::read(fd, &byte, 1) == 0) {
+                ++hangUps_;
             }
         }
         {
