@@ -87,9 +87,6 @@ protected:
 };
 
 TEST_P(StreamContract, HandsOutNoMoreThanAskedAndThePeersEndAsClosedOnceItsBytesAreRead) {
-    const Bytes there = testing::pattern(64 * 1024, 1);
-    ends.near->send(there);
-    EXPECT_TRUE(receiveExactly(*ends.far, there.size(), 4096) == there);
     ends.far->send(asBytes("0123456789"));
     ends.far->close();
     Bytes memory(12, '#');

@@ -94,23 +94,18 @@ void FakeUsbmuxd::serve() {
         }
         if (const auto packet = readRequest(fd)) {
             const PropertyList plist = PropertyList::parse(packet->body);
-            const Request request{packet->tag,
-                                  PropertyList::formatOf(packet->body),
+            const Request request{packet->tag, PropertyList::formatOf(packet->body),
                                   PropertyList::stringAt(plist.get(), "MessageType").value_or(""),
                                   PropertyList::integerAt(plist.get(), "DeviceID"),
-                                  PropertyList::integerAt(plist.get(), "PortNumber"),
-                                  PropertyList::stringAt(plist.get(), "ClientVersionString"),
-                                  PropertyList::stringAt(plist.get(), "ProgName")};
+                                  PropertyList::integerAt(plist.get(), "PortNumber")};
             {
                 const std::lock_guard lock(mutex_);
                 requests_.push_back(request);
             }
-            // A reply small enough for one write; then the client hangs up. Nothing
-            // to say: hang up on the client at once.
+            // A reply small enough for one write; then the client hangs up.
             const Reply reply = script_(request);
             std::uint8_t byte = 0;
-            if (!reply.bytes.empty() &&
-                ::send(fd, reply.bytes.data(), reply.bytes.size(), MSG_NOSIGNAL) > 0 &&
+            if (!reply.empty() && ::send(fd, reply.data(), reply.size(), MSG_NOSIGNAL) > 0 &&
                 ::read(fd, &byte, 1) == 0) {
                 ++hangUps_;
             }

@@ -26,12 +26,8 @@ public:
         std::string messageType{};
         std::optional<std::int64_t> deviceID{};
         std::optional<std::int64_t> portNumber{};
-        std::optional<std::string> clientVersion{};
-        std::optional<std::string> progName{};
     };
-    struct Reply {
-        Bytes bytes{}; ///< written as one block
-    };
+    using Reply = Bytes; ///< written as one block; none: hang up at once
     using Script = std::function<Reply(const Request&)>;
 
     explicit FakeUsbmuxd(Script script);

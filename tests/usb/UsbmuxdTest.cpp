@@ -1,7 +1,12 @@
-#include "KestrelvaneKit/usb/UsbmuxdClient.h"
-
+// The usbmuxd client as a daemon meets it: its packets, its requests and how
+// it reads every answer, its address; and what is particular to the tunnel it
+// hands out, whose stream owns the descriptor. What every stream promises is
+// in tests/network/StreamContractTest.cpp.
 #include "KestrelvaneKit/network/TcpListener.h"
+#include "KestrelvaneKit/usb/UsbmuxdClient.h"
 #include "KestrelvaneKit/usb/UsbmuxdProtocol.h"
+#include "KestrelvaneKit/usb/UsbmuxdStream.h"
+#include "support/BlockedThread.h"
 #include "support/CallOutcome.h"
 #include "support/Eventually.h"
 #include "support/FakeUsbmuxd.h"
@@ -12,6 +17,9 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 namespace kestrelvane {
 namespace {
@@ -20,9 +28,40 @@ using testing::eventually;
 using testing::FakeUsbmuxd;
 using testing::outcomeOf;
 using Address = UsbmuxdClient::SocketAddress;
+using Decoded = UsbmuxdProtocol::Decoded;
 using Device = UsbmuxdClient::Device;
 using Format = PropertyList::Format;
 using Result = UsbmuxdClient::ConnectResult;
+
+TEST(UsbmuxdProtocol, EncodesALittleEndianHeaderThenTheBodyAndDecodesItBack) {
+    const Bytes body(10, 0x5A);
+    Bytes packet = UsbmuxdProtocol::encode(0xA1B2C3D4, body);
+    EXPECT_EQ(Bytes(packet.begin(), packet.begin() + 16),
+              (Bytes{26, 0, 0, 0, 1, 0, 0, 0, 8, 0, 0, 0, 0xD4, 0xC3, 0xB2, 0xA1}));
+    EXPECT_EQ(Bytes(packet.begin() + 16, packet.end()), body);
+    // Behind bytes already consumed, as in a long read loop.
+    packet.insert(packet.begin(), 5, 0xEE);
+    ReceiveBuffer buffer(packet);
+    buffer.consume(5);
+    EXPECT_EQ(UsbmuxdProtocol::decode(buffer), (Decoded{0xA1B2C3D4, body}));
+    EXPECT_TRUE(buffer.empty());
+}
+
+TEST(UsbmuxdProtocol, WaitsForAWholeHeaderAndAWholeBody) {
+    // A header and a half, then a packet that is only a header: nothing until
+    // the rest comes, and the half stays at the front meanwhile.
+    const Bytes first = UsbmuxdProtocol::encode(3, asBytes("payload"));
+    ReceiveBuffer buffer(Bytes(first.begin(), first.begin() + 15));
+    EXPECT_FALSE(UsbmuxdProtocol::decode(buffer));
+    buffer.append(ByteView(first).subspan(15, 5));
+    EXPECT_FALSE(UsbmuxdProtocol::decode(buffer));
+    EXPECT_EQ(buffer.size(), 20u);
+    buffer.append(ByteView(first).subspan(20));
+    buffer.append(UsbmuxdProtocol::encode(9, {}));
+    EXPECT_EQ(UsbmuxdProtocol::decode(buffer), (Decoded{3, toBytes("payload")}));
+    EXPECT_EQ(UsbmuxdProtocol::decode(buffer), (Decoded{9, {}}));
+    EXPECT_TRUE(buffer.empty());
+}
 
 PropertyList device(std::int64_t id, const char* serial, std::int64_t product) {
     PropertyList properties = PropertyList::dictionary();
@@ -43,7 +82,7 @@ template <class... Entries> PropertyList deviceList(Entries... entries) {
 
 /// Answers every request with the same bytes.
 FakeUsbmuxd::Script always(Bytes bytes) {
-    return [bytes](const FakeUsbmuxd::Request&) { return FakeUsbmuxd::Reply{bytes}; };
+    return [bytes](const FakeUsbmuxd::Request&) { return bytes; };
 }
 
 TEST(UsbmuxdClient, RequestsCarryTheirKeysAndTagsInTheirFormatAndOnlyWholeEntriesAreListed) {
@@ -57,36 +96,31 @@ TEST(UsbmuxdClient, RequestsCarryTheirKeysAndTagsInTheirFormatAndOnlyWholeEntrie
                                          std::move(bare), std::move(textId), device(2, "last", 1));
     const std::vector<Device> listed{{3, "first", 4776}, {5, "", 0}, {2, "last", 1}};
     FakeUsbmuxd daemon([&list](const FakeUsbmuxd::Request& request) {
-        return FakeUsbmuxd::Reply{request.messageType == "ListDevices"
-                                      ? FakeUsbmuxd::packet(request.tag, list, request.format)
-                                      : FakeUsbmuxd::packet(request.tag, FakeUsbmuxd::result(3))};
+        return request.messageType == "ListDevices"
+                   ? FakeUsbmuxd::packet(request.tag, list, request.format)
+                   : FakeUsbmuxd::packet(request.tag, FakeUsbmuxd::result(3));
     });
     UsbmuxdClient client(daemon.address());
     EXPECT_EQ(client.nextTag(), 1u);
     EXPECT_EQ(client.listDevices(), listed);
     EXPECT_EQ(client.connect(42, 9876), Result::connectionRefused());
-    EXPECT_EQ(client.connect(43, 2), Result::connectionRefused());
-    EXPECT_EQ(client.nextTag(), 4u);
+    EXPECT_EQ(client.nextTag(), 3u);
     // Daemons other than Linux's also read binary requests, and answer in kind.
     EXPECT_EQ(UsbmuxdClient(daemon.address(), UsbmuxdClient::RequestFormat::binary).listDevices(),
               listed);
 
     const auto requests = daemon.requests();
-    ASSERT_EQ(requests.size(), 4u);
+    ASSERT_EQ(requests.size(), 3u);
     for (std::size_t i = 0; i < requests.size(); ++i) {
-        EXPECT_EQ(requests[i].tag, i < 3 ? i + 1 : 1);
-        EXPECT_EQ(requests[i].format, i < 3 ? Format::xml : Format::binary)
+        EXPECT_EQ(requests[i].tag, i < 2 ? i + 1 : 1);
+        EXPECT_EQ(requests[i].format, i < 2 ? Format::xml : Format::binary)
             << "the Linux daemon reads XML only";
-        EXPECT_EQ(requests[i].clientVersion, "Kestrelvane");
-        EXPECT_EQ(requests[i].progName, "Kestrelvane");
     }
     EXPECT_EQ(requests[0].messageType, "ListDevices");
     EXPECT_FALSE(requests[0].deviceID);
     EXPECT_EQ(requests[1].messageType, "Connect");
     EXPECT_EQ(requests[1].deviceID, 42);
     EXPECT_EQ(requests[1].portNumber, 37926) << "9876 in network byte order";
-    EXPECT_EQ(requests[2].deviceID, 43);
-    EXPECT_EQ(requests[2].portNumber, 512);
 
     PropertyList notArray = PropertyList::dictionary();
     notArray.set("DeviceList", PropertyList::string("x"));
@@ -193,6 +227,57 @@ TEST(UsbmuxdClient, SocketAddressIsReadAsLibusbmuxdReadsIt) {
     }
     const testing::ScopedEnvironment unset("USBMUXD_SOCKET_ADDRESS", std::nullopt);
     EXPECT_EQ(UsbmuxdClient().address(), fallback);
+}
+
+bool isOpenDescriptor(int fd) {
+    return ::fcntl(fd, F_GETFD) != -1;
+}
+
+TEST(UsbmuxdStream, ReleasesItsDescriptorOnlyWhenClosedAndOnlyOnce) {
+    int fds[2];
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds), 0);
+    UsbmuxdStream stream(fds[0]);
+    stream.send(asBytes("x"));
+    EXPECT_TRUE(isOpenDescriptor(fds[0])) << "released after a call on an open stream";
+    stream.close();
+    EXPECT_FALSE(isOpenDescriptor(fds[0]));
+    // A descriptor opened since, perhaps under the same number, survives a second close.
+    int reused[2];
+    ASSERT_EQ(::pipe(reused), 0);
+    stream.close();
+    EXPECT_TRUE(isOpenDescriptor(reused[0]) && isOpenDescriptor(reused[1]));
+    for (const int fd : {reused[0], reused[1], fds[1]}) {
+        ::close(fd);
+    }
+}
+
+// A call that waits when close() comes ends "closed", not as a socket error,
+// and releases the descriptor on its way out. The send meets a socket that is
+// full before it begins, so none of it is written when close() comes.
+TEST(UsbmuxdStream, AWaitingCallCutOffByItsOwnCloseEndsClosedAndReleasesTheDescriptor) {
+    for (const bool sending : {false, true}) {
+        int fds[2];
+        ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds), 0);
+        auto stream = std::make_shared<UsbmuxdStream>(fds[0]);
+        const int flags = ::fcntl(fds[0], F_GETFL);
+        ::fcntl(fds[0], F_SETFL, flags | O_NONBLOCK);
+        const Bytes filler(65536);
+        for (const std::size_t size : {filler.size(), std::size_t{1}}) {
+            while (sending && ::send(fds[0], filler.data(), size, MSG_NOSIGNAL) > 0) {
+            }
+        }
+        ::fcntl(fds[0], F_SETFL, flags);
+        auto waiting =
+            testing::callUntilBlockedIn({sending ? SYS_sendto : SYS_read}, [stream, sending] {
+                return outcomeOf(
+                    [&] { sending ? stream->send(asBytes("x")) : (void)stream->receive(1); });
+            });
+        ASSERT_TRUE(waiting.blocked);
+        stream->close();
+        EXPECT_EQ(waiting.result.get(), "closed");
+        EXPECT_FALSE(isOpenDescriptor(fds[0])) << "the call woken by close() keeps it";
+        ::close(fds[1]);
+    }
 }
 
 } // namespace
