@@ -1,9 +1,4 @@
-#include "KestrelvaneKit/network/ServiceBrowser.h"
-#include "KestrelvaneKit/network/ServicePublisher.h"
 #include "support/ChildProcess.h"
-#include "support/ScopedEnvironment.h"
-#include "support/ScopedLogSink.h"
-#include "support/TemporaryFolder.h"
 
 #include <gtest/gtest.h>
 
@@ -31,32 +26,6 @@ TEST(ServiceDiscovery, PublishesAndBrowsesForRealInAPrivateNetwork) {
     }
     EXPECT_EQ(status, 0) << output;
     EXPECT_EQ(output.find("SKIPPED"), std::string::npos) << output;
-}
-
-TEST(NoSystemBus, BrowserAndPublisherEachSayOnceThatDnsSdIsUnavailableAndCarryOn) {
-    const testing::TemporaryFolder folder;
-    const testing::ScopedEnvironment noBus("DBUS_SYSTEM_BUS_ADDRESS",
-                                           "unix:path=" + (folder.path() / "none").string());
-    const testing::ScopedLogSink sink;
-    int changes = 0;
-    ServiceBrowser browser([&](const auto&) { ++changes; });
-    ServicePublisher publisher("Nowhere", 9876);
-    for (int round = 0; round < 2; ++round) {
-        browser.start();
-        publisher.publish();
-        EXPECT_FALSE(publisher.isEstablished());
-        browser.stop();
-        publisher.withdraw();
-    }
-    const auto records = sink->records();
-    ASSERT_EQ(records.size(), 2u) << "one line from each, however often started";
-    for (const auto& [record, purpose] :
-         {std::pair{records[0], "browsing"}, {records[1], "publishing"}}) {
-        EXPECT_EQ(record.level, KVLog::Level::error);
-        const std::string line = std::string("DNS-SD ") + purpose + " unavailable: no Avahi daemon";
-        EXPECT_EQ(record.message.find(line), 0u) << record.message;
-    }
-    EXPECT_EQ(changes, 0);
 }
 
 } // namespace

@@ -172,16 +172,15 @@ TEST_P(StreamContract, SendsAndReceivesRunTogetherAndConcurrentSendsNeverInterle
     EXPECT_EQ(marks.size(), 16u);
 }
 
-const auto nameOf = [](const auto& param) { return param.param.name; };
 INSTANTIATE_TEST_SUITE_P(, StreamContract,
                          ::testing::Values(Transport{"Tcp", overTcp, SYS_recvfrom, "errno 125"},
                                            Transport{"UsbmuxdTunnel", overSocketPair, SYS_read,
                                                      "closed"}),
-                         nameOf);
+                         [](const auto& param) { return param.param.name; });
 
 using testing::SystemCallFault;
 using Call = SystemCallFault::Call;
-enum class Operation { send, receive, accept, connect, listen };
+enum class Operation { tcpSend, tcpReceive, tunnelSend, tunnelReceive, accept, connect, listen };
 
 /// One system call failing once, and what the caller must see: "returned"
 /// (and the bytes arrive whole), or the failure with its type, call and errno.
@@ -191,8 +190,6 @@ struct Fault {
     Call call;
     int error;
     std::string caller;
-    Ends (*connect)() = nullptr; // the transport sending or receiving
-    int idleMilliseconds = 0;
 };
 
 class SystemCallFaults : public ::testing::TestWithParam<Fault> {};
@@ -211,28 +208,31 @@ TEST_P(SystemCallFaults, ReachTheCallerAsTheTableSays) {
     const auto connect = [&] {
         BonjourStream(std::make_shared<TcpConnection>("127.0.0.1", listener.port())).start();
     };
-    if (fault.operation == Operation::listen) {
+    const auto is = [&](auto... operations) { return ((fault.operation == operations) || ...); };
+    if (is(Operation::listen)) {
         underFault([] { TcpListener(0, TcpListener::Scope::loopback); });
-    } else if (fault.operation == Operation::accept) {
+    } else if (is(Operation::accept)) {
         connect();
         std::shared_ptr<TcpConnection> taken;
         underFault([&] { taken = listener.accept(); });
         // A connection that could not be taken waits for the next accept.
         EXPECT_NE(outcome == "returned" ? taken : listener.accept(), nullptr);
-    } else if (fault.operation == Operation::connect) {
+    } else if (is(Operation::connect)) {
         underFault(connect);
         if (fault.call == Call::getsockopt && SystemCallFault::failures(fault.call) == before) {
             GTEST_SKIP() << "the connect completed at once, so its outcome was never asked for";
         }
     } else {
-        Ends ends = fault.connect();
-        if (fault.idleMilliseconds > 0) {
+        Ends ends =
+            is(Operation::tunnelSend, Operation::tunnelReceive) ? overSocketPair() : overTcp();
+        if (fault.error == EAGAIN) {
+            // The kernel ends a call that moved nothing for the idle timeout with EAGAIN.
             dynamic_cast<BonjourStream&>(*ends.near)
                 .connection()
-                .setIdleTimeout(std::chrono::milliseconds(fault.idleMilliseconds));
+                .setIdleTimeout(std::chrono::seconds(1));
         }
         Bytes received;
-        if (fault.operation == Operation::send) {
+        if (is(Operation::tcpSend, Operation::tunnelSend)) {
             underFault([&] { ends.near->send(data); });
             if (outcome == "returned") {
                 received = receiveExactly(*ends.far, data.size(), 1 << 16);
@@ -250,23 +250,19 @@ TEST_P(SystemCallFaults, ReachTheCallerAsTheTableSays) {
 INSTANTIATE_TEST_SUITE_P(
     , SystemCallFaults,
     ::testing::Values(
-        Fault{"TcpSendInterrupted", Operation::send, Call::send, EINTR, "returned", overTcp},
-        Fault{"TcpReceiveInterrupted", Operation::receive, Call::recv, EINTR, "returned", overTcp},
-        Fault{"TcpSendFails", Operation::send, Call::send, EIO, "errno 5: send() failed (5)",
-              overTcp},
-        Fault{"TcpReceiveFails", Operation::receive, Call::recv, EIO, "errno 5: recv() failed (5)",
-              overTcp},
-        // The kernel ends a call that moved nothing for the idle timeout with EAGAIN.
-        Fault{"TcpSendIdle", Operation::send, Call::send, EAGAIN,
-              "errno 110: send() timed out after 1 s", overTcp, 1000},
-        Fault{"TunnelSendInterrupted", Operation::send, Call::send, EINTR, "returned",
-              overSocketPair},
-        Fault{"TunnelReceiveInterrupted", Operation::receive, Call::read, EINTR, "returned",
-              overSocketPair},
-        Fault{"TunnelSendFails", Operation::send, Call::send, EIO, "usbmuxd: write failed (5)",
-              overSocketPair},
-        Fault{"TunnelReceiveFails", Operation::receive, Call::read, EIO, "usbmuxd: read failed (5)",
-              overSocketPair},
+        Fault{"TcpSendInterrupted", Operation::tcpSend, Call::send, EINTR, "returned"},
+        Fault{"TcpReceiveInterrupted", Operation::tcpReceive, Call::recv, EINTR, "returned"},
+        Fault{"TcpSendFails", Operation::tcpSend, Call::send, EIO, "errno 5: send() failed (5)"},
+        Fault{"TcpReceiveFails", Operation::tcpReceive, Call::recv, EIO,
+              "errno 5: recv() failed (5)"},
+        Fault{"TcpSendIdle", Operation::tcpSend, Call::send, EAGAIN,
+              "errno 110: send() timed out after 1 s"},
+        Fault{"TunnelSendInterrupted", Operation::tunnelSend, Call::send, EINTR, "returned"},
+        Fault{"TunnelReceiveInterrupted", Operation::tunnelReceive, Call::read, EINTR, "returned"},
+        Fault{"TunnelSendFails", Operation::tunnelSend, Call::send, EIO,
+              "usbmuxd: write failed (5)"},
+        Fault{"TunnelReceiveFails", Operation::tunnelReceive, Call::read, EIO,
+              "usbmuxd: read failed (5)"},
         Fault{"AcceptWaitInterrupted", Operation::accept, Call::poll, EINTR, "returned"},
         Fault{"AcceptInterrupted", Operation::accept, Call::accept4, EINTR, "returned"},
         Fault{"AcceptWaitFails", Operation::accept, Call::poll, EIO, "errno 5: poll() failed (5)"},
@@ -278,7 +274,7 @@ INSTANTIATE_TEST_SUITE_P(
               "errno 24: socket() failed (24)"},
         Fault{"ConnectOutcomeUnreadable", Operation::connect, Call::getsockopt, EIO,
               "errno 5: connect() failed (5)"}),
-    nameOf);
+    [](const auto& param) { return param.param.name; });
 
 } // namespace
 } // namespace kestrelvane

@@ -64,18 +64,6 @@ std::vector<FakeUsbmuxd::Request> FakeUsbmuxd::requests() const {
     return requests_;
 }
 
-Bytes FakeUsbmuxd::packet(std::uint32_t tag, const PropertyList& body,
-                          PropertyList::Format format) {
-    return UsbmuxdProtocol::encode(tag, body.serialize(format));
-}
-
-PropertyList FakeUsbmuxd::result(std::int64_t number) {
-    PropertyList body = PropertyList::dictionary();
-    body.set("MessageType", PropertyList::string("Result"))
-        .set("Number", PropertyList::integer(number));
-    return body;
-}
-
 void FakeUsbmuxd::serve() {
     while (!stopping_) {
         const int fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC);

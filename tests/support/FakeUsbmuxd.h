@@ -40,12 +40,6 @@ public:
     /// Connections whose client hung up after the reply.
     int hangUps() const noexcept { return hangUps_.load(); }
 
-    /// A whole packet with an XML (or binary) body.
-    static Bytes packet(std::uint32_t tag, const PropertyList& body,
-                        PropertyList::Format format = PropertyList::Format::xml);
-    /// A reply {MessageType: Result, Number: number}.
-    static PropertyList result(std::int64_t number);
-
 private:
     void serve();
 

@@ -80,6 +80,19 @@ template <class... Entries> PropertyList deviceList(Entries... entries) {
     return reply;
 }
 
+/// A whole packet with an XML (or binary) body.
+Bytes packet(std::uint32_t tag, const PropertyList& body, Format format = Format::xml) {
+    return UsbmuxdProtocol::encode(tag, body.serialize(format));
+}
+
+/// A reply {MessageType: Result, Number: number}.
+PropertyList result(std::int64_t number) {
+    PropertyList body = PropertyList::dictionary();
+    body.set("MessageType", PropertyList::string("Result"))
+        .set("Number", PropertyList::integer(number));
+    return body;
+}
+
 /// Answers every request with the same bytes.
 FakeUsbmuxd::Script always(Bytes bytes) {
     return [bytes](const FakeUsbmuxd::Request&) { return bytes; };
@@ -96,9 +109,8 @@ TEST(UsbmuxdClient, RequestsCarryTheirKeysAndTagsInTheirFormatAndOnlyWholeEntrie
                                          std::move(bare), std::move(textId), device(2, "last", 1));
     const std::vector<Device> listed{{3, "first", 4776}, {5, "", 0}, {2, "last", 1}};
     FakeUsbmuxd daemon([&list](const FakeUsbmuxd::Request& request) {
-        return request.messageType == "ListDevices"
-                   ? FakeUsbmuxd::packet(request.tag, list, request.format)
-                   : FakeUsbmuxd::packet(request.tag, FakeUsbmuxd::result(3));
+        return request.messageType == "ListDevices" ? packet(request.tag, list, request.format)
+                                                    : packet(request.tag, result(3));
     });
     UsbmuxdClient client(daemon.address());
     EXPECT_EQ(client.nextTag(), 1u);
@@ -132,23 +144,23 @@ TEST(UsbmuxdClient, RequestsCarryTheirKeysAndTagsInTheirFormatAndOnlyWholeEntrie
 }
 
 TEST(UsbmuxdClient, EveryConnectAnswerButSuccessIsAResultThatClosesTheSocket) {
-    PropertyList explained = FakeUsbmuxd::result(5);
+    PropertyList explained = result(5);
     explained.set("String", PropertyList::string("device is locked"));
-    PropertyList notText = FakeUsbmuxd::result(6);
+    PropertyList notText = result(6);
     notText.set("String", PropertyList::integer(1));
     PropertyList textNumber = PropertyList::dictionary();
     textNumber.set("Number", PropertyList::string("0"));
     const std::pair<PropertyList, Result> answers[] = {
-        {FakeUsbmuxd::result(2), Result::badDevice()},
-        {FakeUsbmuxd::result(3), Result::connectionRefused()},
-        {FakeUsbmuxd::result(5), Result::otherError(5, "usbmuxd error 5")},
+        {result(2), Result::badDevice()},
+        {result(3), Result::connectionRefused()},
+        {result(5), Result::otherError(5, "usbmuxd error 5")},
         {std::move(explained), Result::otherError(5, "device is locked")},
         {std::move(notText), Result::otherError(6, "usbmuxd error 6")},
         {PropertyList::dictionary(), Result::otherError(-1, "no Number in response")},
         {std::move(textNumber), Result::otherError(-1, "no Number in response")},
     };
     for (const auto& [answer, expected] : answers) {
-        FakeUsbmuxd daemon(always(FakeUsbmuxd::packet(1, answer)));
+        FakeUsbmuxd daemon(always(packet(1, answer)));
         EXPECT_EQ(UsbmuxdClient(daemon.address()).connect(1, 9876), expected);
         EXPECT_TRUE(eventually([&] { return daemon.hangUps() == 1; }));
     }
@@ -167,7 +179,7 @@ TEST(UsbmuxdClient, RepliesThatCannotBeReadFailTheRequestCloseTheSocketAndLeaveT
         {{}, "usbmuxd: read returned 0 (0)"}, // the daemon hangs up without answering
         {zeroLength, "usbmuxd: header total length 0 < 16"},
         {tooLarge, "usbmuxd: reply of " + std::to_string(declared) + " bytes is too large"},
-        {FakeUsbmuxd::packet(1, PropertyList::array()), "usbmuxd: response body not a dict"},
+        {packet(1, PropertyList::array()), "usbmuxd: response body not a dict"},
         {UsbmuxdProtocol::encode(1, asBytes("not a plist")), "plist: "},
     };
     for (const auto& [reply, caller] : replies) {
@@ -233,29 +245,12 @@ bool isOpenDescriptor(int fd) {
     return ::fcntl(fd, F_GETFD) != -1;
 }
 
-TEST(UsbmuxdStream, ReleasesItsDescriptorOnlyWhenClosedAndOnlyOnce) {
-    int fds[2];
-    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds), 0);
-    UsbmuxdStream stream(fds[0]);
-    stream.send(asBytes("x"));
-    EXPECT_TRUE(isOpenDescriptor(fds[0])) << "released after a call on an open stream";
-    stream.close();
-    EXPECT_FALSE(isOpenDescriptor(fds[0]));
-    // A descriptor opened since, perhaps under the same number, survives a second close.
-    int reused[2];
-    ASSERT_EQ(::pipe(reused), 0);
-    stream.close();
-    EXPECT_TRUE(isOpenDescriptor(reused[0]) && isOpenDescriptor(reused[1]));
-    for (const int fd : {reused[0], reused[1], fds[1]}) {
-        ::close(fd);
-    }
-}
-
-// A call that waits when close() comes ends "closed", not as a socket error,
-// and releases the descriptor on its way out. The send meets a socket that is
-// full before it begins, so none of it is written when close() comes.
-TEST(UsbmuxdStream, AWaitingCallCutOffByItsOwnCloseEndsClosedAndReleasesTheDescriptor) {
-    for (const bool sending : {false, true}) {
+// The stream releases its descriptor when closed: at once, or when a call
+// that waits is woken by the close, which ends that call "closed" rather
+// than as a socket error. A send meets a socket that is full before it
+// begins, so none of it is written when close() comes.
+TEST(UsbmuxdStream, ReleasesItsDescriptorOnlyOnceClosedAndAWaitingCallItCutsOffEndsClosed) {
+    for (const long waitsIn : {0L, long{SYS_read}, long{SYS_sendto}}) {
         int fds[2];
         ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds), 0);
         auto stream = std::make_shared<UsbmuxdStream>(fds[0]);
@@ -263,20 +258,35 @@ TEST(UsbmuxdStream, AWaitingCallCutOffByItsOwnCloseEndsClosedAndReleasesTheDescr
         ::fcntl(fds[0], F_SETFL, flags | O_NONBLOCK);
         const Bytes filler(65536);
         for (const std::size_t size : {filler.size(), std::size_t{1}}) {
-            while (sending && ::send(fds[0], filler.data(), size, MSG_NOSIGNAL) > 0) {
+            while (waitsIn == SYS_sendto && ::send(fds[0], filler.data(), size, MSG_NOSIGNAL) > 0) {
             }
         }
         ::fcntl(fds[0], F_SETFL, flags);
-        auto waiting =
-            testing::callUntilBlockedIn({sending ? SYS_sendto : SYS_read}, [stream, sending] {
-                return outcomeOf(
-                    [&] { sending ? stream->send(asBytes("x")) : (void)stream->receive(1); });
+        if (waitsIn != SYS_sendto) {
+            stream->send(asBytes("x"));
+            EXPECT_TRUE(isOpenDescriptor(fds[0])) << "released after a call on an open stream";
+        }
+        if (waitsIn == 0) {
+            stream->close();
+        } else {
+            auto waiting = testing::callUntilBlockedIn({waitsIn}, [stream, waitsIn] {
+                return outcomeOf([&] {
+                    waitsIn == SYS_read ? (void)stream->receive(1) : stream->send(asBytes("x"));
+                });
             });
-        ASSERT_TRUE(waiting.blocked);
+            ASSERT_TRUE(waiting.blocked);
+            stream->close();
+            EXPECT_EQ(waiting.result.get(), "closed");
+        }
+        EXPECT_FALSE(isOpenDescriptor(fds[0]));
+        // A descriptor opened since, perhaps under the same number, survives a second close.
+        int reused[2];
+        ASSERT_EQ(::pipe(reused), 0);
         stream->close();
-        EXPECT_EQ(waiting.result.get(), "closed");
-        EXPECT_FALSE(isOpenDescriptor(fds[0])) << "the call woken by close() keeps it";
-        ::close(fds[1]);
+        EXPECT_TRUE(isOpenDescriptor(reused[0]) && isOpenDescriptor(reused[1]));
+        for (const int fd : {reused[0], reused[1], fds[1]}) {
+            ::close(fd);
+        }
     }
 }
 
