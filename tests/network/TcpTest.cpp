@@ -32,20 +32,17 @@ using State = TcpConnection::State;
 std::vector<std::pair<int, int>> optionsOfConnectionsAt(std::uint16_t port) {
     std::vector<std::pair<int, int>> found;
     for (int fd = 0; fd < 1024; ++fd) {
-        sockaddr_in here{};
-        sockaddr_in there{};
-        socklen_t hereLength = sizeof here;
-        socklen_t thereLength = sizeof there;
-        int noDelay = 0;
-        int keepAlive = 0;
+        sockaddr_in ends[2]{}; // here, there
+        socklen_t length = sizeof ends[0];
+        int options[2] = {0, 0};
         socklen_t size = sizeof(int);
-        if (::getsockname(fd, reinterpret_cast<sockaddr*>(&here), &hereLength) == 0 &&
-            here.sin_family == AF_INET &&
-            ::getpeername(fd, reinterpret_cast<sockaddr*>(&there), &thereLength) == 0 &&
-            (ntohs(here.sin_port) == port || ntohs(there.sin_port) == port) &&
-            ::getsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &noDelay, &size) == 0 &&
-            ::getsockopt(fd, SOL_SOCKET, SO_KEEPALIVE, &keepAlive, &size) == 0) {
-            found.emplace_back(noDelay, keepAlive);
+        if (::getsockname(fd, reinterpret_cast<sockaddr*>(&ends[0]), &length) == 0 &&
+            ends[0].sin_family == AF_INET &&
+            ::getpeername(fd, reinterpret_cast<sockaddr*>(&ends[1]), &length) == 0 &&
+            (ntohs(ends[0].sin_port) == port || ntohs(ends[1].sin_port) == port) &&
+            ::getsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &options[0], &size) == 0 &&
+            ::getsockopt(fd, SOL_SOCKET, SO_KEEPALIVE, &options[1], &size) == 0) {
+            found.emplace_back(options[0], options[1]);
         }
     }
     return found;

@@ -10,10 +10,6 @@ FailingStream::FailingStream(std::shared_ptr<KestrelvaneStream> inner, Cut cut)
     : inner_(std::move(inner)), cue_(cut) {
 }
 
-void FailingStream::start() {
-    inner_->start();
-}
-
 void FailingStream::fail() {
     cut_ = true;
     inner_->close();
@@ -56,10 +52,6 @@ Bytes FailingStream::receive(std::int64_t max) {
     Bytes bytes = inner_->receive(limit);
     received_ += bytes.size();
     return bytes;
-}
-
-void FailingStream::close() noexcept {
-    inner_->close();
 }
 
 } // namespace kestrelvane::testing

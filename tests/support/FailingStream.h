@@ -30,10 +30,10 @@ public:
 
     FailingStream(std::shared_ptr<KestrelvaneStream> inner, Cut cut);
 
-    void start() override;
+    void start() override { inner_->start(); }
     void send(ByteView data) override;
     Bytes receive(std::int64_t max) override;
-    void close() noexcept override;
+    void close() noexcept override { inner_->close(); }
 
     /// Whether the cue has been reached.
     bool hasCut() const noexcept { return cut_.load(); }

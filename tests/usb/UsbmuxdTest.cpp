@@ -20,6 +20,7 @@
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <variant>
 
 namespace kestrelvane {
 namespace {
@@ -33,32 +34,26 @@ using Device = UsbmuxdClient::Device;
 using Format = PropertyList::Format;
 using Result = UsbmuxdClient::ConnectResult;
 
-TEST(UsbmuxdProtocol, EncodesALittleEndianHeaderThenTheBodyAndDecodesItBack) {
-    const Bytes body(10, 0x5A);
-    Bytes packet = UsbmuxdProtocol::encode(0xA1B2C3D4, body);
+// A little-endian header (length, version 1, type 8 for a property list,
+// tag), then the body. Decoding waits for a whole header and a whole body,
+// leaving a part at the front meanwhile, and reads behind bytes already
+// consumed, as in a long read loop.
+TEST(UsbmuxdProtocol, EncodesALittleEndianHeaderThenTheBodyAndDecodesOnlyWholePackets) {
+    const Bytes body = toBytes("payload");
+    const Bytes packet = UsbmuxdProtocol::encode(0xA1B2C3D4, body);
     EXPECT_EQ(Bytes(packet.begin(), packet.begin() + 16),
-              (Bytes{26, 0, 0, 0, 1, 0, 0, 0, 8, 0, 0, 0, 0xD4, 0xC3, 0xB2, 0xA1}));
+              (Bytes{23, 0, 0, 0, 1, 0, 0, 0, 8, 0, 0, 0, 0xD4, 0xC3, 0xB2, 0xA1}));
     EXPECT_EQ(Bytes(packet.begin() + 16, packet.end()), body);
-    // Behind bytes already consumed, as in a long read loop.
-    packet.insert(packet.begin(), 5, 0xEE);
-    ReceiveBuffer buffer(packet);
+    ReceiveBuffer buffer(Bytes(5, 0xEE));
+    buffer.append(ByteView(packet).first(15));
     buffer.consume(5);
-    EXPECT_EQ(UsbmuxdProtocol::decode(buffer), (Decoded{0xA1B2C3D4, body}));
-    EXPECT_TRUE(buffer.empty());
-}
-
-TEST(UsbmuxdProtocol, WaitsForAWholeHeaderAndAWholeBody) {
-    // A header and a half, then a packet that is only a header: nothing until
-    // the rest comes, and the half stays at the front meanwhile.
-    const Bytes first = UsbmuxdProtocol::encode(3, asBytes("payload"));
-    ReceiveBuffer buffer(Bytes(first.begin(), first.begin() + 15));
     EXPECT_FALSE(UsbmuxdProtocol::decode(buffer));
-    buffer.append(ByteView(first).subspan(15, 5));
+    buffer.append(ByteView(packet).subspan(15, 5));
     EXPECT_FALSE(UsbmuxdProtocol::decode(buffer));
     EXPECT_EQ(buffer.size(), 20u);
-    buffer.append(ByteView(first).subspan(20));
+    buffer.append(ByteView(packet).subspan(20));
     buffer.append(UsbmuxdProtocol::encode(9, {}));
-    EXPECT_EQ(UsbmuxdProtocol::decode(buffer), (Decoded{3, toBytes("payload")}));
+    EXPECT_EQ(UsbmuxdProtocol::decode(buffer), (Decoded{0xA1B2C3D4, body}));
     EXPECT_EQ(UsbmuxdProtocol::decode(buffer), (Decoded{9, {}}));
     EXPECT_TRUE(buffer.empty());
 }
@@ -143,50 +138,48 @@ TEST(UsbmuxdClient, RequestsCarryTheirKeysAndTagsInTheirFormatAndOnlyWholeEntrie
     }
 }
 
-TEST(UsbmuxdClient, EveryConnectAnswerButSuccessIsAResultThatClosesTheSocket) {
+// Every answer but a tunnel or a device list, and what the caller sees: a
+// connect's result, or how a list fails. Either way the client closes the
+// socket (unless the daemon hung up first) and stays usable.
+TEST(UsbmuxdClient, EveryOtherAnswerIsAResultOrAnErrorThatClosesTheSocketAndLeavesTheClientUsable) {
     PropertyList explained = result(5);
     explained.set("String", PropertyList::string("device is locked"));
     PropertyList notText = result(6);
     notText.set("String", PropertyList::integer(1));
     PropertyList textNumber = PropertyList::dictionary();
     textNumber.set("Number", PropertyList::string("0"));
-    const std::pair<PropertyList, Result> answers[] = {
-        {result(2), Result::badDevice()},
-        {result(3), Result::connectionRefused()},
-        {result(5), Result::otherError(5, "usbmuxd error 5")},
-        {std::move(explained), Result::otherError(5, "device is locked")},
-        {std::move(notText), Result::otherError(6, "usbmuxd error 6")},
-        {PropertyList::dictionary(), Result::otherError(-1, "no Number in response")},
-        {std::move(textNumber), Result::otherError(-1, "no Number in response")},
-    };
-    for (const auto& [answer, expected] : answers) {
-        FakeUsbmuxd daemon(always(packet(1, answer)));
-        EXPECT_EQ(UsbmuxdClient(daemon.address()).connect(1, 9876), expected);
-        EXPECT_TRUE(eventually([&] { return daemon.hangUps() == 1; }));
-    }
-}
-
-TEST(UsbmuxdClient, RepliesThatCannotBeReadFailTheRequestCloseTheSocketAndLeaveTheClientUsable) {
     Bytes zeroLength = UsbmuxdProtocol::encode(1, {});
     zeroLength[0] = 0;
     // Only a header, announcing more than the limit: refused before it is read.
-    Bytes tooLarge(16, 0);
+    Bytes tooLarge = UsbmuxdProtocol::encode(1, {});
     const std::uint32_t declared = UsbmuxdClient::maxReplyBytes + 1;
     for (std::size_t i = 0; i < 4; ++i) {
         tooLarge[i] = static_cast<std::uint8_t>(declared >> (8 * i));
     }
-    const std::pair<Bytes, std::string> replies[] = {
+    const std::pair<Bytes, std::variant<Result, std::string>> answers[] = {
+        {packet(1, result(2)), Result::badDevice()},
+        {packet(1, result(3)), Result::connectionRefused()},
+        {packet(1, result(5)), Result::otherError(5, "usbmuxd error 5")},
+        {packet(1, explained), Result::otherError(5, "device is locked")},
+        {packet(1, notText), Result::otherError(6, "usbmuxd error 6")},
+        {packet(1, PropertyList::dictionary()), Result::otherError(-1, "no Number in response")},
+        {packet(1, textNumber), Result::otherError(-1, "no Number in response")},
         {{}, "usbmuxd: read returned 0 (0)"}, // the daemon hangs up without answering
         {zeroLength, "usbmuxd: header total length 0 < 16"},
         {tooLarge, "usbmuxd: reply of " + std::to_string(declared) + " bytes is too large"},
         {packet(1, PropertyList::array()), "usbmuxd: response body not a dict"},
         {UsbmuxdProtocol::encode(1, asBytes("not a plist")), "plist: "},
     };
-    for (const auto& [reply, caller] : replies) {
+    for (const auto& [reply, expected] : answers) {
         FakeUsbmuxd daemon(always(reply));
         UsbmuxdClient client(daemon.address());
         for (int request = 1; request <= 2; ++request) {
-            EXPECT_PRED2(testing::startsWith, outcomeOf([&] { client.listDevices(); }), caller);
+            if (const auto* connected = std::get_if<Result>(&expected)) {
+                EXPECT_EQ(client.connect(1, 9876), *connected);
+            } else {
+                EXPECT_PRED2(testing::startsWith, outcomeOf([&] { client.listDevices(); }),
+                             std::get<std::string>(expected));
+            }
             EXPECT_TRUE(reply.empty() || eventually([&] { return daemon.hangUps() == request; }));
         }
         EXPECT_EQ(client.nextTag(), 3u);
