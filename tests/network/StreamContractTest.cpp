@@ -257,6 +257,8 @@ INSTANTIATE_TEST_SUITE_P(
               "errno 5: recv() failed (5)"},
         Fault{"TcpSendIdle", Operation::tcpSend, Call::send, EAGAIN,
               "errno 110: send() timed out after 1 s"},
+        Fault{"TcpReceiveIdle", Operation::tcpReceive, Call::recv, EAGAIN,
+              "errno 110: recv() timed out after 1 s"},
         Fault{"TunnelSendInterrupted", Operation::tunnelSend, Call::send, EINTR, "returned"},
         Fault{"TunnelReceiveInterrupted", Operation::tunnelReceive, Call::read, EINTR, "returned"},
         Fault{"TunnelSendFails", Operation::tunnelSend, Call::send, EIO,
