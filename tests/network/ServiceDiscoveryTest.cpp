@@ -1,9 +1,4 @@
-#include "KestrelvaneKit/network/ServiceBrowser.h"
-#include "KestrelvaneKit/network/ServicePublisher.h"
 #include "support/ChildProcess.h"
-#include "support/ScopedEnvironment.h"
-#include "support/ScopedLogSink.h"
-#include "support/TemporaryFolder.h"
 
 #include <gtest/gtest.h>
 
@@ -31,36 +26,6 @@ TEST(ServiceDiscovery, PublishesAndBrowsesForRealInAPrivateNetwork) {
     }
     EXPECT_EQ(status, 0) << output;
     EXPECT_EQ(output.find("SKIPPED"), std::string::npos) << output;
-}
-
-TEST(NoSystemBus, BrowserAndPublisherEachSayOnceThatDnsSdIsUnavailableAndCarryOn) {
-    const testing::TemporaryFolder folder;
-    const testing::ScopedEnvironment noBus("DBUS_SYSTEM_BUS_ADDRESS",
-                                           "unix:path=" + (folder.path() / "none").string());
-    const testing::ScopedLogSink sink;
-    int changes = 0;
-    ServiceBrowser browser([&](const auto&) { ++changes; });
-    ServicePublisher publisher("Nowhere", 9876);
-    for (int round = 0; round < 2; ++round) {
-        browser.start();
-        browser.start();
-        publisher.publish();
-        publisher.publish();
-        EXPECT_FALSE(publisher.isEstablished());
-        browser.stop();
-        publisher.withdraw();
-    }
-    const auto records = sink->records();
-    ASSERT_EQ(records.size(), 2u) << "one line from each, however often started";
-    for (const auto& record : records) {
-        EXPECT_EQ(record.category, KVLog::Category::net);
-        EXPECT_EQ(record.level, KVLog::Level::error);
-        EXPECT_NE(record.message.find("unavailable: no Avahi daemon reachable"), std::string::npos)
-            << record.message;
-    }
-    EXPECT_EQ(records[0].message.rfind("DNS-SD browsing", 0), 0u);
-    EXPECT_EQ(records[1].message.rfind("DNS-SD publishing", 0), 0u);
-    EXPECT_EQ(changes, 0);
 }
 
 } // namespace

@@ -1,24 +1,20 @@
-// What KestrelvaneStream promises, held against every transport: TCP
-// (BonjourStream), a usbmuxd tunnel (UsbmuxdStream; a socket pair is all a
-// tunnel is once handed over) and the in-memory pair the engines' tests use.
-// Then the transports' answers to system calls that fail.
+// What KestrelvaneStream promises, held against both transports: TCP
+// (BonjourStream) and a usbmuxd tunnel (UsbmuxdStream; a socket pair is all a
+// tunnel is once handed over). Then the transports' answers to system calls
+// that fail.
 #include "KestrelvaneKit/network/BonjourStream.h"
 #include "KestrelvaneKit/network/TcpListener.h"
 #include "KestrelvaneKit/usb/UsbmuxdStream.h"
 #include "support/BlockedThread.h"
 #include "support/CallOutcome.h"
-#include "support/MemoryStream.h"
 #include "support/SystemCallFault.h"
 #include "support/TestFiles.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
-#include <csignal>
 #include <future>
-#include <pthread.h>
 #include <set>
 #include <sys/socket.h>
 #include <sys/syscall.h>
@@ -33,13 +29,6 @@ using testing::startsWith;
 struct Ends {
     std::shared_ptr<KestrelvaneStream> near, far;
     std::shared_ptr<void> keep; // what must outlive them (a listener)
-};
-
-struct Transport {
-    std::string name;
-    std::function<Ends()> connect;
-    std::vector<long> receiveWaitsIn; // the system calls a waiting receive parks in
-    std::string endedHere;            // how calls end once close() was called here
 };
 
 Ends overTcp() {
@@ -58,10 +47,12 @@ Ends overSocketPair() {
     return {std::make_shared<UsbmuxdStream>(fds[0]), std::make_shared<UsbmuxdStream>(fds[1]), {}};
 }
 
-Ends memoryPair() {
-    auto [near, far] = testing::makeMemoryStreamPair();
-    return {near, far, {}};
-}
+struct Transport {
+    std::string name;
+    Ends (*connect)();
+    long receiveWaitsIn;   // the system call a waiting receive parks in
+    std::string endedHere; // how calls end once close() was called here
+};
 
 /// `count` bytes from `stream`, asked for at most `piece` at a time.
 Bytes receiveExactly(KestrelvaneStream& stream, std::size_t count, std::int64_t piece) {
@@ -76,12 +67,12 @@ Bytes receiveExactly(KestrelvaneStream& stream, std::size_t count, std::int64_t 
 
 class StreamContract : public ::testing::TestWithParam<Transport> {
 protected:
-    /// How `call`, run on a thread of its own, ended once it waited in one of
-    /// `calls` and `wake` ran. A call that is not woken fails the test; the
-    /// peer is then torn down so that the call returns.
-    std::string endOfWaitingCall(const std::vector<long>& calls, std::function<void()> call,
+    /// How `call`, run on a thread of its own, ended once it waited in system
+    /// call `waitsIn` and `wake` ran. A call that is not woken fails the test;
+    /// the peer is then torn down so that the call returns.
+    std::string endOfWaitingCall(long waitsIn, std::function<void()> call,
                                  const std::function<void()>& wake) {
-        auto waiting = testing::callUntilBlockedIn(calls, [call] { return outcomeOf(call); });
+        auto waiting = testing::callUntilBlockedIn({waitsIn}, [call] { return outcomeOf(call); });
         EXPECT_TRUE(waiting.blocked) << "the call never waited";
         wake();
         if (waiting.result.wait_for(std::chrono::seconds(30)) != std::future_status::ready) {
@@ -96,9 +87,6 @@ protected:
 };
 
 TEST_P(StreamContract, HandsOutNoMoreThanAskedAndThePeersEndAsClosedOnceItsBytesAreRead) {
-    const Bytes there = testing::pattern(64 * 1024, 1);
-    ends.near->send(there);
-    EXPECT_TRUE(receiveExactly(*ends.far, there.size(), 4096) == there);
     ends.far->send(asBytes("0123456789"));
     ends.far->close();
     Bytes memory(12, '#');
@@ -113,66 +101,67 @@ TEST_P(StreamContract, HandsOutNoMoreThanAskedAndThePeersEndAsClosedOnceItsBytes
     EXPECT_EQ(outcomeOf([&] { ends.near->receive(1); }), "closed");
 }
 
-TEST_P(StreamContract, APeerThatHangsUpEndsAWaitingReceiveWithClosed) {
-    const auto near = ends.near;
-    EXPECT_EQ(
-        endOfWaitingCall(
-            GetParam().receiveWaitsIn, [near] { near->receive(10); }, [&] { ends.far->close(); }),
-        "closed");
+TEST_P(StreamContract, EitherEndsCloseEndsAWaitingReceiveAndACloseHereEveryLaterCall) {
+    for (const bool here : {false, true}) {
+        for (const bool intoCallersMemory : {false, true}) {
+            ends = GetParam().connect();
+            const auto near = ends.near;
+            const auto closing = here ? near : ends.far;
+            const auto receive = [near, intoCallersMemory] {
+                Bytes memory(10);
+                intoCallersMemory ? near->receiveInto(memory) : near->receive(10).size();
+            };
+            EXPECT_PRED2(startsWith,
+                         endOfWaitingCall(GetParam().receiveWaitsIn, receive,
+                                          [closing] { closing->close(); }),
+                         here ? endedHere : "closed");
+            if (here) {
+                EXPECT_PRED2(startsWith, outcomeOf([&] { near->send(asBytes("late")); }),
+                             endedHere);
+                EXPECT_PRED2(startsWith, outcomeOf(receive), endedHere);
+                near->close(); // a second close does nothing
+            }
+        }
+    }
 }
 
-TEST_P(StreamContract, CloseEndsAWaitingReceiveAndEveryLaterCall) {
-    for (const bool intoCallersMemory : {false, true}) {
-        ends = GetParam().connect();
-        const auto near = ends.near;
-        const auto receive = [near, intoCallersMemory] {
-            Bytes memory(10);
-            intoCallersMemory ? near->receiveInto(memory) : near->receive(10).size();
-        };
-        EXPECT_PRED2(startsWith,
-                     endOfWaitingCall(GetParam().receiveWaitsIn, receive, [&] { near->close(); }),
-                     endedHere);
-        EXPECT_PRED2(startsWith, outcomeOf([&] { near->send(asBytes("late")); }), endedHere);
-        EXPECT_PRED2(startsWith, outcomeOf(receive), endedHere);
-        near->close(); // a second close does nothing
-    }
+TEST_P(StreamContract, ASendThatWaitsForThePeerToReadIsEndedByClose) {
+    const auto near = ends.near;
+    // Far more than the socket buffers hold, with nobody reading.
+    EXPECT_PRED2(startsWith,
+                 endOfWaitingCall(
+                     SYS_sendto, [near] { near->send(Bytes(64 << 20)); }, [&] { near->close(); }),
+                 endedHere);
 }
 
 TEST_P(StreamContract, SendsAndReceivesRunTogetherAndConcurrentSendsNeverInterleave) {
     // More each way than the transport buffers: a send that held up the
-    // receive on its stream would leave both ends waiting for ever.
+    // receive on its stream would leave both ends waiting for ever. Each of
+    // the 16 sends from near, each on a thread of its own, is one byte value.
     constexpr std::size_t block = 1 << 20;
-    constexpr int senders = 4;
-    constexpr int blocksEach = 4;
-    constexpr std::size_t total = block * senders * blocksEach;
-    const Bytes fromFar = testing::pattern(total, 3);
-    std::vector<std::future<void>> sends;
-    for (int s = 0; s < senders; ++s) {
-        sends.push_back(std::async(std::launch::async, [&, s] {
-            for (int i = 0; i < blocksEach; ++i) {
-                ends.near->send(Bytes(block, static_cast<std::uint8_t>(1 + s * blocksEach + i)));
-            }
+    const Bytes fromFar = testing::pattern(16 * block, 3);
+    std::vector<std::future<Bytes>> calls;
+    calls.push_back(std::async(
+        std::launch::async, [&] { return receiveExactly(*ends.near, fromFar.size(), 1 << 16); }));
+    calls.push_back(std::async(std::launch::async,
+                               [&] { return receiveExactly(*ends.far, 16 * block, 1 << 16); }));
+    for (std::uint8_t mark = 0; mark <= 16; ++mark) {
+        calls.push_back(std::async(std::launch::async, [&, mark] {
+            mark == 0 ? ends.far->send(fromFar) : ends.near->send(Bytes(block, mark));
+            return Bytes{};
         }));
     }
-    sends.push_back(std::async(std::launch::async, [&] { ends.far->send(fromFar); }));
-    auto atNear =
-        std::async(std::launch::async, [&] { return receiveExactly(*ends.near, total, 1 << 16); });
-    auto atFar =
-        std::async(std::launch::async, [&] { return receiveExactly(*ends.far, total, 1 << 16); });
-
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    const auto done = [&](auto& future) {
-        return future.wait_until(deadline) == std::future_status::ready;
-    };
-    const bool finished =
-        done(atNear) && done(atFar) && std::all_of(sends.begin(), sends.end(), done);
+    const bool finished = std::all_of(calls.begin(), calls.end(), [&](auto& call) {
+        return call.wait_until(deadline) == std::future_status::ready;
+    });
     if (!finished) {
         ends.near->close();
         ends.far->close();
     }
     ASSERT_TRUE(finished) << "sending and receiving at once did not finish";
-    EXPECT_TRUE(atNear.get() == fromFar);
-    const Bytes got = atFar.get();
+    EXPECT_TRUE(calls[0].get() == fromFar);
+    const Bytes got = calls[1].get();
     std::set<std::uint8_t> marks;
     for (std::size_t at = 0; at < got.size(); at += block) {
         const auto first = got.begin() + static_cast<std::ptrdiff_t>(at);
@@ -180,63 +169,18 @@ TEST_P(StreamContract, SendsAndReceivesRunTogetherAndConcurrentSendsNeverInterle
             << "another send's bytes inside the send at " << at;
         marks.insert(got[at]);
     }
-    EXPECT_EQ(marks.size(), std::size_t{senders * blocksEach});
+    EXPECT_EQ(marks.size(), 16u);
 }
 
-const Transport tcp{"Tcp", overTcp, {SYS_recvfrom}, "errno 125"};
-const Transport tunnel{"UsbmuxdTunnel", overSocketPair, {SYS_read}, "closed"};
-const Transport inMemory{"InMemory", memoryPair, {SYS_futex}, "closed"};
-const auto nameOf = [](const auto& param) { return param.param.name; };
-INSTANTIATE_TEST_SUITE_P(, StreamContract, ::testing::Values(tcp, tunnel, inMemory), nameOf);
-
-/// The transports whose send() waits while the peer reads nothing.
-class WaitingSend : public StreamContract {};
-
-TEST_P(WaitingSend, IsEndedByClose) {
-    const auto near = ends.near;
-    // Far more than the socket buffers hold, with nobody reading.
-    EXPECT_PRED2(startsWith,
-                 endOfWaitingCall(
-                     {SYS_sendto}, [near] { near->send(Bytes(64 << 20)); }, [&] { near->close(); }),
-                 endedHere);
-}
-
-extern "C" void ignoreSignal(int) {
-}
-
-TEST_P(WaitingSend, GoesOnWhenSignalsInterruptItAndDeliversEveryByte) {
-    struct sigaction action {};
-    action.sa_handler = ignoreSignal; // no SA_RESTART: a waiting send returns early
-    struct sigaction previous {};
-    ASSERT_EQ(::sigaction(SIGUSR1, &action, &previous), 0);
-    const Bytes data = testing::pattern(16 << 20);
-    std::promise<pthread_t> senderThread;
-    std::atomic<bool> done{false};
-    auto sent = std::async(std::launch::async, [&] {
-        senderThread.set_value(::pthread_self());
-        ends.near->send(data);
-        done = true;
-        ends.near->close(); // a send that stopped short shows as an early end
-    });
-    const pthread_t sender = senderThread.get_future().get();
-    Bytes received;
-    while (received.size() < data.size()) {
-        if (!done) {
-            ::pthread_kill(sender, SIGUSR1);
-        }
-        const Bytes piece = ends.far->receive(1 << 16);
-        received.insert(received.end(), piece.begin(), piece.end());
-    }
-    sent.get();
-    EXPECT_TRUE(received == data);
-    ::sigaction(SIGUSR1, &previous, nullptr);
-}
-
-INSTANTIATE_TEST_SUITE_P(, WaitingSend, ::testing::Values(tcp, tunnel), nameOf);
+INSTANTIATE_TEST_SUITE_P(, StreamContract,
+                         ::testing::Values(Transport{"Tcp", overTcp, SYS_recvfrom, "errno 125"},
+                                           Transport{"UsbmuxdTunnel", overSocketPair, SYS_read,
+                                                     "closed"}),
+                         [](const auto& param) { return param.param.name; });
 
 using testing::SystemCallFault;
 using Call = SystemCallFault::Call;
-enum class Operation { send, receive, accept, connect };
+enum class Operation { tcpSend, tcpReceive, tunnelSend, tunnelReceive, accept, connect, listen };
 
 /// One system call failing once, and what the caller must see: "returned"
 /// (and the bytes arrive whole), or the failure with its type, call and errno.
@@ -246,8 +190,6 @@ struct Fault {
     Call call;
     int error;
     std::string caller;
-    Ends (*connect)() = nullptr; // the transport sending or receiving
-    int idleMilliseconds = 0;
 };
 
 class SystemCallFaults : public ::testing::TestWithParam<Fault> {};
@@ -266,26 +208,31 @@ TEST_P(SystemCallFaults, ReachTheCallerAsTheTableSays) {
     const auto connect = [&] {
         BonjourStream(std::make_shared<TcpConnection>("127.0.0.1", listener.port())).start();
     };
-    if (fault.operation == Operation::accept) {
+    const auto is = [&](auto... operations) { return ((fault.operation == operations) || ...); };
+    if (is(Operation::listen)) {
+        underFault([] { TcpListener(0, TcpListener::Scope::loopback); });
+    } else if (is(Operation::accept)) {
         connect();
         std::shared_ptr<TcpConnection> taken;
         underFault([&] { taken = listener.accept(); });
         // A connection that could not be taken waits for the next accept.
         EXPECT_NE(outcome == "returned" ? taken : listener.accept(), nullptr);
-    } else if (fault.operation == Operation::connect) {
+    } else if (is(Operation::connect)) {
         underFault(connect);
         if (fault.call == Call::getsockopt && SystemCallFault::failures(fault.call) == before) {
             GTEST_SKIP() << "the connect completed at once, so its outcome was never asked for";
         }
     } else {
-        Ends ends = fault.connect();
-        if (fault.idleMilliseconds > 0) {
+        Ends ends =
+            is(Operation::tunnelSend, Operation::tunnelReceive) ? overSocketPair() : overTcp();
+        if (fault.error == EAGAIN) {
+            // The kernel ends a call that moved nothing for the idle timeout with EAGAIN.
             dynamic_cast<BonjourStream&>(*ends.near)
                 .connection()
-                .setIdleTimeout(std::chrono::milliseconds(fault.idleMilliseconds));
+                .setIdleTimeout(std::chrono::seconds(1));
         }
         Bytes received;
-        if (fault.operation == Operation::send) {
+        if (is(Operation::tcpSend, Operation::tunnelSend)) {
             underFault([&] { ends.near->send(data); });
             if (outcome == "returned") {
                 received = receiveExactly(*ends.far, data.size(), 1 << 16);
@@ -303,35 +250,33 @@ TEST_P(SystemCallFaults, ReachTheCallerAsTheTableSays) {
 INSTANTIATE_TEST_SUITE_P(
     , SystemCallFaults,
     ::testing::Values(
-        Fault{"TcpSendInterrupted", Operation::send, Call::send, EINTR, "returned", overTcp},
-        Fault{"TcpReceiveInterrupted", Operation::receive, Call::recv, EINTR, "returned", overTcp},
-        Fault{"TcpSendFails", Operation::send, Call::send, EIO, "errno 5: send() failed (5)",
-              overTcp},
-        Fault{"TcpReceiveFails", Operation::receive, Call::recv, EIO, "errno 5: recv() failed (5)",
-              overTcp},
-        // The kernel ends a call that moved nothing for the idle timeout with EAGAIN.
-        Fault{"TcpReceiveIdle", Operation::receive, Call::recv, EAGAIN,
-              "errno 110: recv() timed out after 500 ms", overTcp, 500},
-        Fault{"TcpSendIdle", Operation::send, Call::send, EAGAIN,
-              "errno 110: send() timed out after 1 s", overTcp, 1000},
-        Fault{"TunnelSendInterrupted", Operation::send, Call::send, EINTR, "returned",
-              overSocketPair},
-        Fault{"TunnelReceiveInterrupted", Operation::receive, Call::read, EINTR, "returned",
-              overSocketPair},
-        Fault{"TunnelSendFails", Operation::send, Call::send, EIO, "usbmuxd: write failed (5)",
-              overSocketPair},
-        Fault{"TunnelReceiveFails", Operation::receive, Call::read, EIO, "usbmuxd: read failed (5)",
-              overSocketPair},
+        Fault{"TcpSendInterrupted", Operation::tcpSend, Call::send, EINTR, "returned"},
+        Fault{"TcpReceiveInterrupted", Operation::tcpReceive, Call::recv, EINTR, "returned"},
+        Fault{"TcpSendFails", Operation::tcpSend, Call::send, EIO, "errno 5: send() failed (5)"},
+        Fault{"TcpReceiveFails", Operation::tcpReceive, Call::recv, EIO,
+              "errno 5: recv() failed (5)"},
+        Fault{"TcpSendIdle", Operation::tcpSend, Call::send, EAGAIN,
+              "errno 110: send() timed out after 1 s"},
+        Fault{"TcpReceiveIdle", Operation::tcpReceive, Call::recv, EAGAIN,
+              "errno 110: recv() timed out after 1 s"},
+        Fault{"TunnelSendInterrupted", Operation::tunnelSend, Call::send, EINTR, "returned"},
+        Fault{"TunnelReceiveInterrupted", Operation::tunnelReceive, Call::read, EINTR, "returned"},
+        Fault{"TunnelSendFails", Operation::tunnelSend, Call::send, EIO,
+              "usbmuxd: write failed (5)"},
+        Fault{"TunnelReceiveFails", Operation::tunnelReceive, Call::read, EIO,
+              "usbmuxd: read failed (5)"},
         Fault{"AcceptWaitInterrupted", Operation::accept, Call::poll, EINTR, "returned"},
         Fault{"AcceptInterrupted", Operation::accept, Call::accept4, EINTR, "returned"},
         Fault{"AcceptWaitFails", Operation::accept, Call::poll, EIO, "errno 5: poll() failed (5)"},
         Fault{"AcceptFails", Operation::accept, Call::accept4, EPERM,
               "errno 1: accept() failed (1)"},
+        Fault{"NoSocketToListen", Operation::listen, Call::socket, EMFILE,
+              "errno 24: bind() failed (24)"},
         Fault{"NoSocketToConnect", Operation::connect, Call::socket, EMFILE,
               "errno 24: socket() failed (24)"},
         Fault{"ConnectOutcomeUnreadable", Operation::connect, Call::getsockopt, EIO,
               "errno 5: connect() failed (5)"}),
-    nameOf);
+    [](const auto& param) { return param.param.name; });
 
 } // namespace
 } // namespace kestrelvane

@@ -10,10 +10,6 @@ FailingStream::FailingStream(std::shared_ptr<KestrelvaneStream> inner, Cut cut)
     : inner_(std::move(inner)), cue_(cut) {
 }
 
-void FailingStream::start() {
-    inner_->start();
-}
-
 void FailingStream::fail() {
     cut_ = true;
     inner_->close();
@@ -28,45 +24,34 @@ void FailingStream::send(ByteView data) {
     if (cut_) {
         fail();
     }
-    if (cue_.direction != Direction::sending) {
-        inner_->send(data);
-        sent_ += data.size();
-        return;
+    const std::uint64_t room = cue_.direction == Direction::sending
+                                   ? cue_.afterBytes - std::min(cue_.afterBytes, sent_.load())
+                                   : data.size();
+    const auto passing = static_cast<std::size_t>(std::min<std::uint64_t>(room, data.size()));
+    if (passing > 0 || data.empty()) {
+        inner_->send(data.first(passing));
+        sent_ += passing;
     }
-    const std::uint64_t room = cue_.afterBytes - std::min(cue_.afterBytes, sent_.load());
-    if (data.size() <= room) {
-        inner_->send(data);
-        sent_ += data.size();
-        return;
+    if (passing < data.size()) {
+        fail();
     }
-    if (room > 0) {
-        inner_->send(data.first(static_cast<std::size_t>(room)));
-        sent_ += room;
-    }
-    fail();
 }
 
 Bytes FailingStream::receive(std::int64_t max) {
     if (cut_) {
         fail();
     }
-    if (cue_.direction != Direction::receiving) {
-        Bytes bytes = inner_->receive(max);
-        received_ += bytes.size();
-        return bytes;
+    std::int64_t limit = max;
+    if (cue_.direction == Direction::receiving) {
+        const std::uint64_t room = cue_.afterBytes - std::min(cue_.afterBytes, received_.load());
+        if (room == 0) {
+            fail();
+        }
+        limit = static_cast<std::int64_t>(std::min(room, static_cast<std::uint64_t>(max)));
     }
-    const std::uint64_t room = cue_.afterBytes - std::min(cue_.afterBytes, received_.load());
-    if (room == 0) {
-        fail();
-    }
-    Bytes bytes = inner_->receive(
-        static_cast<std::int64_t>(std::min<std::uint64_t>(room, static_cast<std::uint64_t>(max))));
+    Bytes bytes = inner_->receive(limit);
     received_ += bytes.size();
     return bytes;
-}
-
-void FailingStream::close() noexcept {
-    inner_->close();
 }
 
 } // namespace kestrelvane::testing

@@ -12,28 +12,21 @@
 namespace kestrelvane::testing {
 namespace {
 
-bool readExactly(int fd, std::uint8_t* out, std::size_t count) {
-    while (count > 0) {
-        const ssize_t n = ::read(fd, out, count);
+/// The one request a client sends on its connection, or nothing if it hangs up first.
+std::optional<UsbmuxdProtocol::Decoded> readRequest(int fd) {
+    ReceiveBuffer buffer;
+    for (std::uint8_t chunk[4096];;) {
+        if (auto packet = UsbmuxdProtocol::decode(buffer)) {
+            return packet;
+        }
+        const ssize_t n = ::read(fd, chunk, sizeof chunk);
         if (n < 0 && errno == EINTR) {
             continue;
         }
         if (n <= 0) {
-            return false;
+            return std::nullopt;
         }
-        out += n;
-        count -= static_cast<std::size_t>(n);
-    }
-    return true;
-}
-
-void writeAll(int fd, ByteView bytes) {
-    while (!bytes.empty()) {
-        const ssize_t n = ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-        if (n <= 0) {
-            return;
-        }
-        bytes = bytes.subspan(static_cast<std::size_t>(n));
+        buffer.append(ByteView(chunk, static_cast<std::size_t>(n)));
     }
 }
 
@@ -71,18 +64,6 @@ std::vector<FakeUsbmuxd::Request> FakeUsbmuxd::requests() const {
     return requests_;
 }
 
-Bytes FakeUsbmuxd::packet(std::uint32_t tag, const PropertyList& body,
-                          PropertyList::Format format) {
-    return UsbmuxdProtocol::encode(tag, body.serialize(format));
-}
-
-PropertyList FakeUsbmuxd::result(std::int64_t number) {
-    PropertyList body = PropertyList::dictionary();
-    body.set("MessageType", PropertyList::string("Result"));
-    body.set("Number", PropertyList::integer(number));
-    return body;
-}
-
 void FakeUsbmuxd::serve() {
     while (!stopping_) {
         const int fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC);
@@ -99,42 +80,22 @@ void FakeUsbmuxd::serve() {
                 ::shutdown(fd, SHUT_RDWR);
             }
         }
-        Bytes header(16);
-        if (readExactly(fd, header.data(), header.size())) {
-            const std::uint32_t length =
-                std::uint32_t{header[0]} | (std::uint32_t{header[1]} << 8) |
-                (std::uint32_t{header[2]} << 16) | (std::uint32_t{header[3]} << 24);
-            Bytes body(length >= 16 ? length - 16 : 0);
-            if (readExactly(fd, body.data(), body.size())) {
-                const PropertyList plist = PropertyList::parse(body);
-                Request request{std::uint32_t{header[12]} | (std::uint32_t{header[13]} << 8) |
-                                    (std::uint32_t{header[14]} << 16) |
-                                    (std::uint32_t{header[15]} << 24),
-                                PropertyList::formatOf(body),
-                                PropertyList::stringAt(plist.get(), "MessageType").value_or(""),
-                                PropertyList::integerAt(plist.get(), "DeviceID"),
-                                PropertyList::integerAt(plist.get(), "PortNumber"),
-                                PropertyList::stringAt(plist.get(), "ClientVersionString"),
-                                PropertyList::stringAt(plist.get(), "ProgName")};
-                {
-                    const std::lock_guard lock(mutex_);
-                    requests_.push_back(request);
-                }
-                const Reply reply = script_(request);
-                writeAll(fd, reply.bytes);
-                std::uint8_t buffer[4096];
-                // Nothing to say: hang up on the client at once.
-                for (bool waiting = !reply.bytes.empty() || reply.tunnel; waiting;) {
-                    const ssize_t n = ::read(fd, buffer, sizeof buffer);
-                    if (n == 0) {
-                        ++hangUps_;
-                    }
-                    if (n <= 0) {
-                        waiting = false;
-                    } else if (reply.tunnel) {
-                        writeAll(fd, ByteView(buffer, static_cast<std::size_t>(n)));
-                    }
-                }
+        if (const auto packet = readRequest(fd)) {
+            const PropertyList plist = PropertyList::parse(packet->body);
+            const Request request{packet->tag, PropertyList::formatOf(packet->body),
+                                  PropertyList::stringAt(plist.get(), "MessageType").value_or(""),
+                                  PropertyList::integerAt(plist.get(), "DeviceID"),
+                                  PropertyList::integerAt(plist.get(), "PortNumber")};
+            {
+                const std::lock_guard lock(mutex_);
+                requests_.push_back(request);
+            }
+            // A reply small enough for one write; then the client hangs up.
+            const Reply reply = script_(request);
+            std::uint8_t byte = 0;
+            if (!reply.empty() && ::send(fd, reply.data(), reply.size(), MSG_NOSIGNAL) > 0 &&
+                ::read(fd, &byte, 1) == 0) {
+                ++hangUps_;
             }
         }
         {

@@ -16,8 +16,8 @@ namespace kestrelvane::testing {
 
 /// A scripted usbmuxd on a Unix socket in a temporary folder: for each
 /// connection it reads one request, records it, writes what the script says,
-/// and then either echoes bytes (a tunnel), waits for the client to hang up,
-/// or (when the reply is empty) hangs up itself.
+/// and then waits for the client to hang up, or (when the reply is empty)
+/// hangs up itself.
 class FakeUsbmuxd {
 public:
     struct Request {
@@ -26,13 +26,8 @@ public:
         std::string messageType{};
         std::optional<std::int64_t> deviceID{};
         std::optional<std::int64_t> portNumber{};
-        std::optional<std::string> clientVersion{};
-        std::optional<std::string> progName{};
     };
-    struct Reply {
-        Bytes bytes{};       ///< written as one block
-        bool tunnel = false; ///< echo afterwards instead of waiting for the hang-up
-    };
+    using Reply = Bytes; ///< written as one block; none: hang up at once
     using Script = std::function<Reply(const Request&)>;
 
     explicit FakeUsbmuxd(Script script);
@@ -44,12 +39,6 @@ public:
     std::vector<Request> requests() const;
     /// Connections whose client hung up after the reply.
     int hangUps() const noexcept { return hangUps_.load(); }
-
-    /// A whole packet with an XML (or binary) body.
-    static Bytes packet(std::uint32_t tag, const PropertyList& body,
-                        PropertyList::Format format = PropertyList::Format::xml);
-    /// A reply {MessageType: Result, Number: number}.
-    static PropertyList result(std::int64_t number);
 
 private:
     void serve();

@@ -3,112 +3,80 @@
 #include "KestrelvaneKit/wire/ReceiveBuffer.h"
 
 #include <algorithm>
+#include <condition_variable>
+#include <mutex>
 
 namespace kestrelvane::testing {
 
-class MemoryPipe {
-public:
-    void write(ByteView data) {
-        {
-            const std::lock_guard lock(mutex_);
-            if (closed_) {
-                throw StreamError::closed();
-            }
-            bytes_.append(data);
-        }
-        changed_.notify_all();
-    }
-
-    /// Waits for bytes or the end; returns up to `max` of them.
-    Bytes read(std::size_t max) {
-        std::unique_lock lock(mutex_);
-        changed_.wait(lock, [&] { return !bytes_.empty() || closed_ || readerClosed_; });
-        if (readerClosed_ || bytes_.empty()) {
-            throw StreamError::closed();
-        }
-        return bytes_.take(std::min(max, bytes_.size()));
-    }
-
-    std::size_t size() {
-        const std::lock_guard lock(mutex_);
-        return bytes_.size();
-    }
-
-    /// The writing end is gone: readers drain what is left, then see the end.
-    void closeWriter() {
-        {
-            const std::lock_guard lock(mutex_);
-            closed_ = true;
-        }
-        changed_.notify_all();
-    }
-
-    /// The reading end is gone: its waiting reader wakes; writers fail.
-    void closeReader() {
-        {
-            const std::lock_guard lock(mutex_);
-            closed_ = true;
-            readerClosed_ = true;
-        }
-        changed_.notify_all();
-    }
-
-private:
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    ReceiveBuffer bytes_;
-    bool closed_ = false;
-    bool readerClosed_ = false;
+/// Each array is indexed by the end that reads.
+struct MemoryLink {
+    std::mutex mutex;
+    std::condition_variable changed;
+    ReceiveBuffer bytes[2];
+    bool ended[2] = {false, false};  ///< nothing more comes: the sender finished, or it closed
+    bool closed[2] = {false, false}; ///< the reading end itself closed
 };
 
-MemoryStream::MemoryStream(std::shared_ptr<MemoryPipe> inbound,
-                           std::shared_ptr<MemoryPipe> outbound, ReceiveMode mode)
-    : inbound_(std::move(inbound)), outbound_(std::move(outbound)), mode_(mode) {
+MemoryStream::MemoryStream(std::shared_ptr<MemoryLink> link, int side, ReceiveMode mode)
+    : link_(std::move(link)), side_(side), mode_(mode) {
 }
 
 MemoryStream::~MemoryStream() {
     close();
 }
 
-void MemoryStream::start() {
-}
-
 void MemoryStream::send(ByteView data) {
-    ++sends_;
-    outbound_->write(data);
+    {
+        const std::lock_guard lock(link_->mutex);
+        if (link_->ended[1 - side_]) {
+            throw StreamError::closed();
+        }
+        link_->bytes[1 - side_].append(data);
+    }
+    link_->changed.notify_all();
 }
 
 Bytes MemoryStream::receive(std::int64_t max) {
-    const std::size_t call = receives_++;
-    if (mode_ == ReceiveMode::emptyEveryOther && call % 2 == 0) {
-        return {};
-    }
+    ++receives_;
     std::size_t limit = max > 0 ? static_cast<std::size_t>(max) : 0;
     if (mode_ == ReceiveMode::oneByteAtATime) {
         limit = std::min<std::size_t>(limit, 1);
     }
-    return inbound_->read(limit);
+    std::unique_lock lock(link_->mutex);
+    auto& bytes = link_->bytes[side_];
+    link_->changed.wait(lock, [&] { return !bytes.empty() || link_->ended[side_]; });
+    if (link_->closed[side_] || bytes.empty()) {
+        throw StreamError::closed();
+    }
+    return bytes.take(std::min(limit, bytes.size()));
 }
 
 void MemoryStream::close() noexcept {
-    inbound_->closeReader();
-    outbound_->closeWriter();
-}
-
-std::size_t MemoryStream::pendingBytes() const {
-    return inbound_->size();
+    {
+        const std::lock_guard lock(link_->mutex);
+        link_->ended[side_] = link_->closed[side_] = link_->ended[1 - side_] = true;
+    }
+    link_->changed.notify_all();
 }
 
 void MemoryStream::finishSending() noexcept {
-    outbound_->closeWriter();
+    {
+        const std::lock_guard lock(link_->mutex);
+        link_->ended[1 - side_] = true;
+    }
+    link_->changed.notify_all();
+}
+
+std::size_t MemoryStream::pendingBytes() const {
+    const std::lock_guard lock(link_->mutex);
+    return link_->bytes[side_].size();
 }
 
 std::pair<std::shared_ptr<MemoryStream>, std::shared_ptr<MemoryStream>>
 makeMemoryStreamPair(ReceiveMode firstMode, ReceiveMode secondMode) {
-    auto firstToSecond = std::make_shared<MemoryPipe>();
-    auto secondToFirst = std::make_shared<MemoryPipe>();
-    return {std::make_shared<MemoryStream>(secondToFirst, firstToSecond, firstMode),
-            std::make_shared<MemoryStream>(firstToSecond, secondToFirst, secondMode)};
+    auto link = std::make_shared<MemoryLink>();
+    return {std::make_shared<MemoryStream>(link, 0, firstMode),
+            std::make_shared<MemoryStream>(link, 1, secondMode)};
 }
 
 } // namespace kestrelvane::testing

@@ -3,34 +3,30 @@
 #include "KestrelvaneKit/wire/KestrelvaneStream.h"
 
 #include <atomic>
-#include <condition_variable>
 #include <cstddef>
 #include <memory>
-#include <mutex>
 #include <utility>
 
 namespace kestrelvane::testing {
 
 /// How an in-memory stream hands out what it has received.
 enum class ReceiveMode {
-    whatIsThere,     ///< everything buffered, up to max
-    oneByteAtATime,  ///< one byte per receive
-    emptyEveryOther, ///< every other receive returns nothing, the rest as whatIsThere
+    whatIsThere,    ///< everything buffered, up to max
+    oneByteAtATime, ///< one byte per receive
 };
 
-/// One direction of an in-memory connection.
-class MemoryPipe;
+/// Both directions of an in-memory connection.
+struct MemoryLink;
 
 /// One end of a connected in-memory stream pair. send() never blocks; receive()
 /// waits for the peer's bytes. close() on either end ends both directions for
 /// this end and lets the peer read what was already sent, then `closed`.
 class MemoryStream final : public KestrelvaneStream {
 public:
-    MemoryStream(std::shared_ptr<MemoryPipe> inbound, std::shared_ptr<MemoryPipe> outbound,
-                 ReceiveMode mode);
+    MemoryStream(std::shared_ptr<MemoryLink> link, int side, ReceiveMode mode);
     ~MemoryStream() override;
 
-    void start() override;
+    void start() override {}
     void send(ByteView data) override;
     Bytes receive(std::int64_t max) override;
     void close() noexcept override;
@@ -40,14 +36,12 @@ public:
     /// Bytes the peer has sent that this end has not yet received.
     std::size_t pendingBytes() const;
 
-    std::size_t sendCount() const noexcept { return sends_.load(); }
     std::size_t receiveCount() const noexcept { return receives_.load(); }
 
 private:
-    std::shared_ptr<MemoryPipe> inbound_;
-    std::shared_ptr<MemoryPipe> outbound_;
+    const std::shared_ptr<MemoryLink> link_;
+    const int side_; // 0 or 1; the peer is the other
     const ReceiveMode mode_;
-    std::atomic<std::size_t> sends_{0};
     std::atomic<std::size_t> receives_{0};
 };
 

@@ -14,14 +14,13 @@ class ScriptedStream final : public KestrelvaneStream {
 public:
     explicit ScriptedStream(std::vector<Bytes> receiveScript = {});
 
-    void start() override { ++startCount; }
+    void start() override {}
     void send(ByteView data) override;
     Bytes receive(std::int64_t max) override;
     void close() noexcept override { ++closeCount; }
 
     std::vector<Bytes> sent;                 ///< each send's bytes, in order
     std::vector<std::int64_t> receiveMaxima; ///< each receive's max, in order
-    int startCount = 0;
     int closeCount = 0;
 
 private:

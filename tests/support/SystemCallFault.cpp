@@ -69,69 +69,35 @@ int SystemCallFault::failures(Call call) {
 
 } // namespace kestrelvane::testing
 
-// The linker sends every call of these functions here (--wrap), and
-// __real_* to the C library's own.
-extern "C" {
-int __real_fsync(int fd);
-int __real_socket(int domain, int type, int protocol);
-int __real_poll(struct pollfd* fds, nfds_t count, int timeout);
-int __real_accept4(int fd, struct sockaddr* address, socklen_t* length, int flags);
-ssize_t __real_send(int fd, const void* data, size_t size, int flags);
-ssize_t __real_recv(int fd, void* data, size_t size, int flags);
-ssize_t __real_read(int fd, void* data, size_t size);
-ssize_t __real_pread(int fd, void* data, size_t size, off_t offset);
-int __real_getsockopt(int fd, int level, int name, void* value, socklen_t* length);
-int __real_chmod(const char* path, mode_t mode);
-int __real_utimensat(int dirfd, const char* path, const struct timespec times[2], int flags);
-
-int __wrap_fsync(int fd) {
-    using kestrelvane::testing::SystemCallFault;
-    if (const int error = kestrelvane::testing::errorFor(SystemCallFault::Call::fsync, fd)) {
-        errno = error;
-        return -1;
+// The linker sends every call of these functions to __wrap_name (--wrap), and
+// __real_name to the C library's own. fsync looks at its descriptor's type.
+#define KV_WRAP(result, name, fd, parameters, ...)                                                 \
+    result __real_##name parameters;                                                               \
+    result __wrap_##name parameters {                                                              \
+        using kestrelvane::testing::SystemCallFault;                                               \
+        if (const int error = kestrelvane::testing::errorFor(SystemCallFault::Call::name, fd)) {   \
+            errno = error;                                                                         \
+            return -1;                                                                             \
+        }                                                                                          \
+        return __real_##name(__VA_ARGS__);                                                         \
     }
-    return __real_fsync(fd);
-}
 
-#define KV_FAIL_OR_CALL(name, ...)                                                                 \
-    using kestrelvane::testing::SystemCallFault;                                                   \
-    if (const int error = kestrelvane::testing::errorFor(SystemCallFault::Call::name)) {           \
-        errno = error;                                                                             \
-        return -1;                                                                                 \
-    }                                                                                              \
-    return __real_##name(__VA_ARGS__)
-
-int __wrap_chmod(const char* path, mode_t mode) {
-    KV_FAIL_OR_CALL(chmod, path, mode);
-}
-int __wrap_utimensat(int dirfd, const char* path, const struct timespec times[2], int flags) {
-    KV_FAIL_OR_CALL(utimensat, dirfd, path, times, flags);
-}
-int __wrap_socket(int domain, int type, int protocol) {
-    KV_FAIL_OR_CALL(socket, domain, type, protocol);
-}
-int __wrap_poll(struct pollfd* fds, nfds_t count, int timeout) {
-    KV_FAIL_OR_CALL(poll, fds, count, timeout);
-}
-int __wrap_accept4(int fd, struct sockaddr* address, socklen_t* length, int flags) {
-    KV_FAIL_OR_CALL(accept4, fd, address, length, flags);
-}
-ssize_t __wrap_send(int fd, const void* data, size_t size, int flags) {
-    KV_FAIL_OR_CALL(send, fd, data, size, flags);
-}
-ssize_t __wrap_recv(int fd, void* data, size_t size, int flags) {
-    KV_FAIL_OR_CALL(recv, fd, data, size, flags);
-}
-ssize_t __wrap_read(int fd, void* data, size_t size) {
-    KV_FAIL_OR_CALL(read, fd, data, size);
-}
-ssize_t __wrap_pread(int fd, void* data, size_t size, off_t offset) {
-    KV_FAIL_OR_CALL(pread, fd, data, size, offset);
-}
-int __wrap_fstat(int fd, struct stat* status) {
-    KV_FAIL_OR_CALL(fstat, fd, status);
-}
-int __wrap_getsockopt(int fd, int level, int name, void* value, socklen_t* length) {
-    KV_FAIL_OR_CALL(getsockopt, fd, level, name, value, length);
-}
+extern "C" {
+KV_WRAP(int, fsync, fd, (int fd), fd)
+KV_WRAP(int, chmod, -1, (const char* path, mode_t mode), path, mode)
+KV_WRAP(int, utimensat, -1,
+        (int dirfd, const char* path, const struct timespec times[2], int flags), dirfd, path,
+        times, flags)
+KV_WRAP(int, socket, -1, (int domain, int type, int protocol), domain, type, protocol)
+KV_WRAP(int, poll, -1, (struct pollfd * fds, nfds_t count, int timeout), fds, count, timeout)
+KV_WRAP(int, accept4, -1, (int fd, struct sockaddr* address, socklen_t* length, int flags), fd,
+        address, length, flags)
+KV_WRAP(ssize_t, send, -1, (int fd, const void* data, size_t size, int flags), fd, data, size,
+        flags)
+KV_WRAP(ssize_t, recv, -1, (int fd, void* data, size_t size, int flags), fd, data, size, flags)
+KV_WRAP(ssize_t, read, -1, (int fd, void* data, size_t size), fd, data, size)
+KV_WRAP(ssize_t, pread, -1, (int fd, void* data, size_t size, off_t offset), fd, data, size, offset)
+KV_WRAP(int, fstat, -1, (int fd, struct stat* status), fd, status)
+KV_WRAP(int, getsockopt, -1, (int fd, int level, int name, void* value, socklen_t* length), fd,
+        level, name, value, length)
 }

@@ -83,8 +83,7 @@ TEST(UsbmuxdInterop, InetcatCarriesARealTransferThroughTheSimulatorsTunnel) {
     // sending engine runs on the other.
     int pair[2];
     ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair), 0);
-    ChildProcess cat({*inetcat, "-u", "INETCAT01", "9876"},
-                     {{"USBMUXD_SOCKET_ADDRESS", "UNIX:" + simulator.socketPath()}}, pair[1],
+    ChildProcess cat({*inetcat, "-u", "INETCAT01", "9876"}, simulator.environment(), pair[1],
                      pair[1]);
     ::close(pair[1]);
 

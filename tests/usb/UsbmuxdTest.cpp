@@ -1,0 +1,287 @@
+// The usbmuxd client as a daemon meets it: its packets, its requests and how
+// it reads every answer, its address; and what is particular to the tunnel it
+// hands out, whose stream owns the descriptor. What every stream promises is
+// in tests/network/StreamContractTest.cpp.
+#include "KestrelvaneKit/network/TcpListener.h"
+#include "KestrelvaneKit/usb/UsbmuxdClient.h"
+#include "KestrelvaneKit/usb/UsbmuxdProtocol.h"
+#include "KestrelvaneKit/usb/UsbmuxdStream.h"
+#include "support/BlockedThread.h"
+#include "support/CallOutcome.h"
+#include "support/Eventually.h"
+#include "support/FakeUsbmuxd.h"
+#include "support/ScopedEnvironment.h"
+#include "support/SystemCallFault.h"
+#include "support/TemporaryFolder.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+#include <variant>
+
+namespace kestrelvane {
+namespace {
+
+using testing::eventually;
+using testing::FakeUsbmuxd;
+using testing::outcomeOf;
+using Address = UsbmuxdClient::SocketAddress;
+using Decoded = UsbmuxdProtocol::Decoded;
+using Device = UsbmuxdClient::Device;
+using Format = PropertyList::Format;
+using Result = UsbmuxdClient::ConnectResult;
+
+// A little-endian header (length, version 1, type 8 for a property list,
+// tag), then the body. Decoding waits for a whole header and a whole body,
+// leaving a part at the front meanwhile, and reads behind bytes already
+// consumed, as in a long read loop.
+TEST(UsbmuxdProtocol, EncodesALittleEndianHeaderThenTheBodyAndDecodesOnlyWholePackets) {
+    const Bytes body = toBytes("payload");
+    const Bytes packet = UsbmuxdProtocol::encode(0xA1B2C3D4, body);
+    EXPECT_EQ(Bytes(packet.begin(), packet.begin() + 16),
+              (Bytes{23, 0, 0, 0, 1, 0, 0, 0, 8, 0, 0, 0, 0xD4, 0xC3, 0xB2, 0xA1}));
+    EXPECT_EQ(Bytes(packet.begin() + 16, packet.end()), body);
+    ReceiveBuffer buffer(Bytes(5, 0xEE));
+    buffer.append(ByteView(packet).first(15));
+    buffer.consume(5);
+    EXPECT_FALSE(UsbmuxdProtocol::decode(buffer));
+    buffer.append(ByteView(packet).subspan(15, 5));
+    EXPECT_FALSE(UsbmuxdProtocol::decode(buffer));
+    EXPECT_EQ(buffer.size(), 20u);
+    buffer.append(ByteView(packet).subspan(20));
+    buffer.append(UsbmuxdProtocol::encode(9, {}));
+    EXPECT_EQ(UsbmuxdProtocol::decode(buffer), (Decoded{0xA1B2C3D4, body}));
+    EXPECT_EQ(UsbmuxdProtocol::decode(buffer), (Decoded{9, {}}));
+    EXPECT_TRUE(buffer.empty());
+}
+
+PropertyList device(std::int64_t id, const char* serial, std::int64_t product) {
+    PropertyList properties = PropertyList::dictionary();
+    properties.set("SerialNumber", PropertyList::string(serial))
+        .set("ProductID", PropertyList::integer(product));
+    PropertyList entry = PropertyList::dictionary();
+    entry.set("DeviceID", PropertyList::integer(id)).set("Properties", std::move(properties));
+    return entry;
+}
+
+template <class... Entries> PropertyList deviceList(Entries... entries) {
+    PropertyList list = PropertyList::array();
+    (list.append(std::move(entries)), ...);
+    PropertyList reply = PropertyList::dictionary();
+    reply.set("DeviceList", std::move(list));
+    return reply;
+}
+
+/// A whole packet with an XML (or binary) body.
+Bytes packet(std::uint32_t tag, const PropertyList& body, Format format = Format::xml) {
+    return UsbmuxdProtocol::encode(tag, body.serialize(format));
+}
+
+/// A reply {MessageType: Result, Number: number}.
+PropertyList result(std::int64_t number) {
+    PropertyList body = PropertyList::dictionary();
+    body.set("MessageType", PropertyList::string("Result"))
+        .set("Number", PropertyList::integer(number));
+    return body;
+}
+
+/// Answers every request with the same bytes.
+FakeUsbmuxd::Script always(Bytes bytes) {
+    return [bytes](const FakeUsbmuxd::Request&) { return bytes; };
+}
+
+TEST(UsbmuxdClient, RequestsCarryTheirKeysAndTagsInTheirFormatAndOnlyWholeEntriesAreListed) {
+    PropertyList noProperties = PropertyList::dictionary();
+    noProperties.set("DeviceID", PropertyList::integer(4));
+    PropertyList bare = PropertyList::dictionary();
+    bare.set("DeviceID", PropertyList::integer(5)).set("Properties", PropertyList::dictionary());
+    PropertyList textId = device(6, "text id", 1);
+    textId.set("DeviceID", PropertyList::string("6"));
+    const PropertyList list = deviceList(device(3, "first", 4776), std::move(noProperties),
+                                         std::move(bare), std::move(textId), device(2, "last", 1));
+    const std::vector<Device> listed{{3, "first", 4776}, {5, "", 0}, {2, "last", 1}};
+    FakeUsbmuxd daemon([&list](const FakeUsbmuxd::Request& request) {
+        return request.messageType == "ListDevices" ? packet(request.tag, list, request.format)
+                                                    : packet(request.tag, result(3));
+    });
+    UsbmuxdClient client(daemon.address());
+    EXPECT_EQ(client.nextTag(), 1u);
+    EXPECT_EQ(client.listDevices(), listed);
+    EXPECT_EQ(client.connect(42, 9876), Result::connectionRefused());
+    EXPECT_EQ(client.nextTag(), 3u);
+    // Daemons other than Linux's also read binary requests, and answer in kind.
+    EXPECT_EQ(UsbmuxdClient(daemon.address(), UsbmuxdClient::RequestFormat::binary).listDevices(),
+              listed);
+
+    const auto requests = daemon.requests();
+    ASSERT_EQ(requests.size(), 3u);
+    for (std::size_t i = 0; i < requests.size(); ++i) {
+        EXPECT_EQ(requests[i].tag, i < 2 ? i + 1 : 1);
+        EXPECT_EQ(requests[i].format, i < 2 ? Format::xml : Format::binary)
+            << "the Linux daemon reads XML only";
+    }
+    EXPECT_EQ(requests[0].messageType, "ListDevices");
+    EXPECT_FALSE(requests[0].deviceID);
+    EXPECT_EQ(requests[1].messageType, "Connect");
+    EXPECT_EQ(requests[1].deviceID, 42);
+    EXPECT_EQ(requests[1].portNumber, 37926) << "9876 in network byte order";
+
+    PropertyList notArray = PropertyList::dictionary();
+    notArray.set("DeviceList", PropertyList::string("x"));
+    const PropertyList none[] = {PropertyList::dictionary(), std::move(notArray),
+                                 deviceList(device(1, "ok", 1), PropertyList::integer(9))};
+    for (const auto& reply : none) {
+        EXPECT_TRUE(UsbmuxdClient::parseDevices(reply.get()).empty());
+    }
+}
+
+// Every answer but a tunnel or a device list, and what the caller sees: a
+// connect's result, or how a list fails. Either way the client closes the
+// socket (unless the daemon hung up first) and stays usable.
+TEST(UsbmuxdClient, EveryOtherAnswerIsAResultOrAnErrorThatClosesTheSocketAndLeavesTheClientUsable) {
+    PropertyList explained = result(5);
+    explained.set("String", PropertyList::string("device is locked"));
+    PropertyList notText = result(6);
+    notText.set("String", PropertyList::integer(1));
+    PropertyList textNumber = PropertyList::dictionary();
+    textNumber.set("Number", PropertyList::string("0"));
+    Bytes zeroLength = UsbmuxdProtocol::encode(1, {});
+    zeroLength[0] = 0;
+    // Only a header, announcing more than the limit: refused before it is read.
+    Bytes tooLarge = UsbmuxdProtocol::encode(1, {});
+    const std::uint32_t declared = UsbmuxdClient::maxReplyBytes + 1;
+    for (std::size_t i = 0; i < 4; ++i) {
+        tooLarge[i] = static_cast<std::uint8_t>(declared >> (8 * i));
+    }
+    const std::pair<Bytes, std::variant<Result, std::string>> answers[] = {
+        {packet(1, result(2)), Result::badDevice()},
+        {packet(1, result(3)), Result::connectionRefused()},
+        {packet(1, result(5)), Result::otherError(5, "usbmuxd error 5")},
+        {packet(1, explained), Result::otherError(5, "device is locked")},
+        {packet(1, notText), Result::otherError(6, "usbmuxd error 6")},
+        {packet(1, PropertyList::dictionary()), Result::otherError(-1, "no Number in response")},
+        {packet(1, textNumber), Result::otherError(-1, "no Number in response")},
+        {{}, "usbmuxd: read returned 0 (0)"}, // the daemon hangs up without answering
+        {zeroLength, "usbmuxd: header total length 0 < 16"},
+        {tooLarge, "usbmuxd: reply of " + std::to_string(declared) + " bytes is too large"},
+        {packet(1, PropertyList::array()), "usbmuxd: response body not a dict"},
+        {UsbmuxdProtocol::encode(1, asBytes("not a plist")), "plist: "},
+    };
+    for (const auto& [reply, expected] : answers) {
+        FakeUsbmuxd daemon(always(reply));
+        UsbmuxdClient client(daemon.address());
+        for (int request = 1; request <= 2; ++request) {
+            if (const auto* connected = std::get_if<Result>(&expected)) {
+                EXPECT_EQ(client.connect(1, 9876), *connected);
+            } else {
+                EXPECT_PRED2(testing::startsWith, outcomeOf([&] { client.listDevices(); }),
+                             std::get<std::string>(expected));
+            }
+            EXPECT_TRUE(reply.empty() || eventually([&] { return daemon.hangUps() == request; }));
+        }
+        EXPECT_EQ(client.nextTag(), 3u);
+    }
+}
+
+TEST(UsbmuxdClient, ADaemonThatCannotBeReachedIsASocketErrorAndTakesNoTag) {
+    const testing::TemporaryFolder empty;
+    const std::string missing = (empty.path() / "usbmuxd").string();
+    const std::uint16_t port = TcpListener(0, TcpListener::Scope::loopback).port(); // let go
+    const struct {
+        Address address;
+        int socketError; // socket() fails with it
+        std::string caller;
+    } cases[] = {
+        {{missing, {}, 0}, 0, "usbmuxd: connect(" + missing + ") failed (2)"},
+        {{{}, "127.0.0.1", port},
+         0,
+         "usbmuxd: connect(127.0.0.1:" + std::to_string(port) + ") failed (111)"},
+        {{{}, "no-such-host.invalid", 1}, 0, "usbmuxd: getaddrinfo(no-such-host.invalid) failed"},
+        {{missing, {}, 0}, EMFILE, "usbmuxd: socket() failed (24)"},
+        {{{}, "127.0.0.1", port}, EMFILE, "usbmuxd: socket() failed (24)"},
+    };
+    for (const auto& [address, socketError, caller] : cases) {
+        UsbmuxdClient client(address);
+        std::optional<testing::SystemCallFault> noSocket;
+        if (socketError != 0) {
+            noSocket.emplace(testing::SystemCallFault::Call::socket, socketError);
+        }
+        EXPECT_PRED2(testing::startsWith, outcomeOf([&] { client.listDevices(); }), caller);
+        EXPECT_EQ(client.nextTag(), 1u) << "no socket, no tag";
+    }
+}
+
+TEST(UsbmuxdClient, SocketAddressIsReadAsLibusbmuxdReadsIt) {
+    const Address fallback{"/var/run/usbmuxd", {}, 0};
+    EXPECT_EQ(Address::parse(std::nullopt), fallback);
+    EXPECT_EQ(Address::parse("UNIX:/tmp/sim/usbmuxd"), (Address{"/tmp/sim/usbmuxd", {}, 0}));
+    EXPECT_EQ(Address::parse("127.0.0.1:27015"), (Address{{}, "127.0.0.1", 27015}));
+    EXPECT_EQ(Address::parse("localhost:1"), (Address{{}, "localhost", 1}));
+    EXPECT_EQ(Address::parse("[::1]:27015"), (Address{{}, "::1", 27015}));
+    EXPECT_EQ(Address::parse("[::1]:27015").describe(), "[::1]:27015");
+    for (const char* ignored : {"UNIX:", "/tmp/usbmuxd", "host:0", "host:65536", "host:12ab",
+                                ":27015", "host:", "unix:/tmp/x"}) {
+        EXPECT_EQ(Address::parse(std::string(ignored)), fallback) << ignored;
+    }
+    {
+        const testing::ScopedEnvironment set("USBMUXD_SOCKET_ADDRESS", "UNIX:/run/elsewhere");
+        EXPECT_EQ(UsbmuxdClient().address(), (Address{"/run/elsewhere", {}, 0}));
+    }
+    const testing::ScopedEnvironment unset("USBMUXD_SOCKET_ADDRESS", std::nullopt);
+    EXPECT_EQ(UsbmuxdClient().address(), fallback);
+}
+
+bool isOpenDescriptor(int fd) {
+    return ::fcntl(fd, F_GETFD) != -1;
+}
+
+// The stream releases its descriptor when closed: at once, or when a call
+// that waits is woken by the close, which ends that call "closed" rather
+// than as a socket error. A send meets a socket that is full before it
+// begins, so none of it is written when close() comes.
+TEST(UsbmuxdStream, ReleasesItsDescriptorOnlyOnceClosedAndAWaitingCallItCutsOffEndsClosed) {
+    for (const long waitsIn : {0L, long{SYS_read}, long{SYS_sendto}}) {
+        int fds[2];
+        ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds), 0);
+        auto stream = std::make_shared<UsbmuxdStream>(fds[0]);
+        const int flags = ::fcntl(fds[0], F_GETFL);
+        ::fcntl(fds[0], F_SETFL, flags | O_NONBLOCK);
+        const Bytes filler(65536);
+        for (const std::size_t size : {filler.size(), std::size_t{1}}) {
+            while (waitsIn == SYS_sendto && ::send(fds[0], filler.data(), size, MSG_NOSIGNAL) > 0) {
+            }
+        }
+        ::fcntl(fds[0], F_SETFL, flags);
+        if (waitsIn != SYS_sendto) {
+            stream->send(asBytes("x"));
+            EXPECT_TRUE(isOpenDescriptor(fds[0])) << "released after a call on an open stream";
+        }
+        if (waitsIn == 0) {
+            stream->close();
+        } else {
+            auto waiting = testing::callUntilBlockedIn({waitsIn}, [stream, waitsIn] {
+                return outcomeOf([&] {
+                    waitsIn == SYS_read ? (void)stream->receive(1) : stream->send(asBytes("x"));
+                });
+            });
+            ASSERT_TRUE(waiting.blocked);
+            stream->close();
+            EXPECT_EQ(waiting.result.get(), "closed");
+        }
+        EXPECT_FALSE(isOpenDescriptor(fds[0]));
+        // A descriptor opened since, perhaps under the same number, survives a second close.
+        int reused[2];
+        ASSERT_EQ(::pipe(reused), 0);
+        stream->close();
+        EXPECT_TRUE(isOpenDescriptor(reused[0]) && isOpenDescriptor(reused[1]));
+        for (const int fd : {reused[0], reused[1], fds[1]}) {
+            ::close(fd);
+        }
+    }
+}
+
+} // namespace
+} // namespace kestrelvane
