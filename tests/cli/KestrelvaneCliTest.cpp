@@ -1,6 +1,5 @@
 // The command-line tool driven as a user drives it: the built binary in a
 // subprocess, its output and exit status checked.
-#include "KestrelvaneKit/intake/Checksum.h"
 #include "KestrelvaneKit/network/TcpListener.h"
 #include "support/CliProcess.h"
 #include "support/EngineSession.h"
@@ -47,9 +46,6 @@ TEST_P(Send, SavesIntoTheTrimmedAlbumWithCaptureDatesOnceEachAndANamesakeBeside)
     EXPECT_TRUE(send.mentions("transfer: SUMMARY files=3 ok=3")) << send.text();
     EXPECT_TRUE(!receiver || receiver->says("saved   jpeg-original.jpg"));
     const fs::path album = folder.path() / "Trip";
-    for (const char* name : {"jpeg-original.jpg", "video.mov", "not-an-image.jpg"}) {
-        EXPECT_EQ(Checksum::sha256HexOfFile(album / name), Checksum::sha256HexOfFile(media / name));
-    }
     struct stat status {};
     ::stat((album / "jpeg-original.jpg").c_str(), &status);
     EXPECT_EQ(status.st_mtime, 1709647629); // DateTimeOriginal 2024:03:05 14:07:09, in UTC
@@ -83,6 +79,7 @@ TEST_P(Send, SavesIntoTheTrimmedAlbumWithCaptureDatesOnceEachAndANamesakeBeside)
     EXPECT_EQ(filesUnder(album),
               (std::vector<std::string>{"jpeg-original (1).jpg", "jpeg-original.jpg",
                                         "not-an-image.jpg", "video.mov"}));
+    EXPECT_EQ(filesNotAsIn(album, media), std::vector<std::string>{"jpeg-original (1).jpg"});
     EXPECT_EQ(readText(album / "jpeg-original (1).jpg"), "changed");
 }
 
