@@ -92,9 +92,9 @@ struct Outcome {
     std::vector<std::string> arguments; ///< PHOTO, DIR, CLOSED and RECEIVER stand for paths
     int status;
     std::string says; ///< in a line of its output; SOCKET stands for usbmuxd's socket
-    /// What answers on usbmuxd's socket: nothing, a usbmuxd that "hangs up",
-    /// or the simulator with this phone ("": none).
-    std::optional<std::string> usbmuxd = std::nullopt;
+    /// What answers on usbmuxd's socket: nothing, a usbmuxd that hangs up, the
+    /// simulator with no phone, or with two that take no tunnel.
+    enum { absent, hangsUp, noPhone, quietPhones } usbmuxd = absent;
 };
 
 TEST(KestrelvaneCli, ExitStatusSaysWhetherAUsageErrorFilesNotSavedOrNoConnection) {
@@ -112,36 +112,34 @@ TEST(KestrelvaneCli, ExitStatusSaysWhetherAUsageErrorFilesNotSavedOrNoConnection
         {{"send", "--help"}, 0, "usage: kestrelvane send"},
         {{"send", "DIR/missing.jpg"}, 0, "Nothing to send"},
         {{"receive", "--dir", "/dev/null/in"}, 1, "cannot use /dev/null/in as the folder"},
-        // 192.0.2.1 is set aside for documentation: no machine has it.
-        {{"receive", "--dir", "DIR", "--bind", "192.0.2.1"}, 1, "no network interface of this"},
+        // 192.0.2.1 is set aside for documentation: no machine has it. A name
+        // for --advertise is optional, and an option is not one.
+        {{"receive", "--dir", "DIR", "--advertise", "--bind", "192.0.2.1"},
+         1,
+         "no network interface of this"},
         {{"send", "--album", "..", "--to", "RECEIVER", "PHOTO"}, 1, "refused unsafe album name"},
         {{"send", "--to", "CLOSED", "PHOTO"}, 3, "connection refused"},
         {{"send", "PHOTO"}, 3, "usbmuxd is not running at SOCKET"},
-        {{"send", "PHOTO"}, 3, "usbmuxd at SOCKET closed the connection", "hangs up"},
-        {{"send", "PHOTO"}, 3, "no iPhone attached", ""},
-        {{"send", "PHOTO"}, 3, "Kestrelvane is not listening on the iPhone", "SIM2,0x12a8,none"},
+        {{"send", "PHOTO"}, 3, "usbmuxd at SOCKET closed the connection", Outcome::hangsUp},
+        {{"send", "PHOTO"}, 3, "no iPhone attached", Outcome::noPhone},
+        {{"send", "PHOTO"}, 3, "Kestrelvane is not listening on the iPhone", Outcome::quietPhones},
         {{"devices", "--wait", "0"}, 0, "usbmuxd is not running at SOCKET"},
-        {{"devices", "--wait", "0"}, 0, "usbmuxd at SOCKET closed the", "hangs up"},
+        {{"devices", "--wait", "0"}, 0, "usbmuxd at SOCKET closed the", Outcome::hangsUp},
         {{"devices", "--json", "--wait", "0"},
          0,
          R"("listening":false,"port9876":"detached","productId":4779,"serial":"SIM5")",
-         "SIM5,0x12ab,vanished"},
+         Outcome::quietPhones},
     };
     const TemporaryFolder folder;
     const ReceiverProcess receiver(folder.path() / "in");
     const std::string closed = "127.0.0.1:" + std::to_string(TcpListener(0).port());
+    const FakeUsbmuxd hangingUp([](auto&) { return FakeUsbmuxd::Reply{}; });
+    const SimulatorProcess empty({}), quiet({"SIM2,0x12a8,none", "SIM5,0x12ab,vanished"});
+    const std::string sockets[] = {(folder.path() / "no-usbmuxd").string(),
+                                   hangingUp.address().path, empty.socketPath(),
+                                   quiet.socketPath()};
     for (const auto& outcome : outcomes) {
-        std::optional<FakeUsbmuxd> hangsUp;
-        std::optional<SimulatorProcess> simulator;
-        std::string socket = (folder.path() / "no-usbmuxd").string();
-        if (outcome.usbmuxd == "hangs up") {
-            socket = hangsUp.emplace([](auto&) { return FakeUsbmuxd::Reply{}; }).address().path;
-        } else if (outcome.usbmuxd) {
-            socket = simulator
-                         .emplace(outcome.usbmuxd->empty() ? std::vector<std::string>{}
-                                                           : std::vector{*outcome.usbmuxd})
-                         .socketPath();
-        }
+        const std::string& socket = sockets[outcome.usbmuxd];
         std::vector<std::string> arguments;
         for (const auto& argument : outcome.arguments) {
             arguments.push_back(std::regex_replace(argument == "PHOTO"      ? photo
