@@ -18,7 +18,8 @@ class ChildProcess {
 public:
     using Environment = std::vector<std::pair<std::string, std::string>>;
 
-    /// A program that cannot be run exits with status 127.
+    /// A program that cannot be found or run ends at once with status 127 or
+    /// 126, as env(1) reports it.
     explicit ChildProcess(const std::vector<std::string>& argv, const Environment& extra = {},
                           int stdinFd = -1, int stdoutFd = -1);
     ~ChildProcess();
