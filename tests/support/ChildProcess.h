@@ -9,15 +9,17 @@
 
 namespace kestrelvane::testing {
 
-/// A program run the way a user runs it, for tests of real binaries. Its
-/// standard output is a pipe read with readLine() unless `stdoutFd` is given;
-/// `stdinFd` replaces its standard input. A child still running when the
-/// object goes is sent SIGTERM and waited for.
+/// A program run the way a user runs it, for tests of real binaries, with
+/// `extra` variables in its environment. Its standard output is a pipe read
+/// with readLine() unless `stdoutFd` is given; `stdinFd` replaces its standard
+/// input. A child still running when the object goes is sent SIGTERM (then
+/// SIGKILL) and waited for.
 class ChildProcess {
 public:
     using Environment = std::vector<std::pair<std::string, std::string>>;
 
-    /// Throws std::system_error when the program cannot be started.
+    /// A program that cannot be found or run ends at once with status 127 or
+    /// 126, as env(1) reports it.
     explicit ChildProcess(const std::vector<std::string>& argv, const Environment& extra = {},
                           int stdinFd = -1, int stdoutFd = -1);
     ~ChildProcess();

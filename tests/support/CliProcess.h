@@ -1,8 +1,10 @@
 #pragma once
 
 #include "support/ChildProcess.h"
+#include "support/TemporaryFolder.h"
 
 #include <chrono>
+#include <filesystem>
 #include <functional>
 #include <memory>
 #include <string>
@@ -40,5 +42,34 @@ Finished finish(ChildProcess& process,
 /// Runs `kestrelvane` to its end.
 Finished run(const std::vector<std::string>& arguments,
              const ChildProcess::Environment& environment = {}, Streams streams = Streams::joined);
+
+/// `kestrelvane receive` saving into `folder`, on a port the system picks on
+/// `bind`, with `extra` arguments and `environment`; run by `wrapper` (a
+/// program and its arguments, before the tool's path) when one is given.
+/// Ready once constructed: it has said where it listens (throws when it does
+/// not). Its standard output goes to a file, so that it never blocks on a
+/// full pipe; it is stopped with SIGTERM when the object goes.
+class ReceiverProcess {
+public:
+    explicit ReceiverProcess(const std::filesystem::path& folder,
+                             const std::vector<std::string>& extra = {},
+                             const ChildProcess::Environment& environment = {},
+                             const std::string& bind = "127.0.0.1",
+                             std::vector<std::string> wrapper = {});
+
+    int port() const { return port_; }
+    /// Where `send --to` finds it: HOST:PORT, or [HOST]:PORT for IPv6.
+    std::string address() const;
+    ChildProcess& process() { return *process_; }
+    /// Whether it has printed `text`, waiting up to `deadline` for it.
+    bool says(const std::string& text,
+              std::chrono::milliseconds deadline = std::chrono::seconds(30)) const;
+
+private:
+    TemporaryFolder output_;
+    std::string bind_;
+    int port_ = 0;
+    std::unique_ptr<ChildProcess> process_;
+};
 
 } // namespace kestrelvane::testing

@@ -1,14 +1,19 @@
-// A malicious sender against the real `kestrelvane receive` process: raw
-// sockets speaking broken, lying or dawdling protocol. After every attempt the
-// receiver must still save a well-behaved sender's photo, have written nothing
-// else anywhere, left no temporary file, and hold no more threads or
-// descriptors than before.
+// Malicious peers against the real tool. A sender on raw sockets speaks
+// broken, lying or dawdling protocol to `kestrelvane receive`: after every
+// attempt the receiver must still save a well-behaved sender's photo, have
+// written nothing else anywhere, left no temporary file, and hold no more
+// threads or descriptors than before. A receiver reads everything that
+// `kestrelvane send` sends, then acknowledges what was never sent,
+// acknowledges twice, sends garbage or stays mute: the sender must end with
+// status 1 and never count a file as saved that was not acknowledged "ok".
 #include "KestrelvaneKit/intake/Checksum.h"
+#include "KestrelvaneKit/network/BonjourStream.h"
+#include "KestrelvaneKit/network/TcpListener.h"
 #include "KestrelvaneKit/wire/FrameCodec.h"
 #include "KestrelvaneKit/wire/WireMessage.h"
+#include "support/CliProcess.h"
 #include "support/Eventually.h"
-#include "support/ReceiverProcess.h"
-#include "support/TemporaryFolder.h"
+#include "support/ScriptedReceiver.h"
 #include "support/TestFiles.h"
 
 #include <gtest/gtest.h>
@@ -16,6 +21,7 @@
 
 #include <fstream>
 #include <netinet/in.h>
+#include <set>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -27,10 +33,6 @@ using namespace testing;
 
 const fs::path photo = fs::path(KV_FIXTURES_DIR) / "media" / "jpeg-original.jpg";
 constexpr int maxSessions = 8;
-
-std::ptrdiff_t entriesIn(const fs::path& folder) {
-    return std::distance(fs::directory_iterator(folder), {});
-}
 
 Bytes operator+(Bytes bytes, const Bytes& more) {
     bytes.insert(bytes.end(), more.begin(), more.end());
@@ -59,49 +61,36 @@ Bytes sessionWithFile(const std::string& name, const std::string& content,
 }
 
 /// One raw TCP connection to the receiver, written and read by hand.
-class RawPeer {
-public:
-    explicit RawPeer(int port) : fd_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+struct RawPeer {
+    explicit RawPeer(int port) {
         const timeval deadline{.tv_sec = 20, .tv_usec = 0};
-        ::setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &deadline, sizeof deadline);
+        ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &deadline, sizeof deadline);
         sockaddr_in address{};
         address.sin_family = AF_INET;
         address.sin_port = htons(static_cast<std::uint16_t>(port));
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        connected_ = ::connect(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+        connected = ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
     }
-    ~RawPeer() { ::close(fd_); }
-    RawPeer(const RawPeer&) = delete;
-    RawPeer& operator=(const RawPeer&) = delete;
+    ~RawPeer() { ::close(fd); }
 
-    bool connected() const { return connected_; }
-    /// Writes what the receiver takes, then maybe says nothing more is coming.
-    void send(const Bytes& bytes, bool finish) {
-        ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-        if (finish) {
-            ::shutdown(fd_, SHUT_WR);
-        }
-    }
     /// Reads until the receiver hangs up (true) or goes 20 s without a word
     /// (false); the acknowledgements it sent are then in acks.
     bool receiverHangsUp() {
+        ReceiveBuffer received;
         std::uint8_t chunk[4096];
         ssize_t n = 0;
-        while ((n = ::recv(fd_, chunk, sizeof chunk, 0)) > 0) {
-            received_.append(ByteView(chunk, static_cast<std::size_t>(n)));
+        while ((n = ::recv(fd, chunk, sizeof chunk, 0)) > 0) {
+            received.append(ByteView(chunk, static_cast<std::size_t>(n)));
         }
-        while (const auto payload = FrameCodec::decode(received_)) {
+        while (const auto payload = FrameCodec::decode(received)) {
             acks.push_back(WireMessage::decode<Ack>(*payload));
         }
         return n == 0 || (errno != EAGAIN && errno != EWOULDBLOCK); // an end or a reset
     }
 
+    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    bool connected = false;
     std::vector<Ack> acks;
-
-private:
-    int fd_;
-    bool connected_ = false;
-    ReceiveBuffer received_;
 };
 
 /// `kestrelvane receive` with a 1 s idle timeout, its folder two levels down
@@ -129,7 +118,9 @@ protected:
     }
 
     fs::path proc() const { return "/proc/" + std::to_string(receiver_->process().pid()); }
-    std::ptrdiff_t countIn(const char* what) const { return entriesIn(proc() / what); }
+    std::ptrdiff_t countIn(const char* what) const {
+        return std::distance(fs::directory_iterator(proc() / what), {});
+    }
     /// The receiver's address space in MiB: a thread that ended but was never
     /// joined keeps its stack mapped, so unreaped threads show up here.
     std::size_t virtualMiB() const {
@@ -153,11 +144,9 @@ protected:
             << " threads; " << baselineDescriptors_ << " and " << baselineThreads_ << " at first";
         const Finished send = run({"send", "--to", receiver_->address(), photo.string()});
         EXPECT_EQ(send.status, 0) << "a well-behaved send failed:\n" << send.text();
-        // Only the receiver's folder and TMPDIR exist (an escape of one or two
-        // levels, or to an absolute path, lands here), and only the photo in the folder.
-        EXPECT_EQ(entriesIn(folder_.path()), 2);
-        EXPECT_EQ(entriesIn(folder_.path() / "box"), 1);
-        EXPECT_EQ(entriesIn(inside_), 1);
+        // Only box/in/PHOTO and TMPDIR's scratch folder with its lock exist (an
+        // escape of one or two levels, or to an absolute path, lands here).
+        EXPECT_EQ(std::distance(fs::recursive_directory_iterator(folder_.path()), {}), 6);
         EXPECT_EQ(readText(inside_ / photo.filename()), readText(photo));
     }
 
@@ -218,8 +207,11 @@ TEST_F(HostileSender, BrokenLyingOrStalledSessionsEndAloneAndLeaveNothingBehind)
         SCOPED_TRACE(attempt.what);
         {
             RawPeer peer(receiver_->port());
-            ASSERT_TRUE(peer.connected());
-            peer.send(attempt.bytes, attempt.hangsUp);
+            ASSERT_TRUE(peer.connected);
+            ::send(peer.fd, attempt.bytes.data(), attempt.bytes.size(), MSG_NOSIGNAL);
+            if (attempt.hangsUp) {
+                ::shutdown(peer.fd, SHUT_WR);
+            }
             EXPECT_TRUE(peer.receiverHangsUp());
             for (const auto& ack : peer.acks) {
                 EXPECT_TRUE(ack.status != Ack::Status::ok || ack.name == photo.filename().string())
@@ -236,7 +228,7 @@ TEST_F(HostileSender, BrokenLyingOrStalledSessionsEndAloneAndLeaveNothingBehind)
 TEST_F(HostileSender, AFloodOfAbandonedConnectionsHoldsNeitherThreadsNorDescriptors) {
     int opened = 0;
     for (int i = 0; i < 2000; ++i) {
-        opened += RawPeer(receiver_->port()).connected() ? 1 : 0; // and dropped at once
+        opened += RawPeer(receiver_->port()).connected ? 1 : 0; // and dropped at once
     }
     EXPECT_EQ(opened, 2000);
     std::vector<std::unique_ptr<RawPeer>> held;
@@ -275,6 +267,87 @@ TEST_F(OneSessionReceiver, AConnectionBeyondTheLimitIsTurnedAwayAndTheNextOneIsS
     EXPECT_TRUE(receiver_->says("connection refused: 1 sessions already open"));
     occupant.reset(); // its session ends with the hang-up, long before the idle timeout
     expectUnharmed();
+}
+
+Ack ok(const std::string& name) {
+    return {.name = name, .status = Ack::Status::ok};
+}
+
+struct Misbehaviour {
+    std::string what;
+    std::vector<Ack> acks;
+    std::optional<Bytes> frame;             ///< sent after the acknowledgements, if any
+    bool hangsUp;                           ///< or leaves the connection open
+    std::multiset<std::string> reallySaved; ///< planned files acknowledged "ok"
+};
+
+TEST(HostileReceiver, SenderCountsOnlyOkAcknowledgementsOfFilesItSentAndAlwaysEnds) {
+    const Ack mismatch = {.name = "video.mov", .status = Ack::Status::error, .message = "no"};
+    const std::vector<Ack> strangers = {ok("ghost.jpg"), ok("../jpeg-original.jpg"),
+                                        ok("JPEG-ORIGINAL.JPG")};
+    const std::vector<Ack> twice = {ok("video.mov"), ok("video.mov"), ok("jpeg-original.jpg")};
+    const std::multiset<std::string> oneEach = {"video.mov", "jpeg-original.jpg"};
+    const std::vector<Misbehaviour> cases = {
+        {"acknowledgements for names never sent", strangers, {}, true, {}},
+        {"the video's ok twice, one for the name both photos have", twice, {}, true, oneEach},
+        {"an error and then an ok for the same file", {mismatch, ok("video.mov")}, {}, true, {}},
+        {"garbage instead of an acknowledgement", {}, toBytes("{\"name\":42"), false, {}},
+        {"an acknowledgement without a status", {}, toBytes("{\"name\":\"video.mov\"}"), false, {}},
+        {"a 2 MB frame where an acknowledgement belongs", {}, Bytes(2'000'000, 'x'), false, {}},
+        {"never an acknowledgement, then a hang-up", {}, {}, true, {}},
+    };
+    // Two photos of the same name, from two folders, and a video.
+    const TemporaryFolder other;
+    const std::vector<std::string> files = {
+        photo.string(), (photo.parent_path() / "video.mov").string(),
+        writeFile(other.path() / "jpeg-original.jpg", "another photo").string()};
+    const std::multiset<std::string> sent = {"jpeg-original.jpg", "jpeg-original.jpg", "video.mov"};
+    for (const auto& misbehaviour : cases) {
+        SCOPED_TRACE(misbehaviour.what);
+        TcpListener listener(0, TcpListener::Scope::loopback);
+        std::vector<std::string> arguments = {"send", "--json", "--to",
+                                              "127.0.0.1:" + std::to_string(listener.port())};
+        arguments.insert(arguments.end(), files.begin(), files.end());
+        const auto sender = kestrelvane(arguments, {}, Streams::stdoutOnly);
+        auto stream = std::make_shared<BonjourStream>(listener.accept());
+        stream->start();
+        ScriptedReceiver receiver(stream, false);
+        ASSERT_TRUE(receiver.waitForFiles(files.size()));
+        try {
+            for (const auto& ack : misbehaviour.acks) {
+                receiver.sendAck(ack);
+            }
+            if (misbehaviour.frame) {
+                receiver.sendFrame(*misbehaviour.frame);
+            }
+            if (misbehaviour.hangsUp) {
+                receiver.closeConnection();
+            }
+        } catch (const std::system_error&) {
+            // The sender ends after as many acknowledgements as files, whatever
+            // they said, and may have hung up before the last of them.
+        }
+        const Finished finished = finish(*sender, std::chrono::seconds(30));
+        receiver.closeConnection();
+        ASSERT_EQ(finished.status, 1) << "the sender did not end with some files not saved";
+
+        // Reported saved, as it went and in the summary, exactly what was
+        // acknowledged "ok"; every other file listed as not saved.
+        std::multiset<std::string> reportedOk;
+        for (const auto& line : finished.lines) {
+            const auto event = nlohmann::json::parse(line);
+            if (event["event"] == "ack" && event["status"] == "ok") {
+                reportedOk.insert(event["name"].get<std::string>());
+            }
+        }
+        EXPECT_EQ(reportedOk, misbehaviour.reallySaved);
+        const auto summary = nlohmann::json::parse(finished.lines.back());
+        EXPECT_EQ(summary["saved"], misbehaviour.reallySaved.size()) << summary.dump();
+        for (const auto& file : summary["unsaved"]) {
+            reportedOk.insert(file["name"].get<std::string>());
+        }
+        EXPECT_EQ(reportedOk, sent);
+    }
 }
 
 } // namespace

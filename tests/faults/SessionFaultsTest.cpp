@@ -1,0 +1,270 @@
+// Faults within one session between the two engines, and what must hold
+// afterwards: both engines return, no temporary file is left, every file the
+// sender was told is saved is saved byte for byte, and sending the rest again
+// completes the batch with nothing lost and nothing doubled. The connection
+// drops at every stage, on either end; a receiver hangs up without reading;
+// files change between planning and sending, or while they are sent.
+#include "KestrelvaneKit/sending/PreparedFile.h"
+#include "support/CaughtError.h"
+#include "support/EngineSession.h"
+#include "support/TemporaryFolder.h"
+#include "support/TestFiles.h"
+#include "support/UnprivilegedChild.h"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <sys/stat.h>
+
+namespace kestrelvane {
+namespace {
+
+namespace fs = std::filesystem;
+using namespace testing;
+using Direction = FailingStream::Direction;
+using Failure = FailingStream::Failure;
+
+/// Sends again what `broken` did not report saved: that completes the batch.
+void expectResumeCompletes(const EngineSession& broken, const std::vector<fs::path>& files,
+                           const fs::path& source, const fs::path& destination,
+                           const fs::path& scratch) {
+    const auto rest = broken.notReportedOk(files);
+    EngineSession resumed;
+    ASSERT_TRUE(resumed.sendToFolder(rest, destination, scratch));
+    EXPECT_EQ(resumed.errorText(), std::nullopt);
+    EXPECT_EQ(resumed.reportedOk().size(), rest.size());
+    EXPECT_EQ(filesUnder(destination), filesUnder(source)) << "lost or doubled";
+    EXPECT_EQ(filesNotAsIn(destination, source), std::vector<std::string>{});
+    EXPECT_TRUE(fs::is_empty(scratch)) << "temporary files left";
+}
+
+/// Where each part of a session lies on the wire, in bytes from the start of
+/// each direction, for a batch of files: on the sender's side where each
+/// file's header frame and its bytes start, and how many bytes it has.
+struct Wire {
+    explicit Wire(const std::vector<fs::path>& files) {
+        for (const auto& file : files) {
+            const auto header = PreparedFile::prepare(file, MediaType::photo).header();
+            headerOf.push_back(bytesOf.empty() ? sessionFrame : bytesOf.back() + bytes.back());
+            bytesOf.push_back(headerOf.back() + frameOf(header).size());
+            bytes.push_back(header.byteCount);
+        }
+    }
+    std::uint64_t sessionFrame = frameOf(SessionHeader{}).size();
+    std::vector<std::uint64_t> headerOf, bytesOf, bytes;
+    std::uint64_t ackFrame = frameOf(Ack{.name = "IMG_0001.jpg"}).size(); ///< every name as long
+};
+
+using W = const Wire&;
+using enum Side;
+using enum FailingStream::Direction;
+using enum FailingStream::Failure;
+
+struct Stage {
+    const char* name;
+    Side side;
+    Direction direction;
+    std::function<std::uint64_t(W)> at;
+    Failure failure = closed;
+    bool saverHoldsOutcomes = false;
+};
+
+// What the side's own connection carries: the sender sends files and
+// receives acknowledgements, the receiver the other way round.
+const Stage stages[] = {
+    {"SenderInSessionHeader", sender, sending, [](W w) { return w.sessionFrame / 2; }},
+    {"SenderInHeaderFrame", sender, sending,
+     [](W w) { return (w.headerOf[1] + w.bytesOf[1]) / 2; }},
+    {"SenderInLengthPrefix", sender, sending, [](W w) { return w.headerOf[2] + 2; }},
+    {"SenderBetweenHeaderAndBytes", sender, sending, [](W w) { return w.bytesOf[1]; }},
+    {"SenderMidBytes", sender, sending, [](W w) { return w.bytesOf[1] + w.bytes[1] / 2; }},
+    {"SenderMidBytesWithReset", sender, sending, [](W w) { return w.bytesOf[1] + w.bytes[1] / 3; },
+     reset},
+    {"SenderMidBytesWhileSaverHoldsOutcomes", sender, sending,
+     [](W w) { return w.bytesOf[2] + 10; }, closed, true},
+    {"SenderBeforeFirstAck", sender, receiving, [](W) { return 0; }},
+    {"SenderInFirstAck", sender, receiving, [](W w) { return w.ackFrame / 2; }},
+    {"SenderAfterFirstAck", sender, receiving, [](W w) { return w.ackFrame; }},
+    {"SenderAfterSecondAck", sender, receiving, [](W w) { return 2 * w.ackFrame; }},
+    {"ReceiverInSessionHeader", receiver, receiving, [](W w) { return w.sessionFrame / 2; }},
+    {"ReceiverInHeaderFrame", receiver, receiving,
+     [](W w) { return (w.headerOf[1] + w.bytesOf[1]) / 2; }},
+    {"ReceiverBetweenHeaderAndBytes", receiver, receiving, [](W w) { return w.bytesOf[1]; }},
+    {"ReceiverMidBytes", receiver, receiving, [](W w) { return w.bytesOf[1] + w.bytes[1] / 2; }},
+    {"ReceiverMidBytesWithReset", receiver, receiving, [](W w) { return w.bytesOf[2] + 1; }, reset},
+    {"ReceiverMidBytesWhileSaverHoldsOutcomes", receiver, receiving,
+     [](W w) { return w.bytesOf[2] + w.bytes[2] / 2; }, closed, true},
+    {"ReceiverBeforeFirstAck", receiver, sending, [](W) { return 0; }},
+    {"ReceiverInFirstAck", receiver, sending, [](W w) { return w.ackFrame - 1; }},
+    {"ReceiverAfterFirstAck", receiver, sending, [](W w) { return w.ackFrame; }},
+    {"ReceiverAfterSecondAck", receiver, sending, [](W w) { return 2 * w.ackFrame; }},
+};
+
+void PrintTo(const Stage& stage, std::ostream* out) {
+    *out << stage.name;
+}
+
+class ConnectionDrop : public ::testing::TestWithParam<Stage> {
+protected:
+    // Three photos; the second is larger than one refill of the channel, so a
+    // cut in its bytes falls between refills.
+    TemporaryFolder source, destination, scratch;
+    const std::vector<fs::path> files{
+        writeFile(source.path() / "IMG_0001.jpg", pattern(40'000, 1)),
+        writeFile(source.path() / "IMG_0002.jpg", pattern(300'000, 2)),
+        writeFile(source.path() / "IMG_0003.jpg", pattern(70'000, 3))};
+};
+
+TEST_P(ConnectionDrop, LosesNothingAndTheResumedSendCompletesTheBatchOnce) {
+    const Stage& stage = GetParam();
+    EngineSession broken(
+        {.cut = FailingStream::Cut{stage.direction, stage.at(Wire(files)), stage.failure},
+         .cutSide = stage.side});
+    ASSERT_TRUE(broken.sendToFolder(files, destination.path(), scratch.path(),
+                                    {.holdOutcomes = stage.saverHoldsOutcomes}))
+        << "an engine hung";
+    EXPECT_TRUE(broken.wasCut()) << "the connection never reached the cut";
+    if (!broken.error) {
+        EXPECT_EQ(broken.returned.size(), broken.progress().size());
+    }
+    // What the sender was told is saved is saved, and is among what the
+    // receiver saved; a partial file would show as a namesake after the resend.
+    EXPECT_LT(broken.reportedOk().size(), files.size()) << "the cut cost nothing";
+    for (const auto& step : broken.progress()) {
+        EXPECT_EQ(step.ack.status, Ack::Status::ok) << step.ack.name;
+        EXPECT_EQ(broken.receiverOk().count(step.ack.name), 1u) << step.ack.name;
+        EXPECT_TRUE(fs::exists(destination.path() / step.ack.name)) << step.ack.name;
+    }
+    expectResumeCompletes(broken, files, source.path(), destination.path(), scratch.path());
+}
+
+INSTANTIATE_TEST_SUITE_P(AtEveryStage, ConnectionDrop, ::testing::ValuesIn(stages),
+                         [](const auto& stage) { return std::string(stage.param.name); });
+
+// A receiver that hangs up its side of a real socket and stops reading while
+// the sender still has bytes to write: the send ends instead of waiting for ever.
+TEST(HalfClosedReceiver, EndsTheSendInsteadOfLeavingTheWriterBlocked) {
+    TemporaryFolder folder;
+    EngineSession session({.kind = Link::Kind::socketPair});
+    session.send({writeFile(folder.path() / "a.mov", pattern(16 << 20)),
+                  writeFile(folder.path() / "b.mov", pattern(16 << 20))});
+    // The receiver takes nothing, says it is done, and keeps its socket open.
+    session.endSending(Side::receiver);
+    EXPECT_TRUE(session.finish()) << "the sender stayed blocked writing to a receiver that hung up";
+    EXPECT_TRUE(session.error) << "a batch that was not read cannot have succeeded";
+}
+
+/// A file that changes between planning and sending: whatever it becomes, the
+/// send reports it in words or sends what it hashed, and never hangs.
+struct Change {
+    const char* name;
+    std::function<void(const fs::path&)> apply;
+    /// What the send says when it cannot send the file; nothing when it sends it.
+    std::optional<std::string> reason;
+};
+
+const Change changes[] = {
+    {"Vanishes", [](const fs::path& file) { fs::remove(file); }, "No such file or directory"},
+    {"BecomesAFolder",
+     [](const fs::path& file) {
+         fs::remove(file);
+         fs::create_directory(file);
+     },
+     "not a regular file"},
+    {"BecomesAPipeNobodyWritesTo",
+     [](const fs::path& file) {
+         fs::remove(file);
+         ASSERT_EQ(::mkfifo(file.c_str(), 0644), 0);
+     },
+     "not a regular file"},
+    {"BecomesUnreadable", [](const fs::path& file) { fs::permissions(file, fs::perms::none); },
+     "Permission denied"},
+    {"Shrinks", [](const fs::path& file) { fs::resize_file(file, 10); }, std::nullopt},
+    {"Grows", [](const fs::path& file) { writeFile(file, readText(file) + "grown"); },
+     std::nullopt},
+};
+
+void PrintTo(const Change& change, std::ostream* out) {
+    *out << change.name;
+}
+
+class FileChangedBeforeSending : public ::testing::TestWithParam<Change> {};
+
+// Run as an ordinary user, as users run it: root reads what it may not.
+TEST_P(FileChangedBeforeSending, IsReportedOrSentAsReadAndNothingElseIsLost) {
+    const int status = runUnprivileged([] {
+        const Change& change = GetParam();
+        TemporaryFolder source, destination, scratch;
+        std::vector<fs::path> files;
+        for (const char* name : {"a.jpg", "b.jpg", "c.mov"}) {
+            files.push_back(writeFile(source.path() / name, pattern(20'000, name[0])));
+        }
+        change.apply(files[1]);
+        EngineSession session;
+        ASSERT_TRUE(session.sendToFolder(files, destination.path(), scratch.path()));
+        EXPECT_EQ(session.errorText().has_value(), change.reason.has_value());
+        if (change.reason) {
+            const auto error = session.errorText().value_or("");
+            EXPECT_NE(error.find("b.jpg"), std::string::npos) << error;
+            EXPECT_NE(error.find(*change.reason), std::string::npos) << error;
+            EXPECT_EQ(session.reportedOk().count("b.jpg"), 0u);
+            EXPECT_EQ(session.reportedOk().count("c.mov"), 0u) << "files after it are not sent";
+            fs::remove_all(files[1]);
+            writeFile(files[1], "b is back");
+        }
+        expectResumeCompletes(session, files, source.path(), destination.path(), scratch.path());
+    });
+    if (status == noUnprivilegedChild) {
+        GTEST_SKIP() << "no child process could be made to run as an ordinary user";
+    }
+    EXPECT_EQ(status, 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(BetweenPlanningAndSending, FileChangedBeforeSending,
+                         ::testing::ValuesIn(changes),
+                         [](const auto& change) { return std::string(change.param.name); });
+
+/// A file above the whole-read limit is hashed first and read again while it
+/// is sent (sparse, so that it costs no disk). Changed in between, it is never
+/// saved: shrunk, it fails the send instead of leaving the receiver short of
+/// its announced bytes; grown or rewritten, the receiver finds the mismatch.
+TEST(LargeFileChangedWhileSending, ShrinkingFailsTheSendAndGrowingOrRewritingIsAMismatch) {
+    for (const bool shrinks : {true, false}) {
+        SCOPED_TRACE(shrinks ? "shrinks" : "grows and is rewritten");
+        TemporaryFolder folder, destination, scratch;
+        const fs::path file = writeFile(folder.path() / "long.mov", "start");
+        fs::resize_file(file, PreparedFile::wholeReadLimit + 1'000);
+        PreparedFile prepared = PreparedFile::prepare(file, MediaType::video);
+        if (shrinks) {
+            fs::resize_file(file, 4'000'000);
+        } else {
+            std::fstream rewrite(file, std::ios::binary | std::ios::in | std::ios::out);
+            rewrite << "START";
+            rewrite.seekp(0, std::ios::end);
+            rewrite << "and more at the end";
+        }
+        EngineSession session;
+        session.serveFolder(destination.path(), scratch.path());
+        session.sender().sendFrame(WireMessage::encode(SessionHeader{}));
+        session.sender().sendFrame(WireMessage::encode(prepared.header()));
+        const auto error =
+            errorOf<fs::filesystem_error>([&] { prepared.writeBytes(session.sender()); });
+        if (shrinks) {
+            ASSERT_TRUE(error) << "a shrunk file was sent";
+            EXPECT_NE(std::string(error->what()).find("file shrank while it was being sent"),
+                      std::string::npos)
+                << error->what();
+            EXPECT_EQ(error->path1(), file);
+        } else {
+            EXPECT_EQ(session.receiveAck(), (Ack{.name = "long.mov",
+                                                 .status = Ack::Status::error,
+                                                 .message = "checksum mismatch"}));
+        }
+        ASSERT_TRUE(session.finish());
+        EXPECT_TRUE(fs::is_empty(destination.path()));
+        EXPECT_TRUE(fs::is_empty(scratch.path()));
+    }
+}
+
+} // namespace
+} // namespace kestrelvane
