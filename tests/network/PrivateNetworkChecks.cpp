@@ -4,6 +4,7 @@
 #include "KestrelvaneKit/network/BonjourStream.h"
 #include "KestrelvaneKit/network/ServiceBrowser.h"
 #include "KestrelvaneKit/network/ServicePublisher.h"
+#include "KestrelvaneKit/network/TcpListener.h"
 #include "support/CaughtError.h"
 #include "support/Eventually.h"
 
@@ -106,6 +107,22 @@ TEST_F(PrivateNetwork, AStreamWaitsWhileTheNetworkIsUnreachableUntilCancelled) {
     EXPECT_EQ(started.wait_for(std::chrono::milliseconds(0)), std::future_status::timeout);
     stream.close();
     EXPECT_TRUE(testing::throwsClosed([&] { started.get(); }));
+}
+
+// The receiver's address refuses while its sibling has no route: the refusal
+// is the answer, not a wait for a network that may never come.
+TEST_F(PrivateNetwork, ARefusingAddressOutweighsAnUnreachableSibling) {
+    const std::uint16_t port = TcpListener(0, TcpListener::Scope::loopback).port(); // let go
+    auto connection = std::make_shared<TcpConnection>("two-addresses.test", port);
+    BonjourStream stream(connection);
+    auto started = std::async(std::launch::async, [&] { stream.start(); });
+    using State = TcpConnection::State;
+    ASSERT_TRUE(testing::eventually([&] {
+        return connection->state() == State::failed || connection->state() == State::waiting;
+    }));
+    EXPECT_EQ(connection->state(), State::failed);
+    stream.close();
+    EXPECT_ANY_THROW(started.get());
 }
 
 } // namespace

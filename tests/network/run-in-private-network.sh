@@ -32,6 +32,10 @@ mount -t proc proc /proc
 mount -t tmpfs -o mode=0755 kv-private-run /run
 mkdir -p /run/dbus /run/avahi-daemon
 ip link set lo up
+# A name with two addresses: loopback, and one that no route leads to.
+printf '127.0.0.1 localhost\n127.0.0.1 two-addresses.test\n192.0.2.1 two-addresses.test\n' \
+    >/run/kv-hosts
+mount --bind /run/kv-hosts /etc/hosts
 ip link set lo multicast on
 
 cat >/run/kv-dbus.conf <<'CONF'
