@@ -1,9 +1,13 @@
 #include "support/SimulatorProcess.h"
 
 #include "KestrelvaneKit/usb/UsbmuxdProtocol.h"
+#include "support/Eventually.h"
 
+#include <algorithm>
 #include <cstring>
+#include <linux/sockios.h>
 #include <stdexcept>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -77,12 +81,25 @@ Conversation::~Conversation() {
     ::close(fd_);
 }
 
-void Conversation::send(std::uint32_t tag, const PropertyList& body, PropertyList::Format format) {
+void Conversation::send(std::uint32_t tag, const PropertyList& body, PropertyList::Format format,
+                        std::size_t piece) {
     const Bytes packet = UsbmuxdProtocol::encode(tag, body.serialize(format));
-    if (::send(fd_, packet.data(), packet.size(), MSG_NOSIGNAL) !=
-        static_cast<ssize_t>(packet.size())) {
-        throw std::runtime_error("request not written");
+    const auto write = [&](std::size_t from, std::size_t to) {
+        if (::send(fd_, packet.data() + from, to - from, MSG_NOSIGNAL) !=
+            static_cast<ssize_t>(to - from)) {
+            throw std::runtime_error("request not written");
+        }
+    };
+    piece = std::min(piece, packet.size());
+    write(0, piece);
+    // A Unix socket's output queue is empty once the other end has read it all.
+    if (piece > 0 && !eventually([&] {
+            int queued = -1;
+            return ::ioctl(fd_, SIOCOUTQ, &queued) == 0 && queued == 0;
+        })) {
+        throw std::runtime_error("the first piece of the request was never read");
     }
+    write(piece, packet.size());
 }
 
 Conversation::Packet Conversation::receive() {

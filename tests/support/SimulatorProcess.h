@@ -61,8 +61,10 @@ public:
     Conversation(const Conversation&) = delete;
     Conversation& operator=(const Conversation&) = delete;
 
+    /// Sends a request; with `piece`, its first `piece` bytes alone, and the
+    /// rest once the other end has read them, so it must read in pieces.
     void send(std::uint32_t tag, const PropertyList& body,
-              PropertyList::Format format = PropertyList::Format::xml);
+              PropertyList::Format format = PropertyList::Format::xml, std::size_t piece = 0);
     /// The next packet; throws when the socket ends first.
     Packet receive();
 

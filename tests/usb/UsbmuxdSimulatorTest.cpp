@@ -61,8 +61,9 @@ TEST(UsbmuxdSimulator, RepliesInTheRequestsFormatWithItsTagAndTheDaemonsKeys) {
     SimulatorProcess simulator({}, {"--buid", "THE-BUID"});
     for (const Format format : {Format::xml, Format::binary}) {
         Conversation conversation(simulator.socketPath());
-        // One socket carries several requests, as with the real daemon.
-        conversation.send(41, message("ListDevices"), format);
+        // One socket carries several requests, as with the real daemon; this
+        // one arrives in two pieces, the header and a little more first.
+        conversation.send(41, message("ListDevices"), format, 20);
         const auto list = conversation.receive();
         EXPECT_EQ(list.tag, 41u);
         EXPECT_EQ(list.format, format);
