@@ -1,5 +1,4 @@
 #include "KestrelvaneKit/intake/Checksum.h"
-#include "KestrelvaneKit/intake/QueuePlanner.h"
 #include "KestrelvaneKit/wire/FrameChannel.h"
 #include "Sender/AppcastUpdater.h"
 #include "Sender/ContentView.h"
@@ -70,8 +69,8 @@ fs::path fixture(const QString& name) {
     return fs::path(KV_FIXTURES_DIR) / name.toStdString();
 }
 
-DiscoveredService phone(const std::string& name, std::uint16_t port = 9876) {
-    return {name, "local", name + ".local", {"192.168.1.20"}, port};
+DiscoveredService phone(const std::string& name) {
+    return {name, "local", name + ".local", {"192.168.1.20"}, 9876};
 }
 
 Ack ack(int file, Ack::Status status = Ack::Status::ok,
@@ -79,14 +78,12 @@ Ack ack(int file, Ack::Status status = Ack::Status::ok,
     return Ack{"IMG_" + std::to_string(file) + ".jpg", status, std::move(message)};
 }
 
-QByteArray appcast(const QByteArray& items) {
-    return "<rss version=\"2.0\" "
-           "xmlns:sparkle=\"http://www.andymatuschak.org/xml-namespaces/sparkle\"><channel>" +
-           items + "</channel></rss>";
-}
-
-/// A feed fetched through the network code, from a data: URL.
-QUrl served(const QByteArray& body) {
+/// A feed of these items, fetched through the network code from a data: URL.
+QUrl servedFeed(const QByteArray& items) {
+    const QByteArray body = "<rss version=\"2.0\" "
+                            "xmlns:sparkle=\"http://www.andymatuschak.org/xml-namespaces/sparkle\">"
+                            "<channel>" +
+                            items + "</channel></rss>";
     return QUrl(QString::fromLatin1("data:application/rss+xml;base64," + body.toBase64()));
 }
 
@@ -295,24 +292,18 @@ private slots:
     void thumbnailsArriveOnlyForRealImagesAndNotOnceCancelled() {
         ThumbnailProvider provider(1);
         QSignalSpy ready(&provider, &ThumbnailProvider::thumbnailReady);
-        provider.request("jpeg", fixture("thumbnails/landscape.jpg"), 48);
-        provider.request("broken", fixture("media/not-an-image.jpg"), 48);
-        QVERIFY(provider.waitForDone(30'000));
-        QTRY_COMPARE_WITH_TIMEOUT(ready.count(), 1, 30'000);
-        QCOMPARE(ready[0][0].toString(), "jpeg");
-        QCOMPARE(ready[0][1].value<QImage>().width(), 48);
-
-        ready.clear();
         for (int i = 0; i < 40; ++i) {
             provider.request(QString::number(i), fixture("thumbnails/landscape.jpg"), 48);
         }
         provider.cancel("39");
         provider.cancelAll();
+        provider.request("broken", fixture("media/not-an-image.jpg"), 48);
         provider.request("last", fixture("thumbnails/landscape.jpg"), 48);
         QTRY_VERIFY_WITH_TIMEOUT(!ready.isEmpty() && ready.last()[0].toString() == "last", 30'000);
         QVERIFY(provider.waitForDone(30'000));
         QCoreApplication::processEvents();
         QCOMPARE(ready.count(), 1);
+        QCOMPARE(ready[0][1].value<QImage>().width(), 48);
     }
 
     void everyReportFromTheBrowsersThreadReplacesTheListUntilStopped() {
@@ -326,16 +317,14 @@ private slots:
         const auto report = [&browser](const std::vector<DiscoveredService>& services) {
             std::thread([&] { browser.resultsChanged(services); }).join();
         };
-        const std::vector<DiscoveredService> three{phone("Anna"), phone("Ben"), phone("Cleo")};
-        report(three);
-        QTRY_COMPARE_WITH_TIMEOUT(changed.count(), 1, 30'000);
-        QVERIFY(browser.devices() == three);
-        report({phone("Ben", 9877)});
-        QTRY_COMPARE_WITH_TIMEOUT(changed.count(), 2, 30'000);
-        QVERIFY(browser.devices() == std::vector<DiscoveredService>{phone("Ben", 9877)});
+        const std::vector<DiscoveredService> two{phone("Anna"), phone("Ben")};
+        for (const auto& services : {two, std::vector<DiscoveredService>{phone("Cleo")}}) {
+            report(services);
+            QTRY_VERIFY_WITH_TIMEOUT(browser.devices() == services, 30'000);
+        }
 
         // A report still on its way when the browser stops is dropped.
-        report(three);
+        report(two);
         browser.stop();
         QCoreApplication::processEvents();
         QVERIFY(browser.devices().empty());
@@ -383,23 +372,16 @@ private slots:
         const auto paths =
             files({"z.heic", "pics/b.jpg", "pics/notes.txt", "pics/A.png", "pics/deep/c.mov"});
         testing::writeFile(paths[0], testing::pattern(1234));
-        const std::vector<fs::path> drop{paths[0], folder_->path() / "pics"};
-        QStringList names;
-        QStringList types;
-        for (const auto& path : QueuePlanner::plan(drop, {})) {
-            names << QString::fromStdString(path.filename().string());
-            types << (path.extension() == ".mov" ? "video" : "photo");
-        }
-        QCOMPARE(names.size(), 4);
-
         QSignalSpy finished(&queue(), &TransferQueue::addFinished);
-        queue().add(drop);
+        queue().add({paths[0], folder_->path() / "pics"});
         queue().add({paths[1], paths[1]}); // arrive while the first drop is planned
         queue().add({folder_->path()});
         QTRY_COMPARE_WITH_TIMEOUT(finished.count(), 3, 30'000);
         QVERIFY(addAndWait({paths[0]}));
-        QCOMPARE(column(queue(), TransferQueue::NameRole), names);
-        QCOMPARE(column(queue(), TransferQueue::MediaTypeRole), types);
+        QCOMPARE(column(queue(), TransferQueue::NameRole),
+                 QStringList({"z.heic", "A.png", "b.jpg", "c.mov"}));
+        QCOMPARE(column(queue(), TransferQueue::MediaTypeRole),
+                 QStringList({"photo", "photo", "photo", "video"}));
         QCOMPARE(queue().totalBytes(), 1234 + 3);
     }
 
@@ -435,37 +417,6 @@ private slots:
         }
         QVERIFY(addAndWait({late}));
         QCOMPARE(column(queue(), TransferQueue::NameRole), QStringList{"late.jpg"});
-    }
-
-    void statusesFollowASendAndTheCountsFollowEveryChange() {
-        const auto paths = files({"one/IMG.jpg", "two/IMG.jpg", "a.jpg", "b.jpg"});
-        QVERIFY(addAndWait(paths));
-        QSignalSpy changed(&queue(), &QAbstractItemModel::dataChanged);
-        queue().markSending({"IMG.jpg", "a.jpg"});
-        QCOMPARE(changed.count(), 3);
-        QCOMPARE(column(queue()), QStringList({"sending", "sending", "sending", "queued"}));
-
-        // An acknowledgement names a file: the first row of that name takes it.
-        queue().setStatus(Status::failed("disk full"), "IMG.jpg");
-        queue().setStatus(Status::saved(), "a.jpg");
-        queue().setStatus(Status::saved(), "missing.jpg");
-        QCOMPARE(changed.count(), 5);
-        QCOMPARE(column(queue(), TransferQueue::StatusMessageRole).first(), "disk full");
-        queue().revertSending();
-        QCOMPARE(column(queue()), QStringList({"failed", "queued", "saved", "queued"}));
-        QCOMPARE(queue().unsentCount(), 3);
-        QVERIFY((queue().unsentURLs() == std::vector<fs::path>{paths[0], paths[1], paths[3]}));
-
-        queue().setStatus(Status::saved(), "b.jpg");
-        queue().setStatus(Status::failed("gone"), "a.jpg"); // a saved file sent again
-        QCOMPARE(queue().savedCount(), 1);
-        const QString removed = queue().items()[1].id;
-        queue().remove({removed, queue().items()[3].id, "not-there"});
-        QCOMPARE(column(queue(), TransferQueue::NameRole), QStringList({"IMG.jpg", "a.jpg"}));
-        QCOMPARE(queue().savedCount(), 0);
-        QCOMPARE(queue().unsentCount(), 2);
-        queue().applyThumbnail(removed, QImage(4, 4, QImage::Format_RGB32)); // arriving late
-        QCOMPARE(changed.count(), 8);
     }
 
     // A send that cannot start, one broken off, then the send of what is left.
@@ -513,6 +464,8 @@ private slots:
         QCOMPARE(model_->bytesDone(), 1001 + 1002 + 1003 + 1004);
         QVERIFY(model_->statsLine().startsWith("0 MB in "));
         QCOMPARE(failures_, 1);
+        queue().remove({queue().items()[0].id, "not-there"});
+        QCOMPARE(queue().unsentCount(), 0); // a saved file removed is no longer counted saved
     }
 
     void destroyingTheModelEndsASendThatWaitsForever() {
@@ -523,38 +476,27 @@ private slots:
         QVERIFY(receiver_->waitForEnd());
     }
 
-    void versionsCompareByTheirNumbersAndPreReleasesComeFirst() {
-        const std::pair<const char*, const char*> newerOlder[] = {
-            {"1.10", "1.9"},    {"1.0.1", "1.0"},   {"1.0.0", "1.0"}, {"1.0", "1.0b1"},
-            {"1.0b2", "1.0b1"}, {"1.0.1", "1.0b1"}, {"210", "0.1.0"}};
-        for (const auto& [newer, older] : newerOlder) {
-            QVERIFY2(AppcastUpdater::compareVersions(newer, older) > 0, newer);
-            QVERIFY2(AppcastUpdater::compareVersions(older, newer) < 0, older);
-        }
-        QCOMPARE(AppcastUpdater::compareVersions("2.0", "2.0"), 0);
-    }
-
     // Started, with a feed, one check at a time; the newest item of the feed is the latest.
     void aCheckReportsANewerReleaseThisOneAsCurrentOrWhyItFailed() {
-        const QUrl twoReleases = served(appcast(
+        const QUrl twoReleases = servedFeed(
             "<item><title>Version 2.1</title><sparkle:version>210</sparkle:version>"
             "<sparkle:shortVersionString>2.1</sparkle:shortVersionString><sparkle:releaseNotesLink>"
             "https://example.org/notes/2.1.html</sparkle:releaseNotesLink>"
             "<enclosure url=\"https://example.org/Kestrelvane-2.1.tar.gz\" length=\"100\"/></item>"
             "<item><title>Version 2.0</title>"
             "<enclosure url=\"https://example.org/Kestrelvane-2.0.tar.gz\" sparkle:version=\"200\" "
-            "sparkle:shortVersionString=\"2.0\"/></item>"));
+            "sparkle:shortVersionString=\"2.0\"/></item>");
         const struct {
             QUrl feed;
             const char* current;
             Check kind;
         } cases[] = {
             {twoReleases, "200", Check::updateAvailable},
+            {twoReleases, "30", Check::updateAvailable}, // by number, not as text
             {twoReleases, "210", Check::upToDate},
             {QUrl("file:///nonexistent/appcast.xml"), "1", Check::failed},
-            {served(appcast("")), "1", Check::failed},
-            {served(appcast("<item><title>x</title>")), "1", Check::failed},
-            {served(appcast("<item><title>no version</title></item>")), "1", Check::failed},
+            {servedFeed("<item><title>x</title>"), "1", Check::failed},
+            {servedFeed("<item><title>no version</title></item>"), "1", Check::failed},
         };
         AppcastUpdater unconfigured(QUrl(), QStringLiteral("200"));
         unconfigured.start();
