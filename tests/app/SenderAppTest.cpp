@@ -251,8 +251,7 @@ private slots:
             {"thumbnails/landscape.jpg", {96, 72}},
             {"thumbnails/portrait.heic", {72, 96}},
             {"thumbnails/clip.mov", {96, 54}},
-            // Colour-filter-array data Qt cannot read: only the red preview in its SubIFD can
-            // serve.
+            // Colour-filter-array data Qt cannot read: only its red SubIFD preview serves.
             {"thumbnails/preview.dng", {96, 72}},
             {"media/jpeg-original.jpg", {16, 16}}, // small, not enlarged
             {"media/not-an-image.jpg", {}},
