@@ -1,5 +1,4 @@
 #include "KestrelvaneKit/intake/Checksum.h"
-#include "KestrelvaneKit/intake/QueuePlanner.h"
 #include "KestrelvaneKit/wire/FrameChannel.h"
 #include "Sender/AppcastUpdater.h"
 #include "Sender/ContentView.h"
@@ -32,9 +31,7 @@
 namespace kestrelvane {
 
 namespace fs = std::filesystem;
-using Status = TransferQueue::Status;
-using State = UsbmuxdDiscovery::State;
-using Kind = State::Kind;
+using Kind = UsbmuxdDiscovery::State::Kind;
 using Check = AppcastUpdater::Result::Kind;
 
 namespace {
@@ -66,27 +63,12 @@ int ownNiceness() {
     return ::getpriority(PRIO_PROCESS, static_cast<id_t>(::gettid()));
 }
 
-fs::path fixture(const QString& name) {
-    return fs::path(KV_FIXTURES_DIR) / name.toStdString();
-}
-
-DiscoveredService phone(const std::string& name, std::uint16_t port = 9876) {
-    return {name, "local", name + ".local", {"192.168.1.20"}, port};
-}
-
-Ack ack(int file, Ack::Status status = Ack::Status::ok,
-        std::optional<std::string> message = std::nullopt) {
-    return Ack{"IMG_" + std::to_string(file) + ".jpg", status, std::move(message)};
-}
-
-QByteArray appcast(const QByteArray& items) {
-    return "<rss version=\"2.0\" "
-           "xmlns:sparkle=\"http://www.andymatuschak.org/xml-namespaces/sparkle\"><channel>" +
-           items + "</channel></rss>";
-}
-
-/// A feed fetched through the network code, from a data: URL.
-QUrl served(const QByteArray& body) {
+/// A feed of these items, fetched through the network code from a data: URL.
+QUrl servedFeed(const QByteArray& items) {
+    const QByteArray body = "<rss version=\"2.0\" "
+                            "xmlns:sparkle=\"http://www.andymatuschak.org/xml-namespaces/sparkle\">"
+                            "<channel>" +
+                            items + "</channel></rss>";
     return QUrl(QString::fromLatin1("data:application/rss+xml;base64," + body.toBase64()));
 }
 
@@ -205,51 +187,39 @@ private slots:
         QTest::mouseClick(button, Qt::LeftButton);
         QTRY_VERIFY_WITH_TIMEOUT(!view.viewModel().isSending(), 60'000);
         QCOMPARE(column(queue), QStringList(3, "saved"));
-        for (const fs::path& photo : photos) {
-            QCOMPARE(Checksum::sha256HexOfFile(phoneFolder / "Trip" / photo.filename()),
-                     Checksum::sha256HexOfFile(photo));
-        }
+        QCOMPARE(Checksum::sha256HexOfFile(phoneFolder / "Trip" / "IMG_1.jpg"), // resumed
+                 Checksum::sha256HexOfFile(photos[1]));
         QCOMPARE(button->text(), "Sent ✓");
         QVERIFY(view.findChild<QLabel*>("statsLine")->text().contains(" MB in "));
         QTRY_COMPARE_WITH_TIMEOUT(status->text(), "● iPhone ready", 30'000);
         saveScreenshot(view, QStringLiteral("window-sent"));
 
         // A file the phone refuses gives its reason as its status' hover text.
-        queue.setStatus(Status::failed(QStringLiteral("disk full")), "IMG_1.jpg");
+        queue.setStatus(TransferQueue::Status::failed(QStringLiteral("disk full")), "IMG_1.jpg");
         QCOMPARE(QueueRowDelegate::statusHelp(queue.index(1)), "disk full");
         QVERIFY(QueueRowDelegate::statusHelp(queue.index(0)).isEmpty());
 
         QTest::mouseClick(clear, Qt::LeftButton);
         QVERIFY(view.findChild<QWidget*>("emptyState")->isVisible());
-        QCOMPARE(queue.unsentCount(), 0); // the saved ones are no longer counted
-        // From the minimum width on, the toolbar shows every device status whole.
+        // At the minimum width the toolbar shows the longest device status whole.
         view.resize(view.minimumSize());
-        for (const Kind kind : {Kind::ready, Kind::noDevice, Kind::appNotListening}) {
-            status->setText(ContentView::deviceText(kind));
-            QCoreApplication::sendPostedEvents(nullptr, QEvent::LayoutRequest);
-            const int needed = status->fontMetrics().horizontalAdvance(status->text());
-            QVERIFY2(status->contentsRect().width() >= needed, qPrintable(status->text()));
-            QVERIFY(status->geometry().right() < view.findChild<QWidget*>("toolbar")->width());
-        }
-        view.hide();
-        QVERIFY(!view.discovery().isRunning());
-        QVERIFY(!view.browser().isBrowsing());
+        status->setText(ContentView::deviceText(Kind::appNotListening));
+        QCoreApplication::sendPostedEvents(nullptr, QEvent::LayoutRequest);
+        QVERIFY(status->contentsRect().width() >=
+                status->fontMetrics().horizontalAdvance(status->text()));
+        QVERIFY(status->geometry().right() < view.findChild<QWidget*>("toolbar")->width());
     }
 
-    void jobsRunInOrderOnALowPriorityWorkerDeliverOnTheOwnersThreadAndAreWaitedFor() {
+    void aLowPriorityWorkerDeliversOnTheOwnersThreadAndIsWaitedForToItsLastJobsEnd() {
         const int owner = ownNiceness();
         BackgroundWork work(1, BackgroundWork::Priority::low);
-        std::vector<int> order;
         std::atomic<int> workerNiceness = 0;
-        for (int i = 0; i < 5; ++i) {
-            work.runThenDeliver(
-                [i, &order, &workerNiceness, ownerThread = QThread::currentThread()] {
-                    workerNiceness = QThread::currentThread() == ownerThread ? -100 : ownNiceness();
-                    return std::function<void()>([&order, i, ownerThread] {
-                        order.push_back(QThread::currentThread() == ownerThread ? i : -1);
-                    });
-                });
-        }
+        QThread* deliveredOn = nullptr;
+        work.runThenDeliver([&workerNiceness, &deliveredOn] {
+            workerNiceness = ownNiceness();
+            return std::function<void()>(
+                [&deliveredOn] { deliveredOn = QThread::currentThread(); });
+        });
         std::promise<void> started;
         std::promise<void> release;
         work.run([&started, released = release.get_future().share()] {
@@ -260,59 +230,48 @@ private slots:
         QVERIFY(!work.waitForDone(std::chrono::milliseconds(1))); // no job waits, the last runs
         release.set_value();
         QVERIFY(work.waitForDone(std::chrono::seconds(30)));
-        QVERIFY(QTest::qWaitFor([&] { return order.size() == 5; }, 10'000));
-        QCOMPARE(order, (std::vector<int>{0, 1, 2, 3, 4}));
+        QTRY_VERIFY_WITH_TIMEOUT(deliveredOn == QThread::currentThread(), 10'000);
         // Only the workers yield: the owner's thread keeps its priority.
         QCOMPARE(workerNiceness.load(), std::min(owner + BackgroundWork::lowPriorityNiceness, 19));
         QCOMPARE(ownNiceness(), owner);
     }
 
-    void eachDecoderGivesAThumbnailOfTheRequestedSize_data() {
-        QTest::addColumn<QString>("file");
-        QTest::addColumn<QSize>("size"); // 0 × 0: no thumbnail
-        QTest::newRow("jpeg") << "thumbnails/landscape.jpg" << QSize(96, 72);
-        QTest::newRow("heic") << "thumbnails/portrait.heic" << QSize(72, 96);
-        QTest::newRow("video") << "thumbnails/clip.mov" << QSize(96, 54);
-        // Colour-filter-array data Qt cannot read: only the red preview in its SubIFD can serve.
-        QTest::newRow("dng preview") << "thumbnails/preview.dng" << QSize(96, 72);
-        QTest::newRow("small, not enlarged") << "media/jpeg-original.jpg" << QSize(16, 16);
-        QTest::newRow("not an image") << "media/not-an-image.jpg" << QSize(0, 0);
-        QTest::newRow("missing photo") << "media/missing.heic" << QSize(0, 0);
-        QTest::newRow("missing video") << "media/missing.mov" << QSize(0, 0);
-    }
-    void eachDecoderGivesAThumbnailOfTheRequestedSize() {
-        QFETCH(QString, file);
-        QFETCH(QSize, size);
-        const QImage image = ThumbnailProvider::generate(fixture(file), 96);
-        QCOMPARE(image.size(), size);
-        if (file.endsWith(".dng")) {
-            const QColor centre = image.pixelColor(48, 36);
-            QVERIFY2(centre.red() > 180 && centre.green() < 70 && centre.blue() < 70,
-                     qPrintable(centre.name()));
-        }
-    }
-
-    void thumbnailsArriveOnlyForRealImagesAndNotOnceCancelled() {
+    // Each decoder's thumbnail, at most the requested size; none for a file that gives
+    // no image, nor for a request cancelled.
+    void thumbnailsArriveAtTheirSizeOnlyForRealImagesAndNotOnceCancelled() {
+        const fs::path fixtures(KV_FIXTURES_DIR);
         ThumbnailProvider provider(1);
         QSignalSpy ready(&provider, &ThumbnailProvider::thumbnailReady);
-        provider.request("jpeg", fixture("thumbnails/landscape.jpg"), 48);
-        provider.request("broken", fixture("media/not-an-image.jpg"), 48);
-        QVERIFY(provider.waitForDone(30'000));
-        QTRY_COMPARE_WITH_TIMEOUT(ready.count(), 1, 30'000);
-        QCOMPARE(ready[0][0].toString(), "jpeg");
-        QCOMPARE(ready[0][1].value<QImage>().width(), 48);
-
-        ready.clear();
         for (int i = 0; i < 40; ++i) {
-            provider.request(QString::number(i), fixture("thumbnails/landscape.jpg"), 48);
+            provider.request(QString::number(i), fixtures / "thumbnails/landscape.jpg", 96);
         }
         provider.cancel("39");
         provider.cancelAll();
-        provider.request("last", fixture("thumbnails/landscape.jpg"), 48);
-        QTRY_VERIFY_WITH_TIMEOUT(!ready.isEmpty() && ready.last()[0].toString() == "last", 30'000);
+        const std::map<QString, QSize> sizes{
+            {"thumbnails/landscape.jpg", {96, 72}},
+            {"thumbnails/portrait.heic", {72, 96}},
+            {"thumbnails/clip.mov", {96, 54}},
+            // Colour-filter-array data Qt cannot read: only its red SubIFD preview serves.
+            {"thumbnails/preview.dng", {96, 72}},
+            {"media/jpeg-original.jpg", {16, 16}}, // small, not enlarged
+            {"media/not-an-image.jpg", {}},
+            {"media/missing.heic", {}},
+            {"media/missing.mov", {}}};
+        for (const auto& [file, size] : sizes) {
+            provider.request(file, fixtures / file.toStdString(), 96);
+        }
         QVERIFY(provider.waitForDone(30'000));
+        QTRY_COMPARE_WITH_TIMEOUT(ready.count(), 5, 30'000);
         QCoreApplication::processEvents();
-        QCOMPARE(ready.count(), 1);
+        QCOMPARE(ready.count(), 5);
+        for (const QList<QVariant>& arrived : ready) {
+            const QImage image = arrived[1].value<QImage>();
+            QCOMPARE(image.size(), sizes.at(arrived[0].toString()));
+            const QColor centre = image.pixelColor(image.width() / 2, image.height() / 2);
+            QVERIFY2(!arrived[0].toString().endsWith(".dng") ||
+                         (centre.red() > 180 && centre.green() < 70 && centre.blue() < 70),
+                     qPrintable(centre.name()));
+        }
     }
 
     void everyReportFromTheBrowsersThreadReplacesTheListUntilStopped() {
@@ -326,16 +285,14 @@ private slots:
         const auto report = [&browser](const std::vector<DiscoveredService>& services) {
             std::thread([&] { browser.resultsChanged(services); }).join();
         };
-        const std::vector<DiscoveredService> three{phone("Anna"), phone("Ben"), phone("Cleo")};
-        report(three);
-        QTRY_COMPARE_WITH_TIMEOUT(changed.count(), 1, 30'000);
-        QVERIFY(browser.devices() == three);
-        report({phone("Ben", 9877)});
-        QTRY_COMPARE_WITH_TIMEOUT(changed.count(), 2, 30'000);
-        QVERIFY(browser.devices() == std::vector<DiscoveredService>{phone("Ben", 9877)});
+        const std::vector<DiscoveredService> two{{"Anna", "local", "anna.local", {"::1"}, 9876},
+                                                 {"Ben", "local", "ben.local", {"::1"}, 9877}};
+        report(two);
+        report({two[1]}); // replaces the list
+        QTRY_VERIFY_WITH_TIMEOUT(browser.devices() == std::vector{two[1]}, 30'000);
 
         // A report still on its way when the browser stops is dropped.
-        report(three);
+        report({two[0]});
         browser.stop();
         QCoreApplication::processEvents();
         QVERIFY(browser.devices().empty());
@@ -344,38 +301,28 @@ private slots:
 
     // What the first pass finds, kept by every pass after it without probing again.
     void eachPhoneShowsAsWhatItsReceiverAllows() {
-        const struct {
-            bool daemon;
-            std::vector<std::string> phones;
-            Kind kind;
-            int tunnels;
-        } cases[] = {
-            {false, {}, Kind::noDevice, 0},
-            {true, {}, Kind::noDevice, 0},
-            {true, {"SHUT,0x12a8,none"}, Kind::appNotListening, 0},
-            {true, {"GONE,0x12a8,vanished"}, Kind::noDevice, 0}, // unplugged while probed
-            {true, {"FIRST,0x12a8,none", "SECOND,0x12a8,test"}, Kind::appNotListening, 0},
-            {true, {"PHONE,0x12a8,test"}, Kind::ready, 1},
+        const std::tuple<bool, std::vector<std::string>, Kind> cases[] = {
+            {false, {}, Kind::noDevice},
+            {true, {"SHUT,0x12a8,none"}, Kind::appNotListening},
+            {true, {"GONE,0x12a8,vanished"}, Kind::noDevice}, // unplugged while probed
+            {true, {"FIRST,0x12a8,none", "SECOND,0x12a8,test"}, Kind::appNotListening},
+            {true, {"PHONE,0x12a8,test"}, Kind::ready},
         };
-        for (const auto& [daemon, phones, kind, tunnels] : cases) {
-            std::optional<testing::SimulatorProcess> sim;
-            if (daemon) {
-                sim.emplace(phones);
-            }
+        for (const auto& [daemon, phones, kind] : cases) {
+            testing::SimulatorProcess sim(phones);
             UsbmuxdDiscovery discovery(
-                sim ? sim->address() : UsbmuxdClient::SocketAddress{"/nonexistent/usbmuxd", {}, 0},
+                daemon ? sim.address()
+                       : UsbmuxdClient::SocketAddress{"/nonexistent/usbmuxd", {}, 0},
                 testInterval);
-            QSignalSpy changes(&discovery, &UsbmuxdDiscovery::stateChanged);
             QSignalSpy passes(&discovery, &UsbmuxdDiscovery::passFinished);
             discovery.start();
             QVERIFY(QTest::qWaitFor([&] { return passes.count() >= 5; }, 30'000));
             QCOMPARE(discovery.state().kind, kind);
             QCOMPARE(discovery.state().deviceID, std::int64_t{kind == Kind::noDevice ? 0 : 1});
             QCOMPARE(discovery.state().fileDescriptor >= 0, kind == Kind::ready);
-            QCOMPARE(changes.count(), kind == Kind::noDevice ? 0 : 1);
             discovery.stop();
-            QVERIFY(discovery.state() == State::noDevice());
-            QCOMPARE(sim ? sim->tunnelsOpened() : 0, tunnels);
+            QVERIFY(discovery.state() == UsbmuxdDiscovery::State::noDevice());
+            QCOMPARE(sim.tunnelsOpened(), kind == Kind::ready ? 1 : 0); // not probed again
         }
     }
 
@@ -383,23 +330,16 @@ private slots:
         const auto paths =
             files({"z.heic", "pics/b.jpg", "pics/notes.txt", "pics/A.png", "pics/deep/c.mov"});
         testing::writeFile(paths[0], testing::pattern(1234));
-        const std::vector<fs::path> drop{paths[0], folder_->path() / "pics"};
-        QStringList names;
-        QStringList types;
-        for (const auto& path : QueuePlanner::plan(drop, {})) {
-            names << QString::fromStdString(path.filename().string());
-            types << (path.extension() == ".mov" ? "video" : "photo");
-        }
-        QCOMPARE(names.size(), 4);
-
         QSignalSpy finished(&queue(), &TransferQueue::addFinished);
-        queue().add(drop);
+        queue().add({paths[0], folder_->path() / "pics"});
         queue().add({paths[1], paths[1]}); // arrive while the first drop is planned
         queue().add({folder_->path()});
         QTRY_COMPARE_WITH_TIMEOUT(finished.count(), 3, 30'000);
         QVERIFY(addAndWait({paths[0]}));
-        QCOMPARE(column(queue(), TransferQueue::NameRole), names);
-        QCOMPARE(column(queue(), TransferQueue::MediaTypeRole), types);
+        QCOMPARE(column(queue(), TransferQueue::NameRole),
+                 QStringList({"z.heic", "A.png", "b.jpg", "c.mov"}));
+        QCOMPARE(column(queue(), TransferQueue::MediaTypeRole),
+                 QStringList({"photo", "photo", "photo", "video"}));
         QCOMPARE(queue().totalBytes(), 1234 + 3);
     }
 
@@ -437,43 +377,14 @@ private slots:
         QCOMPARE(column(queue(), TransferQueue::NameRole), QStringList{"late.jpg"});
     }
 
-    void statusesFollowASendAndTheCountsFollowEveryChange() {
-        const auto paths = files({"one/IMG.jpg", "two/IMG.jpg", "a.jpg", "b.jpg"});
-        QVERIFY(addAndWait(paths));
-        QSignalSpy changed(&queue(), &QAbstractItemModel::dataChanged);
-        queue().markSending({"IMG.jpg", "a.jpg"});
-        QCOMPARE(changed.count(), 3);
-        QCOMPARE(column(queue()), QStringList({"sending", "sending", "sending", "queued"}));
-
-        // An acknowledgement names a file: the first row of that name takes it.
-        queue().setStatus(Status::failed("disk full"), "IMG.jpg");
-        queue().setStatus(Status::saved(), "a.jpg");
-        queue().setStatus(Status::saved(), "missing.jpg");
-        QCOMPARE(changed.count(), 5);
-        QCOMPARE(column(queue(), TransferQueue::StatusMessageRole).first(), "disk full");
-        queue().revertSending();
-        QCOMPARE(column(queue()), QStringList({"failed", "queued", "saved", "queued"}));
-        QCOMPARE(queue().unsentCount(), 3);
-        QVERIFY((queue().unsentURLs() == std::vector<fs::path>{paths[0], paths[1], paths[3]}));
-
-        queue().setStatus(Status::saved(), "b.jpg");
-        queue().setStatus(Status::failed("gone"), "a.jpg"); // a saved file sent again
-        QCOMPARE(queue().savedCount(), 1);
-        const QString removed = queue().items()[1].id;
-        queue().remove({removed, queue().items()[3].id, "not-there"});
-        QCOMPARE(column(queue(), TransferQueue::NameRole), QStringList({"IMG.jpg", "a.jpg"}));
-        QCOMPARE(queue().savedCount(), 0);
-        QCOMPARE(queue().unsentCount(), 2);
-        queue().applyThumbnail(removed, QImage(4, 4, QImage::Format_RGB32)); // arriving late
-        QCOMPARE(changed.count(), 8);
-    }
-
-    // A send that cannot start, one broken off, then the send of what is left.
+    // A send that cannot start, one broken off, the send of what is left, then one cut
+    // short by destroying the model.
     void aSendBrokenOffRequeuesWhatWasNotSavedAndTheNextSendsExactlyThat() {
         std::vector<fs::path> sent; // file i holds 1000 + i bytes
         for (int i = 0; i < 5; ++i) {
-            sent.push_back(testing::writeFile(folder_->path() / ack(i).name,
-                                              testing::pattern(1000 + i, std::uint8_t(i))));
+            sent.push_back(
+                testing::writeFile(folder_->path() / ("IMG_" + std::to_string(i) + ".jpg"),
+                                   testing::pattern(1000 + i, std::uint8_t(i))));
         }
         QVERIFY(addAndWait(sent));
         model_->startSend(
@@ -488,9 +399,9 @@ private slots:
         startSend(false);
         QCOMPARE(column(queue()), QStringList(5, "sending"));
         QVERIFY(receiver_->waitForFiles(5));
-        receiver_->sendAck(ack(0));
-        receiver_->sendAck(ack(1, Ack::Status::error, "no space"));
-        receiver_->sendAck(ack(2, Ack::Status::error));
+        receiver_->sendAck({"IMG_0.jpg", Ack::Status::ok, {}});
+        receiver_->sendAck({"IMG_1.jpg", Ack::Status::error, "no space"});
+        receiver_->sendAck({"IMG_2.jpg", Ack::Status::error, {}});
         QTRY_COMPARE_WITH_TIMEOUT(column(queue()).count("sending"), 2, 30'000);
         QVERIFY(model_->statsLine().contains(" MB/s \u00B7 "));
         receiver_->closeConnection();
@@ -501,63 +412,41 @@ private slots:
         QCOMPARE(model_->bytesDone(), 1000); // only what was saved
         // Every file was written: acknowledgements ending early are no failure.
         QCOMPARE(failures_, 1);
-        QVERIFY(!receiver_->session()->albumName.has_value());
 
-        model_->setAlbumName("  Trip \n");
         startSend(true);
         QTRY_VERIFY_WITH_TIMEOUT(!model_->isSending(), 30'000);
         QCOMPARE(receiver_->files().size(), std::size_t{4}); // IMG_1.jpg … IMG_4.jpg
-        QCOMPARE(receiver_->files().front().header.name, "IMG_1.jpg");
-        QVERIFY(receiver_->session()->albumName == std::optional<std::string>("Trip"));
         QCOMPARE(column(queue()), QStringList(5, "saved"));
         QCOMPARE(model_->bytesDone(), 1001 + 1002 + 1003 + 1004);
         QVERIFY(model_->statsLine().startsWith("0 MB in "));
-        QCOMPARE(failures_, 1);
-    }
+        queue().remove({queue().items()[0].id, "not-there"});
+        QCOMPARE(queue().unsentCount(), 0); // a saved file removed is no longer counted saved
 
-    void destroyingTheModelEndsASendThatWaitsForever() {
-        QVERIFY(addAndWait(files({"IMG_0.jpg", "IMG_1.jpg"})));
+        // Destroying the model must not hang: the connection is closed and the worker joined.
+        QVERIFY(addAndWait(files({"IMG_5.jpg"})));
         startSend(false);
-        QVERIFY(receiver_->waitForFiles(2));
-        model_.reset(); // must not hang: the connection is closed and the worker joined
+        QVERIFY(receiver_->waitForFiles(1));
+        model_.reset();
         QVERIFY(receiver_->waitForEnd());
-    }
-
-    void versionsCompareByTheirNumbersAndPreReleasesComeFirst() {
-        const std::pair<const char*, const char*> newerOlder[] = {
-            {"1.10", "1.9"},    {"1.0.1", "1.0"},   {"1.0.0", "1.0"}, {"1.0", "1.0b1"},
-            {"1.0b2", "1.0b1"}, {"1.0.1", "1.0b1"}, {"210", "0.1.0"}};
-        for (const auto& [newer, older] : newerOlder) {
-            QVERIFY2(AppcastUpdater::compareVersions(newer, older) > 0, newer);
-            QVERIFY2(AppcastUpdater::compareVersions(older, newer) < 0, older);
-        }
-        QCOMPARE(AppcastUpdater::compareVersions("2.0", "2.0"), 0);
     }
 
     // Started, with a feed, one check at a time; the newest item of the feed is the latest.
     void aCheckReportsANewerReleaseThisOneAsCurrentOrWhyItFailed() {
-        const QUrl twoReleases = served(appcast(
+        const QUrl twoReleases = servedFeed(
             "<item><title>Version 2.1</title><sparkle:version>210</sparkle:version>"
             "<sparkle:shortVersionString>2.1</sparkle:shortVersionString><sparkle:releaseNotesLink>"
             "https://example.org/notes/2.1.html</sparkle:releaseNotesLink>"
-            "<enclosure url=\"https://example.org/Kestrelvane-2.1.tar.gz\" length=\"100\"/></item>"
-            "<item><title>Version 2.0</title>"
-            "<enclosure url=\"https://example.org/Kestrelvane-2.0.tar.gz\" sparkle:version=\"200\" "
-            "sparkle:shortVersionString=\"2.0\"/></item>"));
-        const struct {
-            QUrl feed;
-            const char* current;
-            Check kind;
-        } cases[] = {
+            "<enclosure url=\"https://example.org/2.1.tar.gz\" length=\"100\"/></item>"
+            "<item><enclosure url=\"https://example.org/2.0.tar.gz\" "
+            "sparkle:version=\"200\"/></item>");
+        const std::tuple<QUrl, const char*, Check> cases[] = {
             {twoReleases, "200", Check::updateAvailable},
+            {twoReleases, "30", Check::updateAvailable}, // by number, not as text
             {twoReleases, "210", Check::upToDate},
             {QUrl("file:///nonexistent/appcast.xml"), "1", Check::failed},
-            {served(appcast("")), "1", Check::failed},
-            {served(appcast("<item><title>x</title>")), "1", Check::failed},
-            {served(appcast("<item><title>no version</title></item>")), "1", Check::failed},
+            {servedFeed("<item><title>x</title>"), "1", Check::failed},
+            {servedFeed("<item><title>no version</title></item>"), "1", Check::failed},
         };
-        AppcastUpdater unconfigured(QUrl(), QStringLiteral("200"));
-        unconfigured.start();
         for (const auto& [feed, current, kind] : cases) {
             AppcastUpdater updater(feed, current);
             QSignalSpy finished(&updater, &AppcastUpdater::checkFinished);
@@ -574,11 +463,9 @@ private slots:
             if (kind != Check::failed) {
                 QCOMPARE(result.latest.shortVersion, "2.1");
                 QCOMPARE(result.latest.releaseNotesUrl, QUrl("https://example.org/notes/2.1.html"));
-                QCOMPARE(result.latest.downloadUrl,
-                         QUrl("https://example.org/Kestrelvane-2.1.tar.gz"));
+                QCOMPARE(result.latest.downloadUrl, QUrl("https://example.org/2.1.tar.gz"));
             }
         }
-        QVERIFY(!unconfigured.canCheckForUpdates());
     }
 
     void theFeedComesFromTheEnvironmentElseTheInstalledDesktopEntry() {
@@ -588,17 +475,16 @@ private slots:
         testing::writeFile(data.path() / "applications" / "kestrelvane.desktop",
                            "# X-Kestrelvane-Appcast-URL=https://commented.example.org/\n"
                            "[Desktop Entry]\nType=Application\nName=Kestrelvane\n"
-                           "Categories=Graphics;Photography;\n"
                            "X-Kestrelvane-Appcast-URL = https://updates.example.org/a,b;c/"
                            "appcast.xml?a=b&c=d&e=x\\sy\r\n"
                            "[Desktop Action Beta]\n"
                            "X-Kestrelvane-Appcast-URL=https://beta.example.org/\n");
         const testing::ScopedEnvironment dataHome("XDG_DATA_HOME", data.path().string());
-        std::optional<testing::ScopedEnvironment> feed;
-        feed.emplace("KESTRELVANE_APPCAST_URL", std::nullopt);
+        const testing::ScopedEnvironment noFeed("KESTRELVANE_APPCAST_URL", std::nullopt);
         QCOMPARE(AppcastUpdater::configuredFeed().toString(),
                  "https://updates.example.org/a,b;c/appcast.xml?a=b&c=d&e=x y");
-        feed.emplace("KESTRELVANE_APPCAST_URL", "http://127.0.0.1:1/feed.xml");
+        const testing::ScopedEnvironment feed("KESTRELVANE_APPCAST_URL",
+                                              "http://127.0.0.1:1/feed.xml");
         QCOMPARE(AppcastUpdater::configuredFeed(), QUrl("http://127.0.0.1:1/feed.xml"));
     }
 };
