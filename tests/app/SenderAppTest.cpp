@@ -208,6 +208,9 @@ private slots:
         QVERIFY(status->contentsRect().width() >=
                 status->fontMetrics().horizontalAdvance(status->text()));
         QVERIFY(status->geometry().right() < view.findChild<QWidget*>("toolbar")->width());
+        view.hide(); // a hidden window stops probing for phones and browsing the network
+        QVERIFY(!view.discovery().isRunning());
+        QVERIFY(!view.browser().isBrowsing());
     }
 
     void aLowPriorityWorkerDeliversOnTheOwnersThreadAndIsWaitedForToItsLastJobsEnd() {
