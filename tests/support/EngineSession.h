@@ -99,17 +99,6 @@ public:
     std::vector<Ack> returned;
     std::exception_ptr error;
     std::optional<std::string> errorText() const;
-    template <class E> bool threw() const {
-        try {
-            if (error) {
-                std::rethrow_exception(error);
-            }
-        } catch (const E&) {
-            return true;
-        } catch (...) {
-        }
-        return false;
-    }
     std::vector<TransferClient::Progress> progress() const;
     std::vector<TransferServer::Event> events() const;
     /// Names of the acknowledgements reported by the sender's progress, or by
