@@ -31,20 +31,6 @@ Bytes concat(std::initializer_list<Bytes> pieces) {
     return out;
 }
 
-TEST(FrameChannel, BoundedReceiveRejectsAnOversizedPrefixBeforeBufferingItsPayload) {
-    auto stream = std::make_shared<ScriptedStream>(
-        std::vector<Bytes>{frame("ok"), {}, {0xFF, 0xFF, 0xFF}, {0xF0, 1, 2}});
-    FrameChannel channel(stream);
-    EXPECT_EQ(channel.receiveFrame(2), toBytes("ok"));
-    const auto error =
-        testing::errorOf<FrameChannel::FrameTooLarge>([&] { channel.receiveFrame(1024); });
-    ASSERT_TRUE(error);
-    EXPECT_EQ(error->announced(), 0xFFFFFFF0u);
-    // An empty receive is retried; the frame is rejected as soon as the four
-    // prefix bytes are in, with no receive beyond them.
-    EXPECT_EQ(stream->receiveMaxima.size(), 4u);
-}
-
 // The bytes that came with the header are copied out first; the rest is read
 // straight into the destination, each read asking for exactly what is missing
 // and empty reads retried. A receive that ends early returns nothing, and every byte it had
