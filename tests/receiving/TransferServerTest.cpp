@@ -41,7 +41,7 @@ protected:
     /// its end; the frames the server sent.
     std::vector<Bytes> serve(const Files& files, const FailingSaver::Cue& cue,
                              const fs::path& temporaryDirectory) {
-        std::vector<Bytes> script{frameOf(SessionHeader{})};
+        std::vector<Bytes> script{frameOf(SessionHeader{.albumName = "Trip"})};
         for (const auto& [header, bytes] : files) {
             script.push_back(frameOf(header));
             constexpr std::size_t piece = TransferServer::pieceBytes; // a receive's most
@@ -60,6 +60,7 @@ protected:
         TransferServer(saver, temporaryDirectory).run(channel, [this](const auto& event) {
             events.push_back(event.ack);
         });
+        begun = failing ? failing->begun : std::nullopt;
         return stream->sent;
     }
     void expectNoFileLeft() { EXPECT_EQ(filesUnder(outer.path()), std::vector<std::string>{}); }
@@ -69,6 +70,7 @@ protected:
     std::vector<std::pair<std::string, Bytes>> saved; ///< each file handed over: name, bytes
     std::set<fs::path> places;                        ///< and where it was
     std::vector<Ack> events;
+    std::optional<SessionHeader> begun; ///< what the saver was begun with, behind a FailingSaver
     TestBatchSaver recorder{[this](const fs::path& file, const FileHeader& header) {
         EXPECT_EQ(file.parent_path(), scratch); // the folder given, or $TMPDIR
         saved.emplace_back(header.name, readBytes(file));
@@ -102,6 +104,7 @@ TEST_F(TransferServerTest, HandsVerifiedFilesOverAndAnswersEveryOtherFileWithIts
                             frameOf(errorAck("full.jpg", "no space left")), FrameCodec::encode({}),
                             frameOf(Ack{.name = "big.jpg"}), frameOf(Ack{.name = "empty.png"}),
                             frameOf(Ack{.name = "IMG_1.jpg"}), frameOf(Ack{.name = "IMG_1.jpg"})}));
+    EXPECT_EQ(begun, SessionHeader{.albumName = "Trip"});
     // Only the saver's outcomes are events.
     ASSERT_EQ(events.size(), 6u);
     EXPECT_EQ(events[1], errorAck("odd.jpg", "disk says \xff\xfe"));

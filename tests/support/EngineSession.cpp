@@ -16,8 +16,7 @@ namespace fs = std::filesystem;
 EngineSession::Ends EngineSession::connect(const Link& link) {
     Ends ends;
     if (link.kind == Link::Kind::memory) {
-        auto [sender, receiver] =
-            makeMemoryStreamPair(ReceiveMode::whatIsThere, link.receiverReceives);
+        auto [sender, receiver] = makeMemoryStreamPair();
         ends.raw[0] = sender;
         ends.raw[1] = receiver;
     } else {

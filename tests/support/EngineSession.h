@@ -31,8 +31,6 @@ enum class Side { sender, receiver };
 struct Link {
     enum class Kind { memory, socketPair };
     Kind kind = Kind::memory;
-    /// How the receiver's end hands out bytes (in memory only).
-    ReceiveMode receiverReceives = ReceiveMode::whatIsThere;
     /// Where the connection drops, if it does, and on whose end.
     std::optional<FailingStream::Cut> cut{};
     Side cutSide = Side::sender;
