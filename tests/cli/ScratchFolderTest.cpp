@@ -34,7 +34,7 @@ TEST(ScratchFolder, AFolderBeingMadeIsNeverTakenForAbandonedByAnotherReceiver) {
     done = true;
     cleaner.join();
     EXPECT_EQ(removed, 0);
-    EXPECT_TRUE(temporary.fileNames().empty());
+    EXPECT_TRUE(std::filesystem::is_empty(temporary.path()));
 }
 
 } // namespace

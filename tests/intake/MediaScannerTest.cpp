@@ -78,26 +78,6 @@ TEST(MediaScanner, FlattensTheTreeToItsVisibleRegularMediaFilesSortedByNameAlone
     EXPECT_EQ(failure->code(), std::errc::io_error);
 }
 
-TEST(MediaScanner, EqualNamesKeepTheOrderOfTheWalk) {
-    // Enough equal names that an unstable sort would reorder them.
-    const testing::TemporaryFolder folder;
-    const fs::path root = folder.path();
-    for (int i = 0; i < 48; ++i) {
-        touch(root / ("d" + std::to_string(i)), {i % 2 ? "a.jpg" : "A.JPG"});
-    }
-    touch(root, {"b.jpg"});
-    // The walk enters each folder where the listing meets it.
-    Names expected;
-    for (const auto& top : fs::directory_iterator(root)) {
-        if (top.is_directory()) {
-            expected.push_back(top.path().filename().string() + "/" +
-                               fs::directory_iterator(top.path())->path().filename().string());
-        }
-    }
-    expected.push_back("b.jpg");
-    EXPECT_EQ(scanned(root), expected);
-}
-
 TEST(MediaScanner, OrdersNamesAsTheUsersLocaleDoes) {
     const testing::TemporaryFolder folder;
     touch(folder.path(), {"z.jpg", "\u00e4.jpg", "B.jpg", "a.jpg", "e.jpg", "\u00e9.jpg"});

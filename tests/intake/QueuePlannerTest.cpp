@@ -41,12 +41,16 @@ TEST_F(QueuePlannerTest, CaseDiffersButCanonicallyEquivalentNamesAreOneKey) {
     EXPECT_EQ(QueuePlanner::plan({composed}, {decomposed}), Paths{});
 }
 
-TEST_F(QueuePlannerTest, AFolderContributesItsSortedFilesAtItsPlaceOrFailsThePlan) {
+// Non-media and missing paths vanish; a hidden file stays when dropped directly only.
+TEST_F(QueuePlannerTest, AFolderContributesItsSortedMediaFilesAtItsPlaceOrFailsThePlan) {
+    const fs::path hidden = file(".hidden.jpg");
+    EXPECT_EQ(QueuePlanner::plan({file("notes.txt"), p / "missing.jpg", p / "gone", hidden}, {}),
+              Paths{hidden});
     const fs::path z = file("z.jpg");
     const fs::path b = file("q/b.jpg");
     const fs::path a = file("q/sub/A.mov");
     file("q/notes.txt");
-    EXPECT_EQ(QueuePlanner::plan({z, p / "q", p}, {}), (Paths{z, a, b}));
+    EXPECT_EQ(QueuePlanner::plan({z, p / "q", p}, {}), (Paths{z, a, b})); // not the hidden one
     // A file first keeps its place (and spelling); the folder adds only the rest.
     EXPECT_EQ(QueuePlanner::plan({p / "q/./b.jpg", p / "q/"}, {}), (Paths{p / "q/./b.jpg", a}));
     // A folder that cannot be scanned fails the whole plan.
@@ -55,21 +59,6 @@ TEST_F(QueuePlannerTest, AFolderContributesItsSortedFilesAtItsPlaceOrFailsThePla
                                    std::make_error_code(std::errc::permission_denied));
     };
     EXPECT_THROW(QueuePlanner::plan({z, p / "q"}, {}, unreadable), fs::filesystem_error);
-}
-
-TEST_F(QueuePlannerTest, SymbolicLinksAreNeitherResolvedInKeysNorFollowedInsideFolders) {
-    const fs::path a = file("q/a.jpg");
-    fs::create_symlink(a, p / "link.jpg");
-    fs::create_symlink(p / "q", p / "linked-q");
-    // A dropped link counts as its own location; a dropped link to a folder is scanned.
-    EXPECT_EQ(QueuePlanner::plan({a, p / "link.jpg"}, {}), (Paths{a, p / "link.jpg"}));
-    EXPECT_EQ(QueuePlanner::plan({p / "linked-q"}, {}), Paths{p / "linked-q/a.jpg"});
-}
-
-TEST_F(QueuePlannerTest, NonMediaAndMissingPathsVanishAndHiddenFilesDroppedDirectlyStay) {
-    const fs::path hidden = file(".hidden.jpg");
-    EXPECT_EQ(QueuePlanner::plan({file("notes.txt"), p / "missing.jpg", p / "gone", hidden}, {}),
-              Paths{hidden});
 }
 
 } // namespace

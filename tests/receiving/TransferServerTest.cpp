@@ -1,6 +1,7 @@
 #include "KestrelvaneKit/receiving/TransferServer.h"
 
 #include "KestrelvaneKit/intake/Checksum.h"
+#include "KestrelvaneKit/wire/FrameCodec.h"
 #include "support/EngineSession.h"
 #include "support/FileSizeLimit.h"
 #include "support/ScopedEnvironment.h"
@@ -10,6 +11,8 @@
 #include "support/UnprivilegedChild.h"
 
 #include <gtest/gtest.h>
+
+#include <set>
 
 namespace kestrelvane {
 namespace {
@@ -24,136 +27,119 @@ FileHeader headerFor(const std::string& name, const Bytes& bytes) {
 Ack errorAck(const std::string& name, const std::string& message) {
     return Ack{.name = name, .status = Ack::Status::error, .message = message};
 }
-/// A server session, the test playing the sender, into a saver that records
-/// every file it is handed (behind a FailingSaver). The server's temporary
-/// folder lies inside a folder of the test's own, so that a file left in it,
-/// or beside it, shows.
+using Files = std::vector<std::pair<FileHeader, Bytes>>;
+
+/// A server session over a scripted stream, into a saver that records every
+/// file it is handed (behind a FailingSaver). The server's temporary folder
+/// lies inside a folder of the test's own, so that a file left in it, or
+/// beside it, shows.
 class TransferServerTest : public ::testing::Test {
 protected:
     TransferServerTest() { fs::create_directory(scratch); }
 
-    void start(const FailingSaver::Cue& cue = {}, const fs::path& temporaryDirectory = {}) {
-        saver.emplace(recorder, cue);
-        session.serve(*saver, temporaryDirectory);
-        session.sender().sendFrame(WireMessage::encode(SessionHeader{}));
+    /// Runs a session of `files` (each header followed by the bytes given) to
+    /// its end; the frames the server sent.
+    std::vector<Bytes> serve(const Files& files, const FailingSaver::Cue& cue,
+                             const fs::path& temporaryDirectory) {
+        std::vector<Bytes> script{frameOf(SessionHeader{.albumName = "Trip"})};
+        for (const auto& [header, bytes] : files) {
+            script.push_back(frameOf(header));
+            constexpr std::size_t piece = TransferServer::pieceBytes; // a receive's most
+            for (std::size_t at = 0; at < bytes.size(); at += piece) {
+                script.emplace_back(bytes.begin() + at,
+                                    bytes.begin() + std::min(at + piece, bytes.size()));
+            }
+        }
+        // Without a cue the recorder serves alone, as a child without threads needs.
+        std::optional<FailingSaver> failing;
+        BatchSaving& saver = cue.failing.empty() && !cue.holdOutcomes
+                                 ? static_cast<BatchSaving&>(recorder)
+                                 : failing.emplace(recorder, cue);
+        auto stream = std::make_shared<ScriptedStream>(std::move(script));
+        FrameChannel channel(stream);
+        TransferServer(saver, temporaryDirectory).run(channel, [this](const auto& event) {
+            events.push_back(event.ack);
+        });
+        begun = failing ? failing->begun : std::nullopt;
+        return stream->sent;
     }
     void expectNoFileLeft() { EXPECT_EQ(filesUnder(outer.path()), std::vector<std::string>{}); }
 
-    struct Saved {
-        fs::path path;
-        std::string name;
-        Bytes bytes;
-    };
     TemporaryFolder outer;
     const fs::path scratch = outer.path() / "scratch";
-    std::vector<Saved> saved;
+    std::vector<std::pair<std::string, Bytes>> saved; ///< each file handed over: name, bytes
+    std::set<fs::path> places;                        ///< and where it was
+    std::vector<Ack> events;
+    std::optional<SessionHeader> begun; ///< what the saver was begun with, behind a FailingSaver
     TestBatchSaver recorder{[this](const fs::path& file, const FileHeader& header) {
-        saved.push_back({file, header.name, readBytes(file)});
+        EXPECT_EQ(file.parent_path(), scratch); // the folder given, or $TMPDIR
+        saved.emplace_back(header.name, readBytes(file));
+        places.insert(file);
     }};
-    std::optional<FailingSaver> saver;
-    EngineSession session;
 };
 
-TEST_F(TransferServerTest, HandsEachVerifiedFileOverByteForByteInATemporaryFileOfItsOwn) {
-    start({}, scratch);
-    const std::vector<std::pair<std::string, Bytes>> files{
-        {"big.jpg", pattern(TransferServer::pieceBytes + 1, 1)}, // one byte into a second piece
-        {"empty.png", {}},
-        {"IMG_1.jpg", pattern(1000, 2)},
-        {"IMG_1.jpg", pattern(20, 3)}};
-    for (const auto& [name, bytes] : files) {
-        session.sendFile(headerFor(name, bytes), bytes);
-    }
-    for (const auto& file : files) {
-        EXPECT_EQ(session.receiveAck(), Ack{.name = file.first});
-    }
-    ASSERT_TRUE(session.finish());
-    ASSERT_EQ(saved.size(), files.size());
-    ASSERT_EQ(session.events().size(), files.size());
-    for (std::size_t i = 0; i < files.size(); ++i) {
-        EXPECT_EQ(saved[i].name, files[i].first);
-        EXPECT_EQ(saved[i].bytes, files[i].second) << files[i].first;
-        EXPECT_EQ(saved[i].path.parent_path(), scratch);
-        EXPECT_EQ(session.events()[i].ack, Ack{.name = files[i].first});
-    }
-    EXPECT_NE(saved[2].path, saved[3].path);
-    expectNoFileLeft();
-}
-
-TEST_F(TransferServerTest, AnswersAChecksumMismatchAtOnceAndGoesOnWithTheNextFile) {
-    start({}, scratch);
-    const Bytes bytes = pattern(5000, 3);
-    FileHeader corrupted = headerFor("a.jpg", bytes);
+// Verified files reach the saver byte for byte, each in a temporary file of
+// its own. A checksum mismatch is answered at once, the saver's errors when it
+// reports them, and the session goes on; an outcome whose message cannot go
+// into JSON (not UTF-8) goes out as an empty frame.
+TEST_F(TransferServerTest, HandsVerifiedFilesOverAndAnswersEveryOtherFileWithItsError) {
+    const Bytes big = pattern(TransferServer::pieceBytes + 1, 1); // one byte into a second piece
+    const Bytes small = pattern(20, 3);
+    FileHeader corrupted = headerFor("bad.jpg", big);
     corrupted.sha256[10] = corrupted.sha256[10] == '0' ? '1' : '0';
-    FileHeader emptyWithWrongHash = headerFor("c.jpg", bytes);
+    FileHeader emptyWithWrongHash = headerFor("bad.png", small);
     emptyWithWrongHash.byteCount = 0;
-    session.sendFile(corrupted, bytes);
-    session.sendFile(emptyWithWrongHash, {});
-    session.sendFile(headerFor("good.jpg", bytes), bytes);
-
-    EXPECT_EQ(session.receiveAck(), errorAck("a.jpg", "checksum mismatch"));
-    EXPECT_EQ(session.receiveAck(), errorAck("c.jpg", "checksum mismatch"));
-    EXPECT_EQ(session.receiveAck(), Ack{.name = "good.jpg"});
-    ASSERT_TRUE(session.finish());
-    ASSERT_EQ(saved.size(), 1u);
-    EXPECT_EQ(saved[0].bytes, bytes);
-    // Only outcomes of the saver are reported as events.
-    EXPECT_EQ(session.events().size(), 1u);
+    EXPECT_EQ(
+        serve({{corrupted, big},
+               {emptyWithWrongHash, {}},
+               {headerFor("full.jpg", small), small},
+               {headerFor("odd.jpg", small), small},
+               {headerFor("big.jpg", big), big},
+               {headerFor("empty.png", {}), {}},
+               {headerFor("IMG_1.jpg", big), big},
+               {headerFor("IMG_1.jpg", small), small}},
+              {.failing = {{0, "no space left"}, {1, "disk says \xff\xfe"}}}, scratch),
+        (std::vector<Bytes>{frameOf(errorAck("bad.jpg", "checksum mismatch")),
+                            frameOf(errorAck("bad.png", "checksum mismatch")),
+                            frameOf(errorAck("full.jpg", "no space left")), FrameCodec::encode({}),
+                            frameOf(Ack{.name = "big.jpg"}), frameOf(Ack{.name = "empty.png"}),
+                            frameOf(Ack{.name = "IMG_1.jpg"}), frameOf(Ack{.name = "IMG_1.jpg"})}));
+    EXPECT_EQ(begun, SessionHeader{.albumName = "Trip"});
+    // Only the saver's outcomes are events.
+    ASSERT_EQ(events.size(), 6u);
+    EXPECT_EQ(events[1], errorAck("odd.jpg", "disk says \xff\xfe"));
+    EXPECT_EQ(saved,
+              (std::vector<std::pair<std::string, Bytes>>{
+                  {"big.jpg", big}, {"empty.png", {}}, {"IMG_1.jpg", big}, {"IMG_1.jpg", small}}));
+    EXPECT_EQ(places.size(), saved.size()) << "each file in a temporary file of its own";
     expectNoFileLeft();
 }
 
-// An outcome whose message cannot go into JSON (not UTF-8) goes out as an
-// empty frame, and the acknowledgements after it still follow.
-TEST_F(TransferServerTest, AcknowledgesTheSaversErrorsAndGoesOnEvenPastOneThatCannotBeEncoded) {
-    start({.failing = {{0, "no space left"}, {1, "disk says \xff\xfe"}}}, scratch);
-    const Bytes bytes = pattern(10, 4);
-    for (const char* name : {"full.jpg", "odd.jpg", "fine.jpg"}) {
-        session.sendFile(headerFor(name, bytes), bytes);
+// The session ends in the middle of a file: a full disk (the rest of that
+// file's bytes still in the stream) or a lost connection. The files before it
+// are still acknowledged, though the saver settles its outcomes only at the end.
+class EndingMidFile : public TransferServerTest, public ::testing::WithParamInterface<bool> {};
+
+TEST_P(EndingMidFile, StillAcknowledgesTheEarlierFilesAndLeavesNoTemporaryFile) {
+    const bool diskFull = GetParam();
+    std::optional<FileSizeLimit> limit;
+    if (diskFull) {
+        limit.emplace(64 * 1024);
     }
-    ASSERT_TRUE(session.finish());
-    const std::vector<Bytes> frames = session.remainingFrames();
-    ASSERT_EQ(frames.size(), 3u);
-    EXPECT_EQ(WireMessage::decode<Ack>(frames[0]), errorAck("full.jpg", "no space left"));
-    EXPECT_TRUE(frames[1].empty());
-    EXPECT_EQ(WireMessage::decode<Ack>(frames[2]), Ack{.name = "fine.jpg"});
-    ASSERT_EQ(session.events().size(), 3u);
-    EXPECT_EQ(session.events()[1].ack, errorAck("odd.jpg", "disk says \xff\xfe"));
-    expectNoFileLeft();
-}
-
-// Outcomes a batching saver only settles at the end still reach the sender
-// when the connection broke off in the middle of the next file.
-TEST_F(TransferServerTest,
-       ConnectionLostMidFileStillAcknowledgesEarlierFilesAndDropsThePartialOne) {
-    start({.holdOutcomes = true}, scratch);
-    const Bytes first = pattern(3000, 5);
-    const Bytes second = pattern(3000, 6);
-    session.sendFile(headerFor("first.jpg", first), first);
-    session.sender().sendFrame(WireMessage::encode(headerFor("second.jpg", second)));
-    session.sender().sendRaw(ByteView(second).first(1000));
-    ASSERT_TRUE(session.finish());
-    EXPECT_EQ(session.remainingFrames(),
-              std::vector<Bytes>{WireMessage::encode(Ack{.name = "first.jpg"})});
+    const Bytes first = pattern(1000, 5);
+    const Bytes second = pattern(300'000, 6);
+    EXPECT_EQ(serve({{headerFor("first.jpg", first), first},
+                     {headerFor("second.mov", second), diskFull ? second : first},
+                     {headerFor("after.jpg", first), first}},
+                    {.holdOutcomes = true}, scratch),
+              std::vector<Bytes>{frameOf(Ack{.name = "first.jpg"})});
     EXPECT_EQ(saved.size(), 1u);
     expectNoFileLeft();
 }
 
-// A temporary file that cannot grow (a full disk) ends the session: the rest
-// of that file's bytes are still in the stream, and it is never acknowledged.
-TEST_F(TransferServerTest, AFullDiskMidFileEndsTheSessionAndLeavesNoTemporaryFile) {
-    const Bytes fits = pattern(1000, 1);
-    const Bytes tooLarge = pattern(300'000, 2);
-    const FileSizeLimit limit(64 * 1024);
-    start({}, scratch);
-    session.sendFile(headerFor("fits.jpg", fits), fits);
-    EXPECT_EQ(session.receiveAck(), Ack{.name = "fits.jpg"});
-    session.sendFilesUntilRefused(
-        {{headerFor("large.mov", tooLarge), tooLarge}, {headerFor("after.jpg", fits), fits}});
-    ASSERT_TRUE(session.finish());
-    EXPECT_TRUE(session.remainingFrames().empty());
-    EXPECT_EQ(saved.size(), 1u);
-    expectNoFileLeft();
-}
+INSTANTIATE_TEST_SUITE_P(Faults, EndingMidFile, ::testing::Bool(), [](const auto& diskFull) {
+    return diskFull.param ? "DiskFull" : "ConnectionLost";
+});
 
 /// Where the server is to put a file's temporary file.
 struct Place {
@@ -177,23 +163,17 @@ TEST_P(TemporaryFile, OpensOrIsAnsweredCouldNotOpenTempFileAndEndsTheSession) {
     const Place& place = GetParam();
     writeFile(outer.path() / "plain-file", "x");
     const ScopedEnvironment tmpdir("TMPDIR", (outer.path() / place.tmpdir).string());
-    start({}, place.folderGiven ? scratch : fs::path());
     const Bytes bytes = pattern(100, 7);
-    session.sendFilesUntilRefused(
-        {{headerFor(place.fileName, bytes), bytes}, {headerFor("after.jpg", bytes), bytes}});
-    EXPECT_EQ(session.receiveAck(), place.opens
-                                        ? Ack{.name = place.fileName}
-                                        : errorAck(place.fileName, "could not open temp file"));
-    ASSERT_TRUE(session.finish());
-    if (place.opens) {
-        EXPECT_EQ(session.remainingFrames(),
-                  std::vector<Bytes>{WireMessage::encode(Ack{.name = "after.jpg"})});
-        ASSERT_EQ(saved.size(), 2u);
-        EXPECT_EQ(saved[0].path.parent_path(), scratch);
-    } else {
-        EXPECT_TRUE(session.remainingFrames().empty());
-        EXPECT_TRUE(saved.empty());
-    }
+    const std::vector<Bytes> answers =
+        place.opens
+            ? std::vector<Bytes>{frameOf(Ack{.name = place.fileName}),
+                                 frameOf(Ack{.name = "after.jpg"})}
+            : std::vector<Bytes>{frameOf(errorAck(place.fileName, "could not open temp file"))};
+    EXPECT_EQ(
+        serve({{headerFor(place.fileName, bytes), bytes}, {headerFor("after.jpg", bytes), bytes}},
+              {}, place.folderGiven ? scratch : fs::path()),
+        answers);
+    EXPECT_EQ(saved.size(), place.opens ? 2u : 0u);
     EXPECT_EQ(filesUnder(outer.path()), std::vector<std::string>{"plain-file"});
 }
 
@@ -202,25 +182,20 @@ INSTANTIATE_TEST_SUITE_P(Places, TemporaryFile, ::testing::ValuesIn(places),
 
 // Without a thread for the acknowledgements the session still completes:
 // they are all sent once the reader has finished.
-TEST(TransferServer, WithNoThreadToSpareAcknowledgesOnceTheReaderHasEnded) {
-    TemporaryFolder scratch;
-    fs::permissions(scratch.path(), fs::perms::all); // the child may not be root
+TEST_F(TransferServerTest, WithNoThreadToSpareAcknowledgesOnceTheReaderHasEnded) {
+    for (const fs::path& folder : {outer.path(), scratch}) {
+        fs::permissions(folder, fs::perms::all); // the child may not be root
+    }
     const Bytes one = pattern(3000, 1);
     const Bytes two = pattern(10, 2);
     const int status = runUnprivileged(
         [&] {
-            std::vector<std::string> saved;
-            TestBatchSaver saver(
-                [&](const fs::path&, const FileHeader& header) { saved.push_back(header.name); });
-            auto stream = std::make_shared<ScriptedStream>(
-                std::vector<Bytes>{frameOf(SessionHeader{}), frameOf(headerFor("one.jpg", one)),
-                                   one, frameOf(headerFor("two.jpg", two)), two});
-            FrameChannel channel(stream);
-            TransferServer(saver, scratch.path()).run(channel, {});
-            EXPECT_EQ(saved, (std::vector<std::string>{"one.jpg", "two.jpg"}));
-            EXPECT_EQ(stream->sent, (std::vector<Bytes>{frameOf(Ack{.name = "one.jpg"}),
-                                                        frameOf(Ack{.name = "two.jpg"})}));
-            EXPECT_TRUE(scratch.fileNames().empty());
+            EXPECT_EQ(serve({{headerFor("one.jpg", one), one}, {headerFor("two.jpg", two), two}},
+                            {}, scratch),
+                      (std::vector<Bytes>{frameOf(Ack{.name = "one.jpg"}),
+                                          frameOf(Ack{.name = "two.jpg"})}));
+            EXPECT_EQ(saved.size(), 2u);
+            expectNoFileLeft();
         },
         true);
     if (status == noUnprivilegedChild) {
@@ -265,7 +240,7 @@ TEST_P(HeaderLimit, EndsTheSessionUnreadPastTheLimitOnly) {
     TransferServer(saver, scratch.path()).run(channel, {});
     EXPECT_EQ(stream->receiveMaxima.size(), GetParam().receives);
     EXPECT_TRUE(stream->sent.empty()) << "no acknowledgement expected";
-    EXPECT_TRUE(scratch.fileNames().empty());
+    EXPECT_TRUE(fs::is_empty(scratch.path()));
 }
 
 INSTANTIATE_TEST_SUITE_P(Headers, HeaderLimit, ::testing::ValuesIn(limitCases),

@@ -111,14 +111,14 @@ TEST_F(TransferClientSend, AnAcknowledgementNamedInAnotherNormalFormCreditsTheFi
 struct Ending {
     const char* name;
     std::function<void(ScriptedReceiver&)> act;
-    bool (*failedRightly)(const EngineSession&);
+    const char* error; ///< what the send fails with
     Link link{};
 };
 
 const Ending endings[] = {
     {"AnUndecodableAcknowledgement",
      [](ScriptedReceiver& r) { r.sendFrame(asBytes(R"({"name":"1.jpg","status":"fine"})")); },
-     [](const EngineSession& s) { return s.threw<WireMessage::DecodingError>(); }},
+     R"("status" has an unknown value "fine")"},
     // A length prefix announcing 2 GiB, once every file is written: the send
     // fails for the frame itself, not for a writer it stopped.
     {"AnOversizedAcknowledgementFrame",
@@ -127,11 +127,11 @@ const Ending endings[] = {
          EXPECT_TRUE(r.waitForFiles(3));
          r.sendRaw({0x7f, 0xff, 0xff, 0xff});
      },
-     [](const EngineSession& s) { return s.threw<FrameChannel::FrameTooLarge>(); }},
+     "frame of 2147483647 bytes exceeds the limit"},
     // The cause, not the writer's own stop that follows it.
     {"AResetUnderTheAcknowledgements",
      [](ScriptedReceiver& r) { r.sendAck(Ack{.name = "1.jpg"}); },
-     [](const EngineSession& s) { return s.threw<std::system_error>(); },
+     "Connection reset by peer",
      {.cut = FailingStream::Cut{FailingStream::Direction::receiving, 1,
                                 FailingStream::Failure::reset}}},
 };
@@ -145,25 +145,12 @@ protected:
 TEST_P(TransferClientEnding, FailsTheSendAndLeavesNoWriterWaiting) {
     GetParam().act(startWithTheWriterWaiting());
     ASSERT_TRUE(session.finish());
-    EXPECT_TRUE(GetParam().failedRightly(session)) << session.errorText().value_or("no error");
+    const std::string error = session.errorText().value_or("no error");
+    EXPECT_NE(error.find(GetParam().error), std::string::npos) << error;
 }
 
 INSTANTIATE_TEST_SUITE_P(ByTheReceiver, TransferClientEnding, ::testing::ValuesIn(endings),
                          [](const auto& ending) { return std::string(ending.param.name); });
-
-// A receiver that acknowledges before the files arrive leaves nothing to
-// release the window; the writer must not wait for ever for room.
-TEST_F(TransferClientSend, AcknowledgementsAheadOfTheFilesEndTheSendInsteadOfHangingIt) {
-    ScriptedReceiver& receiver = session.receiver(false);
-    for (int i = 1; i <= 4; ++i) {
-        receiver.sendAck(Ack{.name = std::to_string(i) + ".jpg"});
-    }
-    session.client = TransferClient(2000, 2);
-    session.send(numberedFiles(4, 1500));
-    ASSERT_TRUE(session.finish());
-    // Every reservation may happen to fit; else a file found no room that could ever come.
-    EXPECT_TRUE(session.returned.size() == 4 || session.threw<StreamError>());
-}
 
 TEST_F(TransferClientSend, ABatchWithoutPhotosOrVideosWritesNothing) {
     session.send({writeFile(folder.path() / "notes.txt", "x"), folder.path() / "README",

@@ -16,8 +16,7 @@ namespace fs = std::filesystem;
 EngineSession::Ends EngineSession::connect(const Link& link) {
     Ends ends;
     if (link.kind == Link::Kind::memory) {
-        auto [sender, receiver] =
-            makeMemoryStreamPair(ReceiveMode::whatIsThere, link.receiverReceives);
+        auto [sender, receiver] = makeMemoryStreamPair();
         ends.raw[0] = sender;
         ends.raw[1] = receiver;
     } else {
@@ -109,35 +108,6 @@ bool EngineSession::sendToFolder(std::vector<fs::path> files, const fs::path& de
     return finish();
 }
 
-void EngineSession::sendFile(const FileHeader& header, ByteView bytes) {
-    senderChannel_.sendFrame(WireMessage::encode(header));
-    senderChannel_.sendRaw(bytes);
-}
-
-void EngineSession::sendFilesUntilRefused(const std::vector<std::pair<FileHeader, Bytes>>& files) {
-    try {
-        for (const auto& [header, bytes] : files) {
-            sendFile(header, bytes);
-        }
-    } catch (const StreamError&) {
-    }
-}
-
-Ack EngineSession::receiveAck() {
-    return WireMessage::decode<Ack>(senderChannel_.receiveFrame());
-}
-
-std::vector<Bytes> EngineSession::remainingFrames() {
-    std::vector<Bytes> frames;
-    try {
-        while (true) {
-            frames.push_back(senderChannel_.receiveFrame());
-        }
-    } catch (const StreamError&) {
-    }
-    return frames;
-}
-
 ScriptedReceiver& EngineSession::receiver(bool autoAck) {
     scripted_ = std::make_unique<ScriptedReceiver>(ends_.used[1], autoAck);
     return *scripted_;
@@ -150,10 +120,6 @@ void EngineSession::endSending(Side side) {
     } else {
         memoryEnd(side).finishSending();
     }
-}
-
-MemoryStream& EngineSession::memoryEnd(Side side) {
-    return dynamic_cast<MemoryStream&>(*ends_.raw[static_cast<int>(side)]);
 }
 
 bool EngineSession::finish() {
@@ -190,39 +156,12 @@ std::vector<TransferServer::Event> EngineSession::events() const {
     return events_;
 }
 
-namespace {
-
-/// The names of the entries (sender's progress or receiver's events) acknowledged "ok".
-template <class Entries> std::set<std::string> okNames(const Entries& entries) {
-    std::set<std::string> names;
-    for (const auto& entry : entries) {
-        if (entry.ack.status == Ack::Status::ok) {
-            names.insert(entry.ack.name);
-        }
-    }
-    return names;
-}
-
-} // namespace
-
-std::set<std::string> EngineSession::reportedOk() const {
-    return okNames(progress());
-}
-
-std::set<std::string> EngineSession::receiverOk() const {
-    return okNames(events());
-}
-
 std::vector<fs::path> EngineSession::notReportedOk(const std::vector<fs::path>& files) const {
     const auto ok = reportedOk();
     std::vector<fs::path> rest;
     std::copy_if(files.begin(), files.end(), std::back_inserter(rest),
                  [&](const fs::path& file) { return ok.count(file.filename()) == 0; });
     return rest;
-}
-
-bool sameContents(const fs::path& a, const fs::path& b) {
-    return fs::exists(a) && fs::exists(b) && readText(a) == readText(b);
 }
 
 std::vector<std::string> filesUnder(const fs::path& folder) {
@@ -239,7 +178,8 @@ std::vector<std::string> filesUnder(const fs::path& folder) {
 std::vector<std::string> filesNotAsIn(const fs::path& copies, const fs::path& originals) {
     std::vector<std::string> names = filesUnder(copies);
     std::erase_if(names, [&](const std::string& name) {
-        return sameContents(copies / name, originals / name);
+        return fs::exists(originals / name) &&
+               readText(copies / name) == readText(originals / name);
     });
     return names;
 }

@@ -31,12 +31,21 @@ enum class Side { sender, receiver };
 struct Link {
     enum class Kind { memory, socketPair };
     Kind kind = Kind::memory;
-    /// How the receiver's end hands out bytes (in memory only).
-    ReceiveMode receiverReceives = ReceiveMode::whatIsThere;
     /// Where the connection drops, if it does, and on whose end.
     std::optional<FailingStream::Cut> cut{};
     Side cutSide = Side::sender;
 };
+
+/// The names of the entries (sender's progress or receiver's events) acknowledged "ok".
+template <class Entries> std::set<std::string> okNames(const Entries& entries) {
+    std::set<std::string> names;
+    for (const auto& entry : entries) {
+        if (entry.ack.status == Ack::Status::ok) {
+            names.insert(entry.ack.name);
+        }
+    }
+    return names;
+}
 
 /// One session, each side played by its engine on a thread of its own
 /// (serve(), send()) or by the test (sender(), receiver()), with the log kept
@@ -69,13 +78,7 @@ public:
 
     /// The sender's channel, for a test that plays the sender.
     FrameChannel& sender() { return senderChannel_; }
-    void sendFile(const FileHeader& header, ByteView bytes);
-    /// Sends files the receiver may end the session at: it can close before
-    /// the bytes behind a refused header are written.
-    void sendFilesUntilRefused(const std::vector<std::pair<FileHeader, Bytes>>& files);
-    Ack receiveAck();
-    /// Frames the sender can still read until the connection ends.
-    std::vector<Bytes> remainingFrames();
+    Ack receiveAck() { return WireMessage::decode<Ack>(senderChannel_.receiveFrame()); }
     /// A receiver played by the test.
     ScriptedReceiver& receiver(bool autoAck);
 
@@ -83,7 +86,7 @@ public:
     void endSending(Side side);
     /// `side`'s end as connected, below any cut.
     KestrelvaneStream& end(Side side) { return *ends_.raw[static_cast<int>(side)]; }
-    MemoryStream& memoryEnd(Side side);
+    MemoryStream& memoryEnd(Side side) { return dynamic_cast<MemoryStream&>(end(side)); }
 
     /// Waits for the engines started to return; false when one had not by
     /// the deadline.
@@ -94,23 +97,12 @@ public:
     std::vector<Ack> returned;
     std::exception_ptr error;
     std::optional<std::string> errorText() const;
-    template <class E> bool threw() const {
-        try {
-            if (error) {
-                std::rethrow_exception(error);
-            }
-        } catch (const E&) {
-            return true;
-        } catch (...) {
-        }
-        return false;
-    }
     std::vector<TransferClient::Progress> progress() const;
     std::vector<TransferServer::Event> events() const;
     /// Names of the acknowledgements reported by the sender's progress, or by
     /// the receiver's events, with status ok.
-    std::set<std::string> reportedOk() const;
-    std::set<std::string> receiverOk() const;
+    std::set<std::string> reportedOk() const { return okNames(progress()); }
+    std::set<std::string> receiverOk() const { return okNames(events()); }
     /// Those of `files` the sender was not told are saved, in order: what a resend sends.
     std::vector<std::filesystem::path>
     notReportedOk(const std::vector<std::filesystem::path>& files) const;
@@ -146,8 +138,6 @@ template <class Message> Bytes frameOf(const Message& message) {
     return FrameCodec::encode(WireMessage::encode(message));
 }
 
-/// Whether the two files hold the same bytes.
-bool sameContents(const std::filesystem::path& a, const std::filesystem::path& b);
 /// The names of the regular files under `folder`, relative to it, sorted.
 std::vector<std::string> filesUnder(const std::filesystem::path& folder);
 /// The files under `copies` that are not byte for byte the file of the same

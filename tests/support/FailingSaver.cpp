@@ -20,6 +20,7 @@ FailingSaver::~FailingSaver() {
 }
 
 void FailingSaver::begin(const SessionHeader& session) {
+    begun = session;
     inner_.begin(session);
 }
 

@@ -33,6 +33,8 @@ public:
     void flushAndDrain() override;
     AsyncQueue<BatchOutcome>& outcomes() override { return outcomes_; }
 
+    std::optional<SessionHeader> begun; ///< the session it was begun with
+
 private:
     BatchSaving& inner_;
     const Cue cue_;

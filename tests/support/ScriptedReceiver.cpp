@@ -6,7 +6,7 @@
 namespace kestrelvane::testing {
 
 ScriptedReceiver::ScriptedReceiver(std::shared_ptr<KestrelvaneStream> stream, bool autoAck)
-    : stream_(stream), channel_(std::move(stream)), autoAck_(autoAck), thread_([this] { run(); }) {
+    : channel_(std::move(stream)), autoAck_(autoAck), thread_([this] { run(); }) {
 }
 
 ScriptedReceiver::~ScriptedReceiver() {

@@ -49,7 +49,6 @@ public:
 private:
     void run();
 
-    std::shared_ptr<KestrelvaneStream> stream_;
     FrameChannel channel_;
     const bool autoAck_;
     mutable std::mutex mutex_;

@@ -1,6 +1,5 @@
 #include "support/TemporaryFolder.h"
 
-#include <algorithm>
 #include <cstdlib>
 #include <stdexcept>
 #include <string>
@@ -18,15 +17,6 @@ TemporaryFolder::TemporaryFolder() {
 TemporaryFolder::~TemporaryFolder() {
     std::error_code ignored;
     std::filesystem::remove_all(path_, ignored);
-}
-
-std::vector<std::string> TemporaryFolder::fileNames() const {
-    std::vector<std::string> names;
-    for (const auto& entry : std::filesystem::directory_iterator(path_)) {
-        names.push_back(entry.path().filename().string());
-    }
-    std::sort(names.begin(), names.end());
-    return names;
 }
 
 } // namespace kestrelvane::testing

@@ -1,8 +1,6 @@
 #pragma once
 
 #include <filesystem>
-#include <string>
-#include <vector>
 
 namespace kestrelvane::testing {
 
@@ -16,8 +14,6 @@ public:
     TemporaryFolder& operator=(const TemporaryFolder&) = delete;
 
     const std::filesystem::path& path() const noexcept { return path_; }
-    /// The regular files directly inside, by name.
-    std::vector<std::string> fileNames() const;
 
 private:
     std::filesystem::path path_;

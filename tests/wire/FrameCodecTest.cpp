@@ -7,13 +7,6 @@
 namespace kestrelvane {
 namespace {
 
-TEST(FrameCodec, EncodesABigEndianLengthThenThePayload) {
-    EXPECT_EQ(FrameCodec::encode({}), Bytes({0, 0, 0, 0}));
-    EXPECT_EQ(FrameCodec::encode(asBytes("hello")), Bytes({0, 0, 0, 5, 'h', 'e', 'l', 'l', 'o'}));
-    const Bytes frame = FrameCodec::encode(Bytes(0x010203, 0xAB));
-    EXPECT_EQ(Bytes(frame.begin(), frame.begin() + 4), Bytes({0, 1, 2, 3}));
-}
-
 TEST(FrameCodec, AnIncompleteFrameIsLeftInTheBufferUntouched) {
     for (const Bytes& partial :
          {Bytes{0, 0, 0}, Bytes{0, 0, 0, 5, 'h', 'e'}, Bytes{0xFF, 0xFF, 0xFF, 0xFF, 1, 2, 3},

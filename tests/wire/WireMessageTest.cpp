@@ -128,11 +128,5 @@ TEST(WireMessage, RejectsMalformedMessagesSayingWhatWasWrong) {
     }
 }
 
-TEST(WireMessage, RefusesToEncodeWhatTheWireCannotCarry) {
-    EXPECT_THROW(WireMessage::encode(Ack{.name = "\xFF\xFE"}), WireMessage::EncodingError);
-    EXPECT_THROW(WireMessage::encode(FileHeader{.creationDate = sys_days{10000y / 1 / 1}}),
-                 WireMessage::EncodingError);
-}
-
 } // namespace
 } // namespace kestrelvane
