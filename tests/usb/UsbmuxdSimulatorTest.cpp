@@ -3,7 +3,6 @@
 // batch over its tunnel is in UsbmuxdInteropTest (through inetcat) and the
 // tool's tests.
 #include "KestrelvaneKit/usb/UsbmuxdClient.h"
-#include "KestrelvaneKit/usb/UsbmuxdProtocol.h"
 #include "KestrelvaneKit/usb/UsbmuxdStream.h"
 #include "support/CaughtError.h"
 #include "support/ChildProcess.h"
