@@ -160,7 +160,7 @@ TEST(UsbmuxdClient, EveryOtherAnswerIsAResultOrAnErrorThatClosesTheSocketAndLeav
         {UsbmuxdProtocol::encode(1, asBytes("not a plist")), "plist: "},
     };
     for (const auto& [reply, expected] : answers) {
-        FakeUsbmuxd daemon([&reply](const FakeUsbmuxd::Request&) { return reply; });
+        FakeUsbmuxd daemon([bytes = reply](const FakeUsbmuxd::Request&) { return bytes; });
         UsbmuxdClient client(daemon.address());
         for (int request = 1; request <= 2; ++request) {
             if (const auto* connected = std::get_if<Result>(&expected)) {
