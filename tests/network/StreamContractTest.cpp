@@ -1,7 +1,7 @@
 // What KestrelvaneStream promises, held against both transports: TCP
 // (BonjourStream) and a usbmuxd tunnel (UsbmuxdStream; a socket pair is all a
-// tunnel is once handed over). Then the transports' answers to system calls
-// that fail.
+// tunnel is once handed over, and its stream owns the descriptor). Then the
+// transports' answers to system calls that fail.
 #include "KestrelvaneKit/network/BonjourStream.h"
 #include "KestrelvaneKit/network/TcpListener.h"
 #include "KestrelvaneKit/usb/UsbmuxdStream.h"
@@ -14,10 +14,12 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <fcntl.h>
 #include <future>
 #include <set>
 #include <sys/socket.h>
 #include <sys/syscall.h>
+#include <unistd.h>
 
 namespace kestrelvane {
 namespace {
@@ -29,7 +31,12 @@ using testing::startsWith;
 struct Ends {
     std::shared_ptr<KestrelvaneStream> near, far;
     std::shared_ptr<void> keep; // what must outlive them (a listener)
+    int nearFd = -1;            // the tunnel's descriptor, which its stream owns
 };
+
+bool isOpenDescriptor(int fd) {
+    return fd >= 0 && ::fcntl(fd, F_GETFD) != -1;
+}
 
 Ends overTcp() {
     auto listener = std::make_shared<TcpListener>(0, TcpListener::Scope::loopback);
@@ -44,7 +51,10 @@ Ends overTcp() {
 Ends overSocketPair() {
     int fds[2];
     EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds), 0);
-    return {std::make_shared<UsbmuxdStream>(fds[0]), std::make_shared<UsbmuxdStream>(fds[1]), {}};
+    return {std::make_shared<UsbmuxdStream>(fds[0]),
+            std::make_shared<UsbmuxdStream>(fds[1]),
+            {},
+            fds[0]};
 }
 
 struct Transport {
@@ -115,23 +125,49 @@ TEST_P(StreamContract, EitherEndsCloseEndsAWaitingReceiveAndACloseHereEveryLater
                          endOfWaitingCall(GetParam().receiveWaitsIn, receive,
                                           [closing] { closing->close(); }),
                          here ? endedHere : "closed");
+            // A tunnel's descriptor goes with close() alone: at once, or once
+            // the call it cut off has left.
+            if (!here) {
+                EXPECT_EQ(isOpenDescriptor(ends.nearFd), ends.nearFd >= 0);
+                near->close();
+            }
+            EXPECT_FALSE(isOpenDescriptor(ends.nearFd));
             if (here) {
                 EXPECT_PRED2(startsWith, outcomeOf([&] { near->send(asBytes("late")); }),
                              endedHere);
                 EXPECT_PRED2(startsWith, outcomeOf(receive), endedHere);
-                near->close(); // a second close does nothing
             }
+            // A second close does nothing, even to a descriptor opened since
+            // (perhaps under the same number).
+            int reused[2];
+            ASSERT_EQ(::pipe(reused), 0);
+            near->close();
+            EXPECT_TRUE(isOpenDescriptor(reused[0]) && isOpenDescriptor(reused[1]));
+            ::close(reused[0]);
+            ::close(reused[1]);
         }
     }
 }
 
 TEST_P(StreamContract, ASendThatWaitsForThePeerToReadIsEndedByClose) {
     const auto near = ends.near;
+    if (ends.nearFd >= 0) {
+        // The tunnel is full before the send begins: none of it is written when close() comes.
+        const int flags = ::fcntl(ends.nearFd, F_GETFL);
+        ::fcntl(ends.nearFd, F_SETFL, flags | O_NONBLOCK);
+        const Bytes filler(65536);
+        for (const std::size_t size : {filler.size(), std::size_t{1}}) {
+            while (::send(ends.nearFd, filler.data(), size, MSG_NOSIGNAL) > 0) {
+            }
+        }
+        ::fcntl(ends.nearFd, F_SETFL, flags);
+    }
     // Far more than the socket buffers hold, with nobody reading.
     EXPECT_PRED2(startsWith,
                  endOfWaitingCall(
                      SYS_sendto, [near] { near->send(Bytes(64 << 20)); }, [&] { near->close(); }),
                  endedHere);
+    EXPECT_FALSE(isOpenDescriptor(ends.nearFd));
 }
 
 TEST_P(StreamContract, SendsAndReceivesRunTogetherAndConcurrentSendsNeverInterleave) {

@@ -2,7 +2,6 @@
 // daemon, and libusbmuxd's inetcat pointed at our simulator.
 #include "KestrelvaneKit/sending/TransferClient.h"
 #include "KestrelvaneKit/usb/UsbmuxdClient.h"
-#include "KestrelvaneKit/usb/UsbmuxdProtocol.h"
 #include "KestrelvaneKit/usb/UsbmuxdStream.h"
 #include "support/CallOutcome.h"
 #include "support/ChildProcess.h"

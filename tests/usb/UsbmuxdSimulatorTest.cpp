@@ -3,7 +3,6 @@
 // batch over its tunnel is in UsbmuxdInteropTest (through inetcat) and the
 // tool's tests.
 #include "KestrelvaneKit/usb/UsbmuxdClient.h"
-#include "KestrelvaneKit/usb/UsbmuxdProtocol.h"
 #include "KestrelvaneKit/usb/UsbmuxdStream.h"
 #include "support/CaughtError.h"
 #include "support/ChildProcess.h"
@@ -57,8 +56,10 @@ TEST(UsbmuxdSimulator, ClientsThatPollOverAndOverLeaveNoThreadBehind) {
         << "the threads of ended connections are still there";
 }
 
-TEST(UsbmuxdSimulator, RepliesInTheRequestsFormatWithItsTagAndTheDaemonsKeys) {
-    SimulatorProcess simulator({}, {"--buid", "THE-BUID"});
+// Replies carry the request's format and tag, and the daemon's keys.
+TEST(UsbmuxdSimulator, AnswersAsUsbmuxdWouldAndListenersHearOfPhonesComingAndGoing) {
+    SimulatorProcess simulator({"LISTENING,1,test", "QUIET,2,none", "GONE,3,vanished"},
+                               {"--buid", "THE-BUID"});
     for (const Format format : {Format::xml, Format::binary}) {
         Conversation conversation(simulator.socketPath());
         // One socket carries several requests, as with the real daemon; this
@@ -73,10 +74,6 @@ TEST(UsbmuxdSimulator, RepliesInTheRequestsFormatWithItsTagAndTheDaemonsKeys) {
         conversation.send(43, message("NoSuchRequest"), format);
         EXPECT_EQ(PropertyList::integerAt(conversation.receive().body.get(), "Number"), 1);
     }
-}
-
-TEST(UsbmuxdSimulator, ConnectsAnswerAsUsbmuxdWouldAndListenersHearOfPhonesComingAndGoing) {
-    SimulatorProcess simulator({"LISTENING,1,test", "QUIET,2,none", "GONE,3,vanished"});
     UsbmuxdClient client(simulator.address());
     const auto devices = client.listDevices();
     ASSERT_EQ(devices.size(), 3u);

@@ -1,25 +1,18 @@
 // The usbmuxd client as a daemon meets it: its packets, its requests and how
-// it reads every answer, its address; and what is particular to the tunnel it
-// hands out, whose stream owns the descriptor. What every stream promises is
-// in tests/network/StreamContractTest.cpp.
+// it reads every answer, and its address. What the stream over the tunnel it
+// hands out promises is in tests/network/StreamContractTest.cpp.
 #include "KestrelvaneKit/network/TcpListener.h"
 #include "KestrelvaneKit/usb/UsbmuxdClient.h"
 #include "KestrelvaneKit/usb/UsbmuxdProtocol.h"
-#include "KestrelvaneKit/usb/UsbmuxdStream.h"
-#include "support/BlockedThread.h"
 #include "support/CallOutcome.h"
 #include "support/Eventually.h"
 #include "support/FakeUsbmuxd.h"
-#include "support/ScopedEnvironment.h"
 #include "support/SystemCallFault.h"
 #include "support/TemporaryFolder.h"
 
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <fcntl.h>
-#include <sys/socket.h>
-#include <unistd.h>
 #include <variant>
 
 namespace kestrelvane {
@@ -86,11 +79,6 @@ PropertyList result(std::int64_t number) {
     body.set("MessageType", PropertyList::string("Result"))
         .set("Number", PropertyList::integer(number));
     return body;
-}
-
-/// Answers every request with the same bytes.
-FakeUsbmuxd::Script always(Bytes bytes) {
-    return [bytes](const FakeUsbmuxd::Request&) { return bytes; };
 }
 
 TEST(UsbmuxdClient, RequestsCarryTheirKeysAndTagsInTheirFormatAndOnlyWholeEntriesAreListed) {
@@ -171,7 +159,7 @@ TEST(UsbmuxdClient, EveryOtherAnswerIsAResultOrAnErrorThatClosesTheSocketAndLeav
         {UsbmuxdProtocol::encode(1, asBytes("not a plist")), "plist: "},
     };
     for (const auto& [reply, expected] : answers) {
-        FakeUsbmuxd daemon(always(reply));
+        FakeUsbmuxd daemon([bytes = reply](const FakeUsbmuxd::Request&) { return bytes; });
         UsbmuxdClient client(daemon.address());
         for (int request = 1; request <= 2; ++request) {
             if (const auto* connected = std::get_if<Result>(&expected)) {
@@ -214,6 +202,8 @@ TEST(UsbmuxdClient, ADaemonThatCannotBeReachedIsASocketErrorAndTakesNoTag) {
     }
 }
 
+// The client reads USBMUXD_SOCKET_ADDRESS through this, as every test that
+// runs the tool against the simulator shows.
 TEST(UsbmuxdClient, SocketAddressIsReadAsLibusbmuxdReadsIt) {
     const Address fallback{"/var/run/usbmuxd", {}, 0};
     EXPECT_EQ(Address::parse(std::nullopt), fallback);
@@ -225,61 +215,6 @@ TEST(UsbmuxdClient, SocketAddressIsReadAsLibusbmuxdReadsIt) {
     for (const char* ignored : {"UNIX:", "/tmp/usbmuxd", "host:0", "host:65536", "host:12ab",
                                 ":27015", "host:", "unix:/tmp/x"}) {
         EXPECT_EQ(Address::parse(std::string(ignored)), fallback) << ignored;
-    }
-    {
-        const testing::ScopedEnvironment set("USBMUXD_SOCKET_ADDRESS", "UNIX:/run/elsewhere");
-        EXPECT_EQ(UsbmuxdClient().address(), (Address{"/run/elsewhere", {}, 0}));
-    }
-    const testing::ScopedEnvironment unset("USBMUXD_SOCKET_ADDRESS", std::nullopt);
-    EXPECT_EQ(UsbmuxdClient().address(), fallback);
-}
-
-bool isOpenDescriptor(int fd) {
-    return ::fcntl(fd, F_GETFD) != -1;
-}
-
-// The stream releases its descriptor when closed: at once, or when a call
-// that waits is woken by the close, which ends that call "closed" rather
-// than as a socket error. A send meets a socket that is full before it
-// begins, so none of it is written when close() comes.
-TEST(UsbmuxdStream, ReleasesItsDescriptorOnlyOnceClosedAndAWaitingCallItCutsOffEndsClosed) {
-    for (const long waitsIn : {0L, long{SYS_read}, long{SYS_sendto}}) {
-        int fds[2];
-        ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds), 0);
-        auto stream = std::make_shared<UsbmuxdStream>(fds[0]);
-        const int flags = ::fcntl(fds[0], F_GETFL);
-        ::fcntl(fds[0], F_SETFL, flags | O_NONBLOCK);
-        const Bytes filler(65536);
-        for (const std::size_t size : {filler.size(), std::size_t{1}}) {
-            while (waitsIn == SYS_sendto && ::send(fds[0], filler.data(), size, MSG_NOSIGNAL) > 0) {
-            }
-        }
-        ::fcntl(fds[0], F_SETFL, flags);
-        if (waitsIn != SYS_sendto) {
-            stream->send(asBytes("x"));
-            EXPECT_TRUE(isOpenDescriptor(fds[0])) << "released after a call on an open stream";
-        }
-        if (waitsIn == 0) {
-            stream->close();
-        } else {
-            auto waiting = testing::callUntilBlockedIn({waitsIn}, [stream, waitsIn] {
-                return outcomeOf([&] {
-                    waitsIn == SYS_read ? (void)stream->receive(1) : stream->send(asBytes("x"));
-                });
-            });
-            ASSERT_TRUE(waiting.blocked);
-            stream->close();
-            EXPECT_EQ(waiting.result.get(), "closed");
-        }
-        EXPECT_FALSE(isOpenDescriptor(fds[0]));
-        // A descriptor opened since, perhaps under the same number, survives a second close.
-        int reused[2];
-        ASSERT_EQ(::pipe(reused), 0);
-        stream->close();
-        EXPECT_TRUE(isOpenDescriptor(reused[0]) && isOpenDescriptor(reused[1]));
-        for (const int fd : {reused[0], reused[1], fds[1]}) {
-            ::close(fd);
-        }
     }
 }
 
