@@ -1,11 +1,9 @@
-// Malicious peers against the real tool. A sender on raw sockets speaks
-// broken, lying or dawdling protocol to `kestrelvane receive`: after every
-// attempt the receiver must still save a well-behaved sender's photo, have
-// written nothing else anywhere, left no temporary file, and hold no more
-// threads or descriptors than before. A receiver reads everything that
-// `kestrelvane send` sends, then acknowledges what was never sent,
-// acknowledges twice, sends garbage or stays mute: the sender must end with
-// status 1 and never count a file as saved that was not acknowledged "ok".
+// Malicious peers against the real tool. A raw-socket sender speaks broken,
+// lying or dawdling protocol to `kestrelvane receive`, which must then still
+// serve a well-behaved send, have written nothing else anywhere and hold no
+// more threads or descriptors than before. A receiver that acknowledges what
+// was never sent, acknowledges twice, sends garbage or stays mute must leave
+// `kestrelvane send` ending with status 1, counting only files acknowledged "ok".
 #include "KestrelvaneKit/intake/Checksum.h"
 #include "KestrelvaneKit/network/BonjourStream.h"
 #include "KestrelvaneKit/network/TcpListener.h"
