@@ -10,6 +10,7 @@
 #include "KestrelvaneKit/wire/FrameCodec.h"
 #include "KestrelvaneKit/wire/WireMessage.h"
 #include "support/CliProcess.h"
+#include "support/EngineSession.h"
 #include "support/Eventually.h"
 #include "support/ScriptedReceiver.h"
 #include "support/TestFiles.h"
@@ -46,16 +47,12 @@ Bytes frame(std::string_view payload) {
 Bytes sessionWithFile(const std::string& name, const std::string& content,
                       nlohmann::json byteCount = nullptr,
                       const std::optional<std::string>& album = std::nullopt) {
-    nlohmann::json session = {{"schemaVersion", 1}, {"direction", "macToPhone"}};
-    if (album) {
-        session["albumName"] = *album;
-    }
     const nlohmann::json file = {
         {"name", name},
         {"mediaType", "photo"},
         {"byteCount", byteCount.is_null() ? nlohmann::json(content.size()) : byteCount},
         {"sha256", Checksum::sha256Hex(asBytes(content))}};
-    return frame(session.dump()) + frame(file.dump()) + toBytes(content);
+    return frameOf(SessionHeader{.albumName = album}) + frame(file.dump()) + toBytes(content);
 }
 
 /// One raw TCP connection to the receiver, written and read by hand.
@@ -165,7 +162,7 @@ struct Attempt {
 
 TEST_F(HostileSender, BrokenLyingOrStalledSessionsEndAloneAndLeaveNothingBehind) {
     const std::string content = "a photo's bytes";
-    const Bytes session = frame(R"({"schemaVersion":1,"direction":"macToPhone"})");
+    const Bytes session = frameOf(SessionHeader{});
     Bytes corrupted = sessionWithFile("bad.jpg", content);
     corrupted.back() ^= 0xff; // its SHA-256 no longer matches
     std::vector<Attempt> attempts = {
