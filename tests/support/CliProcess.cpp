@@ -12,22 +12,15 @@
 
 namespace kestrelvane::testing {
 
-std::unique_ptr<ChildProcess> start(const std::string& program,
-                                    const std::vector<std::string>& arguments,
-                                    ChildProcess::Environment environment, Streams streams) {
+std::unique_ptr<ChildProcess> kestrelvane(const std::vector<std::string>& arguments,
+                                          ChildProcess::Environment environment, Streams streams) {
     const char* redirect = streams == Streams::joined       ? "exec \"$0\" \"$@\" 2>&1"
                            : streams == Streams::stderrOnly ? "exec \"$0\" \"$@\" 2>&1 >/dev/null"
                                                             : "exec \"$0\" \"$@\"";
-    std::vector<std::string> argv = {"/bin/sh", "-c", redirect, program};
+    std::vector<std::string> argv = {"/bin/sh", "-c", redirect, cliProgram()};
     argv.insert(argv.end(), arguments.begin(), arguments.end());
     environment.emplace_back("TZ", "UTC");
     return std::make_unique<ChildProcess>(argv, environment);
-}
-
-std::unique_ptr<ChildProcess> kestrelvane(const std::vector<std::string>& arguments,
-                                          const ChildProcess::Environment& environment,
-                                          Streams streams) {
-    return start(cliProgram(), arguments, environment, streams);
 }
 
 bool Finished::mentions(const std::string& text) const {

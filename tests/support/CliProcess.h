@@ -15,15 +15,10 @@ namespace kestrelvane::testing {
 /// Which of a program's output streams the test reads.
 enum class Streams { joined, stdoutOnly, stderrOnly };
 
-/// `program` with `arguments`, in UTC, its chosen output on the pipe that
-/// ChildProcess::readLine reads.
-std::unique_ptr<ChildProcess> start(const std::string& program,
-                                    const std::vector<std::string>& arguments,
-                                    ChildProcess::Environment environment = {},
-                                    Streams streams = Streams::joined);
-/// The `kestrelvane` tool the build made.
+/// The `kestrelvane` tool the build made, in UTC, its chosen output on the
+/// pipe that ChildProcess::readLine reads.
 std::unique_ptr<ChildProcess> kestrelvane(const std::vector<std::string>& arguments,
-                                          const ChildProcess::Environment& environment = {},
+                                          ChildProcess::Environment environment = {},
                                           Streams streams = Streams::joined);
 
 /// What a program printed, line by line, and its exit status.

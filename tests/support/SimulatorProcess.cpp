@@ -70,9 +70,7 @@ Conversation::Conversation(const std::string& socketPath) {
     std::strncpy(address.sun_path, socketPath.c_str(), sizeof address.sun_path - 1);
     if (fd_ < 0 ||
         ::connect(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
-        if (fd_ >= 0) {
-            ::close(fd_);
-        }
+        ::close(fd_); // -1 when there was no socket: nothing happens
         throw std::runtime_error("cannot connect to " + socketPath);
     }
 }
