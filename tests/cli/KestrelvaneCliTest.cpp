@@ -146,5 +146,14 @@ TEST(KestrelvaneCli, ExitStatusSaysWhetherAUsageErrorFilesNotSavedOrNoConnection
     EXPECT_EQ(std::distance(fs::recursive_directory_iterator(folder.path()), {}), 1);
 }
 
+// What README tells a newcomer to run first.
+TEST(KestrelvaneCli, DemoSendsItsSamplesOverTheSimulatedUsbPathAndChecksThem) {
+    const TemporaryFolder folder; // where the demo leaves its files for the user
+    const Finished demo = run({"demo"}, {{"KESTRELVANE_USBMUXD_SIM", simulatorProgram()},
+                                         {"TMPDIR", folder.path().string()}});
+    EXPECT_EQ(demo.status, 0) << demo.text();
+    EXPECT_TRUE(demo.mentions("demo: PASSED: 9 of 9 files arrived byte for byte")) << demo.text();
+}
+
 } // namespace
 } // namespace kestrelvane
