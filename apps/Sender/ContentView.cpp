@@ -153,11 +153,11 @@ public:
 } // namespace
 
 ContentView::ContentView(QWidget* parent)
-    : ContentView(UsbmuxdClient::SocketAddress::fromEnvironment(),
+    : ContentView(UsbPhones::Address::fromEnvironment(),
                   UsbmuxdDiscovery::defaultInterval, parent) {
 }
 
-ContentView::ContentView(UsbmuxdClient::SocketAddress usbmuxd,
+ContentView::ContentView(UsbPhones::Address usbmuxd,
                          std::chrono::milliseconds discoveryInterval, QWidget* parent)
     : QWidget(parent),
       discovery_(std::make_unique<UsbmuxdDiscovery>(std::move(usbmuxd), discoveryInterval)),

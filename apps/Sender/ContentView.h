@@ -1,6 +1,6 @@
 #pragma once
 
-#include "KestrelvaneKit/usb/UsbmuxdClient.h"
+#include "KestrelvaneKit/session/UsbPhones.h"
 #include "Sender/DeviceBrowser.h"
 #include "Sender/SenderViewModel.h"
 #include "Sender/UsbmuxdDiscovery.h"
@@ -36,7 +36,7 @@ public:
 
     /// Discovery talks to the daemon named by USBMUXD_SOCKET_ADDRESS, else the default.
     explicit ContentView(QWidget* parent = nullptr);
-    ContentView(UsbmuxdClient::SocketAddress usbmuxd, std::chrono::milliseconds discoveryInterval,
+    ContentView(UsbPhones::Address usbmuxd, std::chrono::milliseconds discoveryInterval,
                 QWidget* parent = nullptr);
     ~ContentView() override;
 

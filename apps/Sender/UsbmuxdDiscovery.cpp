@@ -6,35 +6,14 @@
 
 namespace kestrelvane {
 
-namespace {
-
-/// The receiving application's TCP port on the phone.
-constexpr std::uint16_t receiverPort = 9876;
-
-} // namespace
-
-struct UsbmuxdDiscovery::Tunnel {
-    explicit Tunnel(int descriptor) : fd(descriptor) {}
-    ~Tunnel() {
-        if (fd >= 0) {
-            ::close(fd);
-        }
-    }
-    Tunnel(const Tunnel&) = delete;
-    Tunnel& operator=(const Tunnel&) = delete;
-    int take() { return std::exchange(fd, -1); }
-
-    int fd;
-};
-
 UsbmuxdDiscovery::UsbmuxdDiscovery(QObject* parent)
-    : UsbmuxdDiscovery(UsbmuxdClient::SocketAddress::fromEnvironment(), defaultInterval, parent) {
+    : UsbmuxdDiscovery(UsbPhones::Address::fromEnvironment(), defaultInterval, parent) {
 }
 
-UsbmuxdDiscovery::UsbmuxdDiscovery(UsbmuxdClient::SocketAddress address,
+UsbmuxdDiscovery::UsbmuxdDiscovery(UsbPhones::Address address,
                                    std::chrono::milliseconds interval, QObject* parent)
     : QObject(parent), interval_(interval),
-      client_(std::make_shared<UsbmuxdClient>(std::move(address))),
+      phones_(std::make_shared<UsbPhones>(std::move(address))),
       worker_(std::make_unique<BackgroundWork>(1)) {
     timer_.setSingleShot(true);
     connect(&timer_, &QTimer::timeout, this, &UsbmuxdDiscovery::tick);
@@ -43,8 +22,8 @@ UsbmuxdDiscovery::UsbmuxdDiscovery(UsbmuxdClient::SocketAddress address,
 UsbmuxdDiscovery::~UsbmuxdDiscovery() {
     stop();
     worker_.reset();
-    // Answers still queued for this object are dropped with it; their Tunnel
-    // holders close any descriptor they carry.
+    // Answers still queued for this object are dropped with it; their probes
+    // close any tunnel they carry.
 }
 
 void UsbmuxdDiscovery::setPaused(bool paused) {
@@ -105,19 +84,19 @@ void UsbmuxdDiscovery::tick() {
         endPass(generation);
         return;
     }
-    worker_->runThenDeliver([this, client = client_, generation]() -> std::function<void()> {
-        std::optional<std::vector<UsbmuxdClient::Device>> devices;
+    worker_->runThenDeliver([this, phones = phones_, generation]() -> std::function<void()> {
+        std::optional<std::vector<UsbPhones::Phone>> listed;
         try {
-            devices = client->listDevices();
+            listed = phones->list();
         } catch (const std::exception&) {
             // Unreachable or confused daemon: shows as no device.
         }
-        return [this, generation, devices] { listed(generation, devices); };
+        return [this, generation, listed] { this->listed(generation, listed); };
     });
 }
 
 void UsbmuxdDiscovery::listed(std::uint64_t generation,
-                              const std::optional<std::vector<UsbmuxdClient::Device>>& devices) {
+                              const std::optional<std::vector<UsbPhones::Phone>>& phones) {
     if (generation != generation_) {
         return;
     }
@@ -125,37 +104,29 @@ void UsbmuxdDiscovery::listed(std::uint64_t generation,
         endPass(generation);
         return;
     }
-    if (!devices || devices->empty()) {
+    if (!phones || phones->empty()) {
         setState(State::noDevice());
         endPass(generation);
         return;
     }
-    const std::int64_t deviceID = devices->front().id;
-    if (state_.kind == State::Kind::ready && state_.deviceID == deviceID) {
+    const UsbPhones::Phone phone = phones->front();
+    if (state_.kind == State::Kind::ready && state_.deviceID == phone.id) {
         endPass(generation); // the held tunnel is not probed again
         return;
     }
-    worker_->runThenDeliver(
-        [this, client = client_, generation, deviceID]() -> std::function<void()> {
-            std::optional<UsbmuxdClient::ConnectResult> result;
-            try {
-                result = client->connect(deviceID, receiverPort);
-            } catch (const std::exception&) {
-            }
-            auto tunnel = std::make_shared<Tunnel>(
-                result && result->kind == UsbmuxdClient::ConnectResult::Kind::tunneled
-                    ? result->fileDescriptor
-                    : -1);
-            return [this, generation, deviceID, result, tunnel] {
-                connected(generation, deviceID, result, tunnel);
-            };
-        });
+    worker_->runThenDeliver([this, phones = phones_, generation, phone]() -> std::function<void()> {
+        std::shared_ptr<UsbPhones::Probe> probe;
+        try {
+            probe = std::make_shared<UsbPhones::Probe>(phones->probe(phone));
+        } catch (const std::exception&) {
+        }
+        return [this, generation, id = phone.id, probe] { connected(generation, id, probe); };
+    });
 }
 
 void UsbmuxdDiscovery::connected(std::uint64_t generation, std::int64_t deviceID,
-                                 const std::optional<UsbmuxdClient::ConnectResult>& result,
-                                 const std::shared_ptr<Tunnel>& tunnel) {
-    // A stop or a pause in the meantime wins; the Tunnel closes an unused descriptor.
+                                 const std::shared_ptr<UsbPhones::Probe>& probe) {
+    // A stop or a pause in the meantime wins; the probe closes an unused tunnel.
     if (generation != generation_) {
         return;
     }
@@ -163,11 +134,11 @@ void UsbmuxdDiscovery::connected(std::uint64_t generation, std::int64_t deviceID
         endPass(generation);
         return;
     }
-    using Kind = UsbmuxdClient::ConnectResult::Kind;
-    if (!result || result->kind == Kind::badDevice) {
+    using Outcome = UsbPhones::Probe::Outcome;
+    if (!probe || probe->outcome == Outcome::detached) {
         setState(State::noDevice());
-    } else if (result->kind == Kind::tunneled) {
-        setState(State::ready(deviceID, tunnel->take()));
+    } else if (probe->outcome == Outcome::listening) {
+        setState(State::ready(deviceID, probe->tunnel.release()));
     } else {
         setState(State::appNotListening(deviceID));
     }

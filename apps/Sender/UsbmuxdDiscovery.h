@@ -1,6 +1,6 @@
 #pragma once
 
-#include "KestrelvaneKit/usb/UsbmuxdClient.h"
+#include "KestrelvaneKit/session/UsbPhones.h"
 
 #include <QObject>
 #include <QTimer>
@@ -46,7 +46,7 @@ public:
 
     /// Talks to the daemon named by USBMUXD_SOCKET_ADDRESS, else the default.
     explicit UsbmuxdDiscovery(QObject* parent = nullptr);
-    explicit UsbmuxdDiscovery(UsbmuxdClient::SocketAddress address,
+    explicit UsbmuxdDiscovery(UsbPhones::Address address,
                               std::chrono::milliseconds interval = defaultInterval,
                               QObject* parent = nullptr);
     /// Stops, closes a held tunnel and waits for a usbmuxd call in progress.
@@ -74,15 +74,11 @@ signals:
     void passFinished();
 
 private:
-    /// Owns a descriptor on its way back from a worker; closes it unless taken.
-    struct Tunnel;
-
     void tick();
-    void listed(std::uint64_t generation,
-                const std::optional<std::vector<UsbmuxdClient::Device>>& devices);
+    void listed(std::uint64_t generation, const std::optional<std::vector<UsbPhones::Phone>>& phones);
+    /// `probe` is none when usbmuxd failed; an unused tunnel closes with it.
     void connected(std::uint64_t generation, std::int64_t deviceID,
-                   const std::optional<UsbmuxdClient::ConnectResult>& result,
-                   const std::shared_ptr<Tunnel>& tunnel);
+                   const std::shared_ptr<UsbPhones::Probe>& probe);
     void endPass(std::uint64_t generation);
     /// Closes the held descriptor when the state leaves ready.
     void setState(const State& state);
@@ -92,7 +88,7 @@ private:
     bool running_ = false;
     std::uint64_t generation_ = 0; // a stop makes passes still under way stale
     const std::chrono::milliseconds interval_;
-    std::shared_ptr<UsbmuxdClient> client_;
+    std::shared_ptr<UsbPhones> phones_;
     std::unique_ptr<BackgroundWork> worker_; // one thread: usbmuxd calls in order
     QTimer timer_;
 };

@@ -1,11 +1,10 @@
 // kestrelvane devices: the phones usbmuxd lists and the receivers on the network.
 #include "CommandLine.h"
 #include "Commands.h"
-#include "Connection.h"
 #include "KestrelvaneKit/network/KestrelvaneService.h"
 #include "KestrelvaneKit/network/ServiceBrowser.h"
-#include "KestrelvaneKit/usb/UsbmuxdClient.h"
-#include "KestrelvaneKit/usb/UsbmuxdProtocol.h"
+#include "KestrelvaneKit/session/ConnectError.h"
+#include "KestrelvaneKit/session/UsbPhones.h"
 
 #include <nlohmann/json.hpp>
 
@@ -14,7 +13,6 @@
 #include <cstdio>
 #include <mutex>
 #include <thread>
-#include <unistd.h>
 
 namespace kestrelvane::cli {
 namespace {
@@ -36,7 +34,7 @@ Exit status: 0 (also when usbmuxd cannot be reached: the listing says so),
 )";
 
 struct UsbPhone {
-    UsbmuxdClient::Device device{};
+    UsbPhones::Phone device{};
     std::string port{}; ///< "listening", "not listening", "detached" or an error
 };
 
@@ -46,37 +44,34 @@ struct UsbReport {
     std::vector<UsbPhone> phones{};
 };
 
-UsbReport listUsb() {
-    UsbmuxdClient client;
-    UsbReport report{.daemon = client.address().describe()};
+std::string portState(UsbPhones& usb, const UsbPhones::Phone& phone) {
     try {
-        for (const auto& device : client.listDevices()) {
-            UsbPhone phone{.device = device};
-            try {
-                const auto result = client.connect(device.id, KestrelvaneService::listenerPort);
-                using Kind = UsbmuxdClient::ConnectResult::Kind;
-                switch (result.kind) {
-                case Kind::tunneled:
-                    ::close(result.fileDescriptor);
-                    phone.port = "listening";
-                    break;
-                case Kind::connectionRefused:
-                    phone.port = "not listening";
-                    break;
-                case Kind::badDevice:
-                    phone.port = "detached";
-                    break;
-                case Kind::otherError:
-                    phone.port = "error " + std::to_string(result.code);
-                    break;
-                }
-            } catch (const std::exception& error) {
-                phone.port = error.what();
-            }
-            report.phones.push_back(std::move(phone));
+        const auto probe = usb.probe(phone);
+        switch (probe.outcome) {
+        case UsbPhones::Probe::Outcome::listening:
+            return "listening"; // the tunnel closes with the probe
+        case UsbPhones::Probe::Outcome::notListening:
+            return "not listening";
+        case UsbPhones::Probe::Outcome::detached:
+            return "detached";
+        case UsbPhones::Probe::Outcome::failed:
+            break;
         }
-    } catch (const UsbmuxdError& error) {
-        report.error = usbmuxdFailure(error, report.daemon);
+        return "error " + std::to_string(probe.code);
+    } catch (const ConnectError& error) {
+        return error.what();
+    }
+}
+
+UsbReport listUsb() {
+    UsbPhones usb;
+    UsbReport report{.daemon = usb.daemon()};
+    try {
+        for (const auto& device : usb.list()) {
+            report.phones.push_back({device, portState(usb, device)});
+        }
+    } catch (const ConnectError& error) {
+        report.error = error.what();
     }
     return report;
 }

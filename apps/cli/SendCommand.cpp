@@ -1,9 +1,10 @@
 // kestrelvane send: plan the given paths, connect, send, report.
 #include "CommandLine.h"
 #include "Commands.h"
-#include "Connection.h"
 #include "CountingStream.h"
 #include "KestrelvaneKit/intake/QueuePlanner.h"
+#include "KestrelvaneKit/session/ConnectError.h"
+#include "KestrelvaneKit/session/Destination.h"
 #include "KestrelvaneKit/sending/TransferClient.h"
 #include "KestrelvaneKit/wire/UnicodeText.h"
 #include "SendReporter.h"
@@ -19,8 +20,8 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr const char* sendUsage =
-    R"(usage: kestrelvane send [--album NAME] [--to usb | --to HOST:PORT] [--json]
-                       [--log stderr] PATH...
+    R"(usage: kestrelvane send [--album NAME] [--to DESTINATION] [--json] [--log stderr]
+                       PATH...
 
 Sends the photos and videos among PATH (folders are searched, other files
 and duplicates left out) and waits until the receiver has verified and
@@ -29,8 +30,11 @@ acknowledged each one.
   --album NAME      file the photos into this album on the receiving side
   --to usb          the first iPhone attached by USB, through usbmuxd (default;
                     USBMUXD_SOCKET_ADDRESS chooses another usbmuxd socket)
+  --to usb:SERIAL   the iPhone with this serial number
   --to HOST:PORT    a receiver on the network ("[ADDR]:PORT" for IPv6), for
                     example `kestrelvane receive` on another computer
+  --to NAME         the receiver that announces itself as NAME on the local
+                    network (`kestrelvane receive --advertise NAME`)
   --json            one JSON object per line per event, nothing else on stdout
   --log stderr      the library's log lines on stderr instead of the journal
 
@@ -86,7 +90,11 @@ int runSend(const std::vector<std::string>& arguments) {
             return exitOk;
         }
         applyLogOption(*line);
-        destination = Destination::parse(line->value("to").value_or("usb"));
+        try {
+            destination = Destination::parse(line->value("to").value_or("usb"));
+        } catch (const std::invalid_argument& error) {
+            throw UsageError(std::string("--to: ") + error.what());
+        }
         if (line->operands().empty()) {
             throw UsageError("nothing to send: give one or more files or folders");
         }
@@ -122,7 +130,7 @@ int runSend(const std::vector<std::string>& arguments) {
 
     std::shared_ptr<KestrelvaneStream> stream;
     try {
-        stream = connectTo(*destination);
+        stream = destination->connect();
     } catch (const ConnectError& error) {
         std::fprintf(stderr, "kestrelvane send: %s\n", error.what());
         return exitNoConnection;

@@ -89,7 +89,7 @@ struct Outcome {
 TEST(KestrelvaneCli, ExitStatusSaysWhetherAUsageErrorFilesNotSavedOrNoConnection) {
     const std::vector<Outcome> outcomes = {
         {{"send"}, 2, "nothing to send"},
-        {{"send", "--to", "nowhere", "PHOTO"}, 2, "--to takes usb, HOST:PORT or [ADDR]:PORT"},
+        {{"send", "--to", "[::1]", "PHOTO"}, 2, "--to: '[::1]' is not [ADDR]:PORT"},
         {{"send", "--to", "127.0.0.1:65536", "PHOTO"}, 2, "'65536' is not a port number"},
         {{"send", "--colour", "PHOTO"}, 2, "unknown option '--colour'"},
         {{"teleport"}, 2, "unknown command 'teleport'"},

@@ -59,7 +59,7 @@ std::optional<std::uint16_t> parsePort(const std::string& text) {
 int connectUnix(const std::string& path) {
     const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0) {
-        throw UsbmuxdError::socketError("socket() failed " + errnoText(errno));
+        throw UsbmuxdError::connectFailed(errno, "socket() failed " + errnoText(errno));
     }
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
@@ -68,7 +68,7 @@ int connectUnix(const std::string& path) {
     if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
         const int error = errno;
         ::close(fd);
-        throw UsbmuxdError::socketError("connect(" + path + ") failed " + errnoText(error));
+        throw UsbmuxdError::connectFailed(error, "connect(" + path + ") failed " + errnoText(error));
     }
     return fd;
 }
@@ -81,15 +81,15 @@ int connectTcp(const std::string& host, std::uint16_t port, const std::string& d
     const std::string service = std::to_string(port);
     if (const int status = ::getaddrinfo(host.c_str(), service.c_str(), &hints, &found);
         status != 0) {
-        throw UsbmuxdError::socketError("getaddrinfo(" + host + ") failed (" +
-                                        ::gai_strerror(status) + ")");
+        throw UsbmuxdError::connectFailed(status, "getaddrinfo(" + host + ") failed (" +
+                                                      ::gai_strerror(status) + ")");
     }
     const std::unique_ptr<addrinfo, void (*)(addrinfo*)> owned(found, ::freeaddrinfo);
     int lastError = 0;
     for (const addrinfo* candidate = found; candidate != nullptr; candidate = candidate->ai_next) {
         const int fd = ::socket(candidate->ai_family, candidate->ai_socktype | SOCK_CLOEXEC, 0);
         if (fd < 0) {
-            throw UsbmuxdError::socketError("socket() failed " + errnoText(errno));
+            throw UsbmuxdError::connectFailed(errno, "socket() failed " + errnoText(errno));
         }
         if (::connect(fd, candidate->ai_addr, candidate->ai_addrlen) == 0) {
             // Requests and the tunnel's small frames must not wait on Nagle.
@@ -100,7 +100,8 @@ int connectTcp(const std::string& host, std::uint16_t port, const std::string& d
         lastError = errno;
         ::close(fd);
     }
-    throw UsbmuxdError::socketError("connect(" + described + ") failed " + errnoText(lastError));
+    throw UsbmuxdError::connectFailed(lastError,
+                                      "connect(" + described + ") failed " + errnoText(lastError));
 }
 
 PropertyList request(const char* messageType) {

@@ -82,7 +82,10 @@ public:
     explicit UsbmuxdClient(SocketAddress address,
                            RequestFormat requestFormat = platformRequestFormat);
 
-    /// The attached devices, in the order the daemon lists them.
+    /// The attached devices, in the order the daemon lists them. Every request
+    /// throws UsbmuxdError: connectFailed when the daemon cannot be reached,
+    /// socketError when it hangs up or a read or write fails, malformed when it
+    /// answers something no daemon sends.
     std::vector<Device> listDevices();
     /// Asks the daemon to connect `port` (host order) on device `deviceID`.
     /// Throws only when the conversation with the daemon fails; every answer

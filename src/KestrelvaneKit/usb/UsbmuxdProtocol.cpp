@@ -19,10 +19,6 @@ UsbmuxdError UsbmuxdError::socketError(std::string message) {
     return UsbmuxdError(Kind::socketError, 0, std::move(message));
 }
 
-UsbmuxdError UsbmuxdError::noDeviceConnected() {
-    return UsbmuxdError(Kind::noDeviceConnected, 0, {});
-}
-
 namespace UsbmuxdProtocol {
 namespace {
 

@@ -13,17 +13,19 @@ namespace kestrelvane {
 /// The errors of the USB transport.
 class UsbmuxdError : public std::runtime_error {
 public:
-    enum class Kind { malformed, connectFailed, socketError, noDeviceConnected };
+    enum class Kind { malformed, connectFailed, socketError };
 
     /// A packet or reply that cannot be what the daemon sends.
     static UsbmuxdError malformed(std::string message);
+    /// The daemon's socket could not be reached (it is not running, or not
+    /// there); `code` is errno, or the resolver's code for a host name.
     static UsbmuxdError connectFailed(std::int64_t code, std::string message);
-    /// A socket call failed; the message names the call and errno.
+    /// The conversation with a daemon that was there failed (it hung up, or a
+    /// read or write failed); the message names the call and errno.
     static UsbmuxdError socketError(std::string message);
-    static UsbmuxdError noDeviceConnected();
 
     Kind kind() const noexcept { return kind_; }
-    /// The payload text; empty for noDeviceConnected.
+    /// The payload text.
     const std::string& message() const noexcept { return message_; }
     /// The payload code of connectFailed; 0 otherwise.
     std::int64_t code() const noexcept { return code_; }

@@ -1,0 +1,185 @@
+#include "KestrelvaneKit/session/Destination.h"
+
+#include "KestrelvaneKit/network/BonjourStream.h"
+#include "KestrelvaneKit/network/ServiceBrowser.h"
+#include "KestrelvaneKit/session/ConnectError.h"
+#include "KestrelvaneKit/session/UsbPhones.h"
+
+#include <charconv>
+#include <condition_variable>
+#include <mutex>
+#include <optional>
+#include <stdexcept>
+#include <thread>
+
+namespace kestrelvane {
+namespace {
+
+std::uint16_t parsePort(const std::string& text) {
+    int port = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), port);
+    if (error != std::errc() || end != text.data() + text.size() || port < 1 || port > 65535) {
+        throw std::invalid_argument("'" + text + "' is not a port number");
+    }
+    return static_cast<std::uint16_t>(port);
+}
+
+std::shared_ptr<KestrelvaneStream> connectOverTcp(const std::string& host, std::uint16_t port,
+                                                  const std::string& where) {
+    auto stream = std::make_shared<BonjourStream>(std::make_shared<TcpConnection>(host, port));
+    // The connection waits for an unreachable network to come back; a
+    // destination gives up after a while instead.
+    std::mutex mutex;
+    std::condition_variable changed;
+    bool settled = false;
+    bool timedOut = false;
+    std::jthread watchdog([&] {
+        std::unique_lock lock(mutex);
+        if (!changed.wait_for(lock, Destination::connectTimeout, [&] { return settled; })) {
+            timedOut = true;
+            lock.unlock();
+            stream->close();
+        }
+    });
+    const auto settle = [&] {
+        {
+            const std::lock_guard lock(mutex);
+            settled = true;
+        }
+        changed.notify_all();
+        watchdog.join();
+    };
+    using Cause = ConnectError::Cause;
+    try {
+        stream->start();
+    } catch (const std::system_error& error) {
+        settle();
+        if (error.code() == std::errc::connection_refused) {
+            throw ConnectError(Cause::refused,
+                               "connection refused by " + where +
+                                   ": nothing is listening there (is `kestrelvane receive` "
+                                   "running?)");
+        }
+        throw ConnectError(error.code() == std::errc::timed_out ? Cause::timedOut
+                                                                : Cause::unreachable,
+                           "cannot connect to " + where + ": " + error.what());
+    } catch (const StreamError&) {
+        settle();
+        if (timedOut) {
+            throw ConnectError(Cause::timedOut,
+                               "cannot connect to " + where + ": no answer within " +
+                                   std::to_string(Destination::connectTimeout.count()) +
+                                   " seconds");
+        }
+        throw ConnectError(Cause::unreachable, "cannot connect to " + where + ": the connection closed");
+    }
+    settle();
+    return stream;
+}
+
+/// Browses DNS-SD until `name` shows up or the lookup time has passed.
+std::optional<DiscoveredService> lookUp(const std::string& name) {
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::optional<DiscoveredService> found;
+    ServiceBrowser browser([&](const std::vector<DiscoveredService>& services) {
+        for (const auto& service : services) {
+            if (service.name == name) {
+                {
+                    const std::lock_guard lock(mutex);
+                    found = service;
+                }
+                changed.notify_all();
+                return;
+            }
+        }
+    });
+    browser.start();
+    {
+        std::unique_lock lock(mutex);
+        changed.wait_for(lock, Destination::lookupTimeout, [&] { return found.has_value(); });
+    }
+    browser.stop();
+    const std::lock_guard lock(mutex);
+    return found;
+}
+
+} // namespace
+
+Destination Destination::usb(std::string serial) {
+    return {.kind = Kind::usb, .serial = std::move(serial)};
+}
+
+Destination Destination::address(std::string host, std::uint16_t port) {
+    return {.kind = Kind::address, .host = std::move(host), .port = port};
+}
+
+Destination Destination::announced(std::string service) {
+    return {.kind = Kind::service, .service = std::move(service)};
+}
+
+Destination Destination::parse(const std::string& text) {
+    if (text == "usb") {
+        return usb();
+    }
+    if (text.starts_with("usb:") && text.size() > 4) {
+        return usb(text.substr(4));
+    }
+    const auto colon = text.rfind(':');
+    if (colon == std::string::npos && !text.empty() && text.front() != '[') {
+        return announced(text);
+    }
+    std::string host;
+    if (!text.empty() && text.front() == '[') {
+        const auto close = text.find(']');
+        if (close == std::string::npos || close + 1 != colon) {
+            throw std::invalid_argument("'" + text + "' is not [ADDR]:PORT");
+        }
+        host = text.substr(1, close - 1);
+    } else if (colon == std::string::npos || text.find(':') != colon) {
+        throw std::invalid_argument("'" + text + "' is not usb, usb:SERIAL, HOST:PORT, " +
+                                    "[ADDR]:PORT or a receiver's name");
+    } else {
+        host = text.substr(0, colon);
+    }
+    if (host.empty()) {
+        throw std::invalid_argument("'" + text + "' names no host");
+    }
+    return address(std::move(host), parsePort(text.substr(colon + 1)));
+}
+
+std::string Destination::describe() const {
+    switch (kind) {
+    case Kind::usb:
+        return serial.empty() ? "the iPhone on USB" : "the iPhone " + serial + " on USB";
+    case Kind::address:
+        return (host.find(':') != std::string::npos ? "[" + host + "]" : host) + ":" +
+               std::to_string(port);
+    case Kind::service:
+        break;
+    }
+    return "\"" + service + "\" on the network";
+}
+
+std::shared_ptr<KestrelvaneStream> Destination::connect() const {
+    switch (kind) {
+    case Kind::usb:
+        return UsbPhones().connect(serial);
+    case Kind::address:
+        return connectOverTcp(host, port, describe());
+    case Kind::service:
+        break;
+    }
+    const auto found = lookUp(service);
+    if (!found) {
+        throw ConnectError(ConnectError::Cause::unreachable,
+                           "no receiver announces itself as \"" + service + "\" on the network (" +
+                               std::string(KestrelvaneService::type) + ", looked for " +
+                               std::to_string(lookupTimeout.count()) + " seconds)");
+    }
+    // A numeric address needs no name service that knows ".local".
+    const std::string reach = found->addresses.empty() ? found->host : found->addresses.front();
+    return connectOverTcp(reach, found->port, describe());
+}
+
+} // namespace kestrelvane

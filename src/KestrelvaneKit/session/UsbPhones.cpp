@@ -1,0 +1,114 @@
+#include "KestrelvaneKit/session/UsbPhones.h"
+
+#include "KestrelvaneKit/session/ConnectError.h"
+#include "KestrelvaneKit/usb/UsbmuxdProtocol.h"
+#include "KestrelvaneKit/usb/UsbmuxdStream.h"
+
+#include <algorithm>
+
+namespace kestrelvane {
+
+UsbPhones::UsbPhones() : UsbPhones(Address::fromEnvironment()) {
+}
+
+UsbPhones::UsbPhones(Address address) : client_(std::move(address)) {
+}
+
+std::string UsbPhones::daemon() const {
+    return client_.address().describe();
+}
+
+void UsbPhones::fail() const {
+    const std::string where = daemon();
+    try {
+        throw;
+    } catch (const UsbmuxdError& error) {
+        switch (error.kind()) {
+        case UsbmuxdError::Kind::connectFailed:
+            throw ConnectError(ConnectError::Cause::usbmuxdNotRunning,
+                               "usbmuxd is not running at " + where + " (" + error.message() + ")");
+        case UsbmuxdError::Kind::socketError:
+            throw ConnectError(ConnectError::Cause::usbmuxdHungUp, "usbmuxd at " + where +
+                                                                       " closed the connection (" +
+                                                                       error.message() + ")");
+        case UsbmuxdError::Kind::malformed:
+            break;
+        }
+        throw ConnectError(ConnectError::Cause::usbmuxdFailed,
+                           "usbmuxd at " + where + " did not answer as expected: " + error.what());
+    } catch (const ConnectError&) {
+        throw;
+    } catch (const std::exception& error) { // a reply that is no property list
+        throw ConnectError(ConnectError::Cause::usbmuxdFailed,
+                           "usbmuxd at " + where + " did not answer as expected: " + error.what());
+    }
+}
+
+std::vector<UsbPhones::Phone> UsbPhones::list() {
+    try {
+        return client_.listDevices();
+    } catch (...) {
+        fail();
+    }
+}
+
+UsbPhones::Probe UsbPhones::probe(const Phone& phone, std::uint16_t port) {
+    UsbmuxdClient::ConnectResult result;
+    try {
+        result = client_.connect(phone.id, port);
+    } catch (...) {
+        fail();
+    }
+    Probe probe;
+    switch (result.kind) {
+    case UsbmuxdClient::ConnectResult::Kind::tunneled:
+        probe.outcome = Probe::Outcome::listening;
+        probe.tunnel.reset(result.fileDescriptor);
+        break;
+    case UsbmuxdClient::ConnectResult::Kind::connectionRefused:
+        probe.outcome = Probe::Outcome::notListening;
+        break;
+    case UsbmuxdClient::ConnectResult::Kind::badDevice:
+        probe.outcome = Probe::Outcome::detached;
+        break;
+    case UsbmuxdClient::ConnectResult::Kind::otherError:
+        probe.code = result.code;
+        probe.message = result.message;
+        break;
+    }
+    return probe;
+}
+
+std::shared_ptr<KestrelvaneStream> UsbPhones::connect(const std::string& serial) {
+    const auto phones = list();
+    const auto phone = std::find_if(phones.begin(), phones.end(), [&](const Phone& candidate) {
+        return serial.empty() || candidate.serial == serial;
+    });
+    if (phone == phones.end()) {
+        throw ConnectError(ConnectError::Cause::noIphone,
+                           serial.empty() ? "no iPhone attached (usbmuxd at " + daemon() +
+                                                " lists none)"
+                                          : "no iPhone " + serial + " attached (usbmuxd at " +
+                                                daemon() + " lists " +
+                                                std::to_string(phones.size()) + " other)");
+    }
+    Probe probe = this->probe(*phone);
+    switch (probe.outcome) {
+    case Probe::Outcome::listening:
+        return std::make_shared<UsbmuxdStream>(probe.tunnel.release());
+    case Probe::Outcome::notListening:
+        throw ConnectError(ConnectError::Cause::appNotListening,
+                           "Kestrelvane is not listening on the iPhone (" + phone->serial +
+                               "): open the app on the phone and try again");
+    case Probe::Outcome::detached:
+        throw ConnectError(ConnectError::Cause::noIphone,
+                           "the iPhone (" + phone->serial + ") was detached");
+    case Probe::Outcome::failed:
+        break;
+    }
+    throw ConnectError(ConnectError::Cause::usbmuxdFailed,
+                       "usbmuxd could not connect to the iPhone: " + probe.message + " (" +
+                           std::to_string(probe.code) + ")");
+}
+
+} // namespace kestrelvane
