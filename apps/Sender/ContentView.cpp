@@ -153,12 +153,12 @@ public:
 } // namespace
 
 ContentView::ContentView(QWidget* parent)
-    : ContentView(UsbPhones::Address::fromEnvironment(),
-                  UsbmuxdDiscovery::defaultInterval, parent) {
+    : ContentView(UsbPhones::Address::fromEnvironment(), UsbmuxdDiscovery::defaultInterval,
+                  parent) {
 }
 
-ContentView::ContentView(UsbPhones::Address usbmuxd,
-                         std::chrono::milliseconds discoveryInterval, QWidget* parent)
+ContentView::ContentView(UsbPhones::Address usbmuxd, std::chrono::milliseconds discoveryInterval,
+                         QWidget* parent)
     : QWidget(parent),
       discovery_(std::make_unique<UsbmuxdDiscovery>(std::move(usbmuxd), discoveryInterval)),
       chooser_(&ContentView::chooseWithDialog) {

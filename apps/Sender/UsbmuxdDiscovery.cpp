@@ -10,8 +10,8 @@ UsbmuxdDiscovery::UsbmuxdDiscovery(QObject* parent)
     : UsbmuxdDiscovery(UsbPhones::Address::fromEnvironment(), defaultInterval, parent) {
 }
 
-UsbmuxdDiscovery::UsbmuxdDiscovery(UsbPhones::Address address,
-                                   std::chrono::milliseconds interval, QObject* parent)
+UsbmuxdDiscovery::UsbmuxdDiscovery(UsbPhones::Address address, std::chrono::milliseconds interval,
+                                   QObject* parent)
     : QObject(parent), interval_(interval),
       phones_(std::make_shared<UsbPhones>(std::move(address))),
       worker_(std::make_unique<BackgroundWork>(1)) {

@@ -75,7 +75,8 @@ signals:
 
 private:
     void tick();
-    void listed(std::uint64_t generation, const std::optional<std::vector<UsbPhones::Phone>>& phones);
+    void listed(std::uint64_t generation,
+                const std::optional<std::vector<UsbPhones::Phone>>& phones);
     /// `probe` is none when usbmuxd failed; an unused tunnel closes with it.
     void connected(std::uint64_t generation, std::int64_t deviceID,
                    const std::shared_ptr<UsbPhones::Probe>& probe);

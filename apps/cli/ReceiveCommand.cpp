@@ -1,13 +1,10 @@
 // kestrelvane receive: a desktop receiver that saves into a folder.
 #include "CommandLine.h"
 #include "Commands.h"
-#include "KestrelvaneKit/network/BonjourStream.h"
 #include "KestrelvaneKit/network/KestrelvaneService.h"
 #include "KestrelvaneKit/network/ServicePublisher.h"
 #include "KestrelvaneKit/network/TcpListener.h"
-#include "KestrelvaneKit/receiving/FolderSaver.h"
-#include "KestrelvaneKit/receiving/TransferServer.h"
-#include "ScratchFolder.h"
+#include "KestrelvaneKit/session/ReceiverService.h"
 
 #include <atomic>
 #include <charconv>
@@ -133,178 +130,6 @@ std::string hostName() {
     return name;
 }
 
-/// The connections being served, so that a stop can end them.
-class Sessions {
-public:
-    void add(const std::shared_ptr<KestrelvaneStream>& stream) {
-        const std::lock_guard lock(mutex_);
-        if (closing_) {
-            stream->close(); // came in while stopping
-        }
-        open_.insert(stream);
-    }
-    void remove(const std::shared_ptr<KestrelvaneStream>& stream) {
-        const std::lock_guard lock(mutex_);
-        open_.erase(stream);
-    }
-    void closeAll() {
-        const std::lock_guard lock(mutex_);
-        closing_ = true;
-        for (const auto& stream : open_) {
-            stream->close();
-        }
-    }
-
-private:
-    std::mutex mutex_;
-    std::set<std::shared_ptr<KestrelvaneStream>> open_;
-    bool closing_ = false;
-};
-
-/// The session threads, each joined soon after its session has ended, so that
-/// threads and descriptors stay bounded however many connections come and go.
-class SessionThreads {
-public:
-    ~SessionThreads() { joinAll(); }
-
-    /// Runs `work` on a new thread unless `limit` sessions are running already.
-    bool tryStart(std::size_t limit, std::function<void()> work) {
-        reap();
-        const std::lock_guard lock(mutex_);
-        if (running_.size() - finished_.size() >= limit) {
-            return false;
-        }
-        const int id = nextId_++;
-        // Under the lock: the thread cannot report itself finished before it is listed.
-        running_.emplace(id, std::thread([this, id, work = std::move(work)]() mutable {
-                             work();
-                             work = nullptr; // its connection goes now, not at the join
-                             const std::lock_guard done(mutex_);
-                             finished_.push_back(id);
-                         }));
-        return true;
-    }
-
-    /// Joins the threads whose sessions have ended.
-    void reap() {
-        std::vector<std::thread> ended;
-        {
-            const std::lock_guard lock(mutex_);
-            for (const int id : finished_) {
-                if (const auto found = running_.find(id); found != running_.end()) {
-                    ended.push_back(std::move(found->second));
-                    running_.erase(found);
-                }
-            }
-            finished_.clear();
-        }
-        for (auto& thread : ended) {
-            thread.join();
-        }
-    }
-
-    void joinAll() {
-        std::map<int, std::thread> all;
-        {
-            const std::lock_guard lock(mutex_);
-            all.swap(running_);
-            finished_.clear();
-        }
-        for (auto& [id, thread] : all) {
-            thread.join();
-        }
-    }
-
-private:
-    std::mutex mutex_;
-    std::map<int, std::thread> running_;
-    std::vector<int> finished_; // ended, not yet joined
-    int nextId_ = 0;
-};
-
-/// The connection's stream, remembering the transport error that ended it, so
-/// that the session's last line can say why (the engine never throws).
-class WatchedStream final : public KestrelvaneStream {
-public:
-    explicit WatchedStream(std::shared_ptr<KestrelvaneStream> inner) : inner_(std::move(inner)) {}
-
-    void start() override { inner_->start(); }
-    void send(ByteView data) override {
-        watch([&] { inner_->send(data); });
-    }
-    Bytes receive(std::int64_t max) override {
-        Bytes bytes;
-        watch([&] { bytes = inner_->receive(max); });
-        return bytes;
-    }
-    std::size_t receiveInto(MutableByteView into) override {
-        std::size_t count = 0;
-        watch([&] { count = inner_->receiveInto(into); });
-        return count;
-    }
-    void close() noexcept override { inner_->close(); }
-
-    std::optional<std::string> failure() const {
-        const std::lock_guard lock(mutex_);
-        return failure_;
-    }
-
-private:
-    template <class Call> void watch(const Call& call) {
-        try {
-            call();
-        } catch (const std::system_error& error) {
-            const std::lock_guard lock(mutex_);
-            // A cancel is this side's own stop, reported as such elsewhere.
-            if (!failure_ && error.code() != std::errc::operation_canceled) {
-                failure_ = error.what();
-            }
-            throw;
-        }
-    }
-
-    const std::shared_ptr<KestrelvaneStream> inner_;
-    mutable std::mutex mutex_;
-    std::optional<std::string> failure_;
-};
-
-void serve(const std::shared_ptr<TcpConnection>& connection, const fs::path& folder,
-           const fs::path& scratch, int number, Output& output, Sessions& sessions) {
-    auto stream = std::make_shared<WatchedStream>(std::make_shared<BonjourStream>(connection));
-    sessions.add(stream);
-    FrameChannel channel(stream);
-    // The saver's outcomes arrive on the acknowledgement writer's thread, the
-    // files the engine turned away itself on this one.
-    std::atomic<int> saved{0};
-    std::atomic<int> failed{0};
-    const auto report = [&](const TransferServer::Event& event) {
-        if (event.ack.status == Ack::Status::ok) {
-            ++saved;
-            output.line("saved   " + event.name);
-        } else {
-            ++failed;
-            output.line("FAILED  " + event.name + ": " + event.ack.message.value_or("?"));
-        }
-    };
-    try {
-        channel.start();
-        output.line("session " + std::to_string(number) + ": connected");
-        FolderSaver saver(folder);
-        TransferServer server(saver, scratch);
-        server.setOnRejected(report);
-        server.run(channel, report);
-    } catch (const std::exception& error) {
-        output.line("session " + std::to_string(number) + ": " + error.what());
-    }
-    if (const auto failure = stream->failure()) {
-        output.line("session " + std::to_string(number) + ": " + *failure);
-    }
-    channel.cancel();
-    sessions.remove(stream);
-    output.line("session " + std::to_string(number) + " ended: " + std::to_string(saved.load()) +
-                " saved, " + std::to_string(failed.load()) + " failed");
-}
-
 } // namespace
 
 int runReceive(const std::vector<std::string>& arguments) {
@@ -380,18 +205,40 @@ int runReceive(const std::vector<std::string>& arguments) {
         return exitSomeFilesNotSaved;
     }
 
+    Output output;
+    const auto say = [&output, maxSessions](const ReceiverService::Report& report) {
+        const std::string session = "session " + std::to_string(report.session);
+        switch (report.kind) {
+        case ReceiverService::Report::Kind::connected:
+            return output.line(session + ": connected");
+        case ReceiverService::Report::Kind::saved:
+            return output.line("saved   " + report.name);
+        case ReceiverService::Report::Kind::failed:
+            return output.line("FAILED  " + report.name + ": " + report.message);
+        case ReceiverService::Report::Kind::broken:
+            return output.line(session + ": " + report.message);
+        case ReceiverService::Report::Kind::ended:
+            return output.line(session + " ended: " + std::to_string(report.saved) + " saved, " +
+                               std::to_string(report.failed) + " failed");
+        case ReceiverService::Report::Kind::refused:
+            return output.line("connection refused: " + std::to_string(maxSessions) +
+                               " sessions already open (--max-sessions)");
+        }
+    };
     // Files still arriving wait in a folder of this receiver's own; what a
     // killed receiver left behind is removed here.
-    std::unique_ptr<ScratchFolder> scratch;
+    std::unique_ptr<ReceiverService> service;
     try {
-        scratch = std::make_unique<ScratchFolder>();
+        service = std::make_unique<ReceiverService>(
+            ReceiverService::Options{.folder = folder,
+                                     .maxSessions = static_cast<std::size_t>(maxSessions),
+                                     .idleTimeout = std::chrono::seconds(idleSeconds)},
+            say);
     } catch (const std::exception& failure) {
         std::fprintf(stderr, "kestrelvane receive: %s\n", failure.what());
         return exitSomeFilesNotSaved;
     }
 
-    Output output;
-    Sessions sessions;
     std::atomic<bool> finished{false};
     std::atomic<bool> interrupted{false};
     std::thread signalWaiter([&] {
@@ -399,8 +246,7 @@ int runReceive(const std::vector<std::string>& arguments) {
         sigwait(&stopSignals, &signal);
         if (!finished) {
             interrupted = true;
-            listener->stop();
-            sessions.closeAll(); // a file cut short is resent by the sender
+            service->stop(); // a file cut short is resent by the sender
         }
     });
 
@@ -415,46 +261,13 @@ int runReceive(const std::vector<std::string>& arguments) {
                     std::string(KestrelvaneService::type) + ")");
     }
 
-    const bool once = line->has("once");
-    SessionThreads sessionThreads;
     int status = exitOk;
-    for (int number = 1;;) {
-        std::shared_ptr<TcpConnection> connection;
-        try {
-            connection = listener->accept();
-        } catch (const std::exception& failure) {
-            output.line(std::string("cannot accept connections: ") + failure.what());
-            status = exitSomeFilesNotSaved;
-            break;
-        }
-        if (!connection) {
-            break;
-        }
-        connection->setIdleTimeout(std::chrono::seconds(idleSeconds));
-        const bool started =
-            sessionThreads.tryStart(static_cast<std::size_t>(maxSessions), [&, connection, number] {
-                serve(connection, folder, scratch->path(), number, output, sessions);
-                if (once) {
-                    listener->stop();
-                }
-            });
-        if (!started) {
-            // Closed rather than left waiting: the sender learns at once, and a
-            // flood of connections holds neither threads nor descriptors.
-            connection->cancel();
-            output.line("connection refused: " + std::to_string(maxSessions) +
-                        " sessions already open (--max-sessions)");
-            continue;
-        }
-        ++number;
-        if (once) {
-            break;
-        }
+    try {
+        service->run(*listener, line->has("once"));
+    } catch (const std::exception& failure) {
+        output.line(std::string("cannot accept connections: ") + failure.what());
+        status = exitSomeFilesNotSaved;
     }
-    if (!once) {
-        sessions.closeAll(); // the listener failed: nothing more will come
-    }
-    sessionThreads.joinAll();
     publisher.reset();
 
     finished = true;

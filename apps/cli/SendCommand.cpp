@@ -3,9 +3,9 @@
 #include "Commands.h"
 #include "CountingStream.h"
 #include "KestrelvaneKit/intake/QueuePlanner.h"
+#include "KestrelvaneKit/sending/TransferClient.h"
 #include "KestrelvaneKit/session/ConnectError.h"
 #include "KestrelvaneKit/session/Destination.h"
-#include "KestrelvaneKit/sending/TransferClient.h"
 #include "KestrelvaneKit/wire/UnicodeText.h"
 #include "SendReporter.h"
 

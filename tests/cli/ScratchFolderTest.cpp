@@ -1,4 +1,4 @@
-#include "ScratchFolder.h"
+#include "KestrelvaneKit/session/ScratchFolder.h"
 
 #include "support/ScopedEnvironment.h"
 #include "support/TemporaryFolder.h"

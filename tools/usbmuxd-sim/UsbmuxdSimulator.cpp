@@ -316,7 +316,7 @@ bool UsbmuxdSimulator::handle(const std::shared_ptr<Connection>& connection, std
         }
         reply(*connection, tag, result(resultOK), format);
         say("tunnel to " + phone->serial + " port " + std::to_string(port));
-        phone->serve(connection->fd, [this](const std::string& line) { say(line); });
+        phone->serve(connection->fd);
         return false;
     }
     if (type == "Attach") {
@@ -329,7 +329,7 @@ bool UsbmuxdSimulator::handle(const std::shared_ptr<Connection>& connection, std
             const std::int64_t id = attach(VirtualPhone::parse(*description));
             body = result(resultOK);
             body.set("DeviceID", PropertyList::integer(id));
-        } catch (const std::invalid_argument& error) {
+        } catch (const std::exception& error) { // a bad description, or no scratch folder
             body.set("String", PropertyList::string(error.what()));
         }
         reply(*connection, tag, body, format);
@@ -361,6 +361,7 @@ PropertyList UsbmuxdSimulator::attachedMessage(std::int64_t id, const VirtualPho
 }
 
 std::int64_t UsbmuxdSimulator::attach(VirtualPhone phone) {
+    phone.switchOn([this](const std::string& line) { say(line); });
     std::int64_t id = 0;
     PropertyList event = PropertyList::dictionary();
     {

@@ -1,7 +1,6 @@
 #include "VirtualPhone.h"
 
-#include "KestrelvaneKit/receiving/FolderSaver.h"
-#include "KestrelvaneKit/receiving/TransferServer.h"
+#include "KestrelvaneKit/session/ReceiverService.h"
 #include "KestrelvaneKit/usb/UsbmuxdStream.h"
 
 #include <cerrno>
@@ -84,34 +83,41 @@ bool VirtualPhone::accepts(std::uint16_t port) const noexcept {
     return port == receiverPort && receiver != Receiver::none && receiver != Receiver::vanished;
 }
 
-void VirtualPhone::serve(int fd, const OnLine& onLine) const {
+void VirtualPhone::switchOn(OnLine onLine) {
+    if (receiver != Receiver::folder && receiver != Receiver::test) {
+        return;
+    }
+    ReceiverService::Options options;
+    if (receiver == Receiver::folder) {
+        options.folder = folder;
+    }
+    service_ = std::make_shared<ReceiverService>(
+        options,
+        [serial = serial, onLine = std::move(onLine)](const ReceiverService::Report& report) {
+            using Kind = ReceiverService::Report::Kind;
+            if (report.kind == Kind::saved || report.kind == Kind::failed) {
+                onLine(serial + ": " + report.name + " " +
+                       (report.kind == Kind::saved ? std::string("saved")
+                                                   : "failed: " + report.message));
+            } else if (report.kind == Kind::refused) {
+                onLine(serial + ": connection refused: all sessions taken");
+            }
+        });
+}
+
+void VirtualPhone::serve(int fd) const {
     if (receiver == Receiver::echo) {
         echo(fd);
         return;
     }
-    std::unique_ptr<BatchSaving> saver;
-    if (receiver == Receiver::folder) {
-        saver = std::make_unique<FolderSaver>(folder);
-    } else {
-        saver = std::make_unique<TestBatchSaver>([](const auto&, const auto&) {});
-    }
     // The stream gets its own descriptor; the simulator keeps `fd` so that it
     // can shut the tunnel down from outside.
     const int own = ::dup(fd);
-    if (own < 0) {
-        return;
+    if (service_ && own >= 0) {
+        service_->serve(std::make_shared<UsbmuxdStream>(own));
+    } else if (own >= 0) {
+        ::close(own);
     }
-    FrameChannel channel(std::make_shared<UsbmuxdStream>(own));
-    channel.start();
-    TransferServer(*saver).run(channel, [&](const TransferServer::Event& event) {
-        if (onLine) {
-            onLine(serial + ": " + event.name + " " +
-                   (event.ack.status == Ack::Status::ok
-                        ? std::string("saved")
-                        : "failed: " + event.ack.message.value_or("")));
-        }
-    });
-    channel.cancel();
 }
 
 } // namespace kestrelvane::sim

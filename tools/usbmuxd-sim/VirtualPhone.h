@@ -3,7 +3,12 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <memory>
 #include <string>
+
+namespace kestrelvane {
+class ReceiverService;
+}
 
 namespace kestrelvane::sim {
 
@@ -33,11 +38,19 @@ struct VirtualPhone {
     /// Whether a connect to `port` reaches something.
     bool accepts(std::uint16_t port) const noexcept;
 
-    /// One line per acknowledged file, for the simulator's output.
+    /// One line per file received (saved or not), for the simulator's output.
     using OnLine = std::function<void(const std::string&)>;
+    /// Starts the phone's receiver, a receiver service (its own scratch
+    /// folder, session limit, reports) shared by every copy of this phone.
+    /// Throws std::system_error when it cannot. Nothing to do for echo,
+    /// none and vanished.
+    void switchOn(OnLine onLine);
     /// Serves one tunnel on the connected socket `fd` until the sender hangs
     /// up. Does not close `fd`.
-    void serve(int fd, const OnLine& onLine) const;
+    void serve(int fd) const;
+
+private:
+    std::shared_ptr<ReceiverService> service_{};
 };
 
 } // namespace kestrelvane::sim

@@ -71,7 +71,8 @@ std::shared_ptr<KestrelvaneStream> connectOverTcp(const std::string& host, std::
                                    std::to_string(Destination::connectTimeout.count()) +
                                    " seconds");
         }
-        throw ConnectError(Cause::unreachable, "cannot connect to " + where + ": the connection closed");
+        throw ConnectError(Cause::unreachable,
+                           "cannot connect to " + where + ": the connection closed");
     }
     settle();
     return stream;

@@ -86,11 +86,10 @@ std::shared_ptr<KestrelvaneStream> UsbPhones::connect(const std::string& serial)
     });
     if (phone == phones.end()) {
         throw ConnectError(ConnectError::Cause::noIphone,
-                           serial.empty() ? "no iPhone attached (usbmuxd at " + daemon() +
-                                                " lists none)"
-                                          : "no iPhone " + serial + " attached (usbmuxd at " +
-                                                daemon() + " lists " +
-                                                std::to_string(phones.size()) + " other)");
+                           serial.empty()
+                               ? "no iPhone attached (usbmuxd at " + daemon() + " lists none)"
+                               : "no iPhone " + serial + " attached (usbmuxd at " + daemon() +
+                                     " lists " + std::to_string(phones.size()) + " other)");
     }
     Probe probe = this->probe(*phone);
     switch (probe.outcome) {

@@ -68,7 +68,8 @@ int connectUnix(const std::string& path) {
     if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
         const int error = errno;
         ::close(fd);
-        throw UsbmuxdError::connectFailed(error, "connect(" + path + ") failed " + errnoText(error));
+        throw UsbmuxdError::connectFailed(error,
+                                          "connect(" + path + ") failed " + errnoText(error));
     }
     return fd;
 }

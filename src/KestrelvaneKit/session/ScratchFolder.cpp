@@ -1,4 +1,4 @@
-#include "ScratchFolder.h"
+#include "KestrelvaneKit/session/ScratchFolder.h"
 
 #include <cerrno>
 #include <fcntl.h>
@@ -8,7 +8,7 @@
 #include <system_error>
 #include <unistd.h>
 
-namespace kestrelvane::cli {
+namespace kestrelvane {
 
 namespace fs = std::filesystem;
 
@@ -109,4 +109,4 @@ int ScratchFolder::removeAbandoned(const fs::path& temporaryDirectory) {
     return removed;
 }
 
-} // namespace kestrelvane::cli
+} // namespace kestrelvane

@@ -2,7 +2,7 @@
 
 #include <filesystem>
 
-namespace kestrelvane::cli {
+namespace kestrelvane {
 
 /// The receiver's own folder for files still arriving, under the system's
 /// temporary directory ("kestrelvane-receive.XXXXXX"), held with a lock for
@@ -36,4 +36,4 @@ private:
     int lock_ = -1;
 };
 
-} // namespace kestrelvane::cli
+} // namespace kestrelvane

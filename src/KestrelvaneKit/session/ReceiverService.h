@@ -1,0 +1,103 @@
+#pragma once
+
+#include "KestrelvaneKit/session/ScratchFolder.h"
+#include "KestrelvaneKit/wire/KestrelvaneStream.h"
+
+#include <chrono>
+#include <cstddef>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace kestrelvane {
+
+class TcpListener;
+
+/// A receiver as a service: takes connections (from a listener or handed
+/// in), serves each as one session of the receiving engine on a thread of
+/// its own, at most `maxSessions` at once, keeps files still arriving in a
+/// scratch folder of its own (and removes those of receivers that were
+/// killed), and tells what happens, session by session and file by file.
+class ReceiverService {
+public:
+    struct Options {
+        /// Where files are saved (DIR/ALBUM for an album); none verifies
+        /// every file and keeps nothing.
+        std::optional<std::filesystem::path> folder{};
+        /// Sessions served at once; a further connection is closed at once.
+        std::size_t maxSessions = 8;
+        /// A session whose sender moves no byte for this long ends; zero
+        /// waits for ever. Applies to connections a listener accepts.
+        std::chrono::seconds idleTimeout{120};
+    };
+
+    struct Report {
+        enum class Kind {
+            connected, ///< a session began
+            saved,     ///< `name` is on disk and acknowledged
+            failed,    ///< `name` was not saved; `message` says why
+            broken,    ///< the session's connection failed; `message` says how
+            ended,     ///< the session is over; `saved` and `failed` count its files
+            refused,   ///< a connection beyond maxSessions was closed
+        };
+        Kind kind = Kind::connected;
+        int session = 0; ///< numbered from 1 in the order sessions began; 0 for refused
+        std::string name{};
+        std::string message{};
+        int saved = 0;
+        int failed = 0;
+    };
+    /// Called from session threads, one report at a time.
+    using OnReport = std::function<void(const Report&)>;
+
+    /// Makes the scratch folder; throws std::system_error when it cannot.
+    ReceiverService(Options options, OnReport onReport);
+    /// Stops, and waits for every session to end.
+    ~ReceiverService();
+    ReceiverService(const ReceiverService&) = delete;
+    ReceiverService& operator=(const ReceiverService&) = delete;
+
+    /// Accepts connections from `listener` and serves each on its own thread
+    /// until stop(), or with `once` until the first session has ended; then
+    /// waits for the sessions still running. Throws std::system_error when
+    /// accepting fails (after closing and waiting for every session).
+    void run(TcpListener& listener, bool once = false);
+    /// Serves one session over `stream` on the calling thread, unless
+    /// maxSessions are running already (then the stream is closed and
+    /// refused reported). Returns when the session has ended.
+    void serve(const std::shared_ptr<KestrelvaneStream>& stream);
+    /// From any thread: stops accepting and closes every session's connection
+    /// (a file cut short is the sender's to resend). Later connections are closed at once.
+    void stop() noexcept;
+
+    const std::filesystem::path& scratch() const noexcept { return scratch_.path(); }
+
+private:
+    class SessionThreads;
+
+    /// Takes a session place and a number; none when the service is full.
+    std::optional<int> admit(const std::shared_ptr<KestrelvaneStream>& stream);
+    void runSession(const std::shared_ptr<KestrelvaneStream>& stream, int number);
+    void release(const std::shared_ptr<KestrelvaneStream>& stream);
+    void report(const Report& report);
+
+    const Options options_;
+    const OnReport onReport_;
+    ScratchFolder scratch_;
+    std::mutex reportMutex_; // one report at a time
+    std::mutex mutex_;       // guards everything below
+    std::set<std::shared_ptr<KestrelvaneStream>> open_;
+    int nextNumber_ = 1;
+    bool stopping_ = false;
+    TcpListener* listener_ = nullptr;
+    std::unique_ptr<SessionThreads> threads_;
+};
+
+} // namespace kestrelvane
