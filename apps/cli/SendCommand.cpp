@@ -1,11 +1,10 @@
 // kestrelvane send: plan the given paths, connect, send, report.
 #include "CommandLine.h"
 #include "Commands.h"
-#include "CountingStream.h"
 #include "KestrelvaneKit/intake/QueuePlanner.h"
-#include "KestrelvaneKit/sending/TransferClient.h"
 #include "KestrelvaneKit/session/ConnectError.h"
 #include "KestrelvaneKit/session/Destination.h"
+#include "KestrelvaneKit/session/SendRun.h"
 #include "KestrelvaneKit/wire/UnicodeText.h"
 #include "SendReporter.h"
 
@@ -39,43 +38,9 @@ acknowledged each one.
   --log stderr      the library's log lines on stderr instead of the journal
 
 Exit status: 0 every file saved (or nothing to send), 1 some files not saved
-(they are listed), 2 usage error, 3 no connection could be made.
+(they are listed) or some PATH missing or unreadable (each is named), 2 usage
+error, 3 no connection could be made.
 )";
-
-struct PlannedFile {
-    fs::path path;
-    std::string name;
-    std::uint64_t bytes = 0;
-};
-
-/// The files whose saving the receiver confirmed, matched by name: each "ok"
-/// acknowledgement credits one planned file of that name.
-std::vector<SendReporter::Unsaved> unsavedFiles(const std::vector<PlannedFile>& planned,
-                                                const std::vector<Ack>& acks,
-                                                std::uint64_t& bytesSaved) {
-    std::map<std::string, int> oks;
-    std::map<std::string, std::string> errors;
-    for (const auto& ack : acks) {
-        if (ack.status == Ack::Status::ok) {
-            ++oks[ack.name];
-        } else {
-            errors[ack.name] = ack.message.value_or("?");
-        }
-    }
-    std::vector<SendReporter::Unsaved> unsaved;
-    bytesSaved = 0;
-    for (const auto& file : planned) {
-        if (auto ok = oks.find(file.name); ok != oks.end() && ok->second > 0) {
-            --ok->second;
-            bytesSaved += file.bytes;
-            continue;
-        }
-        const auto error = errors.find(file.name);
-        unsaved.push_back({file.name, file.path.string(),
-                           error != errors.end() ? error->second : "not acknowledged"});
-    }
-    return unsaved;
-}
 
 } // namespace
 
@@ -107,20 +72,23 @@ int runSend(const std::vector<std::string>& arguments) {
     std::FILE* const messages = json ? stderr : stdout;
 
     std::vector<fs::path> paths(line->operands().begin(), line->operands().end());
-    std::vector<PlannedFile> planned;
+    std::vector<fs::path> files;
+    std::vector<QueuePlanner::Unreadable> unreadable;
     try {
-        for (const auto& path : QueuePlanner::plan(paths, {})) {
-            std::error_code ignored;
-            const auto size = fs::file_size(path, ignored);
-            planned.push_back({path, path.filename().string(), ignored ? 0 : size});
-        }
+        files = QueuePlanner::plan(paths, {}, &unreadable);
     } catch (const std::exception& error) {
         std::fprintf(stderr, "kestrelvane send: %s\n", error.what());
         return exitSomeFilesNotSaved;
     }
-    if (planned.empty()) {
+    // Named, and not sent, but they do not stop the rest.
+    for (const auto& path : unreadable) {
+        std::fprintf(stderr, "kestrelvane send: %s: %s\n", path.path.c_str(),
+                     path.error.message().c_str());
+    }
+    const int nothingLost = unreadable.empty() ? exitOk : exitSomeFilesNotSaved;
+    if (files.empty()) {
         std::fputs("Nothing to send: no photos or videos among the given paths.\n", messages);
-        return exitOk;
+        return nothingLost;
     }
 
     SessionHeader session;
@@ -141,56 +109,49 @@ int runSend(const std::vector<std::string>& arguments) {
                                                  : SendReporter::Style::plain;
     SendReporter reporter(style, stdout);
     std::uint64_t totalBytes = 0;
-    std::map<std::string, std::uint64_t> bytesByName; // the later file of a name wins
-    std::vector<fs::path> files;
-    for (const auto& file : planned) {
-        totalBytes += file.bytes;
-        bytesByName[file.name] = file.bytes;
-        files.push_back(file.path);
+    for (const auto& file : files) {
+        std::error_code unknown;
+        const auto size = fs::file_size(file, unknown);
+        totalBytes += unknown ? 0 : size;
     }
-    reporter.start(static_cast<std::int64_t>(planned.size()), totalBytes, destination->describe(),
+    reporter.start(static_cast<std::int64_t>(files.size()), totalBytes, destination->describe(),
                    session.albumName);
 
-    std::vector<Ack> acks; // written by the acknowledgement reader, read after send returns
-    // A receiver may acknowledge names it was never sent, or one file twice;
-    // only the first acknowledgement of a file that awaits one counts.
-    std::map<std::string, int> awaiting;
-    for (const auto& file : planned) {
-        ++awaiting[file.name];
-    }
-    std::optional<std::string> brokeOff;
-    const double started = SendReporter::steadySeconds();
-    FrameChannel channel(std::make_shared<CountingStream>(
-        stream, [&reporter](std::uint64_t bytes) { reporter.sent(bytes); }));
-    try {
-        TransferClient().send(files, channel, session, [&](const TransferClient::Progress& step) {
-            if (auto file = awaiting.find(step.fileName);
-                file == awaiting.end() || file->second == 0) {
-                std::fprintf(stderr,
-                             "kestrelvane send: ignored an acknowledgement for \"%s\", which "
-                             "awaited none\n",
-                             step.fileName.c_str());
-                return;
-            } else {
-                --file->second;
-            }
-            acks.push_back(step.ack);
-            reporter.acknowledged(step.fileName, step.ack.status == Ack::Status::ok,
-                                  step.ack.message, bytesByName[step.fileName]);
-        });
-    } catch (const std::exception& error) {
-        brokeOff = error.what();
-    }
-    channel.cancel();
-
     SendReporter::Summary summary;
-    summary.files = static_cast<std::int64_t>(planned.size());
+    const double started = SendReporter::steadySeconds();
+    SendRun run(files, session,
+                {.settled =
+                     [&](const SendRun::Settled& settled) {
+                         reporter.acknowledged(settled.ack.name,
+                                               settled.ack.status == Ack::Status::ok,
+                                               settled.ack.message, settled.byteCount);
+                         if (settled.ack.status == Ack::Status::ok) {
+                             summary.bytesSaved += settled.byteCount;
+                         }
+                     },
+                 .stray =
+                     [](const Ack& ack) {
+                         std::fprintf(stderr,
+                                      "kestrelvane send: ignored an acknowledgement for \"%s\", "
+                                      "which awaited none\n",
+                                      ack.name.c_str());
+                     },
+                 .sent = [&reporter](std::uint64_t bytes) { reporter.sent(bytes); }});
+    const SendRun::Outcome outcome = run.run(stream);
+    summary.files = static_cast<std::int64_t>(files.size());
     summary.seconds = SendReporter::steadySeconds() - started;
-    summary.unsaved = unsavedFiles(planned, acks, summary.bytesSaved);
+    for (std::size_t i = 0; i < files.size(); ++i) {
+        const auto& ack = outcome.acks[i];
+        if (!ack || ack->status != Ack::Status::ok) {
+            summary.unsaved.push_back({files[i].filename().string(), files[i].string(),
+                                       ack ? ack->message.value_or("?") : "not acknowledged"});
+        }
+    }
     summary.saved = summary.files - static_cast<std::int64_t>(summary.unsaved.size());
-    summary.exitStatus = summary.unsaved.empty() ? exitOk : exitSomeFilesNotSaved;
-    if (brokeOff) {
-        std::fprintf(stderr, "kestrelvane send: the transfer broke off: %s\n", brokeOff->c_str());
+    summary.exitStatus = summary.unsaved.empty() ? nothingLost : exitSomeFilesNotSaved;
+    if (outcome.brokeOff) {
+        std::fprintf(stderr, "kestrelvane send: the transfer broke off: %s\n",
+                     outcome.brokeOff->c_str());
     }
     reporter.finish(summary);
     return summary.exitStatus;

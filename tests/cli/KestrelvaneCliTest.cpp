@@ -99,7 +99,8 @@ TEST(KestrelvaneCli, ExitStatusSaysWhetherAUsageErrorFilesNotSavedOrNoConnection
         {{"receive", "--dir", "DIR", "--max-sessions", "2000"}, 2, "--max-sessions takes a whole"},
         {{"receive", "--dir", "DIR", "--idle-timeout", "1.5"}, 2, "--idle-timeout takes a whole"},
         {{"send", "--help"}, 0, "usage: kestrelvane send"},
-        {{"send", "DIR/missing.jpg"}, 0, "Nothing to send"},
+        {{"send", "DIR/missing.jpg"}, 1, "missing.jpg: No such file or directory"},
+        {{"send", "--to", "RECEIVER", "PHOTO", "DIR/typo.jpg"}, 1, "1 of 1 saved"},
         {{"receive", "--dir", "/dev/null/in"}, 1, "cannot use /dev/null/in as the folder"},
         // 192.0.2.1 is set aside for documentation: no machine has it. A name
         // for --advertise is optional, and an option is not one.
@@ -142,8 +143,8 @@ TEST(KestrelvaneCli, ExitStatusSaysWhetherAUsageErrorFilesNotSavedOrNoConnection
         EXPECT_EQ(done.status, outcome.status);
         EXPECT_TRUE(done.mentions(std::regex_replace(outcome.says, std::regex("SOCKET"), socket)));
     }
-    // Nothing saved: the receiver's folder is all there is.
-    EXPECT_EQ(std::distance(fs::recursive_directory_iterator(folder.path()), {}), 1);
+    // Only the photo sent beside a missing path was saved.
+    EXPECT_EQ(std::distance(fs::recursive_directory_iterator(folder.path()), {}), 2);
 }
 
 // What README tells a newcomer to run first.

@@ -2,7 +2,7 @@
 // as the transport takes them, and the time left at the rate so far.
 #include "SendReporter.h"
 
-#include "CountingStream.h"
+#include "KestrelvaneKit/session/CountingStream.h"
 #include "support/MemoryStream.h"
 
 #include <gtest/gtest.h>

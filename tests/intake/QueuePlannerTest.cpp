@@ -41,11 +41,17 @@ TEST_F(QueuePlannerTest, CaseDiffersButCanonicallyEquivalentNamesAreOneKey) {
     EXPECT_EQ(QueuePlanner::plan({composed}, {decomposed}), Paths{});
 }
 
-// Non-media and missing paths vanish; a hidden file stays when dropped directly only.
+// Non-media and missing paths vanish, the missing ones named with why; a hidden
+// file stays when dropped directly only.
 TEST_F(QueuePlannerTest, AFolderContributesItsSortedMediaFilesAtItsPlaceOrFailsThePlan) {
     const fs::path hidden = file(".hidden.jpg");
-    EXPECT_EQ(QueuePlanner::plan({file("notes.txt"), p / "missing.jpg", p / "gone", hidden}, {}),
+    std::vector<QueuePlanner::Unreadable> missing;
+    EXPECT_EQ(QueuePlanner::plan({file("notes.txt"), p / "missing.jpg", p / "gone", hidden}, {},
+                                 &missing),
               Paths{hidden});
+    ASSERT_EQ(missing.size(), 2u);
+    EXPECT_EQ(missing[1].path, p / "gone");
+    EXPECT_EQ(missing[1].error, std::errc::no_such_file_or_directory);
     const fs::path z = file("z.jpg");
     const fs::path b = file("q/b.jpg");
     const fs::path a = file("q/sub/A.mov");

@@ -4,6 +4,7 @@
 #include "KestrelvaneKit/wire/UnicodeText.h"
 
 #include <system_error>
+#include <unistd.h>
 #include <unordered_set>
 
 namespace kestrelvane::QueuePlanner {
@@ -23,12 +24,14 @@ std::string key(const fs::path& location) {
     return UnicodeText::nfc(normal);
 }
 
-std::vector<fs::path> plan(const std::vector<fs::path>& adding, const std::vector<fs::path>& to) {
-    return plan(adding, to, [](const fs::path& folder) { return MediaScanner::scan(folder); });
+std::vector<fs::path> plan(const std::vector<fs::path>& adding, const std::vector<fs::path>& to,
+                           std::vector<Unreadable>* unreadable) {
+    return plan(
+        adding, to, [](const fs::path& folder) { return MediaScanner::scan(folder); }, unreadable);
 }
 
 std::vector<fs::path> plan(const std::vector<fs::path>& adding, const std::vector<fs::path>& to,
-                           const FolderScan& scanFolder) {
+                           const FolderScan& scanFolder, std::vector<Unreadable>* unreadable) {
     std::unordered_set<std::string> seen;
     seen.reserve(to.size() + adding.size());
     for (const fs::path& queued : to) {
@@ -43,8 +46,16 @@ std::vector<fs::path> plan(const std::vector<fs::path>& adding, const std::vecto
     for (const fs::path& location : adding) {
         std::error_code error;
         const fs::file_status status = fs::status(location, error);
-        if (error || !fs::exists(status)) {
-            continue; // gone, or not reachable: left out without a word
+        if (!error && !fs::exists(status)) {
+            error = std::make_error_code(std::errc::no_such_file_or_directory);
+        } else if (!error && ::access(location.c_str(), R_OK) != 0) {
+            error = std::error_code(errno, std::generic_category());
+        }
+        if (error) {
+            if (unreadable != nullptr) {
+                unreadable->push_back({location, error});
+            }
+            continue;
         }
         if (!fs::is_directory(status)) {
             take(location);

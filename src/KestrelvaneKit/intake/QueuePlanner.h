@@ -3,6 +3,7 @@
 #include <filesystem>
 #include <functional>
 #include <string>
+#include <system_error>
 #include <vector>
 
 namespace kestrelvane::QueuePlanner {
@@ -13,14 +14,23 @@ namespace kestrelvane::QueuePlanner {
 /// out, and every file whose key is already queued or met earlier left out.
 /// Locations come back exactly as given or as the scan produced them.
 /// Throws what a folder scan throws; nothing is returned then.
+///
+/// A given path that does not exist or cannot be read is added to
+/// `unreadable`, when given, with the reason.
+struct Unreadable {
+    std::filesystem::path path;
+    std::error_code error;
+};
 std::vector<std::filesystem::path> plan(const std::vector<std::filesystem::path>& adding,
-                                        const std::vector<std::filesystem::path>& to);
+                                        const std::vector<std::filesystem::path>& to,
+                                        std::vector<Unreadable>* unreadable = nullptr);
 
 /// plan() with `scanFolder` in place of MediaScanner::scan.
 using FolderScan = std::function<std::vector<std::filesystem::path>(const std::filesystem::path&)>;
 std::vector<std::filesystem::path> plan(const std::vector<std::filesystem::path>& adding,
                                         const std::vector<std::filesystem::path>& to,
-                                        const FolderScan& scanFolder);
+                                        const FolderScan& scanFolder,
+                                        std::vector<Unreadable>* unreadable = nullptr);
 
 /// The identity of a location for duplicate detection: its absolute path with
 /// "." and ".." segments removed lexically (symbolic links are not resolved),

@@ -34,33 +34,36 @@ std::string canonical(const std::string& name) {
 struct BatchEntry {
     fs::path path;
     MediaType type;
+    std::size_t index; ///< position in the caller's list
 };
 
-/// The acknowledgements of one send, and the sizes they give back to the window.
+/// Matches acknowledgements to the files of one send: each settles the first
+/// unsettled file of its name, in batch order.
 class AcksBox {
 public:
-    explicit AcksBox(const std::vector<BatchEntry>& batch) : batch_(batch) {}
-
-    /// Keeps `ack` and returns the size of the batch file it names (0 when none).
-    /// The sizes are looked up on the first acknowledgement; of two files with
-    /// the same name the later one's size counts.
-    std::uint64_t append(const Ack& ack) {
-        const std::lock_guard lock(mutex_);
-        if (!byteByName_) {
-            byteByName_.emplace();
-            for (const auto& entry : batch_) {
-                std::error_code error;
-                const auto size = fs::file_size(entry.path, error);
-                if (!error) {
-                    (*byteByName_)[canonical(entry.path.filename().string())] = size;
-                }
-            }
+    explicit AcksBox(const std::vector<BatchEntry>& batch) : batch_(batch) {
+        for (std::size_t i = 0; i < batch_.size(); ++i) {
+            unsettled_.emplace(canonical(batch_[i].path.filename().string()), i);
         }
+    }
+
+    /// Keeps `ack` and returns the file it settles, if any, with its size.
+    const BatchEntry* append(const Ack& ack, std::uint64_t& byteCount) {
+        const std::lock_guard lock(mutex_);
         acks_.push_back(ack);
-        // Names match under canonical equivalence, as the receiver may have
-        // normalised the name it echoes.
-        const auto found = byteByName_->find(canonical(ack.name));
-        return found == byteByName_->end() ? 0 : found->second;
+        byteCount = 0;
+        // Equal keys keep their order of insertion: the first is the earliest file.
+        const std::string name = canonical(ack.name);
+        const auto found = unsettled_.lower_bound(name);
+        if (found == unsettled_.end() || found->first != name) {
+            return nullptr;
+        }
+        const BatchEntry& entry = batch_[found->second];
+        unsettled_.erase(found);
+        std::error_code error;
+        const auto size = fs::file_size(entry.path, error);
+        byteCount = error ? 0 : size;
+        return &entry;
     }
 
     std::vector<Ack> acks() const {
@@ -72,7 +75,7 @@ private:
     const std::vector<BatchEntry>& batch_;
     mutable std::mutex mutex_;
     std::vector<Ack> acks_;
-    std::optional<std::map<std::string, std::uint64_t>> byteByName_;
+    std::multimap<std::string, std::size_t> unsettled_;
 };
 
 /// The batch's size on disk, for the start line only: 0 if any size is unknown.
@@ -175,9 +178,9 @@ TransferClient::TransferClient(std::int64_t maxInflightBytes, std::int64_t minIn
 std::vector<Ack> TransferClient::send(const std::vector<fs::path>& files, FrameChannel& over,
                                       const SessionHeader& session, const OnProgress& onProgress) {
     std::vector<BatchEntry> batch;
-    for (const auto& path : files) {
-        if (const auto type = MediaScanner::mediaType(path)) {
-            batch.push_back({path, *type});
+    for (std::size_t i = 0; i < files.size(); ++i) {
+        if (const auto type = MediaScanner::mediaType(files[i])) {
+            batch.push_back({files[i], *type, i});
         }
     }
     const auto n = static_cast<std::int64_t>(batch.size());
@@ -266,7 +269,8 @@ std::vector<Ack> TransferClient::send(const std::vector<fs::path>& files, FrameC
                 break;
             }
             const Ack ack = WireMessage::decode<Ack>(frame);
-            const std::uint64_t released = acksBox.append(ack);
+            std::uint64_t released = 0;
+            const BatchEntry* settled = acksBox.append(ack, released);
             {
                 const std::lock_guard lock(heldMutex);
                 --filesHeld;
@@ -278,7 +282,13 @@ std::vector<Ack> TransferClient::send(const std::vector<fs::path>& files, FrameC
                     KVLog::Lines::ackError(ack.name, ack.message.value_or("?")));
             }
             if (onProgress) {
-                onProgress(Progress{.index = i, .total = n, .fileName = ack.name, .ack = ack});
+                Progress progress{.index = i, .total = n, .fileName = ack.name, .ack = ack};
+                if (settled != nullptr) {
+                    progress.entry = settled->index;
+                    progress.path = settled->path;
+                    progress.byteCount = released;
+                }
+                onProgress(progress);
             }
         }
         // However the acknowledgements ended, nothing will release the window

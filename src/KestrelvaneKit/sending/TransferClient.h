@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -28,11 +29,20 @@ public:
     static constexpr std::uint64_t maxAckFrameBytes = 1'048'576;
 
     /// Handed to the caller once per acknowledgement, in arrival order.
+    ///
+    /// An acknowledgement settles the first file of the batch, in the order
+    /// given, that has its name (compared under canonical equivalence, as a
+    /// receiver may normalise the name it echoes) and is not settled yet. One
+    /// naming no such file settles nothing.
     struct Progress {
         std::int64_t index = 0; ///< 0-based count of acknowledgements received so far
         std::int64_t total = 0; ///< files in the batch
         std::string fileName{};
         Ack ack{};
+        /// The position in `files` of the file it settles; none when it settles none.
+        std::optional<std::size_t> entry{};
+        std::filesystem::path path{}; ///< that file
+        std::uint64_t byteCount = 0;  ///< its size on disk; 0 when unknown or none
     };
     using OnProgress = std::function<void(const Progress&)>;
 

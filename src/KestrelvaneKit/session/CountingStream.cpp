@@ -1,8 +1,8 @@
-#include "CountingStream.h"
+#include "KestrelvaneKit/session/CountingStream.h"
 
 #include <algorithm>
 
-namespace kestrelvane::cli {
+namespace kestrelvane {
 
 CountingStream::CountingStream(std::shared_ptr<KestrelvaneStream> inner, OnSent onSent)
     : inner_(std::move(inner)), onSent_(std::move(onSent)) {
@@ -34,4 +34,4 @@ void CountingStream::close() noexcept {
     inner_->close();
 }
 
-} // namespace kestrelvane::cli
+} // namespace kestrelvane

@@ -7,7 +7,7 @@
 #include <memory>
 #include <mutex>
 
-namespace kestrelvane::cli {
+namespace kestrelvane {
 
 /// A stream that reports the bytes it has written as they go: a large send is
 /// passed on in pieces, each reported once the transport has taken it, so
@@ -34,4 +34,4 @@ private:
     std::mutex sending_; // the pieces of one send are never interleaved with another's
 };
 
-} // namespace kestrelvane::cli
+} // namespace kestrelvane
