@@ -1,14 +1,12 @@
 #include "Sender/SenderViewModel.h"
 
-#include "KestrelvaneKit/sending/TransferClient.h"
-#include "KestrelvaneKit/usb/UsbmuxdStream.h"
-#include "KestrelvaneKit/wire/FrameChannel.h"
+#include "KestrelvaneKit/session/Destination.h"
+#include "KestrelvaneKit/session/SendRun.h"
+#include "KestrelvaneKit/session/UsbPhones.h"
 #include "KestrelvaneKit/wire/SessionHeader.h"
 #include "KestrelvaneKit/wire/UnicodeText.h"
 
 #include <cmath>
-#include <set>
-#include <unistd.h>
 
 namespace kestrelvane {
 
@@ -37,10 +35,10 @@ SenderViewModel::SenderViewModel(QObject* parent) : QObject(parent) {
 
 SenderViewModel::~SenderViewModel() {
     {
-        const std::lock_guard lock(channelMutex_);
+        const std::lock_guard lock(runMutex_);
         stopping_ = true;
-        if (channel_) {
-            channel_->cancel();
+        if (run_) {
+            run_->cancel();
         }
     }
     joinWorker();
@@ -83,89 +81,78 @@ void SenderViewModel::clearQueue() {
 }
 
 void SenderViewModel::send(int fd, OnFailure onFailure) {
+    FileDescriptor tunnel(fd); // closed here unless a send takes it
     const std::vector<std::filesystem::path> urls = queue_.unsentURLs();
     if (urls.empty() || isSending_) {
-        ::close(fd);
         return;
     }
+    auto stream = UsbPhones::stream(std::move(tunnel));
     startSend(
-        urls, [fd] { return std::make_unique<FrameChannel>(std::make_shared<UsbmuxdStream>(fd)); },
-        std::move(onFailure));
+        urls, [stream] { return stream; }, std::move(onFailure));
+}
+
+void SenderViewModel::send(const Destination& destination, OnFailure onFailure) {
+    startSend(
+        queue_.unsentURLs(), [destination] { return destination.connect(); }, std::move(onFailure));
 }
 
 void SenderViewModel::startSend(const std::vector<std::filesystem::path>& urls,
-                                MakeChannel makeChannel, OnFailure onFailure) {
+                                MakeStream makeStream, OnFailure onFailure) {
     if (urls.empty() || isSending_) {
         return;
     }
     joinWorker(); // the previous send's thread has posted its end already
     setSending(true);
     bytesDone_ = 0;
-
-    std::set<QString> names;
-    for (const auto& url : urls) {
-        names.insert(QString::fromStdString(url.filename().string()));
-    }
-    queue_.markSending(names);
+    queue_.markSending(urls);
 
     SessionHeader session;
     const std::string album = UnicodeText::trimmed(albumName_.toStdString());
     if (!album.empty()) {
         session.albumName = album;
     }
-
-    // Files of the same name share one entry; the first one's size is kept.
-    sizeByName_.clear();
-    for (const TransferQueue::Item& item : queue_.items()) {
-        sizeByName_.emplace(item.name, item.size);
-    }
     start_ = Clock::now();
     setStatsLine({});
 
-    worker_ = std::thread([this, urls, session, makeChannel = std::move(makeChannel),
-                           onFailure = std::move(onFailure)] {
-        bool dropped = false;
-        std::shared_ptr<FrameChannel> channel;
-        try {
-            channel = makeChannel();
-            {
-                const std::lock_guard lock(channelMutex_);
-                channel_ = channel;
-                if (stopping_) {
-                    channel->cancel();
-                }
-            }
-            channel->start();
-            TransferClient client;
-            client.send(urls, *channel, session, [this](const TransferClient::Progress& progress) {
-                const bool ok = progress.ack.status == Ack::Status::ok;
-                const QString message = progress.ack.message
-                                            ? QString::fromStdString(*progress.ack.message)
-                                            : QStringLiteral("failed");
-                delivery_.deliver([this, name = QString::fromStdString(progress.fileName), ok,
-                                   message] { applyProgress(name, ok, message); });
+    const auto run = std::make_shared<SendRun>(
+        urls, session, SendRun::Observer{.settled = [this](const SendRun::Settled& settled) {
+            const bool ok = settled.ack.status == Ack::Status::ok;
+            const QString message = settled.ack.message
+                                        ? QString::fromStdString(*settled.ack.message)
+                                        : QStringLiteral("failed");
+            delivery_.deliver([this, url = settled.path, ok, message, bytes = settled.byteCount] {
+                applyProgress(url, ok, message, bytes);
             });
-        } catch (const std::exception&) {
-            dropped = true;
+        }});
+    {
+        const std::lock_guard lock(runMutex_);
+        run_ = run;
+        if (stopping_) {
+            run->cancel();
         }
-        // The tunnel is closed on every path, so no reader stays parked on it.
-        {
-            const std::lock_guard lock(channelMutex_);
-            if (channel) {
-                channel->cancel();
+    }
+    worker_ = std::thread(
+        [this, run, makeStream = std::move(makeStream), onFailure = std::move(onFailure)] {
+            bool dropped = false;
+            try {
+                dropped = run->run(makeStream()).brokeOff.has_value();
+            } catch (const std::exception&) {
+                dropped = true; // no connection
             }
-            channel_.reset();
-        }
-        delivery_.deliver([this, dropped, onFailure] { finishSend(dropped, onFailure); });
-    });
+            {
+                const std::lock_guard lock(runMutex_);
+                run_.reset();
+            }
+            delivery_.deliver([this, dropped, onFailure] { finishSend(dropped, onFailure); });
+        });
 }
 
-void SenderViewModel::applyProgress(const QString& fileName, bool ok, const QString& message) {
+void SenderViewModel::applyProgress(const std::filesystem::path& url, bool ok,
+                                    const QString& message, std::uint64_t byteCount) {
     queue_.setStatus(ok ? TransferQueue::Status::saved() : TransferQueue::Status::failed(message),
-                     fileName);
+                     url);
     if (ok) {
-        const auto found = sizeByName_.find(fileName);
-        bytesDone_ += found != sizeByName_.end() ? found->second : 0;
+        bytesDone_ += static_cast<std::int64_t>(byteCount);
     }
     setStatsLine(progressLine(bytesDone_, elapsedSeconds()));
 }

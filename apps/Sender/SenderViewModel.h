@@ -18,7 +18,9 @@
 
 namespace kestrelvane {
 
-class FrameChannel;
+class KestrelvaneStream;
+class SendRun;
+struct Destination;
 
 /// The window's model: the queue, the album name, whether a send runs and the
 /// statistics line. A send runs on a worker thread; everything it reports is
@@ -29,7 +31,8 @@ class SenderViewModel : public QObject {
     Q_PROPERTY(bool isSending READ isSending NOTIFY isSendingChanged)
     Q_PROPERTY(QString statsLine READ statsLine NOTIFY statsLineChanged)
 public:
-    using MakeChannel = std::function<std::unique_ptr<FrameChannel>()>;
+    /// Opens the connection a send goes over; may throw (a ConnectError).
+    using MakeStream = std::function<std::shared_ptr<KestrelvaneStream>()>;
     using OnFailure = std::function<void()>;
 
     explicit SenderViewModel(QObject* parent = nullptr);
@@ -51,8 +54,10 @@ public:
     /// call takes over (it is closed even when there is nothing to send).
     /// `onFailure` runs if the transfer breaks off with files still unsent.
     void send(int fd, OnFailure onFailure);
-    /// Sends `urls` over the channel `makeChannel` gives, on a worker thread.
-    void startSend(const std::vector<std::filesystem::path>& urls, MakeChannel makeChannel,
+    /// Sends every unsent item to `destination`, connecting on the worker.
+    void send(const Destination& destination, OnFailure onFailure);
+    /// Sends `urls` over the stream `makeStream` gives, on a worker thread.
+    void startSend(const std::vector<std::filesystem::path>& urls, MakeStream makeStream,
                    OnFailure onFailure);
 
     /// "%d:%02d" minutes and seconds, rounded to the nearest second.
@@ -72,7 +77,8 @@ signals:
 private:
     using Clock = std::chrono::steady_clock;
 
-    void applyProgress(const QString& fileName, bool ok, const QString& message);
+    void applyProgress(const std::filesystem::path& url, bool ok, const QString& message,
+                       std::uint64_t byteCount);
     void finishSend(bool dropped, const OnFailure& onFailure);
     void setSending(bool sending);
     void setStatsLine(const QString& line);
@@ -85,10 +91,9 @@ private:
     QString statsLine_;
     std::int64_t bytesDone_ = 0;
     Clock::time_point start_{};
-    std::map<QString, std::int64_t> sizeByName_;
 
-    std::mutex channelMutex_; // guards channel_ and stopping_ (worker and destructor)
-    std::shared_ptr<FrameChannel> channel_;
+    std::mutex runMutex_; // guards run_ and stopping_ (worker and destructor)
+    std::shared_ptr<SendRun> run_;
     bool stopping_ = false;
     std::thread worker_;
     BackgroundWork delivery_{0}; // the worker's reports, brought to the GUI thread

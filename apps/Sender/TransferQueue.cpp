@@ -269,17 +269,18 @@ void TransferQueue::changeStatus(std::size_t row, const Status& status) {
     emit dataChanged(changed, changed, {StatusRole, StatusMessageRole});
 }
 
-void TransferQueue::markSending(const std::set<QString>& names) {
+void TransferQueue::markSending(const std::vector<std::filesystem::path>& urls) {
+    const std::set<std::filesystem::path> sending(urls.begin(), urls.end());
     for (std::size_t row = 0; row < items_.size(); ++row) {
-        if (names.count(items_[row].name) != 0) {
+        if (sending.count(items_[row].url) != 0) {
             changeStatus(row, Status::sending());
         }
     }
 }
 
-void TransferQueue::setStatus(const Status& status, const QString& name) {
+void TransferQueue::setStatus(const Status& status, const std::filesystem::path& url) {
     for (std::size_t row = 0; row < items_.size(); ++row) {
-        if (items_[row].name == name) {
+        if (items_[row].url == url) {
             changeStatus(row, status);
             return;
         }

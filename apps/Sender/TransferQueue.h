@@ -91,9 +91,10 @@ public:
     /// Empties the queue and cancels the drops still being planned or appended.
     void clear();
     std::vector<std::filesystem::path> unsentURLs() const;
-    void markSending(const std::set<QString>& names);
-    /// Changes the first item called `name`; nothing when there is none.
-    void setStatus(const Status& status, const QString& name);
+    /// Marks the items at `urls` (as unsentURLs() gave them) as sending.
+    void markSending(const std::vector<std::filesystem::path>& urls);
+    /// Changes the item at `url`; nothing when there is none.
+    void setStatus(const Status& status, const std::filesystem::path& url);
     void revertSending();
 
     /// Sets the thumbnail of the item `id` if it is still queued; a thumbnail

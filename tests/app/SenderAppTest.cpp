@@ -105,7 +105,7 @@ class SenderAppTest : public QObject {
         receiver_.emplace(receiverEnd, autoAck);
         model_->startSend(
             queue().unsentURLs(),
-            [stream = senderEnd] { return std::make_unique<FrameChannel>(stream); },
+            [stream = senderEnd]() -> std::shared_ptr<KestrelvaneStream> { return stream; },
             [this] { ++failures_; });
     }
 
@@ -195,7 +195,8 @@ private slots:
         saveScreenshot(view, QStringLiteral("window-sent"));
 
         // A file the phone refuses gives its reason as its status' hover text.
-        queue.setStatus(TransferQueue::Status::failed(QStringLiteral("disk full")), "IMG_1.jpg");
+        queue.setStatus(TransferQueue::Status::failed(QStringLiteral("disk full")),
+                        queue.items()[1].url);
         QCOMPARE(QueueRowDelegate::statusHelp(queue.index(1)), "disk full");
         QVERIFY(QueueRowDelegate::statusHelp(queue.index(0)).isEmpty());
 
@@ -392,7 +393,7 @@ private slots:
         QVERIFY(addAndWait(sent));
         model_->startSend(
             queue().unsentURLs(),
-            []() -> std::unique_ptr<FrameChannel> { throw StreamError::refused("no route"); },
+            []() -> std::shared_ptr<KestrelvaneStream> { throw StreamError::refused("no route"); },
             [this] { ++failures_; });
         QTRY_VERIFY_WITH_TIMEOUT(!model_->isSending(), 30'000);
         QCOMPARE(failures_, 1);

@@ -94,7 +94,7 @@ std::shared_ptr<KestrelvaneStream> UsbPhones::connect(const std::string& serial)
     Probe probe = this->probe(*phone);
     switch (probe.outcome) {
     case Probe::Outcome::listening:
-        return std::make_shared<UsbmuxdStream>(probe.tunnel.release());
+        return stream(std::move(probe.tunnel));
     case Probe::Outcome::notListening:
         throw ConnectError(ConnectError::Cause::appNotListening,
                            "Kestrelvane is not listening on the iPhone (" + phone->serial +
@@ -108,6 +108,10 @@ std::shared_ptr<KestrelvaneStream> UsbPhones::connect(const std::string& serial)
     throw ConnectError(ConnectError::Cause::usbmuxdFailed,
                        "usbmuxd could not connect to the iPhone: " + probe.message + " (" +
                            std::to_string(probe.code) + ")");
+}
+
+std::shared_ptr<KestrelvaneStream> UsbPhones::stream(FileDescriptor tunnel) {
+    return std::make_shared<UsbmuxdStream>(tunnel.release());
 }
 
 } // namespace kestrelvane

@@ -43,6 +43,8 @@ public:
     /// A started stream to the receiver on the phone with `serial`, or on the
     /// first phone listed when `serial` is empty. Throws ConnectError.
     std::shared_ptr<KestrelvaneStream> connect(const std::string& serial = {});
+    /// The stream over a tunnel a probe opened, which it takes over.
+    static std::shared_ptr<KestrelvaneStream> stream(FileDescriptor tunnel);
 
 private:
     /// The daemon's failure as a ConnectError; rethrows what is not one.
