@@ -1,5 +1,6 @@
 #include "Sender/QueueRowDelegate.h"
 
+#include "KestrelvaneKit/log/Units.h"
 #include "Sender/KestrelvaneColors.h"
 
 #include <QAbstractItemView>
@@ -23,7 +24,7 @@ QFont captionFont(const QFont& base) {
 } // namespace
 
 QString QueueRowDelegate::sizeText(std::int64_t bytes) {
-    return QString::asprintf("%.0f MB", static_cast<double>(bytes) / 1'048'576.0);
+    return QString::fromStdString(Units::megabytes(static_cast<double>(bytes), 0));
 }
 
 QString QueueRowDelegate::statusText(Kind kind) {

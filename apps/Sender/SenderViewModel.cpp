@@ -1,22 +1,15 @@
 #include "Sender/SenderViewModel.h"
 
+#include "KestrelvaneKit/log/Units.h"
 #include "KestrelvaneKit/session/Destination.h"
 #include "KestrelvaneKit/session/SendRun.h"
 #include "KestrelvaneKit/session/UsbPhones.h"
 #include "KestrelvaneKit/wire/SessionHeader.h"
 #include "KestrelvaneKit/wire/UnicodeText.h"
 
-#include <cmath>
-
 namespace kestrelvane {
 
 namespace {
-
-constexpr double bytesPerMB = 1'048'576.0;
-
-double rateOf(std::int64_t bytes, double elapsedSeconds) {
-    return elapsedSeconds > 0 ? static_cast<double>(bytes) / bytesPerMB / elapsedSeconds : 0.0;
-}
 
 QString middleDot() {
     return QStringLiteral(" ") + QChar(0x00B7) + QStringLiteral(" ");
@@ -173,19 +166,18 @@ double SenderViewModel::elapsedSeconds() const {
 }
 
 QString SenderViewModel::clock(double seconds) {
-    const auto whole = static_cast<long long>(std::llround(seconds));
-    return QString::asprintf("%lld:%02lld", whole / 60, whole % 60);
+    return QString::fromStdString(Units::clock(seconds));
 }
 
 QString SenderViewModel::progressLine(std::int64_t bytesDone, double elapsedSeconds) {
-    return QString::asprintf("%.1f MB/s", rateOf(bytesDone, elapsedSeconds)) + middleDot() +
-           clock(elapsedSeconds);
+    return QString::fromStdString(Units::rate(static_cast<double>(bytesDone), elapsedSeconds)) +
+           middleDot() + clock(elapsedSeconds);
 }
 
 QString SenderViewModel::summaryLine(std::int64_t bytesDone, double elapsedSeconds) {
-    return QString::asprintf("%.0f MB in ", static_cast<double>(bytesDone) / bytesPerMB) +
-           clock(elapsedSeconds) + middleDot() +
-           QString::asprintf("avg %.1f MB/s", rateOf(bytesDone, elapsedSeconds));
+    const auto bytes = static_cast<double>(bytesDone);
+    return QString::fromStdString(Units::megabytes(bytes, 0) + " in ") + clock(elapsedSeconds) +
+           middleDot() + QString::fromStdString("avg " + Units::rate(bytes, elapsedSeconds));
 }
 
 } // namespace kestrelvane

@@ -1,5 +1,7 @@
 #include "SendReporter.h"
 
+#include "KestrelvaneKit/log/Units.h"
+
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
@@ -10,29 +12,12 @@ namespace kestrelvane::cli {
 
 namespace {
 
-std::string format(const char* pattern, double value) {
-    char text[64];
-    std::snprintf(text, sizeof text, pattern, value);
-    return text;
-}
-
 std::string jsonLine(const nlohmann::json& object) {
     // Slashes stay as they are: these lines are for scripts, not the wire.
     return object.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 
 } // namespace
-
-std::string megabytes(std::uint64_t bytes) {
-    return format("%.1f MB", static_cast<double>(bytes) / 1'048'576.0);
-}
-
-std::string minutesAndSeconds(double seconds) {
-    const auto whole = static_cast<long long>(std::max(0.0, std::round(seconds)));
-    char text[32];
-    std::snprintf(text, sizeof text, "%lld:%02lld", whole / 60, whole % 60);
-    return text;
-}
 
 double SendReporter::steadySeconds() {
     const auto since = std::chrono::steady_clock::now().time_since_epoch();
@@ -63,7 +48,7 @@ void SendReporter::start(std::int64_t files, std::uint64_t bytes, const std::str
         return;
     }
     std::string line = "Sending " + std::to_string(files) + (files == 1 ? " file" : " files") +
-                       " (" + megabytes(bytes) + ") to " + destination;
+                       " (" + Units::megabytes(static_cast<double>(bytes)) + ") to " + destination;
     if (album) {
         line += ", album \"" + *album + "\"";
     }
@@ -145,12 +130,10 @@ void SendReporter::finish(const Summary& summary) {
         return;
     }
     clearLiveLine();
-    const double rate = summary.seconds > 0 ? static_cast<double>(summary.bytesSaved) /
-                                                  1'048'576.0 / summary.seconds
-                                            : 0;
+    const auto saved = static_cast<double>(summary.bytesSaved);
     printLine(std::to_string(summary.saved) + " of " + std::to_string(summary.files) + " saved, " +
-              megabytes(summary.bytesSaved) + " in " + minutesAndSeconds(summary.seconds) +
-              format(" (%.1f MB/s)", rate));
+              Units::megabytes(saved) + " in " + Units::clock(summary.seconds) + " (" +
+              Units::rate(saved, summary.seconds) + ")");
     if (!summary.unsaved.empty()) {
         printLine("Not saved:");
         for (const auto& file : summary.unsaved) {
@@ -171,11 +154,11 @@ void SendReporter::drawLiveLine() {
     // Over less than a second, a rate (and the time left from it) says little.
     const double rate = elapsed >= 1 ? static_cast<double>(moved) / elapsed : 0;
     std::string line = std::to_string(done_) + "/" + std::to_string(files_) + " files, " +
-                       format("%.1f", static_cast<double>(moved) / 1'048'576.0) + " of " +
-                       megabytes(bytes_) + ", " + minutesAndSeconds(elapsed);
+                       Units::fixed(static_cast<double>(moved) / Units::bytesPerMB, 1) + " of " +
+                       Units::megabytes(static_cast<double>(bytes_)) + ", " + Units::clock(elapsed);
     if (rate > 0) {
-        line += format(", %.1f MB/s", rate / 1'048'576.0);
-        line += ", " + minutesAndSeconds(static_cast<double>(bytes_ - moved) / rate) + " left";
+        line += ", " + Units::rate(rate, 1);
+        line += ", " + Units::clock(static_cast<double>(bytes_ - moved) / rate) + " left";
     }
     std::fprintf(out_, "\r\033[K%s", line.c_str());
     std::fflush(out_);

@@ -85,9 +85,4 @@ private:
     std::jthread ticker_; // redraws the live line; terminal only
 };
 
-/// "12.3 MB" for bytes in units of 1,048,576.
-std::string megabytes(std::uint64_t bytes);
-/// "m:ss" of whole seconds.
-std::string minutesAndSeconds(double seconds);
-
 } // namespace kestrelvane::cli

@@ -1,27 +1,17 @@
 #include "KestrelvaneKit/log/KVLog.h"
 
+#include "KestrelvaneKit/log/Units.h"
+
 #include <cmath>
 #include <cstdio>
 #include <ctime>
 #include <iostream>
-#include <locale.h>
 #include <syslog.h>
 #include <systemd/sd-journal.h>
 #include <unistd.h>
 
 namespace kestrelvane::KVLog {
 namespace {
-
-/// printf formatting with a "." decimal point whatever the process's locale
-/// (a Qt application adopts the user's, which may write "1,5").
-std::string formatted(const char* format, double value) {
-    static const locale_t cLocale = ::newlocale(LC_NUMERIC_MASK, "C", nullptr);
-    const locale_t previous = ::uselocale(cLocale);
-    char text[64];
-    std::snprintf(text, sizeof text, format, value);
-    ::uselocale(previous);
-    return text;
-}
 
 class JournalSink final : public Sink {
 public:
@@ -164,18 +154,18 @@ double now() {
 }
 
 std::string mb(std::int64_t bytes) {
-    return formatted("%.1fMB", static_cast<double>(bytes) / 1'048'576.0);
+    return Units::megabytes(static_cast<double>(bytes), 1, "");
 }
 
 std::string mb(std::uint64_t bytes) {
-    return formatted("%.1fMB", static_cast<double>(bytes) / 1'048'576.0);
+    return Units::megabytes(static_cast<double>(bytes), 1, "");
 }
 
 std::string throughput(std::int64_t bytes, double seconds) {
     if (!(seconds > 0)) {
         return "\u2014";
     }
-    return formatted("%.1fMB/s", static_cast<double>(bytes) / 1'048'576.0 / seconds);
+    return Units::rate(static_cast<double>(bytes), seconds, 1, "");
 }
 
 namespace Lines {
@@ -202,8 +192,8 @@ std::string summary(std::int64_t files, std::int64_t ok, std::int64_t totalBytes
                     double averageDepth, std::int64_t maxDepth) {
     return "SUMMARY files=" + std::to_string(files) + " ok=" + std::to_string(ok) +
            " failed=" + std::to_string(files - ok) + " bytes=" + mb(totalBytes) +
-           " wall=" + formatted("%.1f", wall) + "s throughput=" + throughput(totalBytes, wall) +
-           " avgInflight=" + formatted("%.1f", averageDepth) +
+           " wall=" + Units::fixed(wall, 1) + "s throughput=" + throughput(totalBytes, wall) +
+           " avgInflight=" + Units::fixed(averageDepth, 1) +
            " maxInflight=" + std::to_string(maxDepth);
 }
 
@@ -212,11 +202,11 @@ std::string accepted() {
 }
 
 std::string readerEnded(double seconds) {
-    return "READER ended after " + formatted("%.1f", seconds) + "s";
+    return "READER ended after " + Units::fixed(seconds, 1) + "s";
 }
 
 std::string recv(const std::string& name, std::uint64_t bytes, double seconds) {
-    return "RECV " + name + " " + mb(bytes) + " in=" + formatted("%.0f", seconds * 1000.0) +
+    return "RECV " + name + " " + mb(bytes) + " in=" + Units::fixed(seconds * 1000.0, 0) +
            "ms rate=" + throughput(static_cast<std::int64_t>(bytes), seconds);
 }
 
