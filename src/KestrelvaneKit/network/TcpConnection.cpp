@@ -1,5 +1,7 @@
 #include "KestrelvaneKit/network/TcpConnection.h"
 
+#include "KestrelvaneKit/wire/FileDescriptor.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
@@ -15,12 +17,6 @@
 
 namespace kestrelvane {
 namespace {
-
-std::system_error callError(const char* call, int code,
-                            const std::error_category& category = std::generic_category()) {
-    return std::system_error(code, category,
-                             std::string(call) + " failed (" + std::to_string(code) + ")");
-}
 
 /// Errors after which the network may yet come: the connection waits and retries.
 bool isTransient(const std::system_error& error) {

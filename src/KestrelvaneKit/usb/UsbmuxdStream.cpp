@@ -1,6 +1,6 @@
 #include "KestrelvaneKit/usb/UsbmuxdStream.h"
 
-#include "KestrelvaneKit/usb/UsbmuxdProtocol.h"
+#include "KestrelvaneKit/wire/FileDescriptor.h"
 
 #include <cerrno>
 #include <stdexcept>
@@ -74,7 +74,7 @@ void UsbmuxdStream::send(ByteView data) {
             if (isClosed()) {
                 throw StreamError::closed();
             }
-            throw UsbmuxdError::socketError("write failed (" + std::to_string(error) + ")");
+            throw callError("send()", error);
         }
     }
 }
@@ -108,7 +108,7 @@ std::size_t UsbmuxdStream::receiveInto(MutableByteView into) {
             if (isClosed()) {
                 throw StreamError::closed();
             }
-            throw UsbmuxdError::socketError("read failed (" + std::to_string(error) + ")");
+            throw callError("read()", error);
         }
     }
 }

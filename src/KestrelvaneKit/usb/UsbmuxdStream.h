@@ -31,7 +31,7 @@ public:
     /// The tunnel is connected already: returns at once.
     void start() override;
     /// Writes all of `data`; a peer that has gone away is StreamError::closed
-    /// (write returned 0) or UsbmuxdError::socketError "write failed (errno)".
+    /// (write returned 0) or a std::system_error "send() failed (errno)".
     void send(ByteView data) override;
     /// Between 1 and `max` bytes as soon as any are there; `max` must be at
     /// least 1. The peer's close, or a close() here, is StreamError::closed.

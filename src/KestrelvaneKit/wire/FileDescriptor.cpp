@@ -7,6 +7,11 @@
 
 namespace kestrelvane {
 
+std::system_error callError(const char* call, int code, const std::error_category& category) {
+    return std::system_error(code, category,
+                             std::string(call) + " failed (" + std::to_string(code) + ")");
+}
+
 void FileDescriptor::reset(int fd) noexcept {
     if (fd_ >= 0 && fd_ != fd) {
         ::close(fd_);
@@ -26,8 +31,7 @@ void FileDescriptor::writeAll(int fd, ByteView data) {
             continue;
         }
         if (written <= 0) {
-            throw std::system_error(written == 0 ? EPIPE : errno, std::generic_category(),
-                                    std::string(call) + " failed");
+            throw callError(call, written == 0 ? EPIPE : errno);
         }
         data = data.subspan(static_cast<std::size_t>(written));
     }
@@ -40,7 +44,7 @@ std::size_t FileDescriptor::readSome(int fd, MutableByteView into) {
             return static_cast<std::size_t>(count);
         }
         if (errno != EINTR) {
-            throw std::system_error(errno, std::generic_category(), "read() failed");
+            throw callError("read()", errno);
         }
     }
 }

@@ -3,9 +3,15 @@
 #include "KestrelvaneKit/wire/Bytes.h"
 
 #include <cstddef>
+#include <system_error>
 #include <utility>
 
 namespace kestrelvane {
+
+/// A failed system call as every stream and socket reports it: errno as the
+/// code, "send() failed (104)" as the message.
+std::system_error callError(const char* call, int code,
+                            const std::error_category& category = std::generic_category());
 
 /// Owns one POSIX descriptor and closes it exactly once. The one place that
 /// knows the EINTR rule: reads and writes are retried when a signal
@@ -32,11 +38,11 @@ public:
     void reset(int fd = -1) noexcept;
 
     /// Writes every byte of `data` to `fd` (send() with MSG_NOSIGNAL on a
-    /// socket, write() otherwise). Throws std::system_error naming the call;
-    /// a call that takes nothing is EPIPE.
+    /// socket, write() otherwise). Throws callError(); a call that takes
+    /// nothing is EPIPE.
     static void writeAll(int fd, ByteView data);
     /// Reads what is there, at most `into.size()` bytes; 0 at the end of the
-    /// stream. Throws std::system_error naming the call.
+    /// stream. Throws callError().
     static std::size_t readSome(int fd, MutableByteView into);
 
 private:

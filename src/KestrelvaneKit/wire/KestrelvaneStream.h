@@ -9,7 +9,10 @@
 
 namespace kestrelvane {
 
-/// The error vocabulary that every stream shares.
+/// The error vocabulary that every stream shares: StreamError for the end of
+/// a stream (and for one that cannot be opened), std::system_error for a
+/// transport that failed, with errno as its code and the failing call in its
+/// message ("send() failed (104)", see callError()).
 class StreamError : public std::runtime_error {
 public:
     enum class Kind { refused, closed };
