@@ -87,8 +87,9 @@ QString TransferQueue::statusName(Status::Kind kind) {
 
 std::vector<TransferQueue::Item> TransferQueue::unsentItems() const {
     std::vector<Item> unsent;
-    std::copy_if(items_.begin(), items_.end(), std::back_inserter(unsent),
-                 [](const Item& item) { return item.status.kind != Status::Kind::saved; });
+    std::copy_if(items_.begin(), items_.end(), std::back_inserter(unsent), [](const Item& item) {
+        return item.status.kind != Status::Kind::saved && !item.unreadable;
+    });
     return unsent;
 }
 
@@ -135,8 +136,9 @@ void TransferQueue::planNext() {
 std::vector<TransferQueue::Planned> TransferQueue::plan(const std::vector<fs::path>& adding,
                                                         const std::vector<fs::path>& queued) {
     std::vector<fs::path> urls;
+    std::vector<QueuePlanner::Unreadable> unreadable;
     try {
-        urls = QueuePlanner::plan(adding, queued);
+        urls = QueuePlanner::plan(adding, queued, &unreadable);
     } catch (const std::exception&) {
         return {}; // a drop that cannot be planned adds nothing
     }
@@ -153,6 +155,13 @@ std::vector<TransferQueue::Planned> TransferQueue::plan(const std::vector<fs::pa
         QString id = QString::fromStdString(fs::absolute(url, error).lexically_normal().string());
         planned.push_back({std::move(id), std::move(url),
                            sizeUnreadable ? 0 : static_cast<std::int64_t>(size), *type});
+    }
+    for (auto& [url, error] : unreadable) {
+        std::error_code ignored;
+        QString id = QString::fromStdString(fs::absolute(url, ignored).lexically_normal().string());
+        planned.push_back({std::move(id), url, 0,
+                           MediaScanner::mediaType(url).value_or(MediaType::photo),
+                           QString::fromStdString(error.message())});
     }
     return planned;
 }
@@ -179,16 +188,26 @@ void TransferQueue::appendPlanned(std::shared_ptr<std::vector<Planned>> planned,
             break;
         }
         Planned& entry = (*planned)[next];
+        if (!entry.unreadable.isEmpty() && rowById_.contains(entry.id)) {
+            continue; // dropped again: one row says it already
+        }
         Item item;
         item.id = std::move(entry.id);
         item.name = QString::fromStdString(entry.url.filename().string());
         item.url = std::move(entry.url);
         item.size = entry.size;
         item.mediaType = entry.mediaType;
+        if (!entry.unreadable.isEmpty()) {
+            item.status = Status::failed(entry.unreadable);
+            item.unreadable = true;
+            ++unreadableCount_;
+        }
         const int row = static_cast<int>(items_.size());
         beginInsertRows({}, row, row);
         rowById_.insert(item.id, items_.size());
-        thumbnails_->request(item.id, item.url, pixelSize);
+        if (!item.unreadable) {
+            thumbnails_->request(item.id, item.url, pixelSize);
+        }
         items_.push_back(std::move(item));
         endInsertRows();
         if (generation != generation_) {
@@ -212,9 +231,8 @@ void TransferQueue::remove(const std::set<QString>& ids) {
         if (ids.count(items_[row].id) != 0) {
             thumbnails_->cancel(items_[row].id);
             beginRemoveRows({}, static_cast<int>(row), static_cast<int>(row));
-            if (items_[row].status.kind == Status::Kind::saved) {
-                --savedCount_;
-            }
+            savedCount_ -= static_cast<int>(items_[row].status.kind == Status::Kind::saved);
+            unreadableCount_ -= static_cast<int>(items_[row].unreadable);
             items_.erase(items_.begin() + static_cast<std::ptrdiff_t>(row));
             removed = true;
             endRemoveRows();
@@ -246,6 +264,7 @@ void TransferQueue::clear() {
     beginResetModel();
     items_.clear();
     savedCount_ = 0;
+    unreadableCount_ = 0;
     rowById_.clear();
     endResetModel();
 }
@@ -253,7 +272,7 @@ void TransferQueue::clear() {
 std::vector<fs::path> TransferQueue::unsentURLs() const {
     std::vector<fs::path> urls;
     for (const Item& item : items_) {
-        if (item.status.kind != Status::Kind::saved) {
+        if (item.status.kind != Status::Kind::saved && !item.unreadable) {
             urls.push_back(item.url);
         }
     }

@@ -47,7 +47,8 @@ public:
         std::int64_t size = 0;     ///< 0 when it could not be read
         MediaType mediaType = MediaType::photo;
         Status status{};
-        QImage thumbnail{}; ///< null until one has been generated
+        QImage thumbnail{};      ///< null until one has been generated
+        bool unreadable = false; ///< dropped but missing or unreadable: failed, never sent
     };
 
     enum Role {
@@ -74,15 +75,19 @@ public:
     /// Both kept up to date as items change, so that a window asking after
     /// every change does not scan the queue each time.
     int savedCount() const noexcept { return savedCount_; }
-    int unsentCount() const noexcept { return static_cast<int>(items_.size()) - savedCount_; }
+    /// Items a send would take: neither saved nor unreadable.
+    int unsentCount() const noexcept {
+        return static_cast<int>(items_.size()) - savedCount_ - unreadableCount_;
+    }
     std::vector<Item> unsentItems() const;
     std::int64_t totalBytes() const;
 
     /// Adds the photos and videos among `urls` (folders expanded) that are not
-    /// queued yet. Returns at once: the drop is planned on a worker and its
-    /// items are appended here one by one, a few milliseconds' worth per turn
-    /// of the event loop; drops are planned one after the other, so a later
-    /// drop sees everything an earlier one added.
+    /// queued yet; a path that is missing or cannot be read joins as a failed
+    /// item that says why, and is never sent. Returns at once: the drop is planned on a worker and
+    /// its items are appended here one by one, a few milliseconds' worth per turn of the event
+    /// loop; drops are planned one after the other, so a later drop sees everything an earlier one
+    /// added.
     void add(const std::vector<std::filesystem::path>& urls);
     /// Whether a drop is still being planned.
     bool isPlanning() const noexcept { return planning_; }
@@ -116,6 +121,7 @@ private:
         std::filesystem::path url;
         std::int64_t size = 0;
         MediaType mediaType = MediaType::photo;
+        QString unreadable{}; ///< why the path cannot be read; empty when it can
     };
 
     /// Appending a drop yields to the event loop after this long.
@@ -133,6 +139,7 @@ private:
 
     std::vector<Item> items_;
     int savedCount_ = 0;                  // items whose status is saved
+    int unreadableCount_ = 0;             // items that are unreadable
     QHash<QString, std::size_t> rowById_; // the row of each item's id
     std::deque<std::vector<std::filesystem::path>> pendingDrops_;
     bool planning_ = false;
