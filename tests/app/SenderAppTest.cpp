@@ -418,7 +418,7 @@ private slots:
 
         startSend(true);
         QTRY_VERIFY_WITH_TIMEOUT(!model_->isSending(), 30'000);
-        QCOMPARE(receiver_->files().size(), std::size_t{4}); // IMG_1.jpg … IMG_4.jpg
+        QCOMPARE(receiver_->fileCount(), std::size_t{4}); // IMG_1.jpg … IMG_4.jpg
         QCOMPARE(column(queue()), QStringList(5, "saved"));
         QCOMPARE(model_->bytesDone(), 1001 + 1002 + 1003 + 1004);
         QVERIFY(model_->statsLine().startsWith("0 MB in "));

@@ -39,7 +39,7 @@ protected:
         ScriptedReceiver& receiver = start(numberedFiles(3, 1500), false);
         EXPECT_TRUE(receiver.waitForFiles(2));
         EXPECT_TRUE(eventually([&] { return session.client.inflight().waitingCount() == 1; }));
-        EXPECT_EQ(receiver.files().size(), 2u) << "a full window let the next file go";
+        EXPECT_EQ(receiver.fileCount(), 2u) << "a full window let the next file go";
         return receiver;
     }
     bool windowIsEmpty() { return session.client.inflight().snapshot() == Inflight::Snapshot{}; }

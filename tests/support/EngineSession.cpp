@@ -56,11 +56,7 @@ EngineSession::~EngineSession() {
     watchdog_.request_stop();
     watchdog_.join();
     closeBoth();
-    for (auto* engine : {&sent_, &served_}) {
-        if (engine->valid()) {
-            engine->wait();
-        }
-    }
+    waitForEngines();
     scripted_.reset();
 }
 
@@ -69,21 +65,17 @@ void EngineSession::closeBoth() noexcept {
     ends_.raw[1]->close();
 }
 
-void EngineSession::serve(BatchSaving& saver, const fs::path& scratch) {
-    served_ = std::async(std::launch::async, [this, &saver, scratch] {
-        TransferServer(saver, scratch).run(receiverChannel_, [this](const auto& event) {
+void EngineSession::serveFolder(const fs::path& destination, const fs::path& scratch,
+                                const FailingSaver::Cue& cue) {
+    folder_.emplace(destination);
+    faulty_.emplace(*folder_, cue);
+    served_ = std::async(std::launch::async, [this, scratch] {
+        TransferServer(*faulty_, scratch).run(receiverChannel_, [this](const auto& event) {
             const std::lock_guard lock(mutex_);
             events_.push_back(event);
         });
         receiverChannel_.cancel(); // as a real caller does once the session is over
     });
-}
-
-void EngineSession::serveFolder(const fs::path& destination, const fs::path& scratch,
-                                const FailingSaver::Cue& cue) {
-    folder_.emplace(destination);
-    faulty_.emplace(*folder_, cue);
-    serve(*faulty_, scratch);
 }
 
 void EngineSession::send(std::vector<fs::path> files, const SessionHeader& session) {
@@ -126,13 +118,17 @@ bool EngineSession::finish() {
     if (!sent_.valid()) {
         endSending(Side::sender); // the test played the sender and is done
     }
-    for (auto* engine : {&sent_, &served_}) {
-        if (engine->valid()) {
-            engine->wait(); // the watchdog closes the connection at the deadline
-        }
-    }
+    waitForEngines(); // the watchdog closes the connection at the deadline
     watchdog_.request_stop();
     return !timedOut_;
+}
+
+void EngineSession::waitForEngines() {
+    for (auto* engine : {&sent_, &served_}) {
+        if (engine->valid()) {
+            engine->wait();
+        }
+    }
 }
 
 std::optional<std::string> EngineSession::errorText() const {

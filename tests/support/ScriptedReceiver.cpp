@@ -20,9 +20,7 @@ void ScriptedReceiver::run() {
         {
             const std::lock_guard lock(mutex_);
             wireLog_.push_back(FrameCodec::encode(sessionFrame));
-            session_ = WireMessage::decode<SessionHeader>(sessionFrame);
         }
-        changed_.notify_all();
         while (true) {
             const Bytes headerFrame = channel_.receiveFrame();
             const auto header = WireMessage::decode<FileHeader>(headerFrame);
@@ -30,8 +28,8 @@ void ScriptedReceiver::run() {
             {
                 const std::lock_guard lock(mutex_);
                 wireLog_.push_back(FrameCodec::encode(headerFrame));
-                wireLog_.push_back(bytes);
-                files_.push_back({header, std::move(bytes)});
+                wireLog_.push_back(std::move(bytes));
+                ++files_;
             }
             changed_.notify_all();
             if (autoAck_) {
@@ -50,7 +48,7 @@ void ScriptedReceiver::run() {
 
 bool ScriptedReceiver::waitForFiles(std::size_t count, std::chrono::milliseconds deadline) {
     std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, deadline, [&] { return files_.size() >= count; });
+    return changed_.wait_for(lock, deadline, [&] { return files_ >= count; });
 }
 
 bool ScriptedReceiver::waitForEnd(std::chrono::milliseconds deadline) {
@@ -74,12 +72,7 @@ void ScriptedReceiver::closeConnection() {
     channel_.cancel();
 }
 
-std::optional<SessionHeader> ScriptedReceiver::session() const {
-    const std::lock_guard lock(mutex_);
-    return session_;
-}
-
-std::vector<ScriptedReceiver::File> ScriptedReceiver::files() const {
+std::size_t ScriptedReceiver::fileCount() const {
     const std::lock_guard lock(mutex_);
     return files_;
 }
