@@ -31,7 +31,7 @@ void expectResumeCompletes(const EngineSession& broken, const std::vector<fs::pa
     const auto rest = broken.notReportedOk(files);
     EngineSession resumed;
     ASSERT_TRUE(resumed.sendToFolder(rest, destination, scratch));
-    EXPECT_EQ(resumed.errorText(), std::nullopt);
+    EXPECT_EQ(resumed.error, std::nullopt);
     EXPECT_EQ(resumed.reportedOk().size(), rest.size());
     EXPECT_EQ(filesUnder(destination), filesUnder(source)) << "lost or doubled";
     EXPECT_EQ(filesNotAsIn(destination, source), std::vector<std::string>{});
@@ -195,9 +195,9 @@ TEST_P(FileChangedBeforeSending, IsReportedOrSentAsReadAndNothingElseIsLost) {
         change.apply(files[1]);
         EngineSession session;
         ASSERT_TRUE(session.sendToFolder(files, destination.path(), scratch.path()));
-        EXPECT_EQ(session.errorText().has_value(), change.reason.has_value());
+        EXPECT_EQ(session.error.has_value(), change.reason.has_value());
         if (change.reason) {
-            const auto error = session.errorText().value_or("");
+            const auto error = session.error.value_or("");
             EXPECT_NE(error.find("b.jpg"), std::string::npos) << error;
             EXPECT_NE(error.find(*change.reason), std::string::npos) << error;
             EXPECT_EQ(session.reportedOk().count("b.jpg"), 0u);

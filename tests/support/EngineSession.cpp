@@ -85,8 +85,8 @@ void EngineSession::send(std::vector<fs::path> files, const SessionHeader& sessi
                 const std::lock_guard lock(mutex_);
                 progress_.push_back(step);
             });
-        } catch (...) {
-            error = std::current_exception();
+        } catch (const std::exception& thrown) {
+            error = thrown.what();
         }
         senderChannel_.cancel(); // the sender's side of a session ends with it
     });
@@ -129,17 +129,6 @@ void EngineSession::waitForEngines() {
             engine->wait();
         }
     }
-}
-
-std::optional<std::string> EngineSession::errorText() const {
-    try {
-        if (error) {
-            std::rethrow_exception(error);
-        }
-    } catch (const std::exception& thrown) {
-        return thrown.what();
-    }
-    return std::nullopt;
 }
 
 std::vector<TransferClient::Progress> EngineSession::progress() const {

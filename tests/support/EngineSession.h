@@ -13,7 +13,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <exception>
 #include <filesystem>
 #include <future>
 #include <optional>
@@ -91,10 +90,9 @@ public:
     bool finish();
     bool wasCut() const { return ends_.failing && ends_.failing->hasCut(); }
 
-    /// What the send returned, or what it threw.
+    /// What the send returned, or the message of what it threw.
     std::vector<Ack> returned;
-    std::exception_ptr error;
-    std::optional<std::string> errorText() const;
+    std::optional<std::string> error;
     std::vector<TransferClient::Progress> progress() const;
     std::vector<TransferServer::Event> events() const;
     /// Names of the acknowledgements reported by the sender's progress, or by
