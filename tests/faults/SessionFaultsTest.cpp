@@ -188,20 +188,18 @@ TEST_P(FileChangedBeforeSending, IsReportedOrSentAsReadAndNothingElseIsLost) {
         dropToNobody();
         const Change& change = GetParam();
         TemporaryFolder source, destination, scratch;
-        std::vector<fs::path> files;
-        for (const char* name : {"a.jpg", "b.jpg", "c.mov"}) {
-            files.push_back(writeFile(source.path() / name, pattern(20'000, name[0])));
-        }
+        const auto files = writeBatch(source.path(), 3, 20'000);
         change.apply(files[1]);
         EngineSession session;
         ASSERT_TRUE(session.sendToFolder(files, destination.path(), scratch.path()));
         EXPECT_EQ(session.error.has_value(), change.reason.has_value());
         if (change.reason) {
             const auto error = session.error.value_or("");
-            EXPECT_NE(error.find("b.jpg"), std::string::npos) << error;
+            EXPECT_NE(error.find("IMG_1001.jpg"), std::string::npos) << error;
             EXPECT_NE(error.find(*change.reason), std::string::npos) << error;
-            EXPECT_EQ(session.reportedOk().count("b.jpg"), 0u);
-            EXPECT_EQ(session.reportedOk().count("c.mov"), 0u) << "files after it are not sent";
+            EXPECT_EQ(session.reportedOk().count("IMG_1001.jpg"), 0u);
+            EXPECT_EQ(session.reportedOk().count("IMG_1002.jpg"), 0u)
+                << "files after it are not sent";
             fs::remove_all(files[1]);
             writeFile(files[1], "b is back");
         }
@@ -227,10 +225,8 @@ TEST(LargeFileChangedWhileSending, ShrinkingFailsTheSendAndGrowingOrRewritingIsA
         if (shrinks) {
             fs::resize_file(file, 4'000'000);
         } else {
-            std::fstream rewrite(file, std::ios::binary | std::ios::in | std::ios::out);
-            rewrite << "START";
-            rewrite.seekp(0, std::ios::end);
-            rewrite << "and more at the end";
+            std::fstream(file, std::ios::binary | std::ios::in | std::ios::out) << "START";
+            fs::resize_file(file, PreparedFile::wholeReadLimit + 1'019);
         }
         EngineSession session;
         session.serveFolder(destination.path(), scratch.path());

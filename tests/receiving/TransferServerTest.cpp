@@ -122,10 +122,7 @@ class EndingMidFile : public TransferServerTest, public ::testing::WithParamInte
 
 TEST_P(EndingMidFile, StillAcknowledgesTheEarlierFilesAndLeavesNoTemporaryFile) {
     const bool diskFull = GetParam();
-    std::optional<FileSizeLimit> limit;
-    if (diskFull) {
-        limit.emplace(64 * 1024);
-    }
+    const auto limit = diskFull ? std::make_optional<FileSizeLimit>(64 * 1024) : std::nullopt;
     const Bytes first = pattern(1000, 5);
     const Bytes second = pattern(300'000, 6);
     EXPECT_EQ(serve({{headerFor("first.jpg", first), first},

@@ -8,6 +8,7 @@
 #include <condition_variable>
 #include <sys/socket.h>
 #include <system_error>
+#include <tuple>
 
 namespace kestrelvane::testing {
 
@@ -16,9 +17,7 @@ namespace fs = std::filesystem;
 EngineSession::Ends EngineSession::connect(const Link& link) {
     Ends ends;
     if (link.kind == Link::Kind::memory) {
-        auto [sender, receiver] = makeMemoryStreamPair();
-        ends.raw[0] = sender;
-        ends.raw[1] = receiver;
+        std::tie(ends.raw[0], ends.raw[1]) = makeMemoryStreamPair();
     } else {
         if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.fds) != 0) {
             throw std::system_error(errno, std::generic_category(), "socketpair");

@@ -1,7 +1,6 @@
 #include "support/ScriptedReceiver.h"
 
 #include "KestrelvaneKit/wire/FrameCodec.h"
-#include "KestrelvaneKit/wire/WireMessage.h"
 
 namespace kestrelvane::testing {
 
@@ -54,22 +53,6 @@ bool ScriptedReceiver::waitForFiles(std::size_t count, std::chrono::milliseconds
 bool ScriptedReceiver::waitForEnd(std::chrono::milliseconds deadline) {
     std::unique_lock lock(mutex_);
     return changed_.wait_for(lock, deadline, [&] { return ended_; });
-}
-
-void ScriptedReceiver::sendAck(const Ack& ack) {
-    channel_.sendFrame(WireMessage::encode(ack));
-}
-
-void ScriptedReceiver::sendFrame(ByteView payload) {
-    channel_.sendFrame(payload);
-}
-
-void ScriptedReceiver::sendRaw(const Bytes& bytes) {
-    channel_.sendRaw(bytes);
-}
-
-void ScriptedReceiver::closeConnection() {
-    channel_.cancel();
 }
 
 std::size_t ScriptedReceiver::fileCount() const {

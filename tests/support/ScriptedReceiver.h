@@ -2,6 +2,7 @@
 
 #include "KestrelvaneKit/wire/Ack.h"
 #include "KestrelvaneKit/wire/FrameChannel.h"
+#include "KestrelvaneKit/wire/WireMessage.h"
 
 #include <chrono>
 #include <condition_variable>
@@ -27,11 +28,11 @@ public:
     /// Waits (up to `deadline`) until the sender's side has ended.
     bool waitForEnd(std::chrono::milliseconds deadline = std::chrono::seconds(30));
 
-    void sendAck(const Ack& ack);
-    void sendFrame(ByteView payload);
-    void sendRaw(const Bytes& bytes);
+    void sendAck(const Ack& ack) { channel_.sendFrame(WireMessage::encode(ack)); }
+    void sendFrame(ByteView payload) { channel_.sendFrame(payload); }
+    void sendRaw(const Bytes& bytes) { channel_.sendRaw(bytes); }
     /// Closes the connection in both directions.
-    void closeConnection();
+    void closeConnection() { channel_.cancel(); }
 
     std::size_t fileCount() const;
     /// Every frame and raw run as it came off the connection, in order.
