@@ -17,8 +17,8 @@ struct MemoryLink {
     bool closed[2] = {false, false}; ///< the reading end itself closed
 };
 
-MemoryStream::MemoryStream(std::shared_ptr<MemoryLink> link, int side, ReceiveMode mode)
-    : link_(std::move(link)), side_(side), mode_(mode) {
+MemoryStream::MemoryStream(std::shared_ptr<MemoryLink> link, int side)
+    : link_(std::move(link)), side_(side) {
 }
 
 MemoryStream::~MemoryStream() {
@@ -37,11 +37,7 @@ void MemoryStream::send(ByteView data) {
 }
 
 Bytes MemoryStream::receive(std::int64_t max) {
-    ++receives_;
-    std::size_t limit = max > 0 ? static_cast<std::size_t>(max) : 0;
-    if (mode_ == ReceiveMode::oneByteAtATime) {
-        limit = std::min<std::size_t>(limit, 1);
-    }
+    const std::size_t limit = max > 0 ? static_cast<std::size_t>(max) : 0;
     std::unique_lock lock(link_->mutex);
     auto& bytes = link_->bytes[side_];
     link_->changed.wait(lock, [&] { return !bytes.empty() || link_->ended[side_]; });
@@ -72,11 +68,9 @@ std::size_t MemoryStream::pendingBytes() const {
     return link_->bytes[side_].size();
 }
 
-std::pair<std::shared_ptr<MemoryStream>, std::shared_ptr<MemoryStream>>
-makeMemoryStreamPair(ReceiveMode firstMode, ReceiveMode secondMode) {
+std::pair<std::shared_ptr<MemoryStream>, std::shared_ptr<MemoryStream>> makeMemoryStreamPair() {
     auto link = std::make_shared<MemoryLink>();
-    return {std::make_shared<MemoryStream>(link, 0, firstMode),
-            std::make_shared<MemoryStream>(link, 1, secondMode)};
+    return {std::make_shared<MemoryStream>(link, 0), std::make_shared<MemoryStream>(link, 1)};
 }
 
 } // namespace kestrelvane::testing
