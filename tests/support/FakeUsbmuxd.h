@@ -2,6 +2,7 @@
 
 #include "KestrelvaneKit/usb/PropertyList.h"
 #include "KestrelvaneKit/usb/UsbmuxdClient.h"
+#include "KestrelvaneKit/usb/UsbmuxdProtocol.h"
 #include "support/TemporaryFolder.h"
 
 #include <atomic>
@@ -14,10 +15,13 @@
 
 namespace kestrelvane::testing {
 
+/// The next whole packet on socket `fd`, read on behind `buffer`; none when the socket ends first.
+std::optional<UsbmuxdProtocol::Decoded> readPacket(int fd, ReceiveBuffer& buffer);
+
 /// A scripted usbmuxd on a Unix socket in a temporary folder: for each
 /// connection it reads one request, records it, writes what the script says,
-/// and then waits for the client to hang up, or (when the reply is empty)
-/// hangs up itself.
+/// and then waits (at most 10 s) for the client to hang up, or (when the reply
+/// is empty) hangs up itself.
 class FakeUsbmuxd {
 public:
     struct Request {
@@ -47,8 +51,6 @@ private:
     std::string socketPath_;
     Script script_;
     int listenFd_ = -1;
-    int connectionFd_ = -1; // guarded by mutex_
-    std::atomic<bool> stopping_{false};
     std::atomic<int> hangUps_{0};
     mutable std::mutex mutex_;
     std::vector<Request> requests_;
