@@ -51,21 +51,27 @@ TEST(UsbmuxdProtocol, EncodesALittleEndianHeaderThenTheBodyAndDecodesOnlyWholePa
     EXPECT_TRUE(buffer.empty());
 }
 
-PropertyList device(std::int64_t id, const char* serial, std::int64_t product) {
-    PropertyList properties = PropertyList::dictionary();
-    properties.set("SerialNumber", PropertyList::string(serial))
-        .set("ProductID", PropertyList::integer(product));
-    PropertyList entry = PropertyList::dictionary();
-    entry.set("DeviceID", PropertyList::integer(id)).set("Properties", std::move(properties));
-    return entry;
+using PL = PropertyList;
+
+/// A dictionary: a key, its value, the next key, its value...
+PropertyList dict() {
+    return PL::dictionary();
+}
+template <class... Rest> PropertyList dict(const char* key, PropertyList value, Rest&&... rest) {
+    PropertyList dictionary = dict(std::forward<Rest>(rest)...);
+    dictionary.set(key, std::move(value));
+    return dictionary;
+}
+
+PropertyList device(PropertyList id, const char* serial, std::int64_t product) {
+    return dict("DeviceID", std::move(id), "Properties",
+                dict("SerialNumber", PL::string(serial), "ProductID", PL::integer(product)));
 }
 
 template <class... Entries> PropertyList deviceList(Entries... entries) {
-    PropertyList list = PropertyList::array();
+    PropertyList list = PL::array();
     (list.append(std::move(entries)), ...);
-    PropertyList reply = PropertyList::dictionary();
-    reply.set("DeviceList", std::move(list));
-    return reply;
+    return dict("DeviceList", std::move(list));
 }
 
 /// A whole packet with an XML (or binary) body.
@@ -73,23 +79,17 @@ Bytes packet(std::uint32_t tag, const PropertyList& body, Format format = Format
     return UsbmuxdProtocol::encode(tag, body.serialize(format));
 }
 
-/// A reply {MessageType: Result, Number: number}.
-PropertyList result(std::int64_t number) {
-    PropertyList body = PropertyList::dictionary();
-    body.set("MessageType", PropertyList::string("Result"))
-        .set("Number", PropertyList::integer(number));
-    return body;
+/// A reply {MessageType: Result, Number: number}, and what else is given.
+template <class... More> PropertyList result(std::int64_t number, More&&... more) {
+    return dict("MessageType", PL::string("Result"), "Number", PL::integer(number),
+                std::forward<More>(more)...);
 }
 
 TEST(UsbmuxdClient, RequestsCarryTheirKeysAndTagsInTheirFormatAndOnlyWholeEntriesAreListed) {
-    PropertyList noProperties = PropertyList::dictionary();
-    noProperties.set("DeviceID", PropertyList::integer(4));
-    PropertyList bare = PropertyList::dictionary();
-    bare.set("DeviceID", PropertyList::integer(5)).set("Properties", PropertyList::dictionary());
-    PropertyList textId = device(6, "text id", 1);
-    textId.set("DeviceID", PropertyList::string("6"));
-    const PropertyList list = deviceList(device(3, "first", 4776), std::move(noProperties),
-                                         std::move(bare), std::move(textId), device(2, "last", 1));
+    const PropertyList list =
+        deviceList(device(PL::integer(3), "first", 4776), dict("DeviceID", PL::integer(4)),
+                   dict("DeviceID", PL::integer(5), "Properties", dict()),
+                   device(PL::string("6"), "text id", 1), device(PL::integer(2), "last", 1));
     const std::vector<Device> listed{{3, "first", 4776}, {5, "", 0}, {2, "last", 1}};
     FakeUsbmuxd daemon([&list](const FakeUsbmuxd::Request& request) {
         return request.messageType == "ListDevices" ? packet(request.tag, list, request.format)
@@ -117,10 +117,8 @@ TEST(UsbmuxdClient, RequestsCarryTheirKeysAndTagsInTheirFormatAndOnlyWholeEntrie
     EXPECT_EQ(requests[1].deviceID, 42);
     EXPECT_EQ(requests[1].portNumber, 37926) << "9876 in network byte order";
 
-    PropertyList notArray = PropertyList::dictionary();
-    notArray.set("DeviceList", PropertyList::string("x"));
-    const PropertyList none[] = {PropertyList::dictionary(), std::move(notArray),
-                                 deviceList(device(1, "ok", 1), PropertyList::integer(9))};
+    const PropertyList none[] = {dict(), dict("DeviceList", PL::string("x")),
+                                 deviceList(device(PL::integer(1), "ok", 1), PL::integer(9))};
     for (const auto& reply : none) {
         EXPECT_TRUE(UsbmuxdClient::parseDevices(reply.get()).empty());
     }
@@ -130,12 +128,6 @@ TEST(UsbmuxdClient, RequestsCarryTheirKeysAndTagsInTheirFormatAndOnlyWholeEntrie
 // connect's result, or how a list fails. Either way the client closes the
 // socket (unless the daemon hung up first) and stays usable.
 TEST(UsbmuxdClient, EveryOtherAnswerIsAResultOrAnErrorThatClosesTheSocketAndLeavesTheClientUsable) {
-    PropertyList explained = result(5);
-    explained.set("String", PropertyList::string("device is locked"));
-    PropertyList notText = result(6);
-    notText.set("String", PropertyList::integer(1));
-    PropertyList textNumber = PropertyList::dictionary();
-    textNumber.set("Number", PropertyList::string("0"));
     Bytes zeroLength = UsbmuxdProtocol::encode(1, {});
     zeroLength[0] = 0;
     // Only a header, announcing more than the limit: refused before it is read.
@@ -148,14 +140,16 @@ TEST(UsbmuxdClient, EveryOtherAnswerIsAResultOrAnErrorThatClosesTheSocketAndLeav
         {packet(1, result(2)), Result::badDevice()},
         {packet(1, result(3)), Result::connectionRefused()},
         {packet(1, result(5)), Result::otherError(5, "usbmuxd error 5")},
-        {packet(1, explained), Result::otherError(5, "device is locked")},
-        {packet(1, notText), Result::otherError(6, "usbmuxd error 6")},
-        {packet(1, PropertyList::dictionary()), Result::otherError(-1, "no Number in response")},
-        {packet(1, textNumber), Result::otherError(-1, "no Number in response")},
+        {packet(1, result(5, "String", PL::string("device is locked"))),
+         Result::otherError(5, "device is locked")},
+        {packet(1, result(6, "String", PL::integer(1))), Result::otherError(6, "usbmuxd error 6")},
+        {packet(1, dict()), Result::otherError(-1, "no Number in response")},
+        {packet(1, dict("Number", PL::string("0"))),
+         Result::otherError(-1, "no Number in response")},
         {{}, "usbmuxd: read returned 0 (0)"}, // the daemon hangs up without answering
         {zeroLength, "usbmuxd: header total length 0 < 16"},
         {tooLarge, "usbmuxd: reply of " + std::to_string(declared) + " bytes is too large"},
-        {packet(1, PropertyList::array()), "usbmuxd: response body not a dict"},
+        {packet(1, PL::array()), "usbmuxd: response body not a dict"},
         {UsbmuxdProtocol::encode(1, asBytes("not a plist")), "plist: "},
     };
     for (const auto& [reply, expected] : answers) {
