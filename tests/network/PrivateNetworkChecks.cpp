@@ -10,6 +10,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <future>
 #include <mutex>
@@ -32,11 +33,7 @@ protected:
     bool found(const std::vector<std::string>& names) {
         return testing::eventually([&] {
             const std::lock_guard lock(mutex_);
-            std::vector<std::string> latest;
-            for (const auto& service : latest_) {
-                latest.push_back(service.name);
-            }
-            return latest == names;
+            return std::ranges::equal(latest_, names, {}, &DiscoveredService::name);
         });
     }
 

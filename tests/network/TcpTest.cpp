@@ -23,6 +23,7 @@ namespace {
 using testing::eventually;
 using testing::outcomeOf;
 using testing::startsWith;
+using testing::SystemCallFault;
 using State = TcpConnection::State;
 
 /// TCP_NODELAY and SO_KEEPALIVE of each IPv4 socket of this process
@@ -71,7 +72,6 @@ TEST(BonjourStream, ARefusedStartFailsALaterOneConnectsWithTheSocketOptionsAndTh
 }
 
 TEST(TcpConnection, WaitsOutAHostUnreachableForNowThenReportsReadyAndCancelledInOrder) {
-    using testing::SystemCallFault;
     TcpListener listener(0, TcpListener::Scope::loopback);
     // Every state reported; declared first, as the connection's thread may still report.
     std::mutex mutex;
@@ -143,7 +143,6 @@ TEST(TcpListener, AcceptsIPv4NamesAndIPv6OnTheOnePortItReportsWhichIsThenInUse) 
 // the backlog: accept() waits and tries again instead of failing, and takes it
 // once a descriptor is free. stop() still ends a waiting accept.
 TEST(TcpListener, RunningOutOfDescriptorsMakesAcceptWaitNotFailAndStopEndsTheWait) {
-    using testing::SystemCallFault;
     TcpListener listener(0, TcpListener::Scope::loopback);
     TcpConnection client("127.0.0.1", listener.port());
     client.start();

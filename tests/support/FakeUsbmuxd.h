@@ -15,6 +15,16 @@
 
 namespace kestrelvane::testing {
 
+/// A dictionary: a key, its value, the next key, its value...
+inline PropertyList dict() {
+    return PropertyList::dictionary();
+}
+template <class... Rest> PropertyList dict(const char* key, PropertyList value, Rest&&... rest) {
+    PropertyList dictionary = dict(std::forward<Rest>(rest)...);
+    dictionary.set(key, std::move(value));
+    return dictionary;
+}
+
 /// The next whole packet on socket `fd`, read on behind `buffer`; none when the socket ends first.
 std::optional<UsbmuxdProtocol::Decoded> readPacket(int fd, ReceiveBuffer& buffer);
 
@@ -30,6 +40,7 @@ public:
         std::string messageType{};
         std::optional<std::int64_t> deviceID{};
         std::optional<std::int64_t> portNumber{};
+        bool operator==(const Request&) const = default;
     };
     using Reply = Bytes; ///< written as one block; none: hang up at once
     using Script = std::function<Reply(const Request&)>;

@@ -48,10 +48,8 @@ std::optional<std::int64_t> SimulatorProcess::request(const PropertyList& body) 
 }
 
 bool SimulatorProcess::detach(const std::string& serial) const {
-    PropertyList body = PropertyList::dictionary();
-    body.set("MessageType", PropertyList::string("Detach"));
-    body.set("SerialNumber", PropertyList::string(serial));
-    return request(body) == 0;
+    return request(dict("MessageType", PropertyList::string("Detach"), "SerialNumber",
+                        PropertyList::string(serial))) == 0;
 }
 
 int SimulatorProcess::tunnelsOpened() {

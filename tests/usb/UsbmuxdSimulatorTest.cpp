@@ -6,6 +6,7 @@
 #include "KestrelvaneKit/usb/UsbmuxdStream.h"
 #include "support/CaughtError.h"
 #include "support/ChildProcess.h"
+#include "support/FakeUsbmuxd.h"
 #include "support/Loopback.h"
 #include "support/SimulatorProcess.h"
 
@@ -26,9 +27,7 @@ using Format = PropertyList::Format;
 using Result = UsbmuxdClient::ConnectResult;
 
 PropertyList message(const char* type) {
-    PropertyList plist = PropertyList::dictionary();
-    plist.set("MessageType", PropertyList::string(type));
-    return plist;
+    return testing::dict("MessageType", PropertyList::string(type));
 }
 
 /// How many memory mappings process `pid` has. A thread's stack and its guard
@@ -82,9 +81,9 @@ TEST(UsbmuxdSimulator, AnswersAsUsbmuxdWouldAndListenersHearOfPhonesComingAndGoi
         EXPECT_EQ(next(), std::tuple("Attached", phone.serial, phone.id));
     }
 
-    PropertyList attach = message("Attach");
-    attach.set("Phone", PropertyList::string("SECOND,2,echo"));
-    ASSERT_EQ(simulator.request(attach), 0);
+    ASSERT_EQ(simulator.request(testing::dict("MessageType", PropertyList::string("Attach"),
+                                              "Phone", PropertyList::string("SECOND,2,echo"))),
+              0);
     const auto [type, serial, secondID] = next();
     EXPECT_EQ(type, "Attached");
     EXPECT_EQ(serial, "SECOND");
