@@ -25,14 +25,13 @@ MemoryStream::~MemoryStream() {
     close();
 }
 
+// Waiters are woken while the lock is held: they run once it is let go.
 void MemoryStream::send(ByteView data) {
-    {
-        const std::lock_guard lock(link_->mutex);
-        if (link_->ended[1 - side_]) {
-            throw StreamError::closed();
-        }
-        link_->bytes[1 - side_].append(data);
+    const std::lock_guard lock(link_->mutex);
+    if (link_->ended[1 - side_]) {
+        throw StreamError::closed();
     }
+    link_->bytes[1 - side_].append(data);
     link_->changed.notify_all();
 }
 
@@ -48,18 +47,14 @@ Bytes MemoryStream::receive(std::int64_t max) {
 }
 
 void MemoryStream::close() noexcept {
-    {
-        const std::lock_guard lock(link_->mutex);
-        link_->ended[side_] = link_->closed[side_] = link_->ended[1 - side_] = true;
-    }
+    const std::lock_guard lock(link_->mutex);
+    link_->ended[side_] = link_->closed[side_] = link_->ended[1 - side_] = true;
     link_->changed.notify_all();
 }
 
 void MemoryStream::finishSending() noexcept {
-    {
-        const std::lock_guard lock(link_->mutex);
-        link_->ended[1 - side_] = true;
-    }
+    const std::lock_guard lock(link_->mutex);
+    link_->ended[1 - side_] = true;
     link_->changed.notify_all();
 }
 
