@@ -62,8 +62,7 @@ TEST_F(PrivateNetwork, ServicesAppearWithTheirPortsAClashingNameTakesTheNextAndW
         EXPECT_EQ(latest_[1].port, 9877);
         EXPECT_EQ(kitchen.domain, "local");
         EXPECT_FALSE(kitchen.host.empty());
-        EXPECT_NE(std::find(kitchen.addresses.begin(), kitchen.addresses.end(), "127.0.0.1"),
-                  kitchen.addresses.end());
+        EXPECT_NE(std::ranges::find(kitchen.addresses, "127.0.0.1"), kitchen.addresses.end());
     }
     first.withdraw();
     EXPECT_TRUE(found({"Kitchen #2"}));
