@@ -84,11 +84,13 @@ class SenderAppTest : public QObject {
 
     TransferQueue& queue() { return model_->queue(); }
 
-    /// Files at these paths in the folder, of one byte each.
+    /// Files at these paths in the folder, the i-th of 1000 + i bytes.
     std::vector<fs::path> files(std::initializer_list<std::string> names) {
         std::vector<fs::path> out;
         for (const auto& name : names) {
-            out.push_back(testing::writeFile(folder_->path() / name, "x"));
+            const auto i = static_cast<std::uint8_t>(out.size());
+            out.push_back(
+                testing::writeFile(folder_->path() / name, testing::pattern(1000 + i, i)));
         }
         return out;
     }
@@ -332,7 +334,6 @@ private slots:
     void dropsAreQueuedInPlannerOrderWithTheirTypeAndSizeAndNoFileTwice() {
         const auto paths =
             files({"z.heic", "pics/b.jpg", "pics/notes.txt", "pics/A.png", "pics/deep/c.mov"});
-        testing::writeFile(paths[0], testing::pattern(1234));
         QSignalSpy finished(&queue(), &TransferQueue::addFinished);
         queue().add({paths[0], folder_->path() / "pics"});
         queue().add({paths[1], paths[1]}); // arrive while the first drop is planned
@@ -343,7 +344,7 @@ private slots:
                  QStringList({"z.heic", "A.png", "b.jpg", "c.mov"}));
         QCOMPARE(column(queue(), TransferQueue::MediaTypeRole),
                  QStringList({"photo", "photo", "photo", "video"}));
-        QCOMPARE(queue().totalBytes(), 1234 + 3);
+        QCOMPARE(queue().totalBytes(), 1000 + 1001 + 1003 + 1004);
     }
 
     void clearingCancelsTheDropsStillBeingPlannedOrAppended() {
@@ -383,13 +384,8 @@ private slots:
     // A send that cannot start, one broken off, the send of what is left, then one cut
     // short by destroying the model.
     void aSendBrokenOffRequeuesWhatWasNotSavedAndTheNextSendsExactlyThat() {
-        std::vector<fs::path> sent; // file i holds 1000 + i bytes
-        for (int i = 0; i < 5; ++i) {
-            sent.push_back(
-                testing::writeFile(folder_->path() / ("IMG_" + std::to_string(i) + ".jpg"),
-                                   testing::pattern(1000 + i, std::uint8_t(i))));
-        }
-        QVERIFY(addAndWait(sent));
+        QVERIFY(
+            addAndWait(files({"IMG_0.jpg", "IMG_1.jpg", "IMG_2.jpg", "IMG_3.jpg", "IMG_4.jpg"})));
         model_->startSend(
             queue().unsentURLs(),
             []() -> std::unique_ptr<FrameChannel> { throw StreamError::refused("no route"); },

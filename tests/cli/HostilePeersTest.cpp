@@ -30,7 +30,8 @@ namespace {
 namespace fs = std::filesystem;
 using namespace testing;
 
-const fs::path photo = fs::path(KV_FIXTURES_DIR) / "media" / "jpeg-original.jpg";
+const fs::path media = fs::path(KV_FIXTURES_DIR) / "media";
+const fs::path photo = media / "jpeg-original.jpg";
 constexpr int maxSessions = 8;
 
 Bytes operator+(Bytes bytes, const Bytes& more) {
@@ -100,7 +101,7 @@ protected:
         // Settled with one ordinary send, so that what starts lazily has
         // started, and its session over (its thread gone) before a test begins.
         const Finished send = run({"send", "--to", receiver_->address(), photo.string()});
-        ASSERT_EQ(send.status, 0) << send.text();
+        ASSERT_EQ(send.status, 0) << send.text;
         ASSERT_TRUE(receiver_->says("session 1 ended"));
         ASSERT_TRUE(eventually([&] { return countIn("task") <= idleThreads; }));
         baselineDescriptors_ = countIn("fd");
@@ -138,7 +139,7 @@ protected:
             << "temporary files, " << countIn("fd") << " descriptors and " << countIn("task")
             << " threads; " << baselineDescriptors_ << " and " << baselineThreads_ << " at first";
         const Finished send = run({"send", "--to", receiver_->address(), photo.string()});
-        EXPECT_EQ(send.status, 0) << "a well-behaved send failed:\n" << send.text();
+        EXPECT_EQ(send.status, 0) << "a well-behaved send failed:\n" << send.text;
         // Only box/in/PHOTO and TMPDIR's scratch folder with its lock exist (an
         // escape of one or two levels, or to an absolute path, lands here).
         EXPECT_EQ(std::distance(fs::recursive_directory_iterator(folder_.path()), {}), 6);
@@ -268,51 +269,47 @@ Ack ok(const std::string& name) {
     return {.name = name, .status = Ack::Status::ok};
 }
 
-struct Misbehaviour {
-    std::string what;
-    std::vector<Ack> acks;
-    std::optional<Bytes> frame; ///< sent after the acknowledgements, leaving the connection open
-    std::multiset<std::string> reallySaved; ///< planned files acknowledged "ok"
-};
-
 TEST(HostileReceiver, SenderCountsOnlyOkAcknowledgementsOfFilesItSentAndAlwaysEnds) {
     const Ack mismatch = {.name = "video.mov", .status = Ack::Status::error, .message = "no"};
     const std::vector<Ack> strangers = {ok("ghost.jpg"), ok("../jpeg-original.jpg"),
                                         ok("JPEG-ORIGINAL.JPG")};
     const std::vector<Ack> twice = {ok("video.mov"), ok("video.mov"), ok("jpeg-original.jpg")};
     const std::multiset<std::string> oneEach = {"video.mov", "jpeg-original.jpg"};
-    const std::vector<Misbehaviour> cases = {
-        {"acknowledgements for names never sent", strangers, {}, {}},
-        {"the video's ok twice, one for the name both photos have", twice, {}, oneEach},
-        {"an error and then an ok for the same file", {mismatch, ok("video.mov")}, {}, {}},
-        {"garbage instead of an acknowledgement", {}, toBytes("{\"name\":42"), {}},
-        {"an acknowledgement without a status", {}, toBytes("{\"name\":\"video.mov\"}"), {}},
-        {"a 2 MB frame where an acknowledgement belongs", {}, Bytes(2'000'000, 'x'), {}},
-        {"never an acknowledgement, then a hang-up", {}, {}, {}},
-    };
+    // What the receiver does, its acknowledgements, a frame it then sends leaving the
+    // connection open (else it hangs up), and the files it really saved (acknowledged "ok").
+    const std::tuple<std::string, std::vector<Ack>, std::optional<Bytes>,
+                     std::multiset<std::string>>
+        cases[] = {
+            {"acknowledgements for names never sent", strangers, {}, {}},
+            {"the video's ok twice, one for the name both photos have", twice, {}, oneEach},
+            {"an error and then an ok for the same file", {mismatch, ok("video.mov")}, {}, {}},
+            {"garbage instead of an acknowledgement", {}, toBytes("{\"name\":42"), {}},
+            {"an acknowledgement without a status", {}, toBytes("{\"name\":\"video.mov\"}"), {}},
+            {"a 2 MB frame where an acknowledgement belongs", {}, Bytes(2'000'000, 'x'), {}},
+            {"never an acknowledgement, then a hang-up", {}, {}, {}},
+        };
     // Two photos of the same name, from two folders, and a video.
     const TemporaryFolder other;
-    const std::vector<std::string> files = {
-        photo.string(), (photo.parent_path() / "video.mov").string(),
-        writeFile(other.path() / "jpeg-original.jpg", "another photo").string()};
+    TcpListener listener(0, TcpListener::Scope::loopback);
+    std::vector<std::string> arguments = {
+        "send",         "--json",
+        "--to",         "127.0.0.1:" + std::to_string(listener.port()),
+        photo.string(), (media / "video.mov").string()};
+    arguments.push_back(writeFile(other.path() / "jpeg-original.jpg", "another photo"));
     const std::multiset<std::string> sent = {"jpeg-original.jpg", "jpeg-original.jpg", "video.mov"};
-    for (const auto& misbehaviour : cases) {
-        SCOPED_TRACE(misbehaviour.what);
-        TcpListener listener(0, TcpListener::Scope::loopback);
-        std::vector<std::string> arguments = {"send", "--json", "--to",
-                                              "127.0.0.1:" + std::to_string(listener.port())};
-        arguments.insert(arguments.end(), files.begin(), files.end());
+    for (const auto& [what, acks, frame, reallySaved] : cases) {
+        SCOPED_TRACE(what);
         const auto sender = kestrelvane(arguments, {}, Streams::stdoutOnly);
         auto stream = std::make_shared<BonjourStream>(listener.accept());
         stream->start();
         ScriptedReceiver receiver(stream, false);
-        ASSERT_TRUE(receiver.waitForFiles(files.size()));
+        ASSERT_TRUE(receiver.waitForFiles(sent.size()));
         try {
-            for (const auto& ack : misbehaviour.acks) {
+            for (const auto& ack : acks) {
                 receiver.sendAck(ack);
             }
-            if (misbehaviour.frame) {
-                receiver.sendFrame(*misbehaviour.frame);
+            if (frame) {
+                receiver.sendFrame(*frame);
             } else {
                 receiver.closeConnection();
             }
@@ -333,9 +330,9 @@ TEST(HostileReceiver, SenderCountsOnlyOkAcknowledgementsOfFilesItSentAndAlwaysEn
                 reportedOk.insert(event["name"].get<std::string>());
             }
         }
-        EXPECT_EQ(reportedOk, misbehaviour.reallySaved);
+        EXPECT_EQ(reportedOk, reallySaved);
         const auto summary = nlohmann::json::parse(finished.lines.back());
-        EXPECT_EQ(summary["saved"], misbehaviour.reallySaved.size()) << summary.dump();
+        EXPECT_EQ(summary["saved"], reallySaved.size()) << summary.dump();
         for (const auto& file : summary["unsaved"]) {
             reportedOk.insert(file["name"].get<std::string>());
         }

@@ -42,8 +42,8 @@ TEST_P(Send, SavesIntoTheTrimmedAlbumWithCaptureDatesOnceEachAndANamesakeBeside)
         run({"send", "--log", "stderr", "--album", "  Trip \t", "--to", to, photo,
              (media / "video.mov").string(), (media / "not-an-image.jpg").string()},
             usbmuxd.environment(), Streams::stderrOnly);
-    EXPECT_EQ(send.status, 0) << send.text();
-    EXPECT_TRUE(send.mentions("transfer: SUMMARY files=3 ok=3")) << send.text();
+    EXPECT_EQ(send.status, 0) << send.text;
+    EXPECT_TRUE(send.mentions("transfer: SUMMARY files=3 ok=3")) << send.text;
     EXPECT_TRUE(!receiver || receiver->says("saved   jpeg-original.jpg"));
     const fs::path album = folder.path() / "Trip";
     struct stat status {};
@@ -57,7 +57,7 @@ TEST_P(Send, SavesIntoTheTrimmedAlbumWithCaptureDatesOnceEachAndANamesakeBeside)
                                 photo, writeFile(other.path() / "jpeg-original.jpg", "changed")},
                                usbmuxd.environment(), Streams::stdoutOnly);
     EXPECT_EQ(again.status, 0);
-    ASSERT_EQ(again.lines.size(), 4u) << again.text();
+    ASSERT_EQ(again.lines.size(), 4u) << again.text;
     EXPECT_EQ(nlohmann::json::parse(again.lines[0])["event"], "start"); // throws on anything else
     for (int index : {1, 2}) {
         const auto ack = nlohmann::json::parse(again.lines[index]);
@@ -138,7 +138,7 @@ TEST(KestrelvaneCli, ExitStatusSaysWhetherAUsageErrorFilesNotSavedOrNoConnection
                                                    std::regex("^DIR"), folder.path().string()));
         }
         const Finished done = run(arguments, {{"USBMUXD_SOCKET_ADDRESS", "UNIX:" + socket}});
-        SCOPED_TRACE(::testing::PrintToString(arguments) + "\n" + done.text());
+        SCOPED_TRACE(::testing::PrintToString(arguments) + "\n" + done.text);
         EXPECT_EQ(done.status, outcome.status);
         EXPECT_TRUE(done.mentions(std::regex_replace(outcome.says, std::regex("SOCKET"), socket)));
     }
@@ -151,8 +151,8 @@ TEST(KestrelvaneCli, DemoSendsItsSamplesOverTheSimulatedUsbPathAndChecksThem) {
     const TemporaryFolder folder; // where the demo leaves its files for the user
     const Finished demo = run({"demo"}, {{"KESTRELVANE_USBMUXD_SIM", simulatorProgram()},
                                          {"TMPDIR", folder.path().string()}});
-    EXPECT_EQ(demo.status, 0) << demo.text();
-    EXPECT_TRUE(demo.mentions("demo: PASSED: 9 of 9 files arrived byte for byte")) << demo.text();
+    EXPECT_EQ(demo.status, 0) << demo.text;
+    EXPECT_TRUE(demo.mentions("demo: PASSED: 9 of 9 files arrived byte for byte")) << demo.text;
 }
 
 } // namespace
