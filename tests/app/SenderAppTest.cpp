@@ -158,14 +158,9 @@ private slots:
         QTRY_VERIFY_WITH_TIMEOUT(button->isEnabled(), 30'000);
         QCOMPARE(status->text(), "● iPhone ready");
         album->setText(QStringLiteral("Trip"));
-        bool unplugged = false;
-        QMetaObject::Connection unplug;
-        unplug = connect(&queue, &QAbstractItemModel::dataChanged, this, [&] {
-            if (queue.savedCount() > 0) {
-                QObject::disconnect(unplug);
-                unplugged = sim.detach("PHONE");
-            }
-        });
+        bool unplugged = false; // once the first file is saved
+        connect(&queue, &QAbstractItemModel::dataChanged, &view,
+                [&] { unplugged = unplugged || (queue.savedCount() > 0 && sim.detach("PHONE")); });
         QTest::mouseClick(button, Qt::LeftButton);
         // The hand-over is synchronous: the window shows the send before any reply.
         QCOMPARE(column(queue), QStringList(3, "sending"));

@@ -61,11 +61,11 @@ struct RawPeer {
     explicit RawPeer(int port) {
         const timeval deadline{.tv_sec = 20, .tv_usec = 0};
         ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &deadline, sizeof deadline);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_port = htons(static_cast<std::uint16_t>(port));
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        connected = ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+        const sockaddr_in address{.sin_family = AF_INET,
+                                  .sin_port = htons(static_cast<std::uint16_t>(port)),
+                                  .sin_addr = {htonl(INADDR_LOOPBACK)},
+                                  .sin_zero = {}};
+        connected = ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
     }
     ~RawPeer() { ::close(fd); }
 
