@@ -26,7 +26,6 @@
 #include <future>
 #include <sys/resource.h>
 #include <thread>
-#include <unistd.h>
 
 namespace kestrelvane {
 
@@ -57,10 +56,6 @@ QStringList column(const TransferQueue& queue, int role = TransferQueue::StatusR
         out << queue.data(queue.index(row), role).toString();
     }
     return out;
-}
-
-int ownNiceness() {
-    return ::getpriority(PRIO_PROCESS, static_cast<id_t>(::gettid()));
 }
 
 /// A feed of these items, fetched through the network code from a data: URL.
@@ -211,12 +206,12 @@ private slots:
     }
 
     void aLowPriorityWorkerDeliversOnTheOwnersThreadAndIsWaitedForToItsLastJobsEnd() {
-        const int owner = ownNiceness();
+        const int owner = ::getpriority(PRIO_PROCESS, 0); // on Linux, the calling thread's
         BackgroundWork work(1, BackgroundWork::Priority::low);
         std::atomic<int> workerNiceness = 0;
         QThread* deliveredOn = nullptr;
         work.runThenDeliver([&workerNiceness, &deliveredOn] {
-            workerNiceness = ownNiceness();
+            workerNiceness = ::getpriority(PRIO_PROCESS, 0);
             return std::function<void()>(
                 [&deliveredOn] { deliveredOn = QThread::currentThread(); });
         });
@@ -233,7 +228,7 @@ private slots:
         QTRY_VERIFY_WITH_TIMEOUT(deliveredOn == QThread::currentThread(), 10'000);
         // Only the workers yield: the owner's thread keeps its priority.
         QCOMPARE(workerNiceness.load(), std::min(owner + BackgroundWork::lowPriorityNiceness, 19));
-        QCOMPARE(ownNiceness(), owner);
+        QCOMPARE(::getpriority(PRIO_PROCESS, 0), owner);
     }
 
     // Each decoder's thumbnail, at most the requested size; none for a file that gives
@@ -463,17 +458,16 @@ private slots:
     }
 
     void theFeedComesFromTheEnvironmentElseTheInstalledDesktopEntry() {
-        testing::TemporaryFolder data;
         // Not an INI file: commas and semicolons belong to the value, and only
         // the [Desktop Entry] group counts.
-        testing::writeFile(data.path() / "applications" / "kestrelvane.desktop",
+        testing::writeFile(folder_->path() / "applications" / "kestrelvane.desktop",
                            "# X-Kestrelvane-Appcast-URL=https://commented.example.org/\n"
                            "[Desktop Entry]\nType=Application\nName=Kestrelvane\n"
                            "X-Kestrelvane-Appcast-URL = https://updates.example.org/a,b;c/"
                            "appcast.xml?a=b&c=d&e=x\\sy\r\n"
                            "[Desktop Action Beta]\n"
                            "X-Kestrelvane-Appcast-URL=https://beta.example.org/\n");
-        const testing::ScopedEnvironment dataHome("XDG_DATA_HOME", data.path().string());
+        const testing::ScopedEnvironment dataHome("XDG_DATA_HOME", folder_->path().string());
         const testing::ScopedEnvironment noFeed("KESTRELVANE_APPCAST_URL", std::nullopt);
         QCOMPARE(AppcastUpdater::configuredFeed().toString(),
                  "https://updates.example.org/a,b;c/appcast.xml?a=b&c=d&e=x y");
