@@ -26,7 +26,6 @@
 #include <future>
 #include <sys/resource.h>
 #include <thread>
-#include <unistd.h>
 
 namespace kestrelvane {
 
@@ -59,10 +58,6 @@ QStringList column(const TransferQueue& queue, int role = TransferQueue::StatusR
     return out;
 }
 
-int ownNiceness() {
-    return ::getpriority(PRIO_PROCESS, static_cast<id_t>(::gettid()));
-}
-
 /// A feed of these items, fetched through the network code from a data: URL.
 QUrl servedFeed(const QByteArray& items) {
     const QByteArray body = "<rss version=\"2.0\" "
@@ -84,11 +79,13 @@ class SenderAppTest : public QObject {
 
     TransferQueue& queue() { return model_->queue(); }
 
-    /// Files at these paths in the folder, of one byte each.
+    /// Files at these paths in the folder, the i-th of 1000 + i bytes.
     std::vector<fs::path> files(std::initializer_list<std::string> names) {
         std::vector<fs::path> out;
         for (const auto& name : names) {
-            out.push_back(testing::writeFile(folder_->path() / name, "x"));
+            const auto i = static_cast<std::uint8_t>(out.size());
+            out.push_back(
+                testing::writeFile(folder_->path() / name, testing::pattern(1000 + i, i)));
         }
         return out;
     }
@@ -111,10 +108,9 @@ class SenderAppTest : public QObject {
 
 private slots:
     void init() {
-        model_.reset();
+        model_.emplace(); // the last one ends its send while its receiver is still there
         receiver_.reset();
         folder_.emplace();
-        model_.emplace();
         failures_ = 0;
     }
 
@@ -156,14 +152,9 @@ private slots:
         QTRY_VERIFY_WITH_TIMEOUT(button->isEnabled(), 30'000);
         QCOMPARE(status->text(), "● iPhone ready");
         album->setText(QStringLiteral("Trip"));
-        bool unplugged = false;
-        QMetaObject::Connection unplug;
-        unplug = connect(&queue, &QAbstractItemModel::dataChanged, this, [&] {
-            if (queue.savedCount() > 0) {
-                QObject::disconnect(unplug);
-                unplugged = sim.detach("PHONE");
-            }
-        });
+        bool unplugged = false; // once the first file is saved
+        connect(&queue, &QAbstractItemModel::dataChanged, &view,
+                [&] { unplugged = unplugged || (queue.savedCount() > 0 && sim.detach("PHONE")); });
         QTest::mouseClick(button, Qt::LeftButton);
         // The hand-over is synchronous: the window shows the send before any reply.
         QCOMPARE(column(queue), QStringList(3, "sending"));
@@ -215,12 +206,12 @@ private slots:
     }
 
     void aLowPriorityWorkerDeliversOnTheOwnersThreadAndIsWaitedForToItsLastJobsEnd() {
-        const int owner = ownNiceness();
+        const int owner = ::getpriority(PRIO_PROCESS, 0); // on Linux, the calling thread's
         BackgroundWork work(1, BackgroundWork::Priority::low);
         std::atomic<int> workerNiceness = 0;
         QThread* deliveredOn = nullptr;
         work.runThenDeliver([&workerNiceness, &deliveredOn] {
-            workerNiceness = ownNiceness();
+            workerNiceness = ::getpriority(PRIO_PROCESS, 0);
             return std::function<void()>(
                 [&deliveredOn] { deliveredOn = QThread::currentThread(); });
         });
@@ -237,7 +228,7 @@ private slots:
         QTRY_VERIFY_WITH_TIMEOUT(deliveredOn == QThread::currentThread(), 10'000);
         // Only the workers yield: the owner's thread keeps its priority.
         QCOMPARE(workerNiceness.load(), std::min(owner + BackgroundWork::lowPriorityNiceness, 19));
-        QCOMPARE(ownNiceness(), owner);
+        QCOMPARE(::getpriority(PRIO_PROCESS, 0), owner);
     }
 
     // Each decoder's thumbnail, at most the requested size; none for a file that gives
@@ -333,7 +324,6 @@ private slots:
     void dropsAreQueuedInPlannerOrderWithTheirTypeAndSizeAndNoFileTwice() {
         const auto paths =
             files({"z.heic", "pics/b.jpg", "pics/notes.txt", "pics/A.png", "pics/deep/c.mov"});
-        testing::writeFile(paths[0], testing::pattern(1234));
         QSignalSpy finished(&queue(), &TransferQueue::addFinished);
         queue().add({paths[0], folder_->path() / "pics"});
         queue().add({paths[1], paths[1]}); // arrive while the first drop is planned
@@ -344,7 +334,7 @@ private slots:
                  QStringList({"z.heic", "A.png", "b.jpg", "c.mov"}));
         QCOMPARE(column(queue(), TransferQueue::MediaTypeRole),
                  QStringList({"photo", "photo", "photo", "video"}));
-        QCOMPARE(queue().totalBytes(), 1234 + 3);
+        QCOMPARE(queue().totalBytes(), 1000 + 1001 + 1003 + 1004);
     }
 
     void clearingCancelsTheDropsStillBeingPlannedOrAppended() {
@@ -384,13 +374,8 @@ private slots:
     // A send that cannot start, one broken off, the send of what is left, then one cut
     // short by destroying the model.
     void aSendBrokenOffRequeuesWhatWasNotSavedAndTheNextSendsExactlyThat() {
-        std::vector<fs::path> sent; // file i holds 1000 + i bytes
-        for (int i = 0; i < 5; ++i) {
-            sent.push_back(
-                testing::writeFile(folder_->path() / ("IMG_" + std::to_string(i) + ".jpg"),
-                                   testing::pattern(1000 + i, std::uint8_t(i))));
-        }
-        QVERIFY(addAndWait(sent));
+        QVERIFY(
+            addAndWait(files({"IMG_0.jpg", "IMG_1.jpg", "IMG_2.jpg", "IMG_3.jpg", "IMG_4.jpg"})));
         model_->startSend(
             queue().unsentURLs(),
             []() -> std::shared_ptr<KestrelvaneStream> { throw StreamError::refused("no route"); },
@@ -419,7 +404,7 @@ private slots:
 
         startSend(true);
         QTRY_VERIFY_WITH_TIMEOUT(!model_->isSending(), 30'000);
-        QCOMPARE(receiver_->files().size(), std::size_t{4}); // IMG_1.jpg … IMG_4.jpg
+        QCOMPARE(receiver_->fileCount(), std::size_t{4}); // IMG_1.jpg … IMG_4.jpg
         QCOMPARE(column(queue()), QStringList(5, "saved"));
         QCOMPARE(model_->bytesDone(), 1001 + 1002 + 1003 + 1004);
         QVERIFY(model_->statsLine().startsWith("0 MB in "));
@@ -473,17 +458,16 @@ private slots:
     }
 
     void theFeedComesFromTheEnvironmentElseTheInstalledDesktopEntry() {
-        testing::TemporaryFolder data;
         // Not an INI file: commas and semicolons belong to the value, and only
         // the [Desktop Entry] group counts.
-        testing::writeFile(data.path() / "applications" / "kestrelvane.desktop",
+        testing::writeFile(folder_->path() / "applications" / "kestrelvane.desktop",
                            "# X-Kestrelvane-Appcast-URL=https://commented.example.org/\n"
                            "[Desktop Entry]\nType=Application\nName=Kestrelvane\n"
                            "X-Kestrelvane-Appcast-URL = https://updates.example.org/a,b;c/"
                            "appcast.xml?a=b&c=d&e=x\\sy\r\n"
                            "[Desktop Action Beta]\n"
                            "X-Kestrelvane-Appcast-URL=https://beta.example.org/\n");
-        const testing::ScopedEnvironment dataHome("XDG_DATA_HOME", data.path().string());
+        const testing::ScopedEnvironment dataHome("XDG_DATA_HOME", folder_->path().string());
         const testing::ScopedEnvironment noFeed("KESTRELVANE_APPCAST_URL", std::nullopt);
         QCOMPARE(AppcastUpdater::configuredFeed().toString(),
                  "https://updates.example.org/a,b;c/appcast.xml?a=b&c=d&e=x y");

@@ -1,18 +1,29 @@
-// The command-line tool driven as a user drives it: the built binary in a
-// subprocess, its output and exit status checked.
+// The command-line tool driven as a user drives it, and against malicious
+// peers: the built binary in a subprocess, its output and exit status checked.
+// docs/reliability.md ("Hostile peers") lists each hostile attempt and what must hold.
+#include "KestrelvaneKit/intake/Checksum.h"
+#include "KestrelvaneKit/network/BonjourStream.h"
 #include "KestrelvaneKit/network/TcpListener.h"
+#include "KestrelvaneKit/wire/FrameCodec.h"
+#include "KestrelvaneKit/wire/WireMessage.h"
 #include "support/CliProcess.h"
 #include "support/EngineSession.h"
+#include "support/Eventually.h"
 #include "support/FakeUsbmuxd.h"
 #include "support/Loopback.h"
+#include "support/ScriptedReceiver.h"
 #include "support/SimulatorProcess.h"
 #include "support/TestFiles.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include <fstream>
+#include <netinet/in.h>
 #include <regex>
-#include <sys/stat.h>
+#include <set>
+#include <sys/socket.h>
+#include <unistd.h>
 
 namespace kestrelvane {
 namespace {
@@ -21,7 +32,7 @@ namespace fs = std::filesystem;
 using namespace testing;
 
 const fs::path media = fs::path(KV_FIXTURES_DIR) / "media";
-const std::string photo = (media / "jpeg-original.jpg").string();
+const fs::path photo = media / "jpeg-original.jpg";
 
 /// Each send runs to an IPv4 and an IPv6 receiver, and to a phone of the usbmuxd simulator.
 class Send : public ::testing::TestWithParam<std::string> {};
@@ -39,25 +50,26 @@ TEST_P(Send, SavesIntoTheTrimmedAlbumWithCaptureDatesOnceEachAndANamesakeBeside)
     }
     const std::string to = receiver ? receiver->address() : "usb";
     const Finished send =
-        run({"send", "--log", "stderr", "--album", "  Trip \t", "--to", to, photo,
+        run({"send", "--log", "stderr", "--album", "  Trip \t", "--to", to, photo.string(),
              (media / "video.mov").string(), (media / "not-an-image.jpg").string()},
             usbmuxd.environment(), Streams::stderrOnly);
-    EXPECT_EQ(send.status, 0) << send.text();
-    EXPECT_TRUE(send.mentions("transfer: SUMMARY files=3 ok=3")) << send.text();
+    EXPECT_EQ(send.status, 0) << send.text;
+    EXPECT_TRUE(send.mentions("transfer: SUMMARY files=3 ok=3")) << send.text;
     EXPECT_TRUE(!receiver || receiver->says("saved   jpeg-original.jpg"));
     const fs::path album = folder.path() / "Trip";
-    struct stat status {};
-    ::stat((album / "jpeg-original.jpg").c_str(), &status);
-    EXPECT_EQ(status.st_mtime, 1709647629); // DateTimeOriginal 2024:03:05 14:07:09, in UTC
+    // DateTimeOriginal 2024:03:05 14:07:09, in UTC
+    EXPECT_EQ(std::chrono::file_clock::to_sys(fs::last_write_time(album / "jpeg-original.jpg")),
+              std::chrono::sys_seconds(std::chrono::seconds(1709647629)));
 
     // The same photo again is kept once; a different one of the same name goes beside it.
     // Scripts read --json: one event a line, and nothing else.
     const TemporaryFolder other;
-    const Finished again = run({"send", "--json", "--log", "stderr", "--album", "Trip", "--to", to,
-                                photo, writeFile(other.path() / "jpeg-original.jpg", "changed")},
-                               usbmuxd.environment(), Streams::stdoutOnly);
+    const Finished again =
+        run({"send", "--json", "--log", "stderr", "--album", "Trip", "--to", to, photo.string(),
+             writeFile(other.path() / "jpeg-original.jpg", "changed")},
+            usbmuxd.environment(), Streams::stdoutOnly);
     EXPECT_EQ(again.status, 0);
-    ASSERT_EQ(again.lines.size(), 4u) << again.text();
+    ASSERT_EQ(again.lines.size(), 4u) << again.text;
     EXPECT_EQ(nlohmann::json::parse(again.lines[0])["event"], "start"); // throws on anything else
     for (int index : {1, 2}) {
         const auto ack = nlohmann::json::parse(again.lines[index]);
@@ -132,14 +144,14 @@ TEST(KestrelvaneCli, ExitStatusSaysWhetherAUsageErrorFilesNotSavedOrNoConnection
         const std::string& socket = sockets[outcome.usbmuxd];
         std::vector<std::string> arguments;
         for (const auto& argument : outcome.arguments) {
-            arguments.push_back(std::regex_replace(argument == "PHOTO"      ? photo
+            arguments.push_back(std::regex_replace(argument == "PHOTO"      ? photo.string()
                                                    : argument == "CLOSED"   ? closed
                                                    : argument == "RECEIVER" ? receiver.address()
                                                                             : argument,
                                                    std::regex("^DIR"), folder.path().string()));
         }
         const Finished done = run(arguments, {{"USBMUXD_SOCKET_ADDRESS", "UNIX:" + socket}});
-        SCOPED_TRACE(::testing::PrintToString(arguments) + "\n" + done.text());
+        SCOPED_TRACE(::testing::PrintToString(arguments) + "\n" + done.text);
         EXPECT_EQ(done.status, outcome.status);
         EXPECT_TRUE(done.mentions(std::regex_replace(outcome.says, std::regex("SOCKET"), socket)));
     }
@@ -152,8 +164,309 @@ TEST(KestrelvaneCli, DemoSendsItsSamplesOverTheSimulatedUsbPathAndChecksThem) {
     const TemporaryFolder folder; // where the demo leaves its files for the user
     const Finished demo = run({"demo"}, {{"KESTRELVANE_USBMUXD_SIM", simulatorProgram()},
                                          {"TMPDIR", folder.path().string()}});
-    EXPECT_EQ(demo.status, 0) << demo.text();
-    EXPECT_TRUE(demo.mentions("demo: PASSED: 9 of 9 files arrived byte for byte")) << demo.text();
+    EXPECT_EQ(demo.status, 0) << demo.text;
+    EXPECT_TRUE(demo.mentions("demo: PASSED: 9 of 9 files arrived byte for byte")) << demo.text;
+}
+
+constexpr int maxSessions = 8;
+
+Bytes operator+(Bytes bytes, const Bytes& more) {
+    bytes.insert(bytes.end(), more.begin(), more.end());
+    return bytes;
+}
+
+Bytes frame(std::string_view payload) {
+    return FrameCodec::encode(asBytes(payload));
+}
+
+/// A session header (naming `album` if given), then a header for one file of
+/// `content` announcing `byteCount` bytes (its size when null), then the bytes.
+Bytes sessionWithFile(const std::string& name, const std::string& content,
+                      nlohmann::json byteCount = nullptr,
+                      const std::optional<std::string>& album = std::nullopt) {
+    const nlohmann::json file = {
+        {"name", name},
+        {"mediaType", "photo"},
+        {"byteCount", byteCount.is_null() ? nlohmann::json(content.size()) : byteCount},
+        {"sha256", Checksum::sha256Hex(asBytes(content))}};
+    return frameOf(SessionHeader{.albumName = album}) + frame(file.dump()) + toBytes(content);
+}
+
+/// One raw TCP connection to the receiver, written and read by hand.
+struct RawPeer {
+    explicit RawPeer(int port) {
+        const timeval deadline{.tv_sec = 20, .tv_usec = 0};
+        ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &deadline, sizeof deadline);
+        const sockaddr_in address{.sin_family = AF_INET,
+                                  .sin_port = htons(static_cast<std::uint16_t>(port)),
+                                  .sin_addr = {htonl(INADDR_LOOPBACK)},
+                                  .sin_zero = {}};
+        connected = ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+    }
+    ~RawPeer() { ::close(fd); }
+
+    /// Reads until the receiver hangs up (true) or goes 20 s without a word
+    /// (false); the acknowledgements it sent are then in acks.
+    bool receiverHangsUp() {
+        ReceiveBuffer received;
+        std::uint8_t chunk[4096];
+        ssize_t n = 0;
+        while ((n = ::recv(fd, chunk, sizeof chunk, 0)) > 0) {
+            received.append(ByteView(chunk, static_cast<std::size_t>(n)));
+        }
+        while (const auto payload = FrameCodec::decode(received)) {
+            acks.push_back(WireMessage::decode<Ack>(*payload));
+        }
+        return n == 0 || (errno != EAGAIN && errno != EWOULDBLOCK); // an end or a reset
+    }
+
+    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    bool connected = false;
+    std::vector<Ack> acks;
+};
+
+/// `kestrelvane receive` with a 1 s idle timeout, its folder two levels down
+/// in a folder of the test's own, and its own TMPDIR.
+class HostileSender : public ::testing::Test {
+protected:
+    void SetUp() override {
+        fs::create_directories(tmp_);
+        receiver_ = std::make_unique<ReceiverProcess>(
+            inside_,
+            std::vector<std::string>{"--idle-timeout", "1", "--max-sessions",
+                                     std::to_string(maxSessions)},
+            ChildProcess::Environment{{"TMPDIR", tmp_.string()}});
+        const auto idleThreads = countIn("task");
+        // Settled with one ordinary send, so that what starts lazily has
+        // started, and its session over (its thread gone) before a test begins.
+        const Finished send = run({"send", "--to", receiver_->address(), photo.string()});
+        ASSERT_EQ(send.status, 0) << send.text;
+        ASSERT_TRUE(receiver_->says("session 1 ended"));
+        ASSERT_TRUE(eventually([&] { return countIn("task") <= idleThreads; }));
+        baselineDescriptors_ = countIn("fd");
+        baselineThreads_ = countIn("task");
+        baselineVirtualMiB_ = virtualMiB();
+    }
+
+    fs::path proc() const { return "/proc/" + std::to_string(receiver_->process().pid()); }
+    std::ptrdiff_t countIn(const char* what) const {
+        return std::distance(fs::directory_iterator(proc() / what), {});
+    }
+    /// The receiver's address space in MiB: a thread that ended but was never
+    /// joined keeps its stack mapped, so unreaped threads show up here.
+    std::size_t virtualMiB() const {
+        std::size_t pages = 0;
+        std::ifstream(proc() / "statm") >> pages;
+        return pages * static_cast<std::size_t>(::sysconf(_SC_PAGESIZE)) >> 20;
+    }
+
+    /// Once every session so far has ended (no temporary file in the scratch
+    /// folder, which holds only its lock, and threads and descriptors back to
+    /// the start), a well-behaved send is served, and nothing but its photo
+    /// was written anywhere.
+    void expectUnharmed() {
+        EXPECT_TRUE(eventually([&] {
+            return std::distance(fs::recursive_directory_iterator(tmp_), {}) == 2 &&
+                   countIn("fd") <= baselineDescriptors_ && countIn("task") <= baselineThreads_;
+        })) << "temporary files, "
+            << countIn("fd") << " descriptors and " << countIn("task") << " threads; "
+            << baselineDescriptors_ << " and " << baselineThreads_ << " at first";
+        const Finished send = run({"send", "--to", receiver_->address(), photo.string()});
+        EXPECT_EQ(send.status, 0) << "a well-behaved send failed:\n" << send.text;
+        // Only box/in/PHOTO and TMPDIR's scratch folder with its lock exist (an
+        // escape of one or two levels, or to an absolute path, lands here).
+        EXPECT_EQ(std::distance(fs::recursive_directory_iterator(folder_.path()), {}), 6);
+        EXPECT_EQ(readText(inside_ / photo.filename()), readText(photo));
+    }
+
+    TemporaryFolder folder_;
+    const fs::path inside_ = folder_.path() / "box" / "in";
+    const fs::path tmp_ = folder_.path() / "tmp";
+    std::unique_ptr<ReceiverProcess> receiver_;
+    std::ptrdiff_t baselineDescriptors_ = 0;
+    std::ptrdiff_t baselineThreads_ = 0;
+    std::size_t baselineVirtualMiB_ = 0;
+};
+
+struct Attempt {
+    std::string what;
+    Bytes bytes;
+    bool hangsUp = true; ///< or stays connected, for the receiver to end it
+};
+
+TEST_F(HostileSender, BrokenLyingOrStalledSessionsEndAloneAndLeaveNothingBehind) {
+    const std::string content = "a photo's bytes";
+    const Bytes session = frameOf(SessionHeader{});
+    Bytes corrupted = sessionWithFile("bad.jpg", content);
+    corrupted.back() ^= 0xff; // its SHA-256 no longer matches
+    std::vector<Attempt> attempts = {
+        {"a length prefix of 2^32-1 (-1 as a signed length)",
+         toBytes(std::string("\xff\xff\xff\xff", 4) + "tail")},
+        {"a header frame one byte over 1 MiB", toBytes(std::string("\x00\x10\x00\x01{", 5))},
+        {"a session header that is not JSON", frame("{\"schemaVersion\":")},
+        {"binary garbage as the session header", frame(std::string("\x00\xfe\x7f\x01\x80", 5))},
+        {"a session header of the wrong type", frame("[1,2,3]")},
+        {"a file header that is not JSON", session + frame("name=IMG_1.jpg")},
+        {"a negative byteCount", sessionWithFile("IMG_1.jpg", content, -1)},
+        {"a byteCount above 8 GiB", sessionWithFile("IMG_1.jpg", content, 9'000'000'000ull)},
+        {"fewer bytes than the byteCount", sessionWithFile("short.jpg", content, 100'000)},
+        // The announced bytes form the file; the rest is read as a length, far too long.
+        {"more bytes than the byteCount",
+         sessionWithFile(photo.filename().string(), readText(photo)) + Bytes(5000, 0x41)},
+        {"a file failing its checksum", corrupted},
+        {"silent after connecting", {}, false},
+        {"two bytes of a length prefix", Bytes(2, 0), false},
+        {"half a session header", Bytes(session.begin(), session.begin() + 10), false},
+        {"part of a file's bytes", sessionWithFile("stalled.jpg", content, 1'000'000), false},
+    };
+    for (const auto& name : std::vector<std::string>{
+             "../kvescape.jpg", "../../kvescape.jpg", (folder_.path() / "kvescape.jpg").string(),
+             "sub/kvescape.jpg", "..", ".", "", std::string("kv\0escape.jpg", 13),
+             std::string(5000, 'a') + ".jpg"}) {
+        attempts.push_back({"name " + name.substr(0, 40), sessionWithFile(name, content)});
+    }
+    for (const auto& album :
+         std::vector<std::string>{"../kvescape-album", "../../kvescape-album",
+                                  (folder_.path() / "kvescape-album").string(), "a/b", "..",
+                                  std::string("kv\0album", 8), std::string(5000, 'b')}) {
+        attempts.push_back(
+            {"album " + album.substr(0, 40), sessionWithFile("IMG_1.jpg", content, {}, album)});
+    }
+    for (const auto& attempt : attempts) {
+        SCOPED_TRACE(attempt.what);
+        {
+            RawPeer peer(receiver_->port());
+            ASSERT_TRUE(peer.connected);
+            ::send(peer.fd, attempt.bytes.data(), attempt.bytes.size(), MSG_NOSIGNAL);
+            if (attempt.hangsUp) {
+                ::shutdown(peer.fd, SHUT_WR);
+            }
+            EXPECT_TRUE(peer.receiverHangsUp());
+            for (const auto& ack : peer.acks) {
+                EXPECT_TRUE(ack.status != Ack::Status::ok || ack.name == photo.filename().string())
+                    << ack.name;
+            }
+        }
+        expectUnharmed();
+    }
+    EXPECT_TRUE(receiver_->says("FAILED  bad.jpg: checksum mismatch"));
+    EXPECT_TRUE(receiver_->says(" ended: 0 saved, 1 failed"));
+    EXPECT_TRUE(receiver_->says("recv() timed out after 1 s"));
+}
+
+TEST_F(HostileSender, AFloodOfAbandonedConnectionsHoldsNeitherThreadsNorDescriptors) {
+    int opened = 0;
+    for (int i = 0; i < 2000; ++i) {
+        opened += RawPeer(receiver_->port()).connected ? 1 : 0; // and dropped at once
+    }
+    EXPECT_EQ(opened, 2000);
+    std::vector<std::unique_ptr<RawPeer>> held;
+    for (int i = 0; i < 4 * maxSessions; ++i) {
+        held.push_back(std::make_unique<RawPeer>(receiver_->port()));
+    }
+    EXPECT_TRUE(receiver_->says("sessions already open (--max-sessions)"));
+    // A reader, an acknowledgement writer and a saver per session, no more,
+    // once the threads of the flood's sessions have ended.
+    EXPECT_TRUE(eventually([&] { return countIn("task") <= baselineThreads_ + 3 * maxSessions; }))
+        << countIn("task") << " threads, " << baselineThreads_ << " at the start";
+    EXPECT_TRUE(eventually([&] { return countIn("fd") <= baselineDescriptors_ + maxSessions + 2; }))
+        << countIn("fd") << " descriptors, " << baselineDescriptors_ << " at the start";
+    for (auto& peer : held) {
+        EXPECT_TRUE(peer->receiverHangsUp());
+    }
+    held.clear();
+    expectUnharmed();
+    // Per session thread at most a stack (8 MiB) and a malloc arena (64 MiB of
+    // address space); unjoined threads would have kept 2000 stacks, 16 GiB.
+    EXPECT_LE(virtualMiB(), baselineVirtualMiB_ + (3 * maxSessions + 2) * (8 + 64) + 64);
+}
+
+// One session at a time, and idle sessions kept long enough to be in the way.
+TEST(OneSessionReceiver, AConnectionBeyondTheLimitIsTurnedAwayAndTheNextOneIsServed) {
+    const TemporaryFolder folder;
+    const ReceiverProcess receiver(folder.path(), {"--idle-timeout", "60", "--max-sessions", "1"});
+    auto occupant = std::make_unique<RawPeer>(receiver.port());
+    ASSERT_TRUE(receiver.says("session 1: connected")) << "the occupant was turned away";
+    EXPECT_EQ(run({"send", "--to", receiver.address(), photo.string()}).status, 1);
+    EXPECT_TRUE(receiver.says("connection refused: 1 sessions already open"));
+    occupant.reset(); // its session ends with the hang-up, long before the idle timeout
+    ASSERT_TRUE(receiver.says("session 1 ended"));
+    EXPECT_EQ(run({"send", "--to", receiver.address(), photo.string()}).status, 0);
+}
+
+Ack ok(const std::string& name) {
+    return {.name = name, .status = Ack::Status::ok};
+}
+
+TEST(HostileReceiver, SenderCountsOnlyOkAcknowledgementsOfFilesItSentAndAlwaysEnds) {
+    const Ack mismatch = {.name = "video.mov", .status = Ack::Status::error, .message = "no"};
+    const std::vector<Ack> strangers = {ok("ghost.jpg"), ok("../jpeg-original.jpg"),
+                                        ok("JPEG-ORIGINAL.JPG")};
+    const std::vector<Ack> twice = {ok("video.mov"), ok("video.mov"), ok("jpeg-original.jpg")};
+    const std::multiset<std::string> oneEach = {"video.mov", "jpeg-original.jpg"};
+    // What the receiver does, its acknowledgements, a frame it then sends leaving the
+    // connection open (else it hangs up), and the files it really saved (acknowledged "ok").
+    const std::tuple<std::string, std::vector<Ack>, std::optional<Bytes>,
+                     std::multiset<std::string>>
+        cases[] = {
+            {"acknowledgements for names never sent", strangers, {}, {}},
+            {"the video's ok twice, one for the name both photos have", twice, {}, oneEach},
+            {"an error and then an ok for the same file", {mismatch, ok("video.mov")}, {}, {}},
+            {"garbage instead of an acknowledgement", {}, toBytes("{\"name\":42"), {}},
+            {"an acknowledgement without a status", {}, toBytes("{\"name\":\"video.mov\"}"), {}},
+            {"a 2 MB frame where an acknowledgement belongs", {}, Bytes(2'000'000, 'x'), {}},
+            {"never an acknowledgement, then a hang-up", {}, {}, {}},
+        };
+    // Two photos of the same name, from two folders, and a video.
+    const TemporaryFolder other;
+    TcpListener listener(0, TcpListener::Scope::loopback);
+    std::vector<std::string> arguments = {
+        "send",         "--json",
+        "--to",         "127.0.0.1:" + std::to_string(listener.port()),
+        photo.string(), (media / "video.mov").string()};
+    arguments.push_back(writeFile(other.path() / "jpeg-original.jpg", "another photo"));
+    const std::multiset<std::string> sent = {"jpeg-original.jpg", "jpeg-original.jpg", "video.mov"};
+    for (const auto& [what, acks, frame, reallySaved] : cases) {
+        SCOPED_TRACE(what);
+        const auto sender = kestrelvane(arguments, {}, Streams::stdoutOnly);
+        auto stream = std::make_shared<BonjourStream>(listener.accept());
+        stream->start();
+        ScriptedReceiver receiver(stream, false);
+        ASSERT_TRUE(receiver.waitForFiles(sent.size()));
+        try {
+            for (const auto& ack : acks) {
+                receiver.sendAck(ack);
+            }
+            if (frame) {
+                receiver.sendFrame(*frame);
+            } else {
+                receiver.closeConnection();
+            }
+        } catch (const std::system_error&) {
+            // The sender ends after as many acknowledgements as files, whatever
+            // they said, and may have hung up before the last of them.
+        }
+        const Finished finished = finish(*sender, std::chrono::seconds(30));
+        receiver.closeConnection();
+        ASSERT_EQ(finished.status, 1) << "the sender did not end with some files not saved";
+
+        // Reported saved, as it went and in the summary, exactly what was
+        // acknowledged "ok"; every other file listed as not saved.
+        std::multiset<std::string> reportedOk;
+        for (const auto& line : finished.lines) {
+            const auto event = nlohmann::json::parse(line);
+            if (event["event"] == "ack" && event["status"] == "ok") {
+                reportedOk.insert(event["name"].get<std::string>());
+            }
+        }
+        EXPECT_EQ(reportedOk, reallySaved);
+        const auto summary = nlohmann::json::parse(finished.lines.back());
+        EXPECT_EQ(summary["saved"], reallySaved.size()) << summary.dump();
+        for (const auto& file : summary["unsaved"]) {
+            reportedOk.insert(file["name"].get<std::string>());
+        }
+        EXPECT_EQ(reportedOk, sent);
+    }
 }
 
 } // namespace

@@ -21,16 +21,6 @@ namespace fs = std::filesystem;
 using namespace testing;
 using Files = std::vector<std::string>;
 
-/// `count` photos and videos of about `size` bytes each, all different.
-std::vector<fs::path> makeBatch(const fs::path& folder, int count, std::size_t size) {
-    std::vector<fs::path> files;
-    for (int i = 0; i < count; ++i) {
-        const std::string name = "IMG_" + std::to_string(1000 + i) + (i % 4 == 3 ? ".mov" : ".jpg");
-        files.push_back(writeFile(folder / name, pattern(size + i, static_cast<std::uint8_t>(i))));
-    }
-    return files;
-}
-
 /// `kestrelvane send --json` of `files` to `to`, `onEvent` seeing each event as
 /// it comes; its exit status (-1 when it hung) and its last event.
 std::pair<int, nlohmann::json>
@@ -55,7 +45,7 @@ TEST_P(Killed, MidBatchLosesNothingAcknowledgedAndAResendCompletesTheBatchOnce) 
     const std::string victim = GetParam();
     const bool usb = victim == "usbmuxd";
     TemporaryFolder source, destination, temporary;
-    const auto files = makeBatch(source.path(), 16, usb ? 2 << 20 : 1 << 20);
+    const auto files = writeBatch(source.path(), 16, usb ? 2 << 20 : 1 << 20);
     const ChildProcess::Environment tmpdir = {{"TMPDIR", temporary.path().string()}};
     std::unique_ptr<ReceiverProcess> receiver;
     std::unique_ptr<SimulatorProcess> usbmuxd;
@@ -145,7 +135,7 @@ TEST(FullDisk, FilesThatDoNotFitAreAnsweredWithAnErrorAndLeaveNothingBehind) {
         GTEST_SKIP() << "this user may not mount a tmpfs in a private mount namespace";
     }
     // Three files of 1.5 MiB on a 4 MiB disk: two fit, the third does not.
-    const auto files = makeBatch(source.path(), 3, 1'572'864);
+    const auto files = writeBatch(source.path(), 3, 1'572'864);
     // The receiver runs in a mount namespace of its own, where its folder ($3)
     // is a small tmpfs; after its one session, all that disk holds is copied out.
     ReceiverProcess receiver(disk.path(), {"--once"}, {{"TMPDIR", temporary.path().string()}},

@@ -5,13 +5,12 @@
 #include "support/ScopedLogSink.h"
 #include "support/TemporaryFolder.h"
 #include "support/TestFiles.h"
+#include "support/UnprivilegedChild.h"
 
 #include <gtest/gtest.h>
 
 #include <clocale>
 #include <cmath>
-#include <sys/wait.h>
-#include <unistd.h>
 
 namespace kestrelvane {
 namespace {
@@ -42,20 +41,12 @@ TEST(KVLog, NumbersIgnoreTheUsersLocale) {
     const testing::ScopedEnvironment path("LOCPATH", folder.path().string());
     // In a child: glibc keeps the locale path it read from LOCPATH for the
     // rest of the process, where the leak checker would take it for a leak.
-    const pid_t child = ::fork();
-    ASSERT_NE(child, -1);
-    if (child == 0) {
+    testing::runInChild([] {
         const locale_t comma = ::newlocale(LC_NUMERIC_MASK, "comma", nullptr);
-        if (comma == nullptr) {
-            ::_exit(2); // localedef made no locale
-        }
+        ASSERT_NE(comma, nullptr) << "localedef made no locale";
         ::uselocale(comma);
-        ::_exit(KVLog::mb(std::uint64_t{1'572'864}) == "1.5MB" ? 0 : 1);
-    }
-    int status = 0;
-    ASSERT_EQ(::waitpid(child, &status, 0), child);
-    EXPECT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 0) << "1 means the number followed the locale, 2 no locale";
+        EXPECT_EQ(KVLog::mb(std::uint64_t{1'572'864}), "1.5MB");
+    });
 }
 
 TEST(KVLog, RecordsReachTheSinkWithCategoryAndLevelAndStderrMarksErrors) {

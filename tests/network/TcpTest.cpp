@@ -23,6 +23,8 @@ namespace {
 using testing::eventually;
 using testing::outcomeOf;
 using testing::startsWith;
+using testing::SystemCallFault;
+using Call = SystemCallFault::Call;
 using State = TcpConnection::State;
 
 /// TCP_NODELAY and SO_KEEPALIVE of each IPv4 socket of this process
@@ -71,7 +73,6 @@ TEST(BonjourStream, ARefusedStartFailsALaterOneConnectsWithTheSocketOptionsAndTh
 }
 
 TEST(TcpConnection, WaitsOutAHostUnreachableForNowThenReportsReadyAndCancelledInOrder) {
-    using testing::SystemCallFault;
     TcpListener listener(0, TcpListener::Scope::loopback);
     // Every state reported; declared first, as the connection's thread may still report.
     std::mutex mutex;
@@ -84,11 +85,11 @@ TEST(TcpConnection, WaitsOutAHostUnreachableForNowThenReportsReadyAndCancelledIn
     EXPECT_EQ(connection.state(), State::setup);
     {
         // The first handshake's outcome reads as EHOSTUNREACH.
-        const int before = SystemCallFault::failures(SystemCallFault::Call::getsockopt);
-        const SystemCallFault unreachable(SystemCallFault::Call::getsockopt, EHOSTUNREACH, 1);
+        const int before = SystemCallFault::failures(Call::getsockopt);
+        const SystemCallFault unreachable(Call::getsockopt, EHOSTUNREACH, 1);
         connection.start();
-        ASSERT_TRUE(eventually(
-            [&] { return SystemCallFault::failures(SystemCallFault::Call::getsockopt) > before; }));
+        ASSERT_TRUE(
+            eventually([&] { return SystemCallFault::failures(Call::getsockopt) > before; }));
     }
     ASSERT_TRUE(eventually([&] { return connection.state() == State::ready; }));
     connection.start(); // already ready: nothing changes
@@ -143,18 +144,16 @@ TEST(TcpListener, AcceptsIPv4NamesAndIPv6OnTheOnePortItReportsWhichIsThenInUse) 
 // the backlog: accept() waits and tries again instead of failing, and takes it
 // once a descriptor is free. stop() still ends a waiting accept.
 TEST(TcpListener, RunningOutOfDescriptorsMakesAcceptWaitNotFailAndStopEndsTheWait) {
-    using testing::SystemCallFault;
     TcpListener listener(0, TcpListener::Scope::loopback);
     TcpConnection client("127.0.0.1", listener.port());
     client.start();
     std::future<std::shared_ptr<TcpConnection>> accepting;
     {
-        const int before = SystemCallFault::failures(SystemCallFault::Call::accept4);
-        const SystemCallFault noDescriptor(SystemCallFault::Call::accept4, EMFILE);
+        const int before = SystemCallFault::failures(Call::accept4);
+        const SystemCallFault noDescriptor(Call::accept4, EMFILE);
         accepting = std::async(std::launch::async, [&] { return listener.accept(); });
-        ASSERT_TRUE(eventually([&] {
-            return SystemCallFault::failures(SystemCallFault::Call::accept4) > before + 1;
-        }));
+        ASSERT_TRUE(
+            eventually([&] { return SystemCallFault::failures(Call::accept4) > before + 1; }));
         EXPECT_EQ(accepting.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
     } // sessions end somewhere and free theirs
     ASSERT_EQ(accepting.wait_for(std::chrono::seconds(30)), std::future_status::ready);

@@ -38,8 +38,7 @@ class FolderSaverTest : public ::testing::Test {
 protected:
     /// Whether received files can come from another file system.
     bool receiveAcrossFileSystems() {
-        struct stat shm {
-        }, dest{};
+        struct stat shm = {}, dest = {};
         if (::stat("/dev/shm", &shm) != 0 || ::stat(destination.path().c_str(), &dest) != 0 ||
             shm.st_dev == dest.st_dev) {
             return false;

@@ -122,10 +122,7 @@ class EndingMidFile : public TransferServerTest, public ::testing::WithParamInte
 
 TEST_P(EndingMidFile, StillAcknowledgesTheEarlierFilesAndLeavesNoTemporaryFile) {
     const bool diskFull = GetParam();
-    std::optional<FileSizeLimit> limit;
-    if (diskFull) {
-        limit.emplace(64 * 1024);
-    }
+    const auto limit = diskFull ? std::make_optional<FileSizeLimit>(64 * 1024) : std::nullopt;
     const Bytes first = pattern(1000, 5);
     const Bytes second = pattern(300'000, 6);
     EXPECT_EQ(serve({{headerFor("first.jpg", first), first},
@@ -188,20 +185,15 @@ TEST_F(TransferServerTest, WithNoThreadToSpareAcknowledgesOnceTheReaderHasEnded)
     }
     const Bytes one = pattern(3000, 1);
     const Bytes two = pattern(10, 2);
-    const int status = runUnprivileged(
-        [&] {
-            EXPECT_EQ(serve({{headerFor("one.jpg", one), one}, {headerFor("two.jpg", two), two}},
-                            {}, scratch),
-                      (std::vector<Bytes>{frameOf(Ack{.name = "one.jpg"}),
-                                          frameOf(Ack{.name = "two.jpg"})}));
-            EXPECT_EQ(saved.size(), 2u);
-            expectNoFileLeft();
-        },
-        true);
-    if (status == noUnprivilegedChild) {
-        GTEST_SKIP() << "no child process could be kept from starting threads";
-    }
-    EXPECT_EQ(status, 0);
+    runInChild([&] {
+        dropToNobody(true);
+        EXPECT_EQ(
+            serve({{headerFor("one.jpg", one), one}, {headerFor("two.jpg", two), two}}, {},
+                  scratch),
+            (std::vector<Bytes>{frameOf(Ack{.name = "one.jpg"}), frameOf(Ack{.name = "two.jpg"})}));
+        EXPECT_EQ(saved.size(), 2u);
+        expectNoFileLeft();
+    });
 }
 
 /// A header at or past a limit, and how many scripted receives the server

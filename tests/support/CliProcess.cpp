@@ -4,7 +4,6 @@
 #include "support/SimulatorProcess.h"
 #include "support/TestFiles.h"
 
-#include <algorithm>
 #include <fcntl.h>
 #include <regex>
 #include <stdexcept>
@@ -23,19 +22,6 @@ std::unique_ptr<ChildProcess> kestrelvane(const std::vector<std::string>& argume
     return std::make_unique<ChildProcess>(argv, environment);
 }
 
-bool Finished::mentions(const std::string& text) const {
-    return std::any_of(lines.begin(), lines.end(),
-                       [&](const std::string& line) { return line.find(text) != line.npos; });
-}
-
-std::string Finished::text() const {
-    std::string all;
-    for (const auto& line : lines) {
-        all += line + "\n";
-    }
-    return all;
-}
-
 Finished finish(ChildProcess& process, std::chrono::milliseconds deadline,
                 const std::function<void(const std::string&)>& onLine) {
     Finished finished;
@@ -44,6 +30,7 @@ Finished finish(ChildProcess& process, std::chrono::milliseconds deadline,
             onLine(*line);
         }
         finished.lines.push_back(*line);
+        finished.text += *line + "\n";
     }
     finished.status = process.waitFor(deadline).value_or(-1);
     return finished;

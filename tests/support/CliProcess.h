@@ -21,12 +21,12 @@ std::unique_ptr<ChildProcess> kestrelvane(const std::vector<std::string>& argume
                                           ChildProcess::Environment environment = {},
                                           Streams streams = Streams::joined);
 
-/// What a program printed, line by line, and its exit status.
+/// What a program printed, line by line and whole, and its exit status.
 struct Finished {
     int status = -1;
     std::vector<std::string> lines;
-    bool mentions(const std::string& text) const;
-    std::string text() const; ///< the lines, each ending in a newline
+    std::string text; ///< the lines, each ending in a newline
+    bool mentions(const std::string& part) const { return text.find(part) != text.npos; }
 };
 
 /// Reads everything `process` prints, each line also to `onLine` as it comes,

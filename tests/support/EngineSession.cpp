@@ -8,6 +8,7 @@
 #include <condition_variable>
 #include <sys/socket.h>
 #include <system_error>
+#include <tuple>
 
 namespace kestrelvane::testing {
 
@@ -16,9 +17,7 @@ namespace fs = std::filesystem;
 EngineSession::Ends EngineSession::connect(const Link& link) {
     Ends ends;
     if (link.kind == Link::Kind::memory) {
-        auto [sender, receiver] = makeMemoryStreamPair();
-        ends.raw[0] = sender;
-        ends.raw[1] = receiver;
+        std::tie(ends.raw[0], ends.raw[1]) = makeMemoryStreamPair();
     } else {
         if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.fds) != 0) {
             throw std::system_error(errno, std::generic_category(), "socketpair");
@@ -56,11 +55,7 @@ EngineSession::~EngineSession() {
     watchdog_.request_stop();
     watchdog_.join();
     closeBoth();
-    for (auto* engine : {&sent_, &served_}) {
-        if (engine->valid()) {
-            engine->wait();
-        }
-    }
+    waitForEngines();
     scripted_.reset();
 }
 
@@ -69,21 +64,17 @@ void EngineSession::closeBoth() noexcept {
     ends_.raw[1]->close();
 }
 
-void EngineSession::serve(BatchSaving& saver, const fs::path& scratch) {
-    served_ = std::async(std::launch::async, [this, &saver, scratch] {
-        TransferServer(saver, scratch).run(receiverChannel_, [this](const auto& event) {
+void EngineSession::serveFolder(const fs::path& destination, const fs::path& scratch,
+                                const FailingSaver::Cue& cue) {
+    folder_.emplace(destination);
+    faulty_.emplace(*folder_, cue);
+    served_ = std::async(std::launch::async, [this, scratch] {
+        TransferServer(*faulty_, scratch).run(receiverChannel_, [this](const auto& event) {
             const std::lock_guard lock(mutex_);
             events_.push_back(event);
         });
         receiverChannel_.cancel(); // as a real caller does once the session is over
     });
-}
-
-void EngineSession::serveFolder(const fs::path& destination, const fs::path& scratch,
-                                const FailingSaver::Cue& cue) {
-    folder_.emplace(destination);
-    faulty_.emplace(*folder_, cue);
-    serve(*faulty_, scratch);
 }
 
 void EngineSession::send(std::vector<fs::path> files, const SessionHeader& session) {
@@ -93,8 +84,8 @@ void EngineSession::send(std::vector<fs::path> files, const SessionHeader& sessi
                 const std::lock_guard lock(mutex_);
                 progress_.push_back(step);
             });
-        } catch (...) {
-            error = std::current_exception();
+        } catch (const std::exception& thrown) {
+            error = thrown.what();
         }
         senderChannel_.cancel(); // the sender's side of a session ends with it
     });
@@ -126,24 +117,17 @@ bool EngineSession::finish() {
     if (!sent_.valid()) {
         endSending(Side::sender); // the test played the sender and is done
     }
-    for (auto* engine : {&sent_, &served_}) {
-        if (engine->valid()) {
-            engine->wait(); // the watchdog closes the connection at the deadline
-        }
-    }
+    waitForEngines(); // the watchdog closes the connection at the deadline
     watchdog_.request_stop();
     return !timedOut_;
 }
 
-std::optional<std::string> EngineSession::errorText() const {
-    try {
-        if (error) {
-            std::rethrow_exception(error);
+void EngineSession::waitForEngines() {
+    for (auto* engine : {&sent_, &served_}) {
+        if (engine->valid()) {
+            engine->wait();
         }
-    } catch (const std::exception& thrown) {
-        return thrown.what();
     }
-    return std::nullopt;
 }
 
 std::vector<TransferClient::Progress> EngineSession::progress() const {

@@ -13,7 +13,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <exception>
 #include <filesystem>
 #include <future>
 #include <optional>
@@ -61,10 +60,8 @@ public:
     EngineSession(const EngineSession&) = delete;
     EngineSession& operator=(const EngineSession&) = delete;
 
-    /// The receiving engine into `saver`, its temporary files in `scratch`
-    /// (empty: the system's temporary directory).
-    void serve(BatchSaving& saver, const std::filesystem::path& scratch);
-    /// serve() into a FolderSaver at `destination`, behind a FailingSaver with `cue`.
+    /// The receiving engine into a FolderSaver at `destination`, behind a
+    /// FailingSaver with `cue`; its temporary files in `scratch`.
     void serveFolder(const std::filesystem::path& destination, const std::filesystem::path& scratch,
                      const FailingSaver::Cue& cue = {});
     /// The sending engine, as `client`.
@@ -78,25 +75,24 @@ public:
 
     /// The sender's channel, for a test that plays the sender.
     FrameChannel& sender() { return senderChannel_; }
-    Ack receiveAck() { return WireMessage::decode<Ack>(senderChannel_.receiveFrame()); }
     /// A receiver played by the test.
     ScriptedReceiver& receiver(bool autoAck);
 
     /// Half-closes `side`'s end: the peer reads what was sent, then the end.
     void endSending(Side side);
     /// `side`'s end as connected, below any cut.
-    KestrelvaneStream& end(Side side) { return *ends_.raw[static_cast<int>(side)]; }
-    MemoryStream& memoryEnd(Side side) { return dynamic_cast<MemoryStream&>(end(side)); }
+    MemoryStream& memoryEnd(Side side) {
+        return dynamic_cast<MemoryStream&>(*ends_.raw[static_cast<int>(side)]);
+    }
 
     /// Waits for the engines started to return; false when one had not by
     /// the deadline.
     bool finish();
     bool wasCut() const { return ends_.failing && ends_.failing->hasCut(); }
 
-    /// What the send returned, or what it threw.
+    /// What the send returned, or the message of what it threw.
     std::vector<Ack> returned;
-    std::exception_ptr error;
-    std::optional<std::string> errorText() const;
+    std::optional<std::string> error;
     std::vector<TransferClient::Progress> progress() const;
     std::vector<TransferServer::Event> events() const;
     /// Names of the acknowledgements reported by the sender's progress, or by
@@ -118,6 +114,7 @@ private:
     static Ends connect(const Link& link);
     explicit EngineSession(Ends ends);
     void closeBoth() noexcept;
+    void waitForEngines();
 
     const Ends ends_;
     FrameChannel senderChannel_;

@@ -38,18 +38,14 @@ void FailingStream::send(ByteView data) {
 }
 
 Bytes FailingStream::receive(std::int64_t max) {
-    if (cut_) {
+    const auto asked = static_cast<std::uint64_t>(max);
+    const std::uint64_t room = cue_.direction == Direction::receiving
+                                   ? cue_.afterBytes - std::min(cue_.afterBytes, received_.load())
+                                   : asked;
+    if (cut_ || (room == 0 && cue_.direction == Direction::receiving)) {
         fail();
     }
-    std::int64_t limit = max;
-    if (cue_.direction == Direction::receiving) {
-        const std::uint64_t room = cue_.afterBytes - std::min(cue_.afterBytes, received_.load());
-        if (room == 0) {
-            fail();
-        }
-        limit = static_cast<std::int64_t>(std::min(room, static_cast<std::uint64_t>(max)));
-    }
-    Bytes bytes = inner_->receive(limit);
+    Bytes bytes = inner_->receive(static_cast<std::int64_t>(std::min(room, asked)));
     received_ += bytes.size();
     return bytes;
 }

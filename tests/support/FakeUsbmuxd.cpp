@@ -1,20 +1,16 @@
 #include "support/FakeUsbmuxd.h"
 
-#include "KestrelvaneKit/usb/UsbmuxdProtocol.h"
-
 #include <cerrno>
 #include <cstring>
 #include <stdexcept>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 namespace kestrelvane::testing {
-namespace {
 
-/// The one request a client sends on its connection, or nothing if it hangs up first.
-std::optional<UsbmuxdProtocol::Decoded> readRequest(int fd) {
-    ReceiveBuffer buffer;
+std::optional<UsbmuxdProtocol::Decoded> readPacket(int fd, ReceiveBuffer& buffer) {
     for (std::uint8_t chunk[4096];;) {
         if (auto packet = UsbmuxdProtocol::decode(buffer)) {
             return packet;
@@ -29,8 +25,6 @@ std::optional<UsbmuxdProtocol::Decoded> readRequest(int fd) {
         buffer.append(ByteView(chunk, static_cast<std::size_t>(n)));
     }
 }
-
-} // namespace
 
 FakeUsbmuxd::FakeUsbmuxd(Script script)
     : socketPath_((folder_.path() / "usbmuxd").string()), script_(std::move(script)) {
@@ -47,14 +41,7 @@ FakeUsbmuxd::FakeUsbmuxd(Script script)
 }
 
 FakeUsbmuxd::~FakeUsbmuxd() {
-    stopping_ = true;
     ::shutdown(listenFd_, SHUT_RDWR); // wakes accept()
-    {
-        const std::lock_guard lock(mutex_);
-        if (connectionFd_ >= 0) {
-            ::shutdown(connectionFd_, SHUT_RDWR);
-        }
-    }
     thread_.join();
     ::close(listenFd_);
 }
@@ -65,22 +52,19 @@ std::vector<FakeUsbmuxd::Request> FakeUsbmuxd::requests() const {
 }
 
 void FakeUsbmuxd::serve() {
-    while (!stopping_) {
+    for (;;) {
         const int fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC);
+        if (fd < 0 && errno == EINTR) {
+            continue;
+        }
         if (fd < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            return;
+            return; // the listening socket was shut down
         }
-        {
-            const std::lock_guard lock(mutex_);
-            connectionFd_ = fd;
-            if (stopping_) {
-                ::shutdown(fd, SHUT_RDWR);
-            }
-        }
-        if (const auto packet = readRequest(fd)) {
+        // A client that neither asks nor hangs up holds the fake no longer than this.
+        const timeval patience{10, 0};
+        ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+        ReceiveBuffer buffer;
+        if (const auto packet = readPacket(fd, buffer)) {
             const PropertyList plist = PropertyList::parse(packet->body);
             const Request request{packet->tag, PropertyList::formatOf(packet->body),
                                   PropertyList::stringAt(plist.get(), "MessageType").value_or(""),
@@ -97,10 +81,6 @@ void FakeUsbmuxd::serve() {
                 ::read(fd, &byte, 1) == 0) {
                 ++hangUps_;
             }
-        }
-        {
-            const std::lock_guard lock(mutex_);
-            connectionFd_ = -1;
         }
         ::close(fd);
     }

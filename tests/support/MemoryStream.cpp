@@ -17,31 +17,26 @@ struct MemoryLink {
     bool closed[2] = {false, false}; ///< the reading end itself closed
 };
 
-MemoryStream::MemoryStream(std::shared_ptr<MemoryLink> link, int side, ReceiveMode mode)
-    : link_(std::move(link)), side_(side), mode_(mode) {
+MemoryStream::MemoryStream(std::shared_ptr<MemoryLink> link, int side)
+    : link_(std::move(link)), side_(side) {
 }
 
 MemoryStream::~MemoryStream() {
     close();
 }
 
+// Waiters are woken while the lock is held: they run once it is let go.
 void MemoryStream::send(ByteView data) {
-    {
-        const std::lock_guard lock(link_->mutex);
-        if (link_->ended[1 - side_]) {
-            throw StreamError::closed();
-        }
-        link_->bytes[1 - side_].append(data);
+    const std::lock_guard lock(link_->mutex);
+    if (link_->ended[1 - side_]) {
+        throw StreamError::closed();
     }
+    link_->bytes[1 - side_].append(data);
     link_->changed.notify_all();
 }
 
 Bytes MemoryStream::receive(std::int64_t max) {
-    ++receives_;
-    std::size_t limit = max > 0 ? static_cast<std::size_t>(max) : 0;
-    if (mode_ == ReceiveMode::oneByteAtATime) {
-        limit = std::min<std::size_t>(limit, 1);
-    }
+    const std::size_t limit = max > 0 ? static_cast<std::size_t>(max) : 0;
     std::unique_lock lock(link_->mutex);
     auto& bytes = link_->bytes[side_];
     link_->changed.wait(lock, [&] { return !bytes.empty() || link_->ended[side_]; });
@@ -52,18 +47,14 @@ Bytes MemoryStream::receive(std::int64_t max) {
 }
 
 void MemoryStream::close() noexcept {
-    {
-        const std::lock_guard lock(link_->mutex);
-        link_->ended[side_] = link_->closed[side_] = link_->ended[1 - side_] = true;
-    }
+    const std::lock_guard lock(link_->mutex);
+    link_->ended[side_] = link_->closed[side_] = link_->ended[1 - side_] = true;
     link_->changed.notify_all();
 }
 
 void MemoryStream::finishSending() noexcept {
-    {
-        const std::lock_guard lock(link_->mutex);
-        link_->ended[1 - side_] = true;
-    }
+    const std::lock_guard lock(link_->mutex);
+    link_->ended[1 - side_] = true;
     link_->changed.notify_all();
 }
 
@@ -72,11 +63,9 @@ std::size_t MemoryStream::pendingBytes() const {
     return link_->bytes[side_].size();
 }
 
-std::pair<std::shared_ptr<MemoryStream>, std::shared_ptr<MemoryStream>>
-makeMemoryStreamPair(ReceiveMode firstMode, ReceiveMode secondMode) {
+std::pair<std::shared_ptr<MemoryStream>, std::shared_ptr<MemoryStream>> makeMemoryStreamPair() {
     auto link = std::make_shared<MemoryLink>();
-    return {std::make_shared<MemoryStream>(link, 0, firstMode),
-            std::make_shared<MemoryStream>(link, 1, secondMode)};
+    return {std::make_shared<MemoryStream>(link, 0), std::make_shared<MemoryStream>(link, 1)};
 }
 
 } // namespace kestrelvane::testing

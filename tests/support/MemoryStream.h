@@ -2,18 +2,11 @@
 
 #include "KestrelvaneKit/wire/KestrelvaneStream.h"
 
-#include <atomic>
 #include <cstddef>
 #include <memory>
 #include <utility>
 
 namespace kestrelvane::testing {
-
-/// How an in-memory stream hands out what it has received.
-enum class ReceiveMode {
-    whatIsThere,    ///< everything buffered, up to max
-    oneByteAtATime, ///< one byte per receive
-};
 
 /// Both directions of an in-memory connection.
 struct MemoryLink;
@@ -23,7 +16,7 @@ struct MemoryLink;
 /// this end and lets the peer read what was already sent, then `closed`.
 class MemoryStream final : public KestrelvaneStream {
 public:
-    MemoryStream(std::shared_ptr<MemoryLink> link, int side, ReceiveMode mode);
+    MemoryStream(std::shared_ptr<MemoryLink> link, int side);
     ~MemoryStream() override;
 
     void start() override {}
@@ -36,18 +29,12 @@ public:
     /// Bytes the peer has sent that this end has not yet received.
     std::size_t pendingBytes() const;
 
-    std::size_t receiveCount() const noexcept { return receives_.load(); }
-
 private:
     const std::shared_ptr<MemoryLink> link_;
     const int side_; // 0 or 1; the peer is the other
-    const ReceiveMode mode_;
-    std::atomic<std::size_t> receives_{0};
 };
 
-/// Two connected ends; `firstMode` and `secondMode` say how each end receives.
-std::pair<std::shared_ptr<MemoryStream>, std::shared_ptr<MemoryStream>>
-makeMemoryStreamPair(ReceiveMode firstMode = ReceiveMode::whatIsThere,
-                     ReceiveMode secondMode = ReceiveMode::whatIsThere);
+/// Two connected ends; each receive hands out everything buffered, up to its max.
+std::pair<std::shared_ptr<MemoryStream>, std::shared_ptr<MemoryStream>> makeMemoryStreamPair();
 
 } // namespace kestrelvane::testing

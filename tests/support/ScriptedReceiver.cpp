@@ -1,7 +1,6 @@
 #include "support/ScriptedReceiver.h"
 
 #include "KestrelvaneKit/wire/FrameCodec.h"
-#include "KestrelvaneKit/wire/WireMessage.h"
 
 namespace kestrelvane::testing {
 
@@ -20,9 +19,7 @@ void ScriptedReceiver::run() {
         {
             const std::lock_guard lock(mutex_);
             wireLog_.push_back(FrameCodec::encode(sessionFrame));
-            session_ = WireMessage::decode<SessionHeader>(sessionFrame);
         }
-        changed_.notify_all();
         while (true) {
             const Bytes headerFrame = channel_.receiveFrame();
             const auto header = WireMessage::decode<FileHeader>(headerFrame);
@@ -30,8 +27,8 @@ void ScriptedReceiver::run() {
             {
                 const std::lock_guard lock(mutex_);
                 wireLog_.push_back(FrameCodec::encode(headerFrame));
-                wireLog_.push_back(bytes);
-                files_.push_back({header, std::move(bytes)});
+                wireLog_.push_back(std::move(bytes));
+                ++files_;
             }
             changed_.notify_all();
             if (autoAck_) {
@@ -50,7 +47,7 @@ void ScriptedReceiver::run() {
 
 bool ScriptedReceiver::waitForFiles(std::size_t count, std::chrono::milliseconds deadline) {
     std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, deadline, [&] { return files_.size() >= count; });
+    return changed_.wait_for(lock, deadline, [&] { return files_ >= count; });
 }
 
 bool ScriptedReceiver::waitForEnd(std::chrono::milliseconds deadline) {
@@ -58,28 +55,7 @@ bool ScriptedReceiver::waitForEnd(std::chrono::milliseconds deadline) {
     return changed_.wait_for(lock, deadline, [&] { return ended_; });
 }
 
-void ScriptedReceiver::sendAck(const Ack& ack) {
-    channel_.sendFrame(WireMessage::encode(ack));
-}
-
-void ScriptedReceiver::sendFrame(ByteView payload) {
-    channel_.sendFrame(payload);
-}
-
-void ScriptedReceiver::sendRaw(const Bytes& bytes) {
-    channel_.sendRaw(bytes);
-}
-
-void ScriptedReceiver::closeConnection() {
-    channel_.cancel();
-}
-
-std::optional<SessionHeader> ScriptedReceiver::session() const {
-    const std::lock_guard lock(mutex_);
-    return session_;
-}
-
-std::vector<ScriptedReceiver::File> ScriptedReceiver::files() const {
+std::size_t ScriptedReceiver::fileCount() const {
     const std::lock_guard lock(mutex_);
     return files_;
 }

@@ -1,15 +1,13 @@
 #pragma once
 
 #include "KestrelvaneKit/wire/Ack.h"
-#include "KestrelvaneKit/wire/FileHeader.h"
 #include "KestrelvaneKit/wire/FrameChannel.h"
-#include "KestrelvaneKit/wire/SessionHeader.h"
+#include "KestrelvaneKit/wire/WireMessage.h"
 
 #include <chrono>
 #include <condition_variable>
 #include <memory>
 #include <mutex>
-#include <optional>
 #include <thread>
 #include <vector>
 
@@ -21,11 +19,6 @@ namespace kestrelvane::testing {
 /// otherwise the test answers with sendAck() when it chooses.
 class ScriptedReceiver {
 public:
-    struct File {
-        FileHeader header;
-        Bytes bytes;
-    };
-
     ScriptedReceiver(std::shared_ptr<KestrelvaneStream> stream, bool autoAck);
     ~ScriptedReceiver();
 
@@ -35,14 +28,13 @@ public:
     /// Waits (up to `deadline`) until the sender's side has ended.
     bool waitForEnd(std::chrono::milliseconds deadline = std::chrono::seconds(30));
 
-    void sendAck(const Ack& ack);
-    void sendFrame(ByteView payload);
-    void sendRaw(const Bytes& bytes);
+    void sendAck(const Ack& ack) { channel_.sendFrame(WireMessage::encode(ack)); }
+    void sendFrame(ByteView payload) { channel_.sendFrame(payload); }
+    void sendRaw(const Bytes& bytes) { channel_.sendRaw(bytes); }
     /// Closes the connection in both directions.
-    void closeConnection();
+    void closeConnection() { channel_.cancel(); }
 
-    std::optional<SessionHeader> session() const;
-    std::vector<File> files() const;
+    std::size_t fileCount() const;
     /// Every frame and raw run as it came off the connection, in order.
     std::vector<Bytes> wireLog() const;
 
@@ -53,8 +45,7 @@ private:
     const bool autoAck_;
     mutable std::mutex mutex_;
     std::condition_variable changed_;
-    std::optional<SessionHeader> session_;
-    std::vector<File> files_;
+    std::size_t files_ = 0;
     std::vector<Bytes> wireLog_;
     bool ended_ = false;
     std::jthread thread_;

@@ -1,7 +1,7 @@
 #include "support/SimulatorProcess.h"
 
-#include "KestrelvaneKit/usb/UsbmuxdProtocol.h"
 #include "support/Eventually.h"
+#include "support/FakeUsbmuxd.h"
 
 #include <algorithm>
 #include <cstring>
@@ -48,10 +48,8 @@ std::optional<std::int64_t> SimulatorProcess::request(const PropertyList& body) 
 }
 
 bool SimulatorProcess::detach(const std::string& serial) const {
-    PropertyList body = PropertyList::dictionary();
-    body.set("MessageType", PropertyList::string("Detach"));
-    body.set("SerialNumber", PropertyList::string(serial));
-    return request(body) == 0;
+    return request(dict("MessageType", PropertyList::string("Detach"), "SerialNumber",
+                        PropertyList::string(serial))) == 0;
 }
 
 int SimulatorProcess::tunnelsOpened() {
@@ -101,18 +99,11 @@ void Conversation::send(std::uint32_t tag, const PropertyList& body, PropertyLis
 }
 
 Conversation::Packet Conversation::receive() {
-    for (;;) {
-        if (auto packet = UsbmuxdProtocol::decode(buffer_)) {
-            return {packet->tag, PropertyList::formatOf(packet->body),
-                    PropertyList::parse(packet->body)};
-        }
-        std::uint8_t chunk[4096];
-        const ssize_t n = ::read(fd_, chunk, sizeof chunk);
-        if (n <= 0) {
-            throw std::runtime_error("conversation ended before a whole packet");
-        }
-        buffer_.append(ByteView(chunk, static_cast<std::size_t>(n)));
+    const auto packet = readPacket(fd_, buffer_);
+    if (!packet) {
+        throw std::runtime_error("conversation ended before a whole packet");
     }
+    return {packet->tag, PropertyList::formatOf(packet->body), PropertyList::parse(packet->body)};
 }
 
 } // namespace kestrelvane::testing

@@ -15,7 +15,7 @@ namespace {
 struct Armed {
     std::atomic<int> error{0}; // 0: not armed
     std::atomic<SystemCallFault::Target> target{SystemCallFault::Target::any};
-    std::atomic<int> remaining{SystemCallFault::always};
+    std::atomic<int> remaining{0};
     std::atomic<int> failures{0};
 };
 
@@ -39,13 +39,8 @@ int errorFor(SystemCallFault::Call call, int fd = -1) {
             return 0;
         }
     }
-    for (int left = state.remaining.load(); left != SystemCallFault::always;) {
-        if (left == 0) {
-            return 0;
-        }
-        if (state.remaining.compare_exchange_weak(left, left - 1)) {
-            break;
-        }
+    if (state.remaining.fetch_sub(1) <= 0) {
+        return 0;
     }
     ++state.failures;
     return error;

@@ -26,7 +26,7 @@ public:
     };
     /// For fsync: which descriptors fail.
     enum class Target { any, files, folders };
-    static constexpr int always = -1;
+    static constexpr int always = 1 << 30; // more calls than any test makes
 
     SystemCallFault(Call call, int error, Target target = Target::any, int times = always);
     /// Fails only the next `times` calls.

@@ -7,6 +7,7 @@
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <vector>
 
 namespace kestrelvane::testing {
 
@@ -30,7 +31,19 @@ inline std::filesystem::path writeFile(const std::filesystem::path& path, const 
 }
 
 inline std::filesystem::path writeFile(const std::filesystem::path& path, std::string_view text) {
-    return writeFile(path, Bytes(text.begin(), text.end()));
+    return writeFile(path, toBytes(text));
+}
+
+/// `count` photos and videos of about `size` bytes each, all different:
+/// IMG_1000.jpg, IMG_1001.jpg and so on, every fourth a .mov.
+inline std::vector<std::filesystem::path> writeBatch(const std::filesystem::path& folder, int count,
+                                                     std::size_t size) {
+    std::vector<std::filesystem::path> files;
+    for (int i = 0; i < count; ++i) {
+        const std::string name = "IMG_" + std::to_string(1000 + i) + (i % 4 == 3 ? ".mov" : ".jpg");
+        files.push_back(writeFile(folder / name, pattern(size + i, static_cast<std::uint8_t>(i))));
+    }
+    return files;
 }
 
 /// The whole content of a file; empty when it cannot be read.
@@ -40,8 +53,7 @@ inline std::string readText(const std::filesystem::path& path) {
 }
 
 inline Bytes readBytes(const std::filesystem::path& path) {
-    const auto text = readText(path);
-    return Bytes(text.begin(), text.end());
+    return toBytes(readText(path));
 }
 
 } // namespace kestrelvane::testing

@@ -6,6 +6,7 @@
 #include "support/CallOutcome.h"
 #include "support/ChildProcess.h"
 #include "support/Eventually.h"
+#include "support/FakeUsbmuxd.h"
 #include "support/SimulatorProcess.h"
 #include "support/TemporaryFolder.h"
 #include "support/TestFiles.h"
@@ -58,8 +59,7 @@ TEST(UsbmuxdInterop, TheDebianDaemonWithoutPhonesListsNoneAndKnowsNoDevice) {
     // Why requests are XML here: this daemon drops a binary request without
     // a word, and answers the XML one behind it on the same socket.
     testing::Conversation conversation(address.path);
-    PropertyList request = PropertyList::dictionary();
-    request.set("MessageType", PropertyList::string("ListDevices"));
+    const PropertyList request = testing::dict("MessageType", PropertyList::string("ListDevices"));
     conversation.send(1, request, PropertyList::Format::binary);
     conversation.send(2, request, PropertyList::Format::xml);
     const auto reply = conversation.receive();

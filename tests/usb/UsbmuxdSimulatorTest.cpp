@@ -6,6 +6,7 @@
 #include "KestrelvaneKit/usb/UsbmuxdStream.h"
 #include "support/CaughtError.h"
 #include "support/ChildProcess.h"
+#include "support/FakeUsbmuxd.h"
 #include "support/Loopback.h"
 #include "support/SimulatorProcess.h"
 
@@ -26,9 +27,7 @@ using Format = PropertyList::Format;
 using Result = UsbmuxdClient::ConnectResult;
 
 PropertyList message(const char* type) {
-    PropertyList plist = PropertyList::dictionary();
-    plist.set("MessageType", PropertyList::string(type));
-    return plist;
+    return testing::dict("MessageType", PropertyList::string(type));
 }
 
 /// How many memory mappings process `pid` has. A thread's stack and its guard
@@ -38,22 +37,6 @@ std::size_t mappingsOf(pid_t pid) {
     std::ifstream maps("/proc/" + std::to_string(pid) + "/maps");
     return static_cast<std::size_t>(
         std::count(std::istreambuf_iterator<char>(maps), std::istreambuf_iterator<char>(), '\n'));
-}
-
-TEST(UsbmuxdSimulator, ClientsThatPollOverAndOverLeaveNoThreadBehind) {
-    SimulatorProcess simulator({"SERIAL1,1,test"});
-    UsbmuxdClient client(simulator.address());
-    const auto poll = [&](int times) {
-        for (int i = 0; i < times; ++i) {
-            ASSERT_EQ(client.listDevices().size(), 1u); // a connection of its own each time
-        }
-    };
-    poll(20); // the allocator's arenas and the stack cache fill up first
-    const std::size_t settled = mappingsOf(simulator.process().pid());
-    constexpr std::size_t requests = 200;
-    poll(requests);
-    EXPECT_LT(mappingsOf(simulator.process().pid()), settled + requests / 4)
-        << "the threads of ended connections are still there";
 }
 
 // Replies carry the request's format and tag, and the daemon's keys.
@@ -98,9 +81,9 @@ TEST(UsbmuxdSimulator, AnswersAsUsbmuxdWouldAndListenersHearOfPhonesComingAndGoi
         EXPECT_EQ(next(), std::tuple("Attached", phone.serial, phone.id));
     }
 
-    PropertyList attach = message("Attach");
-    attach.set("Phone", PropertyList::string("SECOND,2,echo"));
-    ASSERT_EQ(simulator.request(attach), 0);
+    ASSERT_EQ(simulator.request(testing::dict("MessageType", PropertyList::string("Attach"),
+                                              "Phone", PropertyList::string("SECOND,2,echo"))),
+              0);
     const auto [type, serial, secondID] = next();
     EXPECT_EQ(type, "Attached");
     EXPECT_EQ(serial, "SECOND");
@@ -125,7 +108,9 @@ TEST(UsbmuxdSimulator, AnswersAsUsbmuxdWouldAndListenersHearOfPhonesComingAndGoi
     EXPECT_EQ(simulator.process().terminate(), 0) << "the simulator ends cleanly on SIGTERM";
 }
 
-TEST(UsbmuxdSimulator, OverTcpItTakesClientsOnEachLoopbackAddress) {
+// Over TCP, on each loopback address, with clients that poll over and over,
+// each on a connection of its own.
+TEST(UsbmuxdSimulator, OverTcpItTakesClientsOnEachLoopbackAddressAndPollingLeavesNoThreadBehind) {
     ChildProcess process({testing::simulatorProgram(), "--tcp", "0", "--phone", "SERIAL1,1,test"});
     const auto line = process.readLine().value_or("(no output)");
     ASSERT_EQ(line.rfind("listening on 127.0.0.1:", 0), 0u) << line;
@@ -134,11 +119,18 @@ TEST(UsbmuxdSimulator, OverTcpItTakesClientsOnEachLoopbackAddress) {
     if (testing::hasIPv6Loopback()) {
         hosts.push_back("::1");
     }
-    for (const auto& host : hosts) {
-        EXPECT_EQ(UsbmuxdClient(UsbmuxdClient::SocketAddress{{}, host, port}).listDevices().size(),
-                  1u)
-            << host;
-    }
+    const auto poll = [&](std::size_t times) {
+        for (std::size_t i = 0; i < times; ++i) {
+            const std::string& host = hosts[i % hosts.size()];
+            ASSERT_EQ(UsbmuxdClient({{}, host, port}).listDevices().size(), 1u) << host;
+        }
+    };
+    poll(21); // the allocator's arenas and the stack cache fill up first
+    const std::size_t settled = mappingsOf(process.pid());
+    constexpr std::size_t requests = 200;
+    poll(requests);
+    EXPECT_LT(mappingsOf(process.pid()), settled + requests / 4)
+        << "the threads of ended connections are still there";
     EXPECT_EQ(process.terminate(), 0);
     if (!testing::hasIPv6Loopback()) {
         GTEST_SKIP() << "this machine has no ::1: IPv6 was not tried";

@@ -23,28 +23,17 @@ Bytes slice(const Bytes& bytes, std::size_t from, std::size_t to) {
                  bytes.begin() + static_cast<std::ptrdiff_t>(to));
 }
 
-Bytes concat(std::initializer_list<Bytes> pieces) {
-    Bytes out;
-    for (const auto& each : pieces) {
-        out.insert(out.end(), each.begin(), each.end());
-    }
-    return out;
-}
-
 // The bytes that came with the header are copied out first; the rest is read
 // straight into the destination, each read asking for exactly what is missing
 // and empty reads retried. A receive that ends early returns nothing, and every byte it had
 // taken in, from the buffer or read directly, is there for the next receive.
 TEST(FrameChannel, ReceiveRawIntoTakesTheBufferedPrefixThenReadsTheRestDirectly) {
     const Bytes file = pattern(5000, 5);
-    auto stream = std::make_shared<ScriptedStream>(
-        std::vector<Bytes>{concat({frame("{}"), slice(file, 0, 100)}),
-                           slice(file, 100, 2100),
-                           {},
-                           slice(file, 2100, 5000),
-                           concat({frame("next"), {0, 0, 0, 9, 1}}),
-                           Bytes{2, 3},
-                           Bytes{4}});
+    Bytes first = frame("{}"), next = frame("next");
+    first.insert(first.end(), file.begin(), file.begin() + 100);
+    next.insert(next.end(), {0, 0, 0, 9, 1});
+    auto stream = std::make_shared<ScriptedStream>(std::vector<Bytes>{
+        first, slice(file, 100, 2100), {}, slice(file, 2100, 5000), next, Bytes{2, 3}, Bytes{4}});
     FrameChannel channel(stream);
 
     EXPECT_EQ(channel.receiveFrame(), toBytes("{}"));

@@ -1,13 +1,17 @@
-// The progress `kestrelvane send` shows on a terminal: the bytes on their way
-// as the transport takes them, and the time left at the rate so far.
-#include "SendReporter.h"
-
+// Pieces of the command-line tool: the progress `kestrelvane send` shows on a
+// terminal, and the scratch folders of receivers started together.
 #include "KestrelvaneKit/session/CountingStream.h"
+#include "KestrelvaneKit/session/ScratchFolder.h"
+#include "SendReporter.h"
 #include "support/MemoryStream.h"
+#include "support/ScopedEnvironment.h"
+#include "support/TemporaryFolder.h"
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstdio>
+#include <thread>
 
 namespace kestrelvane::cli {
 namespace {
@@ -40,6 +44,27 @@ TEST(CountingStream, ReportsALargeSendPieceByPieceAsTheTransportTakesIt) {
     counting.send(Bytes(2 * mib + 5, 7));
     EXPECT_EQ(reported, (std::vector<std::uint64_t>{mib, mib, 5}));
     EXPECT_EQ(theirs->pendingBytes(), 2 * mib + 5);
+}
+
+// Receivers starting at the same moment: one's clean-up pass must never take
+// the other's brand-new folder for abandoned, lock it or remove it.
+TEST(ScratchFolder, AFolderBeingMadeIsNeverTakenForAbandonedByAnotherReceiver) {
+    const testing::TemporaryFolder temporary;
+    const testing::ScopedEnvironment tmpdir("TMPDIR", temporary.path().string());
+    std::atomic<int> removed = 0;
+    std::jthread cleaner([&](const std::stop_token& stop) {
+        while (!stop.stop_requested()) {
+            removed += ScratchFolder::removeAbandoned(temporary.path());
+        }
+    });
+    for (int i = 0; i < 300; ++i) {
+        const ScratchFolder folder; // a failure throws, and the cleaner is stopped and joined
+        EXPECT_TRUE(std::filesystem::is_directory(folder.path())) << folder.path();
+    }
+    cleaner.request_stop();
+    cleaner.join();
+    EXPECT_EQ(removed, 0);
+    EXPECT_TRUE(std::filesystem::is_empty(temporary.path()));
 }
 
 } // namespace
