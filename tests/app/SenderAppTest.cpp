@@ -335,6 +335,15 @@ private slots:
         QCOMPARE(column(queue(), TransferQueue::MediaTypeRole),
                  QStringList({"photo", "photo", "photo", "video"}));
         QCOMPARE(queue().totalBytes(), 1000 + 1001 + 1003 + 1004);
+        // A path that is gone shows why, once, and is never sent.
+        const fs::path gone = folder_->path() / "gone.jpg";
+        QVERIFY(addAndWait({gone}));
+        QVERIFY(addAndWait({gone}));
+        QCOMPARE(column(queue()).last(), "failed");
+        QCOMPARE(queue().items().back().status.message, "No such file or directory");
+        QCOMPARE(queue().items().size(), std::size_t{5});
+        QCOMPARE(queue().unsentCount(), 4);
+        QCOMPARE(queue().unsentURLs().size(), std::size_t{4});
     }
 
     void clearingCancelsTheDropsStillBeingPlannedOrAppended() {
