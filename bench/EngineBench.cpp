@@ -23,9 +23,11 @@ namespace fs = std::filesystem;
 void hashAndAcknowledge(FrameChannel& channel) {
     Bytes buffer(1 << 20); // one piece buffer for the session, as the real receiver keeps
     try {
-        (void)WireMessage::decode<SessionHeader>(channel.receiveFrame());
+        (void)WireMessage::decode<SessionHeader>(
+            channel.receiveFrame(FrameChannel::maxMessageBytes));
         while (true) {
-            const auto header = WireMessage::decode<FileHeader>(channel.receiveFrame());
+            const auto header = WireMessage::decode<FileHeader>(
+                channel.receiveFrame(FrameChannel::maxMessageBytes));
             Sha256Hasher hasher;
             for (std::uint64_t left = header.byteCount; left > 0;) {
                 const auto piece = static_cast<std::size_t>(std::min<std::uint64_t>(left, 1 << 20));

@@ -102,7 +102,7 @@ void BM_ReceiverPeakMemory(benchmark::State& state) {
             std::uint64_t figures[3] = {statusBytes("VmRSS"), 0, 0};
             auto stream = std::make_shared<GeneratedSender>(block, sha256);
             FrameChannel channel(stream);
-            TestBatchSaver saver([](const fs::path&, const FileHeader&) {});
+            DiscardingSaver saver([](const fs::path&, const FileHeader&) {});
             std::uint64_t saved = 0;
             TransferServer(saver, temporary).run(channel, [&](const TransferServer::Event& event) {
                 saved += event.ack.status == Ack::Status::ok ? 1 : 0;
@@ -146,7 +146,7 @@ void BM_SendOverSocketPair(benchmark::State& state) {
             break;
         }
         FrameChannel receiverChannel(std::make_shared<UsbmuxdStream>(fds[1]));
-        TestBatchSaver saver([](const fs::path&, const FileHeader&) {});
+        DiscardingSaver saver([](const fs::path&, const FileHeader&) {});
         auto receiver = std::async(std::launch::async, [&] {
             TransferServer(saver, temporary).run(receiverChannel, nullptr);
             receiverChannel.cancel();

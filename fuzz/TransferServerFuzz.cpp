@@ -71,7 +71,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     auto stream = std::make_shared<ReplayStream>(ByteView(data + 1, size - 1), slice);
     FrameChannel channel(stream);
 
-    TestBatchSaver saver([](const fs::path&, const FileHeader&) {});
+    DiscardingSaver saver([](const fs::path&, const FileHeader&) {});
     TransferServer(saver, privateTemporaryFolder()).run(channel, nullptr);
 
     if (!fs::is_empty(privateTemporaryFolder())) {

@@ -241,7 +241,8 @@ TEST(LargeFileChangedWhileSending, ShrinkingFailsTheSendAndGrowingOrRewritingIsA
                 << error->what();
             EXPECT_EQ(error->path1(), file);
         } else {
-            EXPECT_EQ(WireMessage::decode<Ack>(session.sender().receiveFrame()),
+            EXPECT_EQ(WireMessage::decode<Ack>(
+                          session.sender().receiveFrame(FrameChannel::maxMessageBytes)),
                       (Ack{.name = "long.mov",
                            .status = Ack::Status::error,
                            .message = "checksum mismatch"}));

@@ -71,7 +71,7 @@ protected:
     std::set<fs::path> places;                        ///< and where it was
     std::vector<Ack> events;
     std::optional<SessionHeader> begun; ///< what the saver was begun with, behind a FailingSaver
-    TestBatchSaver recorder{[this](const fs::path& file, const FileHeader& header) {
+    DiscardingSaver recorder{[this](const fs::path& file, const FileHeader& header) {
         EXPECT_EQ(file.parent_path(), scratch); // the folder given, or $TMPDIR
         saved.emplace_back(header.name, readBytes(file));
         places.insert(file);
@@ -226,7 +226,7 @@ class HeaderLimit : public ::testing::TestWithParam<LimitCase> {};
 
 TEST_P(HeaderLimit, EndsTheSessionUnreadPastTheLimitOnly) {
     TemporaryFolder scratch;
-    TestBatchSaver saver([](const fs::path& file, const FileHeader&) { ADD_FAILURE() << file; });
+    DiscardingSaver saver([](const fs::path& file, const FileHeader&) { ADD_FAILURE() << file; });
     auto stream = std::make_shared<ScriptedStream>(GetParam().script);
     FrameChannel channel(stream);
     TransferServer(saver, scratch.path()).run(channel, {});

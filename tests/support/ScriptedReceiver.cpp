@@ -15,13 +15,13 @@ ScriptedReceiver::~ScriptedReceiver() {
 
 void ScriptedReceiver::run() {
     try {
-        const Bytes sessionFrame = channel_.receiveFrame();
+        const Bytes sessionFrame = channel_.receiveFrame(FrameChannel::maxMessageBytes);
         {
             const std::lock_guard lock(mutex_);
             wireLog_.push_back(FrameCodec::encode(sessionFrame));
         }
         while (true) {
-            const Bytes headerFrame = channel_.receiveFrame();
+            const Bytes headerFrame = channel_.receiveFrame(FrameChannel::maxMessageBytes);
             const auto header = WireMessage::decode<FileHeader>(headerFrame);
             Bytes bytes = channel_.receiveRaw(static_cast<std::int64_t>(header.byteCount));
             {

@@ -36,7 +36,7 @@ TEST(FrameChannel, ReceiveRawIntoTakesTheBufferedPrefixThenReadsTheRestDirectly)
         first, slice(file, 100, 2100), {}, slice(file, 2100, 5000), next, Bytes{2, 3}, Bytes{4}});
     FrameChannel channel(stream);
 
-    EXPECT_EQ(channel.receiveFrame(), toBytes("{}"));
+    EXPECT_EQ(channel.receiveFrame(FrameChannel::maxMessageBytes), toBytes("{}"));
     Bytes piece(60);
     channel.receiveRawInto(piece);
     EXPECT_EQ(piece, slice(file, 0, 60));
@@ -47,10 +47,10 @@ TEST(FrameChannel, ReceiveRawIntoTakesTheBufferedPrefixThenReadsTheRestDirectly)
     EXPECT_EQ(rest, slice(file, 60, 5000));
     EXPECT_EQ(stream->receiveMaxima, (std::vector<std::int64_t>{262144, 4900, 2900, 2900}));
 
-    EXPECT_EQ(channel.receiveFrame(), toBytes("next"));
+    EXPECT_EQ(channel.receiveFrame(FrameChannel::maxMessageBytes), toBytes("next"));
     Bytes tooMuch(10);
     EXPECT_TRUE(throwsClosed([&] { channel.receiveRawInto(tooMuch); }));
-    EXPECT_TRUE(throwsClosed([&] { channel.receiveFrame(); }));
+    EXPECT_TRUE(throwsClosed([&] { channel.receiveFrame(FrameChannel::maxMessageBytes); }));
     EXPECT_EQ(channel.receiveRaw(8), Bytes({0, 0, 0, 9, 1, 2, 3, 4}));
 }
 

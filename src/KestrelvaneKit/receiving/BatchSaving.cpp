@@ -2,10 +2,10 @@
 
 namespace kestrelvane {
 
-TestBatchSaver::TestBatchSaver(OnSave onSave) : onSave_(std::move(onSave)) {
+DiscardingSaver::DiscardingSaver(OnSave onSave) : onSave_(std::move(onSave)) {
 }
 
-void TestBatchSaver::enqueue(const std::filesystem::path& file, const FileHeader& header) {
+void DiscardingSaver::enqueue(const std::filesystem::path& file, const FileHeader& header) {
     if (onSave_) {
         onSave_(file, header);
     }
@@ -14,7 +14,7 @@ void TestBatchSaver::enqueue(const std::filesystem::path& file, const FileHeader
     std::filesystem::remove(file, ignored);
 }
 
-void TestBatchSaver::flushAndDrain() {
+void DiscardingSaver::flushAndDrain() {
     outcomes_.finish();
 }
 

@@ -48,12 +48,14 @@ protected:
     BatchSaving& operator=(const BatchSaving&) = delete;
 };
 
-/// Hands each file to a callback, reports it saved and deletes it.
-class TestBatchSaver final : public BatchSaving {
+/// Keeps nothing: hands each verified file to a callback, reports it saved
+/// and deletes it. A receiver that only checks what arrives (the simulator's
+/// test phone) runs on it.
+class DiscardingSaver final : public BatchSaving {
 public:
     using OnSave = std::function<void(const std::filesystem::path&, const FileHeader&)>;
 
-    explicit TestBatchSaver(OnSave onSave);
+    explicit DiscardingSaver(OnSave onSave);
 
     void enqueue(const std::filesystem::path& file, const FileHeader& header) override;
     void flushAndDrain() override;

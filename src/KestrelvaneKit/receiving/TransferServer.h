@@ -31,7 +31,7 @@ public:
     static constexpr std::uint64_t maxFileBytes = 8'589'934'592ull;
     /// Protocol messages are small; a frame announcing more ends the session
     /// before anything behind it is buffered.
-    static constexpr std::uint64_t maxHeaderFrameBytes = 1'048'576;
+    static constexpr std::uint64_t maxHeaderFrameBytes = FrameChannel::maxMessageBytes;
     /// File bytes are taken off the channel in pieces of at most this size.
     static constexpr std::int64_t pieceBytes = 1'048'576;
 

@@ -26,7 +26,7 @@ public:
     static constexpr std::int64_t defaultMinInflightFiles = 2;
     /// Acknowledgements are small; a frame announcing more is a broken or
     /// hostile receiver and fails the send before anything is buffered.
-    static constexpr std::uint64_t maxAckFrameBytes = 1'048'576;
+    static constexpr std::uint64_t maxAckFrameBytes = FrameChannel::maxMessageBytes;
 
     /// Handed to the caller once per acknowledgement, in arrival order.
     ///

@@ -187,7 +187,7 @@ void ReceiverService::runSession(const std::shared_ptr<KestrelvaneStream>& inner
         if (options_.folder) {
             saver = std::make_unique<FolderSaver>(*options_.folder);
         } else {
-            saver = std::make_unique<TestBatchSaver>([](const auto&, const auto&) {});
+            saver = std::make_unique<DiscardingSaver>([](const auto&, const auto&) {});
         }
         TransferServer server(*saver, scratch_.path());
         server.setOnRejected(onFile);

@@ -35,10 +35,6 @@ FrameChannel::FrameTooLarge::FrameTooLarge(std::uint64_t announced, std::uint64_
       announced_(announced) {
 }
 
-Bytes FrameChannel::receiveFrame() {
-    return receiveFrame(FrameCodec::maxPayloadLength);
-}
-
 Bytes FrameChannel::receiveFrame(std::uint64_t maxPayloadLength) {
     const std::lock_guard lock(receiveMutex_);
     while (true) {

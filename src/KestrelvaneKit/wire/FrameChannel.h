@@ -20,19 +20,6 @@ namespace kestrelvane {
 /// through unchanged.
 class FrameChannel {
 public:
-    /// For callers that report a closed channel in channel terms; the channel
-    /// itself never throws it.
-    class ChannelError : public std::runtime_error {
-    public:
-        enum class Kind { closed };
-        static ChannelError closed() { return ChannelError(); }
-        Kind kind() const noexcept { return Kind::closed; }
-        friend bool operator==(const ChannelError&, const ChannelError&) noexcept { return true; }
-
-    private:
-        ChannelError() : std::runtime_error("channel closed") {}
-    };
-
     /// A frame whose announced length is above the caller's bound; thrown
     /// before any of its payload is buffered.
     class FrameTooLarge : public std::runtime_error {
@@ -44,6 +31,8 @@ public:
         std::uint64_t announced_;
     };
 
+    /// Protocol messages are small JSON objects; a bound for reading them.
+    static constexpr std::uint64_t maxMessageBytes = 1'048'576;
     /// How many bytes one refill asks the stream for.
     static constexpr std::int64_t refillSize = 262'144;
 
@@ -58,10 +47,9 @@ public:
     /// Writes `bytes` unchanged, without a length prefix.
     void sendRaw(ByteView bytes);
 
-    /// The payload of the next frame.
-    Bytes receiveFrame();
-    /// As receiveFrame(), but a prefix announcing more than `maxPayloadLength`
-    /// bytes throws FrameTooLarge instead of waiting for (and buffering) them.
+    /// The payload of the next frame. A prefix announcing more than
+    /// `maxPayloadLength` bytes throws FrameTooLarge instead of waiting for
+    /// (and buffering) them: every reader bounds what a peer can make it hold.
     Bytes receiveFrame(std::uint64_t maxPayloadLength);
     /// Exactly the next `count` bytes of the stream, unframed.
     Bytes receiveRaw(std::int64_t count);
@@ -70,8 +58,6 @@ public:
     /// into `into` without passing through the buffer. When it fails, whatever
     /// it had received is buffered again, as receiveRaw() would have left it.
     void receiveRawInto(MutableByteView into);
-
-    KestrelvaneStream& stream() noexcept { return *stream_; }
 
 private:
     void refill();
