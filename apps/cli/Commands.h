@@ -1,15 +1,22 @@
 #pragma once
 
+#include "CommandLine.h"
+
 #include <string>
 #include <vector>
 
 namespace kestrelvane::cli {
 
-/// Exit statuses shared by every command.
+/// Exit statuses shared by every command; each command's declaration says
+/// what they mean for it (its usage lists them).
 enum ExitStatus : int {
     exitOk = 0,
-    exitSomeFilesNotSaved = 1,
+    /// The command could not do all it was asked: send, some files not saved
+    /// or some paths unreadable; receive, DIR, the port or a scratch folder
+    /// unusable, or accepting failed; demo, some file did not arrive intact.
+    exitFailure = 1,
     exitUsage = 2,
+    /// send: no connection to the receiver; demo: the simulator did not start.
     exitNoConnection = 3,
 };
 
@@ -18,5 +25,10 @@ int runSend(const std::vector<std::string>& arguments);
 int runReceive(const std::vector<std::string>& arguments);
 int runDevices(const std::vector<std::string>& arguments);
 int runDemo(const std::vector<std::string>& arguments);
+
+extern const Command sendCommand;
+extern const Command receiveCommand;
+extern const Command devicesCommand;
+extern const Command demoCommand;
 
 } // namespace kestrelvane::cli

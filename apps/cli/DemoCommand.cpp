@@ -29,21 +29,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr const char* demoUsage = R"(usage: kestrelvane demo [--log stderr]
-
-Shows the whole system on this machine, no iPhone needed: starts
-kestrelvane-usbmuxd-sim with one virtual iPhone on a private socket, makes
-sample photos (with capture dates) and a video in a temporary folder, sends
-them over the real USB path (usbmuxd client, tunnel, stream), checks every
-received file against its original byte for byte, and says where they are.
-
-The simulator is looked for in $KESTRELVANE_USBMUXD_SIM, next to this
-program, then on PATH.
-
-Exit status: 0 every file arrived byte for byte, 1 some did not (or the
-samples could not be made), 2 usage error, 3 the simulator did not start.
-)";
-
 constexpr const char* album = "Kestrelvane demo";
 constexpr int samplePhotos = 8;
 constexpr std::uint64_t sampleVideoBytes = 48ull << 20;
@@ -160,31 +145,38 @@ bool sameBytes(const fs::path& original, const fs::path& copy) {
 
 } // namespace
 
+const Command demoCommand{
+    .name = "demo",
+    .about = "send sample files to a simulated iPhone over the real USB path",
+    .summary = {"Shows the whole system on this machine, no iPhone needed: starts "
+                "kestrelvane-usbmuxd-sim with one virtual iPhone on a private socket, makes "
+                "sample photos (with capture dates) and a video in a temporary folder, sends them "
+                "over the real USB path (usbmuxd client, tunnel, stream), checks every received "
+                "file against its original byte for byte, and says where they are.",
+                "The simulator is looked for in $KESTRELVANE_USBMUXD_SIM, next to this program, "
+                "then on PATH."},
+    .exitStatuses = {{exitOk, "every file arrived byte for byte"},
+                     {exitFailure, "some did not (or the send failed, or the temporary folder or "
+                                   "samples could not be made)"},
+                     {exitUsage, "usage error"},
+                     {exitNoConnection, "the simulator did not start"}},
+    .run = runDemo,
+};
+
 int runDemo(const std::vector<std::string>& arguments) {
+    const CommandLine line(demoCommand, arguments);
+    if (line.finished) {
+        return *line.finished;
+    }
     std::vector<std::string> passOn;
-    try {
-        const CommandLine line(arguments,
-                               CommandLine::Grammar{.flags = {"help"}, .valued = {"log"}});
-        if (line.has("help")) {
-            std::fputs(demoUsage, stdout);
-            return exitOk;
-        }
-        if (!line.operands().empty()) {
-            throw UsageError("unexpected '" + line.operands().front() + "'");
-        }
-        applyLogOption(line);
-        if (const auto log = line.value("log")) {
-            passOn = {"--log", *log};
-        }
-    } catch (const UsageError& error) {
-        std::fprintf(stderr, "kestrelvane demo: %s\n\n%s", error.what(), demoUsage);
-        return exitUsage;
+    if (const auto log = line.value("log")) {
+        passOn = {"--log", *log};
     }
 
     std::string pattern = (fs::temp_directory_path() / "kestrelvane-demo-XXXXXX").string();
     if (::mkdtemp(pattern.data()) == nullptr) {
         std::perror("kestrelvane demo: cannot make a temporary folder");
-        return exitSomeFilesNotSaved;
+        return exitFailure;
     }
     const fs::path work = pattern;
     const fs::path samples = work / "samples";
@@ -197,7 +189,7 @@ int runDemo(const std::vector<std::string>& arguments) {
         originals = SampleMedia::create(samples, samplePhotos, sampleVideoBytes);
     } catch (const std::exception& error) {
         std::fprintf(stderr, "kestrelvane demo: %s\n", error.what());
-        return exitSomeFilesNotSaved;
+        return exitFailure;
     }
     std::printf("Made %d sample photos and a %llu MB video in %s\n", samplePhotos,
                 static_cast<unsigned long long>(sampleVideoBytes >> 20), samples.c_str());
@@ -244,7 +236,7 @@ int runDemo(const std::vector<std::string>& arguments) {
     const bool ok = sendStatus == exitOk && identical == total;
     std::printf("demo: %s: %d of %d files arrived byte for byte over the simulated USB path\n",
                 ok ? "PASSED" : "FAILED", identical, total);
-    return ok ? exitOk : exitSomeFilesNotSaved;
+    return ok ? exitOk : exitFailure;
 }
 
 } // namespace kestrelvane::cli

@@ -8,7 +8,6 @@
 
 #include <nlohmann/json.hpp>
 
-#include <charconv>
 #include <chrono>
 #include <cstdio>
 #include <mutex>
@@ -16,22 +15,6 @@
 
 namespace kestrelvane::cli {
 namespace {
-
-constexpr const char* devicesUsage =
-    R"(usage: kestrelvane devices [--json] [--wait SECONDS] [--log stderr]
-
-Lists the iPhones attached by USB (as usbmuxd sees them; USBMUXD_SOCKET_ADDRESS
-chooses another usbmuxd socket), with whether Kestrelvane accepts a connection
-on each, and the receivers that announce themselves on the local network
-(DNS-SD, _kestrelvane._tcp).
-
-  --json          one JSON object on stdout
-  --wait SECONDS  how long to look for receivers on the network (default 2)
-  --log stderr    the library's log lines on stderr instead of the journal
-
-Exit status: 0 (also when usbmuxd cannot be reached: the listing says so),
-2 usage error.
-)";
 
 struct UsbPhone {
     UsbPhones::Phone device{};
@@ -101,38 +84,34 @@ std::string join(const std::vector<std::string>& parts) {
 
 } // namespace
 
+const Command devicesCommand{
+    .name = "devices",
+    .about = "list the iPhones usbmuxd sees and the receivers on the network",
+    .summary = {"Lists the iPhones attached by USB (as usbmuxd sees them; USBMUXD_SOCKET_ADDRESS "
+                "chooses another usbmuxd socket), with whether Kestrelvane accepts a connection "
+                "on each, and the receivers that announce themselves on the local network "
+                "(DNS-SD, _kestrelvane._tcp)."},
+    .options = {{"json", "", "one JSON object on stdout"},
+                {"wait", "SECONDS", "how long to look for receivers on the network (default 2)",
+                 Option::Number{0, 600, false}}},
+    .exitStatuses = {{exitOk, "the listing was written, also when usbmuxd cannot be reached or "
+                              "nothing is found (the listing says so)"},
+                     {exitUsage, "usage error"}},
+    .run = runDevices,
+};
+
 int runDevices(const std::vector<std::string>& arguments) {
-    std::optional<CommandLine> line;
-    double waitSeconds = 2;
-    try {
-        line.emplace(arguments,
-                     CommandLine::Grammar{.flags = {"json", "help"}, .valued = {"wait", "log"}});
-        if (line->has("help")) {
-            std::fputs(devicesUsage, stdout);
-            return exitOk;
-        }
-        applyLogOption(*line);
-        if (!line->operands().empty()) {
-            throw UsageError("unexpected '" + line->operands().front() + "'");
-        }
-        if (const auto text = line->value("wait")) {
-            const auto [end, error] =
-                std::from_chars(text->data(), text->data() + text->size(), waitSeconds);
-            if (error != std::errc() || end != text->data() + text->size() || waitSeconds < 0 ||
-                waitSeconds > 600) {
-                throw UsageError("--wait takes seconds from 0 to 600, not '" + *text + "'");
-            }
-        }
-    } catch (const UsageError& error) {
-        std::fprintf(stderr, "kestrelvane devices: %s\n\n%s", error.what(), devicesUsage);
-        return exitUsage;
+    const CommandLine line(devicesCommand, arguments);
+    if (line.finished) {
+        return *line.finished;
     }
+    const double waitSeconds = line.number("wait", 2);
 
     const UsbReport usb = listUsb();
     const auto network =
         browseNetwork(std::chrono::milliseconds(static_cast<long>(waitSeconds * 1000)));
 
-    if (line->has("json")) {
+    if (line.has("json")) {
         nlohmann::json phones = nlohmann::json::array();
         for (const auto& phone : usb.phones) {
             phones.push_back({{"id", phone.device.id},

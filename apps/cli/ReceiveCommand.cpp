@@ -7,17 +7,13 @@
 #include "KestrelvaneKit/session/ReceiverService.h"
 
 #include <atomic>
-#include <charconv>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
-#include <functional>
-#include <map>
 #include <mutex>
 #include <netdb.h>
 #include <optional>
 #include <pthread.h>
-#include <set>
 #include <system_error>
 #include <thread>
 #include <unistd.h>
@@ -26,58 +22,6 @@ namespace kestrelvane::cli {
 namespace {
 
 namespace fs = std::filesystem;
-
-constexpr const char* receiveUsage =
-    R"(usage: kestrelvane receive --dir DIR [--port PORT] [--bind ADDR] [--advertise [NAME]]
-                          [--max-sessions N] [--idle-timeout SECONDS]
-                          [--once] [--log stderr]
-
-Receives photos and videos as the phone does: verifies each file's SHA-256,
-saves it into DIR (into DIR/ALBUM when the sender names an album), and
-acknowledges it. Files are never overwritten (an identical resend is kept
-once; a different "IMG_1.jpg" is saved as "IMG_1 (1).jpg"), get their capture
-date as modification time, and are on disk (synced) before they are
-acknowledged. Several senders may connect at once. Stops on Ctrl+C or
-SIGTERM.
-
-  --dir DIR          where received files go (created when missing)
-  --port PORT        TCP port to listen on (default 9876; 0 picks a free one)
-  --bind ADDR        listen on every interface (0.0.0.0 or ::, the default),
-                     on this machine only (localhost: 127.0.0.1 and ::1), or on
-                     one address of this machine only, IPv4 or IPv6 (such as
-                     127.0.0.1, ::1 or 192.168.1.20)
-  --advertise [NAME] announce the receiver on the local network with DNS-SD
-                     (_kestrelvane._tcp) under NAME, by default the host name
-  --max-sessions N   serve at most N senders at once (default 8); a further
-                     connection is closed at once, with a line saying so
-  --idle-timeout SECONDS
-                     end a session when its sender has sent nothing (or read
-                     nothing) for this long (default 120; 0 waits for ever)
-  --once             exit after the first session has ended
-  --log stderr       the library's log lines on stderr instead of the journal
-
-Prints one line per file and one per session. Whatever a sender sends, a
-protocol message above 1 MiB or a file above 8 GiB ends its session, and
-nothing is written outside DIR.
-
-Exit status: 0 stopped by Ctrl+C or SIGTERM, or the --once session ended;
-1 DIR or the port cannot be used, or accepting connections failed; 2 usage
-error.
-)";
-
-constexpr int defaultMaxSessions = 8;
-constexpr int defaultIdleSeconds = 120;
-
-int parseCount(const std::string& option, const std::string& text, int minimum, int maximum) {
-    int value = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (error != std::errc() || end != text.data() + text.size() || value < minimum ||
-        value > maximum) {
-        throw UsageError("--" + option + " takes a whole number from " + std::to_string(minimum) +
-                         " to " + std::to_string(maximum) + ", not '" + text + "'");
-    }
-    return value;
-}
 
 /// Lines from several session threads, each whole and flushed at once.
 class Output {
@@ -132,53 +76,67 @@ std::string hostName() {
 
 } // namespace
 
+const Command receiveCommand{
+    .name = "receive",
+    .about = "receive files into a folder, as a phone would",
+    .summary = {"Receives photos and videos as the phone does: verifies each file's SHA-256, saves "
+                "it into DIR (into DIR/ALBUM when the sender names an album), and acknowledges "
+                "it. Files are never overwritten (an identical resend is kept once; a different "
+                "\"IMG_1.jpg\" is saved as \"IMG_1 (1).jpg\"), get their capture date as "
+                "modification time, and are on disk (synced) before they are acknowledged. "
+                "Several senders may connect at once. Stops on Ctrl+C or SIGTERM.",
+                "Prints one line per file and one per session. Whatever a sender sends, a "
+                "protocol message above 1 MiB or a file above 8 GiB ends its session, and "
+                "nothing is written outside DIR."},
+    .options =
+        {{"dir", "DIR", "where received files go (created when missing)", {}, true},
+         {"port", "PORT", "TCP port to listen on (default 9876; 0 picks a free one)",
+          Option::Number{0, 65535}},
+         {"bind", "ADDR",
+          "listen on every interface (0.0.0.0 or ::, the default), on this machine only "
+          "(localhost: 127.0.0.1 and ::1), or on one address of this machine only, IPv4 or IPv6 "
+          "(such as 127.0.0.1, ::1 or 192.168.1.20)"},
+         {"advertise", "[NAME]",
+          "announce the receiver on the local network with DNS-SD (_kestrelvane._tcp) under NAME, "
+          "by default the host name"},
+         {"max-sessions", "N",
+          "serve at most N senders at once (default 8); a further connection is closed at once, "
+          "with a line saying so",
+          Option::Number{1, 1024}},
+         {"idle-timeout", "SECONDS",
+          "end a session when its sender has sent nothing (or read nothing) for this long "
+          "(default 120; 0 waits for ever)",
+          Option::Number{0, 86'400}},
+         {"once", "", "exit after the first session has ended"}},
+    .exitStatuses = {{exitOk, "stopped by Ctrl+C or SIGTERM, or the --once session ended"},
+                     {exitFailure, "DIR cannot be used, nothing can listen on the port or "
+                                   "address, no scratch folder can be made, or accepting "
+                                   "connections failed"},
+                     {exitUsage, "usage error"}},
+    .run = runReceive,
+};
+
 int runReceive(const std::vector<std::string>& arguments) {
-    std::optional<CommandLine> line;
-    fs::path folder;
-    int port = KestrelvaneService::listenerPort;
     Binding binding;
-    int maxSessions = defaultMaxSessions;
-    int idleSeconds = defaultIdleSeconds;
-    try {
-        line.emplace(arguments, CommandLine::Grammar{.flags = {"once", "help"},
-                                                     .valued = {"dir", "port", "bind", "log",
-                                                                "max-sessions", "idle-timeout"},
-                                                     .optionalValue = {"advertise"}});
-        if (line->has("help")) {
-            std::fputs(receiveUsage, stdout);
-            return exitOk;
-        }
-        applyLogOption(*line);
-        if (!line->operands().empty()) {
-            throw UsageError("unexpected '" + line->operands().front() + "'");
-        }
-        if (!line->value("dir") || line->value("dir")->empty()) {
-            throw UsageError("--dir DIR is required");
-        }
-        folder = *line->value("dir");
-        if (const auto text = line->value("port")) {
-            port = parsePort(*text, true);
-        }
-        if (const auto address = line->value("bind")) {
+    const CommandLine line(receiveCommand, arguments, [&binding](const CommandLine& given) {
+        if (const auto address = given.value("bind")) {
             binding = bindingFor(*address);
         }
-        if (const auto text = line->value("max-sessions")) {
-            maxSessions = parseCount("max-sessions", *text, 1, 1024);
-        }
-        if (const auto text = line->value("idle-timeout")) {
-            idleSeconds = parseCount("idle-timeout", *text, 0, 86'400);
-        }
-    } catch (const UsageError& error) {
-        std::fprintf(stderr, "kestrelvane receive: %s\n\n%s", error.what(), receiveUsage);
-        return exitUsage;
+    });
+    if (line.finished) {
+        return *line.finished;
     }
+    fs::path folder = *line.value("dir");
+    const auto port = static_cast<int>(line.number("port", KestrelvaneService::listenerPort));
+    const auto maxSessions = static_cast<int>(line.number("max-sessions", 8));
+    const auto idleSeconds = static_cast<int>(line.number("idle-timeout", 120));
 
     std::error_code error;
     fs::create_directories(folder, error);
     if (error || !fs::is_directory(folder)) {
         std::fprintf(stderr, "kestrelvane receive: cannot use %s as the folder: %s\n",
                      folder.c_str(), error ? error.message().c_str() : "not a folder");
-        return exitSomeFilesNotSaved;
+        return exitFailure;
     }
     folder = fs::absolute(folder);
 
@@ -202,7 +160,7 @@ int runReceive(const std::vector<std::string>& arguments) {
                                     : failure.what();
         std::fprintf(stderr, "kestrelvane receive: cannot listen on %s%d: %s\n", where.c_str(),
                      port, why.c_str());
-        return exitSomeFilesNotSaved;
+        return exitFailure;
     }
 
     Output output;
@@ -236,7 +194,7 @@ int runReceive(const std::vector<std::string>& arguments) {
             say);
     } catch (const std::exception& failure) {
         std::fprintf(stderr, "kestrelvane receive: %s\n", failure.what());
-        return exitSomeFilesNotSaved;
+        return exitFailure;
     }
 
     std::atomic<bool> finished{false};
@@ -253,7 +211,7 @@ int runReceive(const std::vector<std::string>& arguments) {
     output.line("Receiving into " + folder.string() + " on port " +
                 std::to_string(listener->port()));
     std::unique_ptr<ServicePublisher> publisher;
-    if (const auto name = line->value("advertise")) {
+    if (const auto name = line.value("advertise")) {
         publisher = std::make_unique<ServicePublisher>(name->empty() ? hostName() : *name,
                                                        listener->port());
         publisher->publish();
@@ -263,10 +221,10 @@ int runReceive(const std::vector<std::string>& arguments) {
 
     int status = exitOk;
     try {
-        service->run(*listener, line->has("once"));
+        service->run(*listener, line.has("once"));
     } catch (const std::exception& failure) {
         output.line(std::string("cannot accept connections: ") + failure.what());
-        status = exitSomeFilesNotSaved;
+        status = exitFailure;
     }
     publisher.reset();
 

@@ -9,90 +9,86 @@
 #include "SendReporter.h"
 
 #include <cstdio>
-#include <map>
-#include <mutex>
 #include <unistd.h>
 
 namespace kestrelvane::cli {
-namespace {
+
+const Command sendCommand{
+    .name = "send",
+    .about = "send photos and videos to an iPhone (USB) or a receiver (TCP)",
+    .operands = "PATH...",
+    .summary = {"Sends the photos and videos among PATH (folders are searched, other files and "
+                "duplicates left out) and waits until the receiver has verified and "
+                "acknowledged each one."},
+    .options = {{"album", "NAME", "file the photos into this album on the receiving side"},
+                {.name = "to",
+                 .value = "DESTINATION",
+                 .forms = {{"usb", "the first iPhone attached by USB, through usbmuxd (default; "
+                                   "USBMUXD_SOCKET_ADDRESS chooses another usbmuxd socket)"},
+                           {"usb:SERIAL", "the iPhone with this serial number"},
+                           {"HOST:PORT", "a receiver on the network (\"[ADDR]:PORT\" for IPv6), "
+                                         "for example `kestrelvane receive` on another computer"},
+                           {"NAME", "the receiver that announces itself as NAME on the local "
+                                    "network (`kestrelvane receive --advertise NAME`)"}}},
+                {"json", "", "one JSON object per line per event, nothing else on stdout"}},
+    .exitStatuses =
+        {{exitOk, "every file was saved, or there was nothing to send among the paths"},
+         {exitFailure,
+          "some files were not saved (they are listed, to be sent again): the receiver refused "
+          "or could not save them, the connection broke off, or the receiver turned the "
+          "connection away because it already serves --max-sessions senders; also when a PATH "
+          "is missing or cannot be read (each is named)"},
+         {exitUsage, "usage error"},
+         {exitNoConnection,
+          "no connection could be made: connection refused or no answer, usbmuxd not running "
+          "(or it closed the connection), no iPhone attached, Kestrelvane not listening on the "
+          "iPhone, the iPhone detached"}},
+    .run = runSend,
+};
 
 namespace fs = std::filesystem;
 
-constexpr const char* sendUsage =
-    R"(usage: kestrelvane send [--album NAME] [--to DESTINATION] [--json] [--log stderr]
-                       PATH...
-
-Sends the photos and videos among PATH (folders are searched, other files
-and duplicates left out) and waits until the receiver has verified and
-acknowledged each one.
-
-  --album NAME      file the photos into this album on the receiving side
-  --to usb          the first iPhone attached by USB, through usbmuxd (default;
-                    USBMUXD_SOCKET_ADDRESS chooses another usbmuxd socket)
-  --to usb:SERIAL   the iPhone with this serial number
-  --to HOST:PORT    a receiver on the network ("[ADDR]:PORT" for IPv6), for
-                    example `kestrelvane receive` on another computer
-  --to NAME         the receiver that announces itself as NAME on the local
-                    network (`kestrelvane receive --advertise NAME`)
-  --json            one JSON object per line per event, nothing else on stdout
-  --log stderr      the library's log lines on stderr instead of the journal
-
-Exit status: 0 every file saved (or nothing to send), 1 some files not saved
-(they are listed) or some PATH missing or unreadable (each is named), 2 usage
-error, 3 no connection could be made.
-)";
-
-} // namespace
-
 int runSend(const std::vector<std::string>& arguments) {
-    std::optional<CommandLine> line;
     std::optional<Destination> destination;
-    try {
-        line.emplace(arguments, CommandLine::Grammar{.flags = {"json", "help"},
-                                                     .valued = {"album", "to", "log"}});
-        if (line->has("help")) {
-            std::fputs(sendUsage, stdout);
-            return exitOk;
-        }
-        applyLogOption(*line);
+    const CommandLine line(sendCommand, arguments, [&destination](const CommandLine& given) {
         try {
-            destination = Destination::parse(line->value("to").value_or("usb"));
+            destination = Destination::parse(given.value("to").value_or("usb"));
         } catch (const std::invalid_argument& error) {
             throw UsageError(std::string("--to: ") + error.what());
         }
-        if (line->operands().empty()) {
+        if (given.operands().empty()) {
             throw UsageError("nothing to send: give one or more files or folders");
         }
-    } catch (const UsageError& error) {
-        std::fprintf(stderr, "kestrelvane send: %s\n\n%s", error.what(), sendUsage);
-        return exitUsage;
+    });
+    if (line.finished) {
+        return *line.finished;
     }
-    const bool json = line->has("json");
+    const bool json = line.has("json");
     // Messages for people go to stderr when stdout carries JSON.
     std::FILE* const messages = json ? stderr : stdout;
 
-    std::vector<fs::path> paths(line->operands().begin(), line->operands().end());
+    std::vector<fs::path> paths(line.operands().begin(), line.operands().end());
     std::vector<fs::path> files;
     std::vector<QueuePlanner::Unreadable> unreadable;
     try {
         files = QueuePlanner::plan(paths, {}, &unreadable);
     } catch (const std::exception& error) {
         std::fprintf(stderr, "kestrelvane send: %s\n", error.what());
-        return exitSomeFilesNotSaved;
+        return exitFailure;
     }
     // Named, and not sent, but they do not stop the rest.
     for (const auto& path : unreadable) {
         std::fprintf(stderr, "kestrelvane send: %s: %s\n", path.path.c_str(),
                      path.error.message().c_str());
     }
-    const int nothingLost = unreadable.empty() ? exitOk : exitSomeFilesNotSaved;
+    const int nothingLost = unreadable.empty() ? exitOk : exitFailure;
     if (files.empty()) {
         std::fputs("Nothing to send: no photos or videos among the given paths.\n", messages);
         return nothingLost;
     }
 
     SessionHeader session;
-    if (auto album = UnicodeText::trimmed(line->value("album").value_or("")); !album.empty()) {
+    if (auto album = UnicodeText::trimmed(line.value("album").value_or("")); !album.empty()) {
         session.albumName = std::move(album);
     }
 
@@ -148,7 +144,7 @@ int runSend(const std::vector<std::string>& arguments) {
         }
     }
     summary.saved = summary.files - static_cast<std::int64_t>(summary.unsaved.size());
-    summary.exitStatus = summary.unsaved.empty() ? nothingLost : exitSomeFilesNotSaved;
+    summary.exitStatus = summary.unsaved.empty() ? nothingLost : exitFailure;
     if (outcome.brokeOff) {
         std::fprintf(stderr, "kestrelvane send: the transfer broke off: %s\n",
                      outcome.brokeOff->c_str());

@@ -1,6 +1,7 @@
 // The command-line tool driven as a user drives it, and against malicious
 // peers: the built binary in a subprocess, its output and exit status checked.
 // docs/reliability.md ("Hostile peers") lists each hostile attempt and what must hold.
+#include "Commands.h"
 #include "KestrelvaneKit/intake/Checksum.h"
 #include "KestrelvaneKit/network/BonjourStream.h"
 #include "KestrelvaneKit/network/TcpListener.h"
@@ -18,11 +19,14 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <fstream>
 #include <netinet/in.h>
 #include <regex>
 #include <set>
+#include <sstream>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace kestrelvane {
@@ -107,9 +111,14 @@ TEST(KestrelvaneCli, ExitStatusSaysWhetherAUsageErrorFilesNotSavedOrNoConnection
         {{"teleport"}, 2, "unknown command 'teleport'"},
         {{"receive", "--port", "9876"}, 2, "--dir DIR is required"},
         {{"receive", "--dir", "DIR", "--bind", "example.invalid"}, 2, "--bind takes an IPv4"},
-        {{"receive", "--dir", "DIR", "--max-sessions", "0"}, 2, "--max-sessions takes a whole"},
-        {{"receive", "--dir", "DIR", "--max-sessions", "2000"}, 2, "--max-sessions takes a whole"},
+        {{"receive", "--dir", "DIR", "--max-sessions", "0"},
+         2,
+         "--max-sessions takes a whole number from 1 to 1024, not '0'"},
+        {{"receive", "--dir", "DIR", "--port", "65536"}, 2, "--port takes a whole number from 0"},
         {{"receive", "--dir", "DIR", "--idle-timeout", "1.5"}, 2, "--idle-timeout takes a whole"},
+        {{"devices", "--wait", "nan"}, 2, "--wait takes a number from 0 to 600, not 'nan'"},
+        {{"devices", "--wait", "1s"}, 2, "--wait takes a number from 0 to 600, not '1s'"},
+        {{"demo", "now"}, 2, "unexpected 'now'"},
         {{"send", "--help"}, 0, "usage: kestrelvane send"},
         {{"send", "DIR/missing.jpg"}, 1, "missing.jpg: No such file or directory"},
         {{"send", "--to", "RECEIVER", "PHOTO", "DIR/typo.jpg"}, 1, "1 of 1 saved"},
@@ -157,6 +166,43 @@ TEST(KestrelvaneCli, ExitStatusSaysWhetherAUsageErrorFilesNotSavedOrNoConnection
     }
     // Only the photo sent beside a missing path was saved.
     EXPECT_EQ(std::distance(fs::recursive_directory_iterator(folder.path()), {}), 2);
+}
+
+// Each command's --help shows all its declaration says, within 79 columns,
+// and the manual gives the same exit statuses.
+TEST(KestrelvaneCli, HelpShowsEachDeclarationAndTheManualAgreesOnExitStatuses) {
+    std::ifstream file(fs::path(KV_FIXTURES_DIR) / "../../docs/kestrelvane.md");
+    const std::string manual{std::istreambuf_iterator<char>(file), {}};
+    const auto squeezed = [](const std::string& text) {
+        return std::regex_replace(text, std::regex("\\s+"), " ");
+    };
+    for (const cli::Command* command :
+         {&cli::sendCommand, &cli::receiveCommand, &cli::devicesCommand, &cli::demoCommand}) {
+        const std::string help = cli::usage(*command);
+        std::istringstream lines(help);
+        for (std::string line; std::getline(lines, line);) {
+            EXPECT_LE(line.size(), 79u) << line;
+        }
+        const auto shows = [&](const std::string& text) {
+            EXPECT_NE(squeezed(help).find(squeezed(text)), std::string::npos) << text;
+        };
+        std::vector<std::string> texts = command->summary;
+        for (const auto& option : command->options) {
+            texts.push_back(option.help);
+            for (const auto& [value, text] : option.forms) {
+                texts.push_back("--" + option.name + " " + value + " " + text);
+            }
+        }
+        std::for_each(texts.begin(), texts.end(), shows);
+        const auto start = manual.find("\n## " + command->name + "\n");
+        const std::string section = manual.substr(start, manual.find("\n## ", start + 1) - start);
+        for (const auto& [status, meaning] : command->exitStatuses) {
+            shows(std::to_string(status) + " " + meaning);
+            EXPECT_NE(section.find("| " + std::to_string(status) + " | " + meaning + " |"),
+                      std::string::npos)
+                << command->name << " " << status;
+        }
+    }
 }
 
 // What README tells a newcomer to run first.
