@@ -53,7 +53,8 @@ TEST_P(Killed, MidBatchLosesNothingAcknowledgedAndAResendCompletesTheBatchOnce) 
     const auto start = [&]() -> std::pair<std::string, ChildProcess::Environment> {
         if (usb) {
             usbmuxd = std::make_unique<SimulatorProcess>(
-                std::vector<std::string>{"SIM1,0x12a8,folder=" + destination.path().string()});
+                std::vector<std::string>{"SIM1,0x12a8,folder=" + destination.path().string()},
+                std::vector<std::string>{}, tmpdir);
             return {"usb", usbmuxd->environment()};
         }
         receiver = std::make_unique<ReceiverProcess>(
@@ -92,14 +93,17 @@ TEST_P(Killed, MidBatchLosesNothingAcknowledgedAndAResendCompletesTheBatchOnce) 
     // What the sender was told is saved is whole, and now every file, once.
     EXPECT_EQ(filesUnder(destination.path()), filesUnder(source.path())) << "lost or doubled";
     EXPECT_EQ(filesNotAsIn(destination.path(), source.path()), Files{});
-    if (!usb) {
-        // A receiver starting beside it leaves its scratch folder alone, which
-        // holds nothing but its lock: what a killed receiver or sender left is gone.
+    // A receiver starting beside it (a simulator's phone is one) leaves its
+    // scratch folder alone, which holds nothing but its lock: what a killed
+    // receiver, sender or simulator left is gone.
+    if (usb) {
+        SimulatorProcess({"SIM2,0x12a8,test"}, {}, tmpdir);
+    } else {
         ReceiverProcess(destination.path(), {}, tmpdir);
-        EXPECT_EQ(std::distance(fs::recursive_directory_iterator(temporary.path()), {}), 2);
-        EXPECT_EQ(receiver->process().terminate(), 0);
-        EXPECT_TRUE(fs::is_empty(temporary.path())) << "the receiver left its scratch folder";
     }
+    EXPECT_EQ(std::distance(fs::recursive_directory_iterator(temporary.path()), {}), 2);
+    EXPECT_EQ((usb ? usbmuxd->process() : receiver->process()).terminate(), 0);
+    EXPECT_TRUE(fs::is_empty(temporary.path())) << "the receiver left its scratch folder";
 }
 
 INSTANTIATE_TEST_SUITE_P(Processes, Killed, ::testing::Values("sender", "receiver", "usbmuxd"),

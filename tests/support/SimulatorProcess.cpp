@@ -23,13 +23,14 @@ std::string simulatorProgram() {
 }
 
 SimulatorProcess::SimulatorProcess(const std::vector<std::string>& phones,
-                                   const std::vector<std::string>& extra) {
+                                   const std::vector<std::string>& extra,
+                                   const ChildProcess::Environment& environment) {
     std::vector<std::string> argv{simulatorProgram(), "--socket", socketPath()};
     for (const auto& phone : phones) {
         argv.insert(argv.end(), {"--phone", phone});
     }
     argv.insert(argv.end(), extra.begin(), extra.end());
-    process_ = std::make_unique<ChildProcess>(argv);
+    process_ = std::make_unique<ChildProcess>(argv, environment);
     // The first line says the socket takes connections.
     const auto line = process_->readLine();
     if (line != "listening on " + socketPath()) {

@@ -20,12 +20,14 @@ std::string simulatorProgram();
 
 /// The usbmuxd simulator run as a program, listening on a socket in a folder
 /// of its own, with one virtual phone per entry of `phones` ("SERIAL,PRODUCT,
-/// RECEIVER", as its --phone takes them) and `extra` arguments after them.
+/// RECEIVER", as its --phone takes them) and `extra` arguments after them,
+/// `environment` added to its own.
 /// Ready once constructed (throws when it does not start); ended when destroyed.
 class SimulatorProcess {
 public:
     explicit SimulatorProcess(const std::vector<std::string>& phones,
-                              const std::vector<std::string>& extra = {});
+                              const std::vector<std::string>& extra = {},
+                              const ChildProcess::Environment& environment = {});
 
     std::string socketPath() const { return (folder_.path() / "usbmuxd").string(); }
     UsbmuxdClient::SocketAddress address() const { return {socketPath(), {}, 0}; }

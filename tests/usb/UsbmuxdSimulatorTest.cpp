@@ -2,8 +2,11 @@
 // it: listing, connecting, its replies and events, and its tunnels. A whole
 // batch over its tunnel is in UsbmuxdInteropTest (through inetcat) and the
 // tool's tests.
+#include "KestrelvaneKit/intake/Checksum.h"
 #include "KestrelvaneKit/usb/UsbmuxdClient.h"
 #include "KestrelvaneKit/usb/UsbmuxdStream.h"
+#include "KestrelvaneKit/wire/FrameChannel.h"
+#include "KestrelvaneKit/wire/WireMessage.h"
 #include "support/CaughtError.h"
 #include "support/ChildProcess.h"
 #include "support/FakeUsbmuxd.h"
@@ -135,6 +138,28 @@ TEST(UsbmuxdSimulator, OverTcpItTakesClientsOnEachLoopbackAddressAndPollingLeave
     if (!testing::hasIPv6Loopback()) {
         GTEST_SKIP() << "this machine has no ::1: IPv6 was not tried";
     }
+}
+
+// A phone is a receiver service: a file whose bytes do not match its digest
+// is answered so, and the simulator's output names it.
+TEST(UsbmuxdSimulator, APhoneAnswersAndReportsTheFilesItRejects) {
+    SimulatorProcess simulator({"SIM1,0x12a8,test"});
+    UsbmuxdClient client(simulator.address());
+    const Result tunnel = client.connect(client.listDevices().at(0).id, 9876);
+    ASSERT_EQ(tunnel.kind, Result::Kind::tunneled);
+    FrameChannel channel(std::make_shared<UsbmuxdStream>(tunnel.fileDescriptor));
+    const Bytes bytes = toBytes("not what the digest says");
+    channel.sendFrame(WireMessage::encode(SessionHeader{}));
+    channel.sendFrame(WireMessage::encode(FileHeader{
+        .name = "bad.jpg", .byteCount = bytes.size(), .sha256 = Checksum::sha256Hex(Bytes{})}));
+    channel.sendRaw(bytes);
+    EXPECT_EQ(WireMessage::decode<Ack>(channel.receiveFrame(FrameChannel::maxMessageBytes)).message,
+              "checksum mismatch");
+    std::optional<std::string> line;
+    while ((line = simulator.process().readLine()) &&
+           *line != "SIM1: bad.jpg failed: checksum mismatch") {
+    }
+    EXPECT_TRUE(line) << "the simulator did not name the rejected file";
 }
 
 } // namespace
