@@ -108,7 +108,7 @@ TEST(UsbmuxdSimulator, AnswersAsUsbmuxdWouldAndListenersHearOfPhonesComingAndGoi
     // A tunnel to the new phone works until its cable is pulled.
     const Result tunnel = client.connect(secondID, 9876);
     ASSERT_EQ(tunnel.kind, Result::Kind::tunneled);
-    UsbmuxdStream stream(tunnel.fileDescriptor);
+    UsbmuxdStream stream(FileDescriptor(tunnel.fileDescriptor));
     stream.send(asBytes("ping"));
     std::string echoed;
     while (echoed.size() < 4) {
