@@ -145,13 +145,13 @@ void BM_SendOverSocketPair(benchmark::State& state) {
             state.SkipWithError("socketpair failed");
             break;
         }
-        FrameChannel receiverChannel(std::make_shared<UsbmuxdStream>(fds[1]));
+        FrameChannel receiverChannel(std::make_shared<UsbmuxdStream>(FileDescriptor(fds[1])));
         DiscardingSaver saver([](const fs::path&, const FileHeader&) {});
         auto receiver = std::async(std::launch::async, [&] {
             TransferServer(saver, temporary).run(receiverChannel, nullptr);
             receiverChannel.cancel();
         });
-        FrameChannel senderChannel(std::make_shared<UsbmuxdStream>(fds[0]));
+        FrameChannel senderChannel(std::make_shared<UsbmuxdStream>(FileDescriptor(fds[0])));
         const auto acks = TransferClient().send(files.paths(), senderChannel, SessionHeader{});
         senderChannel.cancel();
         receiver.wait();

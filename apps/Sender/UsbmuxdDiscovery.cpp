@@ -2,8 +2,6 @@
 
 #include "Sender/BackgroundWork.h"
 
-#include <unistd.h>
-
 namespace kestrelvane {
 
 UsbmuxdDiscovery::UsbmuxdDiscovery(QObject* parent)
@@ -52,9 +50,8 @@ std::optional<int> UsbmuxdDiscovery::takeReadyTunnel() {
     if (state_.kind != State::Kind::ready) {
         return std::nullopt;
     }
-    const int fd = state_.fileDescriptor;
-    state_ = State::appNotListening(state_.deviceID); // handed out, not closed
-    emit stateChanged(state_);
+    const int fd = tunnel_.release(); // handed out, not closed
+    setState(State::appNotListening(state_.deviceID));
     return fd;
 }
 
@@ -64,13 +61,11 @@ void UsbmuxdDiscovery::dropTunnel() {
     }
 }
 
-void UsbmuxdDiscovery::setState(const State& state) {
+void UsbmuxdDiscovery::setState(const State& state, FileDescriptor tunnel) {
     if (state == state_) {
         return;
     }
-    if (state_.kind == State::Kind::ready) {
-        ::close(state_.fileDescriptor);
-    }
+    tunnel_ = std::move(tunnel);
     state_ = state;
     emit stateChanged(state_);
 }
@@ -138,7 +133,8 @@ void UsbmuxdDiscovery::connected(std::uint64_t generation, std::int64_t deviceID
     if (!probe || probe->outcome == Outcome::detached) {
         setState(State::noDevice());
     } else if (probe->outcome == Outcome::listening) {
-        setState(State::ready(deviceID, probe->tunnel.release()));
+        const int fd = probe->tunnel.get();
+        setState(State::ready(deviceID, fd), std::move(probe->tunnel));
     } else {
         setState(State::appNotListening(deviceID));
     }

@@ -81,10 +81,11 @@ private:
     void connected(std::uint64_t generation, std::int64_t deviceID,
                    const std::shared_ptr<UsbPhones::Probe>& probe);
     void endPass(std::uint64_t generation);
-    /// Closes the held descriptor when the state leaves ready.
-    void setState(const State& state);
+    /// Holds `tunnel` (that of a ready state) from now on; closes the one held before.
+    void setState(const State& state, FileDescriptor tunnel = {});
 
     State state_ = State::noDevice();
+    FileDescriptor tunnel_; // state_.fileDescriptor, owned
     bool paused_ = false;
     bool running_ = false;
     std::uint64_t generation_ = 0; // a stop makes passes still under way stale

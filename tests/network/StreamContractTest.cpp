@@ -51,8 +51,8 @@ Ends overTcp() {
 Ends overSocketPair() {
     int fds[2];
     EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds), 0);
-    return {std::make_shared<UsbmuxdStream>(fds[0]),
-            std::make_shared<UsbmuxdStream>(fds[1]),
+    return {std::make_shared<UsbmuxdStream>(FileDescriptor(fds[0])),
+            std::make_shared<UsbmuxdStream>(FileDescriptor(fds[1])),
             {},
             fds[0]};
 }

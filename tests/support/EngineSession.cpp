@@ -22,8 +22,8 @@ EngineSession::Ends EngineSession::connect(const Link& link) {
         if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.fds) != 0) {
             throw std::system_error(errno, std::generic_category(), "socketpair");
         }
-        ends.raw[0] = std::make_shared<UsbmuxdStream>(ends.fds[0]);
-        ends.raw[1] = std::make_shared<UsbmuxdStream>(ends.fds[1]);
+        ends.raw[0] = std::make_shared<UsbmuxdStream>(FileDescriptor(ends.fds[0]));
+        ends.raw[1] = std::make_shared<UsbmuxdStream>(FileDescriptor(ends.fds[1]));
     }
     ends.used[0] = ends.raw[0];
     ends.used[1] = ends.raw[1];

@@ -91,7 +91,7 @@ TEST(UsbmuxdInterop, InetcatCarriesARealTransferThroughTheSimulatorsTunnel) {
     const std::vector batch{
         testing::writeFile(source.path() / "IMG_0001.JPG", testing::pattern(20'000, 1)),
         testing::writeFile(source.path() / "IMG_0002.PNG", testing::pattern(7'000, 2))};
-    FrameChannel channel(std::make_shared<UsbmuxdStream>(pair[0]));
+    FrameChannel channel(std::make_shared<UsbmuxdStream>(FileDescriptor(pair[0])));
     channel.start();
     const auto acks = TransferClient().send(batch, channel, SessionHeader{});
     channel.cancel();

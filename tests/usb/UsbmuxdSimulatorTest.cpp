@@ -94,7 +94,7 @@ TEST(UsbmuxdSimulator, AnswersAsUsbmuxdWouldAndListenersHearOfPhonesComingAndGoi
     // A tunnel to the new phone works until its cable is pulled.
     const Result tunnel = client.connect(secondID, 9876);
     ASSERT_EQ(tunnel.kind, Result::Kind::tunneled);
-    UsbmuxdStream stream(tunnel.fileDescriptor);
+    UsbmuxdStream stream(FileDescriptor(tunnel.fileDescriptor));
     stream.send(asBytes("ping"));
     std::string echoed;
     while (echoed.size() < 4) {
@@ -147,7 +147,7 @@ TEST(UsbmuxdSimulator, APhoneAnswersAndReportsTheFilesItRejects) {
     UsbmuxdClient client(simulator.address());
     const Result tunnel = client.connect(client.listDevices().at(0).id, 9876);
     ASSERT_EQ(tunnel.kind, Result::Kind::tunneled);
-    FrameChannel channel(std::make_shared<UsbmuxdStream>(tunnel.fileDescriptor));
+    FrameChannel channel(std::make_shared<UsbmuxdStream>(FileDescriptor(tunnel.fileDescriptor)));
     const Bytes bytes = toBytes("not what the digest says");
     channel.sendFrame(WireMessage::encode(SessionHeader{}));
     channel.sendFrame(WireMessage::encode(FileHeader{

@@ -32,32 +32,27 @@ constexpr std::uint32_t maxRequestBytes = 1024 * 1024;
 }
 
 bool readExactly(int fd, std::uint8_t* out, std::size_t count) {
-    while (count > 0) {
-        const ssize_t n = ::read(fd, out, count);
-        if (n < 0 && errno == EINTR) {
-            continue;
+    try {
+        while (count > 0) {
+            const std::size_t n = FileDescriptor::readSome(fd, MutableByteView(out, count));
+            if (n == 0) {
+                return false;
+            }
+            out += n;
+            count -= n;
         }
-        if (n <= 0) {
-            return false;
-        }
-        out += n;
-        count -= static_cast<std::size_t>(n);
+        return true;
+    } catch (const std::system_error&) {
+        return false;
     }
-    return true;
 }
 
-bool writeAll(int fd, ByteView bytes) {
-    while (!bytes.empty()) {
-        const ssize_t n = ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            return false;
-        }
-        bytes = bytes.subspan(static_cast<std::size_t>(n));
+/// A client that has gone away misses what it would have been told.
+void writeIgnoringErrors(int fd, ByteView bytes) {
+    try {
+        FileDescriptor::writeAll(fd, bytes);
+    } catch (const std::system_error&) {
     }
-    return true;
 }
 
 /// Reads exactly one packet, so that nothing after a Connect request is
@@ -92,8 +87,8 @@ PropertyList result(std::int64_t number) {
 } // namespace
 
 struct UsbmuxdSimulator::Connection {
-    explicit Connection(int socket) : fd(socket) {}
-    const int fd;
+    explicit Connection(FileDescriptor socket) : fd(std::move(socket)) {}
+    FileDescriptor fd;                   // closed under writeMutex, once served
     std::mutex writeMutex;               // keeps replies and events whole
     bool listening = false;              // guarded by the simulator's mutex
     PropertyList::Format listenFormat{}; // guarded by the simulator's mutex
@@ -102,23 +97,21 @@ struct UsbmuxdSimulator::Connection {
 };
 
 UsbmuxdSimulator::UsbmuxdSimulator(Options options) : options_(std::move(options)) {
-    if (::pipe2(stopPipe_, O_CLOEXEC) != 0) {
+    int ends[2];
+    if (::pipe2(ends, O_CLOEXEC) != 0) {
         throwErrno("pipe2");
     }
+    stopReader_.reset(ends[0]);
+    stopWriter_.reset(ends[1]);
     for (auto& phone : options_.phones) {
         attach(phone);
     }
 }
 
 UsbmuxdSimulator::~UsbmuxdSimulator() {
-    if (listenFd_ >= 0) {
-        ::close(listenFd_);
-        if (!options_.socketPath.empty()) {
-            ::unlink(options_.socketPath.c_str());
-        }
+    if (listenFd_) {
+        ::unlink(options_.socketPath.c_str());
     }
-    ::close(stopPipe_[0]);
-    ::close(stopPipe_[1]);
 }
 
 std::string UsbmuxdSimulator::listen() {
@@ -130,15 +123,16 @@ std::string UsbmuxdSimulator::listen() {
                                     "socket path " + options_.socketPath);
         }
         std::strncpy(address.sun_path, options_.socketPath.c_str(), sizeof address.sun_path - 1);
-        listenFd_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        if (listenFd_ < 0) {
+        listenFd_.reset(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        if (!listenFd_) {
             throwErrno("socket");
         }
         ::unlink(options_.socketPath.c_str()); // a stale socket of an earlier run
-        if (::bind(listenFd_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+        if (::bind(listenFd_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) !=
+            0) {
             throwErrno("bind(" + options_.socketPath + ")");
         }
-        if (::listen(listenFd_, 64) != 0) {
+        if (::listen(listenFd_.get(), 64) != 0) {
             throwErrno("listen");
         }
         return options_.socketPath;
@@ -150,17 +144,17 @@ std::string UsbmuxdSimulator::listen() {
 
 void UsbmuxdSimulator::requestStop() noexcept {
     const char byte = 's';
-    [[maybe_unused]] const ssize_t ignored = ::write(stopPipe_[1], &byte, 1);
+    [[maybe_unused]] const ssize_t ignored = ::write(stopWriter_.get(), &byte, 1);
     if (tcpListener_) {
         tcpListener_->stop(); // an atomic store and a write: fine in a signal handler
     }
 }
 
-int UsbmuxdSimulator::acceptNext() {
+FileDescriptor UsbmuxdSimulator::acceptNext() {
     if (tcpListener_) {
         return tcpListener_->acceptSocket();
     }
-    pollfd watched[2] = {{listenFd_, POLLIN, 0}, {stopPipe_[0], POLLIN, 0}};
+    pollfd watched[2] = {{listenFd_.get(), POLLIN, 0}, {stopReader_.get(), POLLIN, 0}};
     for (;;) {
         if (::poll(watched, 2, -1) < 0) {
             if (errno == EINTR) {
@@ -169,11 +163,11 @@ int UsbmuxdSimulator::acceptNext() {
             throwErrno("poll");
         }
         if (watched[1].revents != 0) {
-            return -1;
+            return {};
         }
         if (watched[0].revents != 0) {
-            const int fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC);
-            if (fd >= 0) {
+            FileDescriptor fd(::accept4(listenFd_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+            if (fd) {
                 return fd;
             }
             // A client that went away before we got to it: wait for the next.
@@ -184,8 +178,8 @@ int UsbmuxdSimulator::acceptNext() {
 void UsbmuxdSimulator::run() {
     std::exception_ptr failure; // reported once every thread is joined
     try {
-        for (int fd = acceptNext(); fd >= 0; fd = acceptNext()) {
-            auto connection = std::make_shared<Connection>(fd);
+        for (FileDescriptor fd = acceptNext(); fd; fd = acceptNext()) {
+            auto connection = std::make_shared<Connection>(std::move(fd));
             {
                 const std::lock_guard lock(mutex_);
                 connections_.push_back(connection);
@@ -201,7 +195,7 @@ void UsbmuxdSimulator::run() {
         // Ends every conversation and tunnel; each thread closes its own socket.
         const std::lock_guard lock(mutex_);
         for (const auto& connection : connections_) {
-            ::shutdown(connection->fd, SHUT_RDWR);
+            ::shutdown(connection->fd.get(), SHUT_RDWR);
         }
     }
     for (auto& worker : workers_) {
@@ -224,7 +218,7 @@ void UsbmuxdSimulator::reapFinishedWorkers() {
 }
 
 void UsbmuxdSimulator::serveConnection(const std::shared_ptr<Connection>& connection) {
-    while (const auto packet = readPacket(connection->fd)) {
+    while (const auto packet = readPacket(connection->fd.get())) {
         try {
             const PropertyList request = PropertyList::parse(packet->body);
             if (!handle(connection, packet->tag, request, PropertyList::formatOf(packet->body))) {
@@ -239,14 +233,18 @@ void UsbmuxdSimulator::serveConnection(const std::shared_ptr<Connection>& connec
         const std::lock_guard lock(mutex_);
         std::erase(connections_, connection);
     }
-    ::close(connection->fd);
+    {
+        // Now, not when the last owner lets go: the client waits for the end.
+        const std::lock_guard writing(connection->writeMutex);
+        connection->fd.reset();
+    }
     connection->finished = true;
 }
 
 void UsbmuxdSimulator::reply(Connection& connection, std::uint32_t tag, const PropertyList& body,
                              PropertyList::Format format) {
     const std::lock_guard lock(connection.writeMutex);
-    writeAll(connection.fd, UsbmuxdProtocol::encode(tag, body.serialize(format)));
+    writeIgnoringErrors(connection.fd.get(), UsbmuxdProtocol::encode(tag, body.serialize(format)));
 }
 
 bool UsbmuxdSimulator::handle(const std::shared_ptr<Connection>& connection, std::uint32_t tag,
@@ -278,9 +276,11 @@ bool UsbmuxdSimulator::handle(const std::shared_ptr<Connection>& connection, std
                 present.push_back(attachedMessage(id, device.phone));
             }
         }
-        writeAll(connection->fd, UsbmuxdProtocol::encode(tag, result(resultOK).serialize(format)));
+        writeIgnoringErrors(connection->fd.get(),
+                            UsbmuxdProtocol::encode(tag, result(resultOK).serialize(format)));
         for (const auto& message : present) {
-            writeAll(connection->fd, UsbmuxdProtocol::encode(0, message.serialize(format)));
+            writeIgnoringErrors(connection->fd.get(),
+                                UsbmuxdProtocol::encode(0, message.serialize(format)));
         }
         return true;
     }
@@ -316,7 +316,7 @@ bool UsbmuxdSimulator::handle(const std::shared_ptr<Connection>& connection, std
         }
         reply(*connection, tag, result(resultOK), format);
         say("tunnel to " + phone->serial + " port " + std::to_string(port));
-        phone->serve(connection->fd);
+        phone->serve(connection->fd.get());
         return false;
     }
     if (type == "Attach") {
@@ -389,7 +389,7 @@ bool UsbmuxdSimulator::detach(const std::string& serial) {
         // The cable is gone: so are its tunnels.
         for (const auto& connection : connections_) {
             if (connection->tunnelDevice == id) {
-                ::shutdown(connection->fd, SHUT_RDWR);
+                ::shutdown(connection->fd.get(), SHUT_RDWR);
             }
         }
     }
@@ -412,7 +412,8 @@ void UsbmuxdSimulator::broadcast(const PropertyList& event) {
     }
     for (const auto& [connection, format] : listeners) {
         const std::lock_guard writing(connection->writeMutex);
-        writeAll(connection->fd, UsbmuxdProtocol::encode(0, event.serialize(format)));
+        writeIgnoringErrors(connection->fd.get(),
+                            UsbmuxdProtocol::encode(0, event.serialize(format)));
     }
 }
 

@@ -57,8 +57,8 @@ private:
         VirtualPhone phone;
     };
 
-    /// The next client's socket; -1 once stopped.
-    int acceptNext();
+    /// The next client's socket; none once stopped.
+    FileDescriptor acceptNext();
     void serveConnection(const std::shared_ptr<Connection>& connection);
     /// Joins the threads whose connections have ended.
     void reapFinishedWorkers();
@@ -74,9 +74,9 @@ private:
     void say(const std::string& line);
 
     Options options_;
-    int listenFd_ = -1;                        // the Unix socket
+    FileDescriptor listenFd_;                  // the Unix socket
     std::unique_ptr<TcpListener> tcpListener_; // or this
-    int stopPipe_[2] = {-1, -1};
+    FileDescriptor stopReader_, stopWriter_;   // a pipe: requestStop() wakes acceptNext()
 
     std::mutex mutex_; // guards everything below; no I/O while held but shutdown()
     std::int64_t nextDeviceID_ = 1;

@@ -3,36 +3,22 @@
 #include "KestrelvaneKit/session/ReceiverService.h"
 #include "KestrelvaneKit/usb/UsbmuxdStream.h"
 
-#include <cerrno>
 #include <memory>
 #include <stdexcept>
-#include <sys/socket.h>
 #include <unistd.h>
+#include <utility>
 
 namespace kestrelvane::sim {
 namespace {
 
 void echo(int fd) {
     std::uint8_t buffer[65536];
-    for (;;) {
-        const ssize_t n = ::read(fd, buffer, sizeof buffer);
-        if (n < 0 && errno == EINTR) {
-            continue;
+    try {
+        while (const std::size_t n = FileDescriptor::readSome(fd, buffer)) {
+            FileDescriptor::writeAll(fd, ByteView(buffer, n));
         }
-        if (n <= 0) {
-            return;
-        }
-        for (ssize_t done = 0; done < n;) {
-            const ssize_t w =
-                ::send(fd, buffer + done, static_cast<std::size_t>(n - done), MSG_NOSIGNAL);
-            if (w < 0 && errno == EINTR) {
-                continue;
-            }
-            if (w <= 0) {
-                return;
-            }
-            done += w;
-        }
+    } catch (const std::system_error&) {
+        // The client has gone: so has the echo.
     }
 }
 
@@ -112,11 +98,9 @@ void VirtualPhone::serve(int fd) const {
     }
     // The stream gets its own descriptor; the simulator keeps `fd` so that it
     // can shut the tunnel down from outside.
-    const int own = ::dup(fd);
-    if (service_ && own >= 0) {
-        service_->serve(std::make_shared<UsbmuxdStream>(own));
-    } else if (own >= 0) {
-        ::close(own);
+    FileDescriptor own(::dup(fd));
+    if (service_ && own) {
+        service_->serve(std::make_shared<UsbmuxdStream>(std::move(own)));
     }
 }
 

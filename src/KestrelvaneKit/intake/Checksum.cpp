@@ -1,5 +1,7 @@
 #include "KestrelvaneKit/intake/Checksum.h"
 
+#include "KestrelvaneKit/wire/FileDescriptor.h"
+
 #include <openssl/evp.h>
 
 #include <array>
@@ -7,7 +9,6 @@
 #include <fcntl.h>
 #include <stdexcept>
 #include <system_error>
-#include <unistd.h>
 
 namespace kestrelvane {
 namespace {
@@ -67,34 +68,19 @@ std::string sha256Hex(ByteView bytes) {
 }
 
 std::string sha256HexOfFile(const std::filesystem::path& path) {
-    const auto fail = [&](const char* what) {
-        // Taken before anything else can overwrite errno.
-        const std::error_code error(errno, std::generic_category());
-        throw std::filesystem::filesystem_error(what, path, error);
-    };
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
-        fail("cannot open file");
+    const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!file) {
+        throw std::filesystem::filesystem_error("cannot open file", path,
+                                                std::error_code(errno, std::generic_category()));
     }
-    struct Closer {
-        int fd;
-        ~Closer() { ::close(fd); }
-    } closer{fd};
-
     Sha256Hasher hasher;
     Bytes chunk(1 << 20);
-    while (true) {
-        const ssize_t got = ::read(fd, chunk.data(), chunk.size());
-        if (got < 0 && errno == EINTR) {
-            continue;
+    try {
+        while (const std::size_t got = FileDescriptor::readSome(file.get(), chunk)) {
+            hasher.update(ByteView(chunk.data(), got));
         }
-        if (got < 0) {
-            fail("cannot read file");
-        }
-        if (got == 0) {
-            break;
-        }
-        hasher.update(ByteView(chunk.data(), static_cast<std::size_t>(got)));
+    } catch (const std::system_error& error) {
+        throw std::filesystem::filesystem_error("cannot read file", path, error.code());
     }
     return hasher.finalizeHex();
 }

@@ -1,7 +1,5 @@
 #include "KestrelvaneKit/network/TcpConnection.h"
 
-#include "KestrelvaneKit/wire/FileDescriptor.h"
-
 #include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
@@ -14,6 +12,7 @@
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
+#include <utility>
 
 namespace kestrelvane {
 namespace {
@@ -32,12 +31,6 @@ public:
     const char* name() const noexcept override { return "getaddrinfo"; }
     std::string message(int code) const override { return gai_strerror(code); }
 };
-
-void closeQuietly(int fd) {
-    if (fd >= 0) {
-        ::close(fd);
-    }
-}
 
 void setNoDelay(int fd) {
     // Acknowledgements are small frames; Nagle's algorithm would hold them back.
@@ -68,17 +61,18 @@ const std::error_category& TcpConnection::resolverCategory() noexcept {
 
 TcpConnection::TcpConnection(std::string host, std::uint16_t port)
     : host_(std::move(host)), port_(port), wakeFd_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
-    if (wakeFd_ < 0) {
+    if (!wakeFd_) {
         throw callError("eventfd()", errno);
     }
 }
 
-TcpConnection::TcpConnection(int connectedSocket) : accepted_(true), socket_(connectedSocket) {
-    if (connectedSocket < 0) {
+TcpConnection::TcpConnection(FileDescriptor connectedSocket)
+    : accepted_(true), socket_(std::move(connectedSocket)) {
+    if (!socket_) {
         throw std::invalid_argument("TcpConnection needs a connected socket");
     }
-    setNoDelay(socket_);
-    setKeepAlive(socket_);
+    setNoDelay(socket_.get());
+    setKeepAlive(socket_.get());
 }
 
 void TcpConnection::setIdleTimeout(std::chrono::milliseconds timeout) {
@@ -96,7 +90,7 @@ std::chrono::milliseconds TcpConnection::idleTimeout() const {
 }
 
 void TcpConnection::applyIdleTimeoutLocked() {
-    if (socket_ < 0) {
+    if (!socket_) {
         return; // applied once connected
     }
     // The kernel's own socket timeouts: a blocked call returns EAGAIN once no
@@ -104,8 +98,8 @@ void TcpConnection::applyIdleTimeoutLocked() {
     timeval limit{};
     limit.tv_sec = static_cast<time_t>(idleTimeout_.count() / 1000);
     limit.tv_usec = static_cast<suseconds_t>((idleTimeout_.count() % 1000) * 1000);
-    ::setsockopt(socket_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-    ::setsockopt(socket_, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+    ::setsockopt(socket_.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+    ::setsockopt(socket_.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
 }
 
 std::system_error TcpConnection::idleError(const char* call) const {
@@ -125,15 +119,13 @@ TcpConnection::~TcpConnection() {
         cancelRequested_ = true;
         connectors.swap(connectors_);
     }
-    if (wakeFd_ >= 0) {
+    if (wakeFd_) {
         const std::uint64_t one = 1;
-        [[maybe_unused]] auto written = ::write(wakeFd_, &one, sizeof one);
+        [[maybe_unused]] auto written = ::write(wakeFd_.get(), &one, sizeof one);
     }
     for (auto& connector : connectors) {
         connector.join();
     }
-    closeQuietly(socket_);
-    closeQuietly(wakeFd_);
 }
 
 void TcpConnection::setStateHandler(StateHandler handler) {
@@ -203,13 +195,13 @@ void TcpConnection::cancel() noexcept {
         if (connecting_) {
             // The connecting thread reports cancelled once it has let go of its socket.
             const std::uint64_t one = 1;
-            [[maybe_unused]] auto written = ::write(wakeFd_, &one, sizeof one);
+            [[maybe_unused]] auto written = ::write(wakeFd_.get(), &one, sizeof one);
             return;
         }
-        if (socket_ >= 0) {
+        if (socket_) {
             // Wakes blocked send() and receive(); the descriptor stays open
             // until no thread can still be using it.
-            ::shutdown(socket_, SHUT_RDWR);
+            ::shutdown(socket_.get(), SHUT_RDWR);
         }
         enqueueLocked(State::cancelled, std::nullopt);
     }
@@ -219,17 +211,16 @@ void TcpConnection::cancel() noexcept {
 void TcpConnection::connectLoop() {
     for (;;) {
         Error error;
-        const int fd = connectOnce(error);
+        FileDescriptor fd = connectOnce(error);
         {
             std::lock_guard lock(mutex_);
-            if (cancelRequested_ || fd == -2) {
-                closeQuietly(fd);
+            if (cancelRequested_) {
                 connecting_ = false;
                 enqueueLocked(State::cancelled, std::nullopt);
                 break;
             }
-            if (fd >= 0) {
-                socket_ = fd;
+            if (fd) {
+                socket_ = std::move(fd);
                 applyIdleTimeoutLocked();
                 connecting_ = false;
                 enqueueLocked(State::ready, std::nullopt);
@@ -259,7 +250,7 @@ void TcpConnection::connectLoop() {
 }
 
 bool TcpConnection::sleepUnlessCancelled(std::chrono::milliseconds interval) {
-    pollfd wake{wakeFd_, POLLIN, 0};
+    pollfd wake{wakeFd_.get(), POLLIN, 0};
     int result;
     do {
         result = ::poll(&wake, 1, static_cast<int>(interval.count()));
@@ -267,7 +258,7 @@ bool TcpConnection::sleepUnlessCancelled(std::chrono::milliseconds interval) {
     return result == 0;
 }
 
-int TcpConnection::connectOnce(Error& error) {
+FileDescriptor TcpConnection::connectOnce(Error& error) {
     addrinfo hints{};
     hints.ai_family = AF_UNSPEC;
     hints.ai_socktype = SOCK_STREAM;
@@ -279,7 +270,7 @@ int TcpConnection::connectOnce(Error& error) {
     if (resolved != 0) {
         error = resolved == EAI_SYSTEM ? callError("getaddrinfo()", errno)
                                        : callError("getaddrinfo()", resolved, resolverCategory());
-        return -1;
+        return {};
     }
     std::unique_ptr<addrinfo, decltype(&::freeaddrinfo)> addresses(found, &::freeaddrinfo);
 
@@ -287,40 +278,38 @@ int TcpConnection::connectOnce(Error& error) {
     Error lastTransient;
     Error socketFailure; // e.g. IPv6 switched off: only worth reporting when nothing else is
     for (const addrinfo* address = found; address != nullptr; address = address->ai_next) {
-        const int fd =
-            ::socket(address->ai_family, address->ai_socktype | SOCK_NONBLOCK | SOCK_CLOEXEC,
-                     address->ai_protocol);
-        if (fd < 0) {
+        FileDescriptor fd(::socket(address->ai_family,
+                                   address->ai_socktype | SOCK_NONBLOCK | SOCK_CLOEXEC,
+                                   address->ai_protocol));
+        if (!fd) {
             socketFailure = callError("socket()", errno);
             continue;
         }
         int code = 0;
-        if (::connect(fd, address->ai_addr, address->ai_addrlen) != 0) {
+        if (::connect(fd.get(), address->ai_addr, address->ai_addrlen) != 0) {
             code = errno;
         }
         if (code == EINPROGRESS || code == EINTR) {
-            pollfd waits[2] = {{fd, POLLOUT, 0}, {wakeFd_, POLLIN, 0}};
+            pollfd waits[2] = {{fd.get(), POLLOUT, 0}, {wakeFd_.get(), POLLIN, 0}};
             int ready;
             do {
                 ready = ::poll(waits, 2, -1);
             } while (ready < 0 && errno == EINTR);
             if (waits[1].revents != 0) {
-                ::close(fd);
-                return -2;
+                return {};
             }
             socklen_t length = sizeof code;
-            if (::getsockopt(fd, SOL_SOCKET, SO_ERROR, &code, &length) != 0) {
+            if (::getsockopt(fd.get(), SOL_SOCKET, SO_ERROR, &code, &length) != 0) {
                 code = errno;
             }
         }
         if (code == 0) {
-            const int flags = ::fcntl(fd, F_GETFL);
-            ::fcntl(fd, F_SETFL, flags & ~O_NONBLOCK);
-            setNoDelay(fd);
-            setKeepAlive(fd);
+            const int flags = ::fcntl(fd.get(), F_GETFL);
+            ::fcntl(fd.get(), F_SETFL, flags & ~O_NONBLOCK);
+            setNoDelay(fd.get());
+            setKeepAlive(fd.get());
             return fd;
         }
-        ::close(fd);
         auto failure = callError("connect()", code);
         if (isTransient(failure)) {
             lastTransient = failure;
@@ -333,7 +322,7 @@ int TcpConnection::connectOnce(Error& error) {
     if (!error) {
         error = callError("connect()", EADDRNOTAVAIL);
     }
-    return -1;
+    return {};
 }
 
 int TcpConnection::socketFor(const char* call) const {
@@ -341,10 +330,10 @@ int TcpConnection::socketFor(const char* call) const {
     if (cancelRequested_) {
         throw callError(call, ECANCELED);
     }
-    if (state_ != State::ready || socket_ < 0) {
+    if (state_ != State::ready || !socket_) {
         throw callError(call, ENOTCONN);
     }
-    return socket_;
+    return socket_.get();
 }
 
 void TcpConnection::send(ByteView data) {

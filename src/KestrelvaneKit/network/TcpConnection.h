@@ -1,6 +1,7 @@
 #pragma once
 
 #include "KestrelvaneKit/wire/Bytes.h"
+#include "KestrelvaneKit/wire/FileDescriptor.h"
 
 #include <chrono>
 #include <cstdint>
@@ -54,7 +55,7 @@ public:
     /// A connection to `host` (a name or a numeric IPv4/IPv6 address) and `port`.
     TcpConnection(std::string host, std::uint16_t port);
     /// Takes ownership of a connected socket; start() reports ready at once.
-    explicit TcpConnection(int connectedSocket);
+    explicit TcpConnection(FileDescriptor connectedSocket);
     ~TcpConnection();
     TcpConnection(const TcpConnection&) = delete;
     TcpConnection& operator=(const TcpConnection&) = delete;
@@ -97,20 +98,21 @@ private:
     void applyIdleTimeoutLocked();
     std::system_error idleError(const char* call) const;
     void connectLoop();
-    int connectOnce(Error& error);
+    /// The connected socket; none with `error` set, or none when cancel() woke it.
+    FileDescriptor connectOnce(Error& error);
     bool sleepUnlessCancelled(std::chrono::milliseconds interval);
 
     const std::string host_;
     const std::uint16_t port_ = 0;
     const bool accepted_ = false;
-    int wakeFd_ = -1; // eventfd: cancel() wakes the connecting thread with it
+    FileDescriptor wakeFd_; // eventfd: cancel() wakes the connecting thread with it
 
     mutable std::mutex mutex_; // guards everything below
     StateHandler handler_;
     State state_ = State::setup;
     bool cancelRequested_ = false;
     bool connecting_ = false;
-    int socket_ = -1; // the ready socket; closed only by the destructor
+    FileDescriptor socket_; // the ready socket; closed only by the destructor
     std::chrono::milliseconds idleTimeout_{0};
     std::deque<std::pair<State, Error>> pendingReports_;
     bool delivering_ = false;

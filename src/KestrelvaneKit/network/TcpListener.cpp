@@ -16,34 +16,28 @@
 namespace kestrelvane {
 namespace {
 
-std::system_error callError(const char* call, int code) {
-    return std::system_error(code, std::generic_category(),
-                             std::string(call) + " failed (" + std::to_string(code) + ")");
-}
-
-/// A socket listening at `address`, or -1 with `error` set.
-int listenAt(const sockaddr* address, socklen_t length, int& error) {
-    const int fd = ::socket(address->sa_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    if (fd < 0) {
+/// A socket listening at `address`, or none with `error` set.
+FileDescriptor listenAt(const sockaddr* address, socklen_t length, int& error) {
+    FileDescriptor fd(::socket(address->sa_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    if (!fd) {
         error = errno;
-        return -1;
+        return {};
     }
     const int on = 1;
-    ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    ::setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     if (address->sa_family == AF_INET6) {
         // Each family has its own socket, so IPv4 never arrives here mapped.
-        ::setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on);
+        ::setsockopt(fd.get(), IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on);
     }
-    if (::bind(fd, address, length) != 0 || ::listen(fd, SOMAXCONN) != 0) {
+    if (::bind(fd.get(), address, length) != 0 || ::listen(fd.get(), SOMAXCONN) != 0) {
         error = errno;
-        ::close(fd);
-        return -1;
+        return {};
     }
     return fd;
 }
 
-/// A listening socket of one family, or -1 with `error` set.
-int listenOn(int family, std::uint16_t port, TcpListener::Scope scope, int& error) {
+/// A listening socket of one family, or none with `error` set.
+FileDescriptor listenOn(int family, std::uint16_t port, TcpListener::Scope scope, int& error) {
     sockaddr_storage storage{};
     socklen_t length = 0;
     if (family == AF_INET6) {
@@ -63,10 +57,10 @@ int listenOn(int family, std::uint16_t port, TcpListener::Scope scope, int& erro
     return listenAt(reinterpret_cast<const sockaddr*>(&storage), length, error);
 }
 
-std::uint16_t boundPort(int fd) {
+std::uint16_t boundPort(const FileDescriptor& fd) {
     sockaddr_storage storage{};
     socklen_t length = sizeof storage;
-    ::getsockname(fd, reinterpret_cast<sockaddr*>(&storage), &length);
+    ::getsockname(fd.get(), reinterpret_cast<sockaddr*>(&storage), &length);
     return storage.ss_family == AF_INET6
                ? ntohs(reinterpret_cast<const sockaddr_in6&>(storage).sin6_port)
                : ntohs(reinterpret_cast<const sockaddr_in&>(storage).sin_port);
@@ -80,7 +74,7 @@ bool familyIsMissing(int error) {
 
 TcpListener::TcpListener(std::uint16_t port, Scope scope)
     : wakeFd_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
-    if (wakeFd_ < 0) {
+    if (!wakeFd_) {
         throw callError("eventfd()", errno);
     }
     int lastError = 0;
@@ -92,14 +86,13 @@ TcpListener::TcpListener(std::uint16_t port, Scope scope)
         }
     }
     if (sockets_.empty()) {
-        ::close(wakeFd_);
         throw callError("bind()", lastError);
     }
 }
 
 TcpListener::TcpListener(std::uint16_t port, const std::string& address)
     : wakeFd_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
-    if (wakeFd_ < 0) {
+    if (!wakeFd_) {
         throw callError("eventfd()", errno);
     }
     addrinfo hints{};
@@ -107,72 +100,57 @@ TcpListener::TcpListener(std::uint16_t port, const std::string& address)
     hints.ai_socktype = SOCK_STREAM;
     addrinfo* found = nullptr;
     if (::getaddrinfo(address.c_str(), std::to_string(port).c_str(), &hints, &found) != 0) {
-        ::close(wakeFd_);
         throw std::invalid_argument("'" + address + "' is not an IPv4 or IPv6 address");
     }
     int error = 0;
-    const int fd = listenAt(found->ai_addr, found->ai_addrlen, error);
+    FileDescriptor fd = listenAt(found->ai_addr, found->ai_addrlen, error);
     ::freeaddrinfo(found);
-    if (fd < 0) {
-        ::close(wakeFd_);
+    if (!fd) {
         throw callError("bind()", error);
     }
-    sockets_.push_back(fd);
     port_ = boundPort(fd);
+    sockets_.push_back(std::move(fd));
 }
 
 bool TcpListener::bindAll(std::uint16_t port, Scope scope, int& lastError) {
-    for (int fd : sockets_) {
-        ::close(fd);
-    }
     sockets_.clear();
     std::uint16_t chosen = port;
     for (int family : {AF_INET6, AF_INET}) {
         int error = 0;
-        const int fd = listenOn(family, chosen, scope, error);
-        if (fd < 0) {
+        FileDescriptor fd = listenOn(family, chosen, scope, error);
+        if (!fd) {
             lastError = error;
             if (familyIsMissing(error)) {
                 continue;
             }
-            for (int open : sockets_) {
-                ::close(open);
-            }
             sockets_.clear();
             return false;
         }
-        sockets_.push_back(fd);
         chosen = boundPort(fd);
+        sockets_.push_back(std::move(fd));
     }
     port_ = chosen;
     return !sockets_.empty();
 }
 
-TcpListener::~TcpListener() {
-    for (int fd : sockets_) {
-        ::close(fd);
-    }
-    ::close(wakeFd_);
-}
-
 void TcpListener::stop() noexcept {
     stopped_ = true;
     const std::uint64_t one = 1;
-    [[maybe_unused]] auto written = ::write(wakeFd_, &one, sizeof one);
+    [[maybe_unused]] auto written = ::write(wakeFd_.get(), &one, sizeof one);
 }
 
 std::shared_ptr<TcpConnection> TcpListener::accept() {
-    const int fd = acceptSocket();
-    return fd < 0 ? nullptr : std::make_shared<TcpConnection>(fd);
+    FileDescriptor fd = acceptSocket();
+    return fd ? std::make_shared<TcpConnection>(std::move(fd)) : nullptr;
 }
 
-int TcpListener::acceptSocket() {
+FileDescriptor TcpListener::acceptSocket() {
     std::lock_guard accepting(acceptMutex_);
     std::vector<pollfd> waits;
-    for (int fd : sockets_) {
-        waits.push_back({fd, POLLIN, 0});
+    for (const auto& fd : sockets_) {
+        waits.push_back({fd.get(), POLLIN, 0});
     }
-    waits.push_back({wakeFd_, POLLIN, 0});
+    waits.push_back({wakeFd_.get(), POLLIN, 0});
     while (!stopped_) {
         for (auto& wait : waits) {
             wait.revents = 0;
@@ -187,8 +165,8 @@ int TcpListener::acceptSocket() {
             if (waits[i].revents == 0) {
                 continue;
             }
-            const int fd = ::accept4(waits[i].fd, nullptr, nullptr, SOCK_CLOEXEC);
-            if (fd >= 0) {
+            FileDescriptor fd(::accept4(waits[i].fd, nullptr, nullptr, SOCK_CLOEXEC));
+            if (fd) {
                 return fd;
             }
             const int code = errno;
@@ -201,14 +179,14 @@ int TcpListener::acceptSocket() {
                 // Out of descriptors or memory for now: the connection waits in
                 // the backlog until a session ends and frees some. Pause rather
                 // than spin on a queue that stays readable; stop() still wakes.
-                pollfd wake{wakeFd_, POLLIN, 0};
+                pollfd wake{wakeFd_.get(), POLLIN, 0};
                 ::poll(&wake, 1, static_cast<int>(resourceRetryInterval.count()));
                 break;
             }
             throw callError("accept()", code);
         }
     }
-    return -1;
+    return {};
 }
 
 } // namespace kestrelvane

@@ -35,7 +35,6 @@ public:
     /// when `address` is no such literal, std::system_error ("bind() failed
     /// (errno)", EADDRNOTAVAIL when no interface has the address) otherwise.
     TcpListener(std::uint16_t port, const std::string& address);
-    ~TcpListener();
     TcpListener(const TcpListener&) = delete;
     TcpListener& operator=(const TcpListener&) = delete;
 
@@ -51,17 +50,17 @@ public:
     /// a connection that was aborted before it could be taken.
     std::shared_ptr<TcpConnection> accept();
     /// As accept(), but the bare connected socket, which the caller then owns;
-    /// -1 once stopped. For servers that speak on descriptors of their own.
-    int acceptSocket();
+    /// empty once stopped. For servers that speak on descriptors of their own.
+    FileDescriptor acceptSocket();
     /// Wakes accept() and makes every later call return nullptr. Any thread, any time.
     void stop() noexcept;
 
 private:
     bool bindAll(std::uint16_t port, Scope scope, int& lastError);
 
-    std::vector<int> sockets_;
+    std::vector<FileDescriptor> sockets_;
     std::uint16_t port_ = 0;
-    int wakeFd_ = -1;
+    FileDescriptor wakeFd_;
     std::atomic<bool> stopped_{false};
     std::mutex acceptMutex_; // one accepting thread at a time
 };

@@ -1,6 +1,7 @@
 #include "KestrelvaneKit/receiving/FolderSaver.h"
 
 #include "KestrelvaneKit/intake/Checksum.h"
+#include "KestrelvaneKit/wire/FileDescriptor.h"
 
 #include <uuid/uuid.h>
 
@@ -9,7 +10,6 @@
 #include <chrono>
 #include <fcntl.h>
 #include <iterator>
-#include <memory>
 #include <stdio.h>
 #include <sys/stat.h>
 #include <system_error>
@@ -24,26 +24,9 @@ namespace fs = std::filesystem;
     throw std::system_error(errno, std::generic_category(), what);
 }
 
-/// A descriptor closed on every path.
-class Descriptor {
-public:
-    explicit Descriptor(int fd) : fd_(fd) {}
-    ~Descriptor() {
-        if (fd_ >= 0) {
-            ::close(fd_);
-        }
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    int get() const noexcept { return fd_; }
-
-private:
-    int fd_;
-};
-
 void syncPath(const fs::path& path, int flags) {
-    const Descriptor descriptor(::open(path.c_str(), flags | O_CLOEXEC));
-    if (descriptor.get() < 0 || ::fsync(descriptor.get()) != 0) {
+    const FileDescriptor descriptor(::open(path.c_str(), flags | O_CLOEXEC));
+    if (!descriptor || ::fsync(descriptor.get()) != 0) {
         throwErrno("cannot sync " + path.string());
     }
 }
@@ -54,37 +37,30 @@ void syncFolder(const fs::path& folder) {
 
 /// Copies `from` into a new file `to`, synced; removes `to` again on failure.
 void copyDurably(const fs::path& from, const fs::path& to) {
-    const Descriptor in(::open(from.c_str(), O_RDONLY | O_CLOEXEC));
-    if (in.get() < 0) {
+    const FileDescriptor in(::open(from.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!in) {
         throwErrno("cannot read " + from.string());
     }
-    const Descriptor out(::open(to.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
-    if (out.get() < 0) {
+    const FileDescriptor out(::open(to.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
+    if (!out) {
         throwErrno("cannot create " + to.string());
     }
     try {
-        std::array<char, 1 << 16> buffer{};
-        while (true) {
-            const ssize_t got = ::read(in.get(), buffer.data(), buffer.size());
-            if (got < 0 && errno == EINTR) {
-                continue;
-            }
-            if (got < 0) {
-                throwErrno("cannot read " + from.string());
+        std::array<std::uint8_t, 1 << 16> buffer{};
+        for (;;) {
+            std::size_t got = 0;
+            try {
+                got = FileDescriptor::readSome(in.get(), buffer);
+            } catch (const std::system_error& error) {
+                throw std::system_error(error.code(), "cannot read " + from.string());
             }
             if (got == 0) {
                 break;
             }
-            for (ssize_t done = 0; done < got;) {
-                const ssize_t put =
-                    ::write(out.get(), buffer.data() + done, static_cast<std::size_t>(got - done));
-                if (put < 0 && errno == EINTR) {
-                    continue;
-                }
-                if (put < 0) {
-                    throwErrno("cannot write " + to.string());
-                }
-                done += put;
+            try {
+                FileDescriptor::writeAll(out.get(), ByteView(buffer.data(), got));
+            } catch (const std::system_error& error) {
+                throw std::system_error(error.code(), "cannot write " + to.string());
             }
         }
         if (::fsync(out.get()) != 0) {
@@ -327,7 +303,7 @@ void FolderSaver::saveGroup(std::vector<Waiting>& group) {
     bool folderReady = false;
 
     // Mode, date, and writeback started for every file before any is waited on.
-    std::vector<std::unique_ptr<Descriptor>> open(group.size());
+    std::vector<FileDescriptor> open(group.size());
     for (std::size_t i = 0; i < group.size(); ++i) {
         const Waiting& waiting = group[i];
         try {
@@ -353,18 +329,17 @@ void FolderSaver::saveGroup(std::vector<Waiting>& group) {
             if (waiting.header.creationDate) {
                 setModificationTime(waiting.file, *waiting.header.creationDate);
             }
-            open[i] =
-                std::make_unique<Descriptor>(::open(waiting.file.c_str(), O_RDONLY | O_CLOEXEC));
-            if (open[i]->get() < 0) {
+            open[i].reset(::open(waiting.file.c_str(), O_RDONLY | O_CLOEXEC));
+            if (!open[i]) {
                 throwErrno("cannot sync " + waiting.file.string());
             }
-            ::sync_file_range(open[i]->get(), 0, 0, SYNC_FILE_RANGE_WRITE);
+            ::sync_file_range(open[i].get(), 0, 0, SYNC_FILE_RANGE_WRITE);
         } catch (...) {
             fail(outcomes[i]);
         }
     }
     for (std::size_t i = 0; i < group.size(); ++i) {
-        if (!failed(outcomes[i]) && ::fsync(open[i]->get()) != 0) {
+        if (!failed(outcomes[i]) && ::fsync(open[i].get()) != 0) {
             outcomes[i].status = Ack::Status::error;
             outcomes[i].message =
                 std::system_error(errno, std::generic_category()).code().message();

@@ -2,16 +2,15 @@
 
 #include "KestrelvaneKit/intake/Checksum.h"
 #include "KestrelvaneKit/log/KVLog.h"
+#include "KestrelvaneKit/wire/FileDescriptor.h"
 #include "KestrelvaneKit/wire/WireMessage.h"
 
 #include <uuid/uuid.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
 #include <thread>
-#include <unistd.h>
 
 namespace kestrelvane {
 namespace {
@@ -39,44 +38,6 @@ void removeIgnoringErrors(const fs::path& path) {
     std::error_code ignored;
     fs::remove(path, ignored);
 }
-
-/// A descriptor open for writing, closed (ignoring errors) on every path.
-class WriteHandle {
-public:
-    explicit WriteHandle(const fs::path& path)
-        : fd_(path.empty() ? -1
-                           : ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600)) {
-    }
-    ~WriteHandle() { close(); }
-    WriteHandle(const WriteHandle&) = delete;
-    WriteHandle& operator=(const WriteHandle&) = delete;
-
-    bool isOpen() const noexcept { return fd_ >= 0; }
-
-    bool writeAll(ByteView bytes) noexcept {
-        while (!bytes.empty()) {
-            const ssize_t written = ::write(fd_, bytes.data(), bytes.size());
-            if (written < 0 && errno == EINTR) {
-                continue;
-            }
-            if (written <= 0) {
-                return false;
-            }
-            bytes = bytes.subspan(static_cast<std::size_t>(written));
-        }
-        return true;
-    }
-
-    void close() noexcept {
-        if (fd_ >= 0) {
-            ::close(fd_);
-            fd_ = -1;
-        }
-    }
-
-private:
-    int fd_;
-};
 
 std::string freshUpperCaseUuid() {
     uuid_t uuid;
@@ -163,8 +124,11 @@ void TransferServer::receiveFile(FrameChannel& channel, const FileHeader& header
                                  MutableByteView pieceBuffer, bool& sessionGoesOn) {
     const double start = KVLog::now();
     const fs::path temporaryFile = temporaryFileFor(header.name);
-    WriteHandle handle(temporaryFile);
-    if (temporaryFile.empty() || !handle.isOpen()) {
+    FileDescriptor handle;
+    if (!temporaryFile.empty()) {
+        handle.reset(::open(temporaryFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+    }
+    if (!handle) {
         sendAckIgnoringErrors(channel, Ack{.name = header.name,
                                            .status = Ack::Status::error,
                                            .message = "could not open temp file"});
@@ -182,20 +146,22 @@ void TransferServer::receiveFile(FrameChannel& channel, const FileHeader& header
         try {
             channel.receiveRawInto(piece);
         } catch (...) {
-            handle.close();
+            handle.reset();
             removeIgnoringErrors(temporaryFile);
             throw;
         }
         hasher.update(piece);
-        if (!handle.writeAll(piece)) {
-            handle.close();
+        try {
+            FileDescriptor::writeAll(handle.get(), piece);
+        } catch (const std::system_error&) {
+            handle.reset();
             removeIgnoringErrors(temporaryFile);
             sessionGoesOn = false;
             return;
         }
         remaining -= piece.size();
     }
-    handle.close();
+    handle.reset();
 
     const double elapsed = KVLog::now() - start;
     KVLog::net().info(KVLog::Lines::recv(header.name, header.byteCount, elapsed));

@@ -91,12 +91,12 @@ PreparedFile PreparedFile::prepare(const fs::path& path, MediaType type, std::st
     // Non-blocking, so that a pipe put where a photo was fails below as not a
     // regular file instead of waiting for a writer that never comes; reads of
     // a regular file are unaffected.
-    file.fd_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-    if (file.fd_ < 0) {
+    file.fd_.reset(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    if (!file.fd_) {
         throwFileError("cannot open file", path, errno);
     }
     struct stat status {};
-    if (::fstat(file.fd_, &status) != 0) {
+    if (::fstat(file.fd_.get(), &status) != 0) {
         throwFileError("cannot read file", path, errno);
     }
     if (!S_ISREG(status.st_mode)) {
@@ -109,7 +109,7 @@ PreparedFile PreparedFile::prepare(const fs::path& path, MediaType type, std::st
         // what was read and hashed.
         file.data_ = Buffer::take(static_cast<std::size_t>(status.st_size) + 1);
         while (true) {
-            const std::size_t got = readAt(file.fd_, file.data_.bytes.get() + count,
+            const std::size_t got = readAt(file.fd_.get(), file.data_.bytes.get() + count,
                                            file.data_.capacity - count, count, path);
             count += got;
             if (count < file.data_.capacity) {
@@ -120,16 +120,16 @@ PreparedFile PreparedFile::prepare(const fs::path& path, MediaType type, std::st
             Buffer::giveBack(std::exchange(file.data_, std::move(larger)));
         }
         file.size_ = static_cast<std::size_t>(count);
-        ::close(file.fd_);
-        file.fd_ = -1;
+        file.fd_.reset();
         file.header_.sha256 = Checksum::sha256Hex(ByteView(file.data_.bytes.get(), file.size_));
     } else {
         // Read front to back twice (hashing now, sending later): let the
         // kernel read ahead eagerly. Only advice, so a failure changes nothing.
-        ::posix_fadvise(file.fd_, 0, 0, POSIX_FADV_SEQUENTIAL);
+        ::posix_fadvise(file.fd_.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
         Sha256Hasher hasher;
         Bytes chunk(streamChunkBytes);
-        while (const std::size_t got = readAt(file.fd_, chunk.data(), chunk.size(), count, path)) {
+        while (const std::size_t got =
+                   readAt(file.fd_.get(), chunk.data(), chunk.size(), count, path)) {
             if (stop.stop_requested()) {
                 throw StreamError::closed();
             }
@@ -151,18 +151,15 @@ PreparedFile PreparedFile::prepare(const fs::path& path, MediaType type, std::st
 PreparedFile::PreparedFile(PreparedFile&& other) noexcept
     : path_(std::move(other.path_)), header_(std::move(other.header_)),
       data_(std::move(other.data_)), size_(std::exchange(other.size_, 0)),
-      fd_(std::exchange(other.fd_, -1)) {
+      fd_(std::move(other.fd_)) {
 }
 
 PreparedFile::~PreparedFile() {
     Buffer::giveBack(std::move(data_));
-    if (fd_ >= 0) {
-        ::close(fd_);
-    }
 }
 
 void PreparedFile::writeBytes(FrameChannel& channel) {
-    if (fd_ < 0) {
+    if (!fd_) {
         channel.sendRaw(ByteView(data_.bytes.get(), size_));
         return;
     }
@@ -171,7 +168,7 @@ void PreparedFile::writeBytes(FrameChannel& channel) {
     while (sent < header_.byteCount) {
         const auto want = static_cast<std::size_t>(
             std::min<std::uint64_t>(chunk.size(), header_.byteCount - sent));
-        const std::size_t got = readAt(fd_, chunk.data(), want, sent, path_);
+        const std::size_t got = readAt(fd_.get(), chunk.data(), want, sent, path_);
         if (got < want) {
             throwFileError("file shrank while it was being sent", path_, EIO);
         }

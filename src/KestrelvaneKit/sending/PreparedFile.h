@@ -1,6 +1,7 @@
 #pragma once
 
 #include "KestrelvaneKit/wire/Bytes.h"
+#include "KestrelvaneKit/wire/FileDescriptor.h"
 #include "KestrelvaneKit/wire/FileHeader.h"
 #include "KestrelvaneKit/wire/FrameChannel.h"
 
@@ -62,7 +63,7 @@ private:
     FileHeader header_;
     Buffer data_;          // whole contents, for files read into memory
     std::size_t size_ = 0; // of them
-    int fd_ = -1;          // open descriptor, for files streamed while sending
+    FileDescriptor fd_;    // open, for files streamed while sending
 };
 
 } // namespace kestrelvane

@@ -6,7 +6,6 @@
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <system_error>
-#include <unistd.h>
 
 namespace kestrelvane {
 
@@ -14,16 +13,12 @@ namespace fs = std::filesystem;
 
 namespace {
 
-/// An exclusive lock on `folder`'s lock file, or -1 when another process holds it.
-int tryLock(const fs::path& folder) {
-    const int fd = ::open((folder / ScratchFolder::lockName).c_str(),
-                          O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
-    if (fd < 0) {
-        return -1;
-    }
-    if (::flock(fd, LOCK_EX | LOCK_NB) != 0) {
-        ::close(fd);
-        return -1;
+/// An exclusive lock on `folder`'s lock file, or none when another process holds it.
+FileDescriptor tryLock(const fs::path& folder) {
+    FileDescriptor fd(::open((folder / ScratchFolder::lockName).c_str(),
+                             O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+    if (fd && ::flock(fd.get(), LOCK_EX | LOCK_NB) != 0) {
+        return {};
     }
     return fd;
 }
@@ -48,7 +43,7 @@ ScratchFolder::ScratchFolder() {
     }
     const fs::path made = pattern;
     lock_ = tryLock(made);
-    if (lock_ < 0) {
+    if (!lock_) {
         const int failure = errno;
         fs::remove_all(made, error);
         throw std::system_error(failure, std::generic_category(), "cannot lock " + pattern);
@@ -58,7 +53,6 @@ ScratchFolder::ScratchFolder() {
     if (::rename(made.c_str(), path_.c_str()) != 0) {
         const int failure = errno;
         fs::remove_all(made, error);
-        ::close(lock_);
         throw std::system_error(failure, std::generic_category(),
                                 "cannot rename " + made.string() + " to " + path_.string());
     }
@@ -75,7 +69,6 @@ ScratchFolder::~ScratchFolder() {
         leaving = path_;
     }
     fs::remove_all(leaving, ignored);
-    ::close(lock_);
 }
 
 int ScratchFolder::removeAbandoned(const fs::path& temporaryDirectory) {
@@ -88,8 +81,8 @@ int ScratchFolder::removeAbandoned(const fs::path& temporaryDirectory) {
         }
         // Between taking the lock and removing the folder nobody can claim it:
         // a new receiver's folder only takes this name once it is locked.
-        const int lock = tryLock(entry.path());
-        if (lock < 0) {
+        const FileDescriptor lock = tryLock(entry.path());
+        if (!lock) {
             continue; // its receiver is still running
         }
         // A receiver that just ended may have renamed its folder away and
@@ -97,14 +90,13 @@ int ScratchFolder::removeAbandoned(const fs::path& temporaryDirectory) {
         // no longer the one in the folder of that name.
         struct stat locked {
         }, named{};
-        const bool stillThere = ::fstat(lock, &locked) == 0 &&
+        const bool stillThere = ::fstat(lock.get(), &locked) == 0 &&
                                 ::stat((entry.path() / lockName).c_str(), &named) == 0 &&
                                 locked.st_dev == named.st_dev && locked.st_ino == named.st_ino;
         std::error_code ignored;
         if (stillThere && fs::remove_all(entry.path(), ignored) > 0) {
             ++removed;
         }
-        ::close(lock);
     }
     return removed;
 }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "KestrelvaneKit/wire/FileDescriptor.h"
+
 #include <filesystem>
 
 namespace kestrelvane {
@@ -33,7 +35,7 @@ public:
 
 private:
     std::filesystem::path path_;
-    int lock_ = -1;
+    FileDescriptor lock_; // held until the folder is gone
 };
 
 } // namespace kestrelvane

@@ -111,7 +111,7 @@ std::shared_ptr<KestrelvaneStream> UsbPhones::connect(const std::string& serial)
 }
 
 std::shared_ptr<KestrelvaneStream> UsbPhones::stream(FileDescriptor tunnel) {
-    return std::make_shared<UsbmuxdStream>(tunnel.release());
+    return std::make_shared<UsbmuxdStream>(std::move(tunnel));
 }
 
 } // namespace kestrelvane

@@ -11,6 +11,7 @@
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <system_error>
 #include <unistd.h>
 #include <utility>
 
@@ -20,24 +21,6 @@ namespace {
 std::string errnoText(int error) {
     return "(" + std::to_string(error) + ")";
 }
-
-/// Closes a control socket on every path unless it is handed out.
-class SocketGuard {
-public:
-    explicit SocketGuard(int fd) noexcept : fd_(fd) {}
-    ~SocketGuard() {
-        if (fd_ >= 0) {
-            ::close(fd_);
-        }
-    }
-    SocketGuard(const SocketGuard&) = delete;
-    SocketGuard& operator=(const SocketGuard&) = delete;
-    int get() const noexcept { return fd_; }
-    int release() noexcept { return std::exchange(fd_, -1); }
-
-private:
-    int fd_;
-};
 
 std::optional<std::uint16_t> parsePort(const std::string& text) {
     if (text.empty() || text.size() > 5) {
@@ -56,25 +39,25 @@ std::optional<std::uint16_t> parsePort(const std::string& text) {
     return static_cast<std::uint16_t>(value);
 }
 
-int connectUnix(const std::string& path) {
-    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) {
+FileDescriptor connectUnix(const std::string& path) {
+    FileDescriptor fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (!fd) {
         throw UsbmuxdError::connectFailed(errno, "socket() failed " + errnoText(errno));
     }
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     // At most 103 bytes, so the path stays zero-terminated.
     std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 5);
-    if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+    if (::connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
         const int error = errno;
-        ::close(fd);
         throw UsbmuxdError::connectFailed(error,
                                           "connect(" + path + ") failed " + errnoText(error));
     }
     return fd;
 }
 
-int connectTcp(const std::string& host, std::uint16_t port, const std::string& described) {
+FileDescriptor connectTcp(const std::string& host, std::uint16_t port,
+                          const std::string& described) {
     addrinfo hints{};
     hints.ai_family = AF_UNSPEC;
     hints.ai_socktype = SOCK_STREAM;
@@ -88,18 +71,17 @@ int connectTcp(const std::string& host, std::uint16_t port, const std::string& d
     const std::unique_ptr<addrinfo, void (*)(addrinfo*)> owned(found, ::freeaddrinfo);
     int lastError = 0;
     for (const addrinfo* candidate = found; candidate != nullptr; candidate = candidate->ai_next) {
-        const int fd = ::socket(candidate->ai_family, candidate->ai_socktype | SOCK_CLOEXEC, 0);
-        if (fd < 0) {
+        FileDescriptor fd(::socket(candidate->ai_family, candidate->ai_socktype | SOCK_CLOEXEC, 0));
+        if (!fd) {
             throw UsbmuxdError::connectFailed(errno, "socket() failed " + errnoText(errno));
         }
-        if (::connect(fd, candidate->ai_addr, candidate->ai_addrlen) == 0) {
+        if (::connect(fd.get(), candidate->ai_addr, candidate->ai_addrlen) == 0) {
             // Requests and the tunnel's small frames must not wait on Nagle.
             const int one = 1;
-            ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+            ::setsockopt(fd.get(), IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
             return fd;
         }
         lastError = errno;
-        ::close(fd);
     }
     throw UsbmuxdError::connectFailed(lastError,
                                       "connect(" + described + ") failed " + errnoText(lastError));
@@ -174,7 +156,7 @@ std::uint32_t UsbmuxdClient::takeTag() {
     return nextTag_++; // unsigned: wraps at the top of the range
 }
 
-int UsbmuxdClient::openSocket() const {
+FileDescriptor UsbmuxdClient::openSocket() const {
     return address_.isUnix() ? connectUnix(address_.path)
                              : connectTcp(address_.host, address_.port, address_.describe());
 }
@@ -183,14 +165,10 @@ void UsbmuxdClient::send(int fd, std::uint32_t tag, const PropertyList& plist) c
     const Bytes body =
         plist.serialize(requestFormat_ == RequestFormat::binary ? PropertyList::Format::binary
                                                                 : PropertyList::Format::xml);
-    const Bytes packet = UsbmuxdProtocol::encode(tag, body);
-    ByteView remaining(packet);
-    while (!remaining.empty()) {
-        const ssize_t written = ::send(fd, remaining.data(), remaining.size(), MSG_NOSIGNAL);
-        if (written <= 0) {
-            throw UsbmuxdError::socketError("write failed " + errnoText(errno));
-        }
-        remaining = remaining.subspan(static_cast<std::size_t>(written));
+    try {
+        FileDescriptor::writeAll(fd, UsbmuxdProtocol::encode(tag, body));
+    } catch (const std::system_error& error) {
+        throw UsbmuxdError::socketError("write failed " + errnoText(error.code().value()));
     }
 }
 
@@ -252,14 +230,14 @@ std::vector<UsbmuxdClient::Device> UsbmuxdClient::parseDevices(plist_t reply) {
 
 std::vector<UsbmuxdClient::Device> UsbmuxdClient::listDevices() {
     const std::lock_guard lock(mutex_);
-    const SocketGuard socket(openSocket());
+    const FileDescriptor socket = openSocket();
     send(socket.get(), takeTag(), request("ListDevices"));
     return parseDevices(readResponse(socket.get()).get());
 }
 
 UsbmuxdClient::ConnectResult UsbmuxdClient::connect(std::int64_t deviceID, std::uint16_t port) {
     const std::lock_guard lock(mutex_);
-    SocketGuard socket(openSocket());
+    FileDescriptor socket = openSocket();
     PropertyList plist = request("Connect");
     plist.set("DeviceID", PropertyList::integer(deviceID));
     // The daemon wants the port in network byte order, read as a host integer.

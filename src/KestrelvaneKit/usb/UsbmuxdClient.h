@@ -1,6 +1,7 @@
 #pragma once
 
 #include "KestrelvaneKit/usb/PropertyList.h"
+#include "KestrelvaneKit/wire/FileDescriptor.h"
 
 #include <cstdint>
 #include <mutex>
@@ -103,7 +104,7 @@ public:
     }
 
 private:
-    int openSocket() const;
+    FileDescriptor openSocket() const;
     std::uint32_t takeTag();
     void send(int fd, std::uint32_t tag, const PropertyList& plist) const;
     PropertyList readResponse(int fd) const;

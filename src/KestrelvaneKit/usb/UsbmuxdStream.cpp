@@ -7,15 +7,16 @@
 #include <string>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <utility>
 
 namespace kestrelvane {
 
-UsbmuxdStream::UsbmuxdStream(int fileDescriptor) : fd_(fileDescriptor) {
+UsbmuxdStream::UsbmuxdStream(FileDescriptor fileDescriptor) : fd_(std::move(fileDescriptor)) {
     // Larger buffers keep file data flowing while the other side is busy;
     // failures only cost speed.
     const int size = socketBufferBytes;
-    ::setsockopt(fd_, SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
-    ::setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
+    ::setsockopt(fd_.get(), SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
+    ::setsockopt(fd_.get(), SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
 }
 
 UsbmuxdStream::~UsbmuxdStream() {
@@ -34,17 +35,11 @@ void UsbmuxdStream::enter() {
 }
 
 void UsbmuxdStream::leave() noexcept {
-    bool release = false;
-    {
-        const std::lock_guard lock(stateMutex_);
-        --callsInProgress_;
-        if (closed_ && callsInProgress_ == 0 && !released_) {
-            released_ = true;
-            release = true;
-        }
-    }
-    if (release) {
-        ::close(fd_);
+    FileDescriptor released; // closed after the lock is let go
+    const std::lock_guard lock(stateMutex_);
+    --callsInProgress_;
+    if (closed_ && callsInProgress_ == 0) {
+        released = std::move(fd_);
     }
 }
 
@@ -62,7 +57,8 @@ void UsbmuxdStream::send(ByteView data) {
     while (written < data.size()) {
         enter();
         // A vanished peer must fail the write, not raise SIGPIPE.
-        const ssize_t n = ::send(fd_, data.data() + written, data.size() - written, MSG_NOSIGNAL);
+        const ssize_t n =
+            ::send(fd_.get(), data.data() + written, data.size() - written, MSG_NOSIGNAL);
         const int error = errno;
         leave();
         if (n > 0) {
@@ -95,7 +91,7 @@ std::size_t UsbmuxdStream::receiveInto(MutableByteView into) {
     const std::lock_guard serial(receiveMutex_);
     for (;;) {
         enter();
-        const ssize_t n = ::read(fd_, into.data(), into.size());
+        const ssize_t n = ::read(fd_.get(), into.data(), into.size());
         const int error = errno;
         leave();
         if (n > 0) {
@@ -114,23 +110,17 @@ std::size_t UsbmuxdStream::receiveInto(MutableByteView into) {
 }
 
 void UsbmuxdStream::close() noexcept {
-    bool release = false;
-    {
-        const std::lock_guard lock(stateMutex_);
-        if (closed_) {
-            return;
-        }
-        closed_ = true;
-        if (callsInProgress_ == 0) {
-            released_ = true;
-            release = true;
-        } else {
-            // Wakes the blocked call; it releases the descriptor when it leaves.
-            ::shutdown(fd_, SHUT_RDWR);
-        }
+    FileDescriptor released; // closed after the lock is let go
+    const std::lock_guard lock(stateMutex_);
+    if (closed_) {
+        return;
     }
-    if (release) {
-        ::close(fd_);
+    closed_ = true;
+    if (callsInProgress_ == 0) {
+        released = std::move(fd_);
+    } else {
+        // Wakes the blocked call; it releases the descriptor when it leaves.
+        ::shutdown(fd_.get(), SHUT_RDWR);
     }
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "KestrelvaneKit/wire/FileDescriptor.h"
 #include "KestrelvaneKit/wire/KestrelvaneStream.h"
 
 #include <cstdint>
@@ -20,8 +21,7 @@ class UsbmuxdStream final : public KestrelvaneStream {
 public:
     static constexpr int socketBufferBytes = 4 * 1024 * 1024;
 
-    /// Takes ownership of `fileDescriptor`.
-    explicit UsbmuxdStream(int fileDescriptor);
+    explicit UsbmuxdStream(FileDescriptor fileDescriptor);
     /// The owner's end: closes the stream if close() was not called, which
     /// releases the descriptor. No call may be running on it by then; to wake
     /// a thread blocked in receive() or send(), call close() and let that
@@ -48,12 +48,11 @@ private:
     void leave() noexcept;
     bool isClosed() const;
 
-    const int fd_;
+    FileDescriptor fd_;       // emptied (closed) once closed and no call is left on it
     std::mutex sendMutex_;    // one send at a time
     std::mutex receiveMutex_; // one receive at a time
     mutable std::mutex stateMutex_;
     bool closed_ = false;     // guarded by stateMutex_
-    bool released_ = false;   // guarded by stateMutex_
     int callsInProgress_ = 0; // guarded by stateMutex_
 };
 
