@@ -85,12 +85,25 @@ void SenderViewModel::send(int fd, OnFailure onFailure) {
 }
 
 void SenderViewModel::send(const Destination& destination, OnFailure onFailure) {
-    startSend(
-        queue_.unsentURLs(), [destination] { return destination.connect(); }, std::move(onFailure));
+    // Connected by the run, so that closing the window stops a connection being made.
+    start(
+        queue_.unsentURLs(),
+        [destination](SendRun& run) { return run.run(destination).brokeOff.has_value(); },
+        std::move(onFailure));
 }
 
 void SenderViewModel::startSend(const std::vector<std::filesystem::path>& urls,
                                 MakeStream makeStream, OnFailure onFailure) {
+    start(
+        urls,
+        [makeStream = std::move(makeStream)](SendRun& run) {
+            return run.run(makeStream()).brokeOff.has_value();
+        },
+        std::move(onFailure));
+}
+
+void SenderViewModel::start(const std::vector<std::filesystem::path>& urls, Runner runner,
+                            OnFailure onFailure) {
     if (urls.empty() || isSending_) {
         return;
     }
@@ -124,11 +137,11 @@ void SenderViewModel::startSend(const std::vector<std::filesystem::path>& urls,
             run->cancel();
         }
     }
-    worker_ = std::thread(
-        [this, run, makeStream = std::move(makeStream), onFailure = std::move(onFailure)] {
+    worker_ =
+        std::thread([this, run, runner = std::move(runner), onFailure = std::move(onFailure)] {
             bool dropped = false;
             try {
-                dropped = run->run(makeStream()).brokeOff.has_value();
+                dropped = runner(*run);
             } catch (const std::exception&) {
                 dropped = true; // no connection
             }

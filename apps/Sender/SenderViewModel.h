@@ -76,6 +76,10 @@ signals:
 
 private:
     using Clock = std::chrono::steady_clock;
+    /// Runs the send; true when it broke off. May throw (no connection).
+    using Runner = std::function<bool(SendRun&)>;
+
+    void start(const std::vector<std::filesystem::path>& urls, Runner runner, OnFailure onFailure);
 
     void applyProgress(const std::filesystem::path& url, bool ok, const QString& message,
                        std::uint64_t byteCount);

@@ -121,7 +121,9 @@ void TransferQueue::planNext() {
     std::vector<fs::path> queued;
     queued.reserve(items_.size());
     for (const Item& item : items_) {
-        queued.push_back(item.url);
+        if (!item.unreadable) { // dropped again, it may be readable now
+            queued.push_back(item.url);
+        }
     }
     planner_->runThenDeliver([this, adding = std::move(adding), queued = std::move(queued),
                               generation = generation_]() -> std::function<void()> {
@@ -188,8 +190,13 @@ void TransferQueue::appendPlanned(std::shared_ptr<std::vector<Planned>> planned,
             break;
         }
         Planned& entry = (*planned)[next];
-        if (!entry.unreadable.isEmpty() && rowById_.contains(entry.id)) {
-            continue; // dropped again: one row says it already
+        if (const auto row = rowById_.find(entry.id); row != rowById_.end()) {
+            // Only an unreadable row is planned again: it stays, or gives way.
+            if (entry.unreadable.isEmpty()) {
+                remove({entry.id});
+            } else {
+                continue;
+            }
         }
         Item item;
         item.id = std::move(entry.id);

@@ -344,6 +344,10 @@ private slots:
         QCOMPARE(queue().items().size(), std::size_t{5});
         QCOMPARE(queue().unsentCount(), 4);
         QCOMPARE(queue().unsentURLs().size(), std::size_t{4});
+        testing::writeFile(gone, testing::pattern(10, 1)); // there after all
+        QVERIFY(addAndWait({gone}));
+        QCOMPARE(column(queue()).last(), "queued");
+        QCOMPARE(queue().unsentURLs().size(), std::size_t{5});
     }
 
     void clearingCancelsTheDropsStillBeingPlannedOrAppended() {

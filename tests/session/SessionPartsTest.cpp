@@ -23,6 +23,22 @@ namespace {
 
 constexpr std::uint64_t mib = 1'048'576;
 
+TEST(Destination, ParsesTheFormsItIsWrittenIn) {
+    const std::pair<std::string, Destination> forms[] = {
+        {"usb", Destination::usb()},
+        {"usb:00008030-001A", Destination::usb("00008030-001A")},
+        {"desk.local:9876", Destination::address("desk.local", 9876)},
+        {"[fe80::1%eth0]:80", Destination::address("fe80::1%eth0", 80)},
+        {"Mac mini: Photos", Destination::announced("Mac mini: Photos")},
+    };
+    for (const auto& [text, destination] : forms) {
+        EXPECT_EQ(Destination::parse(text), destination) << text;
+    }
+    for (const std::string bad : {"[::1]", "::1:80", ":80", "host:65536", ""}) {
+        EXPECT_THROW(Destination::parse(bad), std::invalid_argument) << bad;
+    }
+}
+
 // Each way a connection fails has its own cause, so that a caller tells them
 // apart without reading the message.
 TEST(Destination, EachFailureToConnectHasItsOwnCause) {

@@ -1,7 +1,7 @@
 #include "VirtualPhone.h"
 
 #include "KestrelvaneKit/session/ReceiverService.h"
-#include "KestrelvaneKit/usb/UsbmuxdStream.h"
+#include "KestrelvaneKit/session/UsbPhones.h"
 
 #include <memory>
 #include <stdexcept>
@@ -100,7 +100,7 @@ void VirtualPhone::serve(int fd) const {
     // can shut the tunnel down from outside.
     FileDescriptor own(::dup(fd));
     if (service_ && own) {
-        service_->serve(std::make_shared<UsbmuxdStream>(std::move(own)));
+        service_->serve(UsbPhones::stream(std::move(own)));
     }
 }
 

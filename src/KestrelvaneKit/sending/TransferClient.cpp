@@ -41,13 +41,22 @@ struct BatchEntry {
 /// unsettled file of its name, in batch order.
 class AcksBox {
 public:
-    explicit AcksBox(const std::vector<BatchEntry>& batch) : batch_(batch) {
+    explicit AcksBox(const std::vector<BatchEntry>& batch)
+        : batch_(batch), written_(batch.size()) {
         for (std::size_t i = 0; i < batch_.size(); ++i) {
             unsettled_.emplace(canonical(batch_[i].path.filename().string()), i);
         }
     }
 
-    /// Keeps `ack` and returns the file it settles, if any, with its size.
+    /// The writer has put the `i`th file on the wire with `byteCount` bytes.
+    void wrote(std::size_t i, std::uint64_t byteCount) {
+        const std::lock_guard lock(mutex_);
+        written_[i] = byteCount;
+    }
+
+    /// Keeps `ack` and returns the file it settles, if any, with the bytes
+    /// sent of it (0 for one not sent yet): what the file has become on disk
+    /// since does not matter.
     const BatchEntry* append(const Ack& ack, std::uint64_t& byteCount) {
         const std::lock_guard lock(mutex_);
         acks_.push_back(ack);
@@ -58,11 +67,9 @@ public:
         if (found == unsettled_.end() || found->first != name) {
             return nullptr;
         }
+        byteCount = written_[found->second];
         const BatchEntry& entry = batch_[found->second];
         unsettled_.erase(found);
-        std::error_code error;
-        const auto size = fs::file_size(entry.path, error);
-        byteCount = error ? 0 : size;
         return &entry;
     }
 
@@ -76,6 +83,7 @@ private:
     mutable std::mutex mutex_;
     std::vector<Ack> acks_;
     std::multimap<std::string, std::size_t> unsettled_;
+    std::vector<std::uint64_t> written_; // bytes sent of each file; 0 until sent
 };
 
 /// The batch's size on disk, for the start line only: 0 if any size is unknown.
@@ -231,6 +239,7 @@ std::vector<Ack> TransferClient::send(const std::vector<fs::path>& files, FrameC
                 }
                 const std::uint64_t byteCount = current.header().byteCount;
                 window.reserve(byteCount);
+                acksBox.wrote(i, byteCount);
                 {
                     const std::lock_guard lock(heldMutex);
                     ++filesHeld;

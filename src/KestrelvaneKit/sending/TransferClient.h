@@ -42,7 +42,7 @@ public:
         /// The position in `files` of the file it settles; none when it settles none.
         std::optional<std::size_t> entry{};
         std::filesystem::path path{}; ///< that file
-        std::uint64_t byteCount = 0;  ///< its size on disk; 0 when unknown or none
+        std::uint64_t byteCount = 0;  ///< the bytes sent of it; 0 when none
     };
     using OnProgress = std::function<void(const Progress&)>;
 

@@ -10,7 +10,9 @@
 #include <mutex>
 #include <optional>
 #include <stdexcept>
+#include <stop_token>
 #include <thread>
+#include <vector>
 
 namespace kestrelvane {
 namespace {
@@ -25,22 +27,31 @@ std::uint16_t parsePort(const std::string& text) {
 }
 
 std::shared_ptr<KestrelvaneStream> connectOverTcp(const std::string& host, std::uint16_t port,
-                                                  const std::string& where) {
-    auto stream = std::make_shared<BonjourStream>(std::make_shared<TcpConnection>(host, port));
+                                                  const std::string& where,
+                                                  const std::stop_token& stop) {
+    using Cause = ConnectError::Cause;
+    std::shared_ptr<BonjourStream> stream;
+    try {
+        stream = std::make_shared<BonjourStream>(std::make_shared<TcpConnection>(host, port));
+    } catch (const std::system_error& error) { // out of descriptors, say
+        throw ConnectError(Cause::unreachable, "cannot connect to " + where + ": " + error.what());
+    }
     // The connection waits for an unreachable network to come back; a
-    // destination gives up after a while instead.
+    // destination gives up after a while, or when its caller stops it.
     std::mutex mutex;
-    std::condition_variable changed;
+    std::condition_variable_any changed;
     bool settled = false;
-    bool timedOut = false;
+    bool gaveUp = false;
     std::jthread watchdog([&] {
         std::unique_lock lock(mutex);
-        if (!changed.wait_for(lock, Destination::connectTimeout, [&] { return settled; })) {
-            timedOut = true;
+        if (!changed.wait_for(lock, stop, Destination::connectTimeout, [&] { return settled; })) {
+            gaveUp = true;
             lock.unlock();
             stream->close();
         }
     });
+    // Whether the watchdog gave up, once it has ended (perhaps after a start
+    // that succeeded a moment too late).
     const auto settle = [&] {
         {
             const std::lock_guard lock(mutex);
@@ -48,12 +59,22 @@ std::shared_ptr<KestrelvaneStream> connectOverTcp(const std::string& host, std::
         }
         changed.notify_all();
         watchdog.join();
+        return gaveUp;
     };
-    using Cause = ConnectError::Cause;
+    const auto givenUp = [&] {
+        return stop.stop_requested()
+                   ? ConnectError(Cause::timedOut, "cannot connect to " + where + ": stopped")
+                   : ConnectError(Cause::timedOut,
+                                  "cannot connect to " + where + ": no answer within " +
+                                      std::to_string(Destination::connectTimeout.count()) +
+                                      " seconds");
+    };
     try {
         stream->start();
     } catch (const std::system_error& error) {
-        settle();
+        if (settle()) {
+            throw givenUp();
+        }
         if (error.code() == std::errc::connection_refused) {
             throw ConnectError(Cause::refused,
                                "connection refused by " + where +
@@ -64,24 +85,23 @@ std::shared_ptr<KestrelvaneStream> connectOverTcp(const std::string& host, std::
                                                                 : Cause::unreachable,
                            "cannot connect to " + where + ": " + error.what());
     } catch (const StreamError&) {
-        settle();
-        if (timedOut) {
-            throw ConnectError(Cause::timedOut,
-                               "cannot connect to " + where + ": no answer within " +
-                                   std::to_string(Destination::connectTimeout.count()) +
-                                   " seconds");
+        if (settle()) {
+            throw givenUp();
         }
         throw ConnectError(Cause::unreachable,
                            "cannot connect to " + where + ": the connection closed");
     }
-    settle();
+    if (settle()) {
+        throw givenUp();
+    }
     return stream;
 }
 
-/// Browses DNS-SD until `name` shows up or the lookup time has passed.
-std::optional<DiscoveredService> lookUp(const std::string& name) {
+/// Browses DNS-SD until `name` shows up, the lookup time has passed or the
+/// caller stops.
+std::optional<DiscoveredService> lookUp(const std::string& name, const std::stop_token& stop) {
     std::mutex mutex;
-    std::condition_variable changed;
+    std::condition_variable_any changed;
     std::optional<DiscoveredService> found;
     ServiceBrowser browser([&](const std::vector<DiscoveredService>& services) {
         for (const auto& service : services) {
@@ -98,7 +118,7 @@ std::optional<DiscoveredService> lookUp(const std::string& name) {
     browser.start();
     {
         std::unique_lock lock(mutex);
-        changed.wait_for(lock, Destination::lookupTimeout, [&] { return found.has_value(); });
+        changed.wait_for(lock, stop, Destination::lookupTimeout, [&] { return found.has_value(); });
     }
     browser.stop();
     const std::lock_guard lock(mutex);
@@ -126,8 +146,12 @@ Destination Destination::parse(const std::string& text) {
     if (text.starts_with("usb:") && text.size() > 4) {
         return usb(text.substr(4));
     }
+    // An address ends in ":PORT" (or starts with "["); any other text names a
+    // receiver, colons and all ("Mac mini: Photos").
     const auto colon = text.rfind(':');
-    if (colon == std::string::npos && !text.empty() && text.front() != '[') {
+    const bool numbered = colon != std::string::npos && colon + 1 < text.size() &&
+                          text.find_first_not_of("0123456789", colon + 1) == std::string::npos;
+    if (!numbered && !text.empty() && text.front() != '[') {
         return announced(text);
     }
     std::string host;
@@ -162,25 +186,37 @@ std::string Destination::describe() const {
     return "\"" + service + "\" on the network";
 }
 
-std::shared_ptr<KestrelvaneStream> Destination::connect() const {
+std::shared_ptr<KestrelvaneStream> Destination::connect(const std::stop_token& stop) const {
     switch (kind) {
     case Kind::usb:
         return UsbPhones().connect(serial);
     case Kind::address:
-        return connectOverTcp(host, port, describe());
+        return connectOverTcp(host, port, describe(), stop);
     case Kind::service:
         break;
     }
-    const auto found = lookUp(service);
+    const auto found = lookUp(service, stop);
     if (!found) {
         throw ConnectError(ConnectError::Cause::unreachable,
                            "no receiver announces itself as \"" + service + "\" on the network (" +
                                std::string(KestrelvaneService::type) + ", looked for " +
                                std::to_string(lookupTimeout.count()) + " seconds)");
     }
-    // A numeric address needs no name service that knows ".local".
-    const std::string reach = found->addresses.empty() ? found->host : found->addresses.front();
-    return connectOverTcp(reach, found->port, describe());
+    // Numeric addresses need no name service that knows ".local"; the first
+    // that answers is the receiver (another may be a bridge of this machine).
+    std::vector<std::string> addresses = found->addresses;
+    if (addresses.empty()) {
+        addresses.push_back(found->host);
+    }
+    for (std::size_t i = 0;; ++i) {
+        try {
+            return connectOverTcp(addresses[i], found->port, describe(), stop);
+        } catch (const ConnectError&) {
+            if (i + 1 == addresses.size() || stop.stop_requested()) {
+                throw;
+            }
+        }
+    }
 }
 
 } // namespace kestrelvane

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <stop_token>
 #include <string>
 
 namespace kestrelvane {
@@ -31,13 +32,14 @@ struct Destination {
     static Destination announced(std::string service);
 
     /// "usb", "usb:SERIAL", "HOST:PORT", "[ADDR]:PORT", or a service name
-    /// (any other text without a colon). Throws std::invalid_argument.
+    /// (any other text). Throws std::invalid_argument.
     static Destination parse(const std::string& text);
     /// For people: "the iPhone on USB", "HOST:PORT", "\"NAME\" on the network".
     std::string describe() const;
 
-    /// A started stream to the receiver there. Throws ConnectError.
-    std::shared_ptr<KestrelvaneStream> connect() const;
+    /// A started stream to the receiver there. Throws ConnectError; a request
+    /// to `stop` ends a network connection still being made (as timedOut).
+    std::shared_ptr<KestrelvaneStream> connect(const std::stop_token& stop = {}) const;
 
     friend bool operator==(const Destination&, const Destination&) = default;
 };

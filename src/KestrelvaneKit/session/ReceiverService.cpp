@@ -214,30 +214,34 @@ void ReceiverService::run(TcpListener& listener, bool once) {
             listener.stop();
         }
     }
-    std::optional<std::system_error> failure;
+    std::exception_ptr failure;
     for (;;) {
-        std::shared_ptr<TcpConnection> connection;
+        std::shared_ptr<KestrelvaneStream> stream;
         try {
-            connection = listener.accept();
-        } catch (const std::system_error& error) {
-            failure = error;
-            break;
-        }
-        if (!connection) {
-            break;
-        }
-        connection->setIdleTimeout(options_.idleTimeout);
-        auto stream = std::make_shared<BonjourStream>(connection);
-        const auto number = admit(stream);
-        if (!number) {
-            continue;
-        }
-        threads_->start([this, &listener, stream, number = *number, once] {
-            runSession(stream, number);
-            if (once) {
-                listener.stop();
+            const std::shared_ptr<TcpConnection> connection = listener.accept();
+            if (!connection) {
+                break;
             }
-        });
+            connection->setIdleTimeout(options_.idleTimeout);
+            stream = std::make_shared<BonjourStream>(connection);
+            const auto number = admit(stream);
+            if (!number) {
+                continue;
+            }
+            threads_->start([this, &listener, stream, number = *number, once] {
+                runSession(stream, number);
+                if (once) {
+                    listener.stop();
+                }
+            });
+        } catch (...) { // accepting failed, or no thread could be had
+            if (stream) {
+                stream->close();
+                release(stream);
+            }
+            failure = std::current_exception();
+            break;
+        }
         if (once) {
             break;
         }
@@ -251,7 +255,7 @@ void ReceiverService::run(TcpListener& listener, bool once) {
         listener_ = nullptr;
     }
     if (failure) {
-        throw *failure;
+        std::rethrow_exception(failure);
     }
 }
 

@@ -66,8 +66,8 @@ public:
 
     /// Accepts connections from `listener` and serves each on its own thread
     /// until stop(), or with `once` until the first session has ended; then
-    /// waits for the sessions still running. Throws std::system_error when
-    /// accepting fails (after closing and waiting for every session).
+    /// waits for the sessions still running. Throws what made accepting fail
+    /// (after closing and waiting for every session).
     void run(TcpListener& listener, bool once = false);
     /// Serves one session over `stream` on the calling thread, unless
     /// maxSessions are running already (then the stream is closed and

@@ -2,6 +2,7 @@
 
 #include "KestrelvaneKit/sending/TransferClient.h"
 #include "KestrelvaneKit/session/CountingStream.h"
+#include "KestrelvaneKit/session/Destination.h"
 #include "KestrelvaneKit/wire/FrameChannel.h"
 
 namespace kestrelvane {
@@ -11,6 +12,10 @@ SendRun::SendRun(std::vector<std::filesystem::path> batch, SessionHeader session
 }
 
 SendRun::~SendRun() = default;
+
+SendRun::Outcome SendRun::run(const Destination& destination) {
+    return run(destination.connect(stop_.get_token()));
+}
 
 SendRun::Outcome SendRun::run(const std::shared_ptr<KestrelvaneStream>& stream) {
     Outcome outcome;
@@ -54,6 +59,7 @@ SendRun::Outcome SendRun::run(const std::shared_ptr<KestrelvaneStream>& stream) 
 }
 
 void SendRun::cancel() noexcept {
+    stop_.request_stop();
     const std::lock_guard lock(mutex_);
     cancelled_ = true;
     if (channel_) {

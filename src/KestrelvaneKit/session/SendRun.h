@@ -11,12 +11,14 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <stop_token>
 #include <string>
 #include <vector>
 
 namespace kestrelvane {
 
 class FrameChannel;
+struct Destination;
 
 /// One send of a batch over a connection: runs the sending engine and tells,
 /// for each acknowledgement, which file of the batch it settles, and every
@@ -27,7 +29,7 @@ public:
     struct Settled {
         std::size_t index = 0; ///< the file's position in the batch
         std::filesystem::path path{};
-        std::uint64_t byteCount = 0; ///< its size on disk
+        std::uint64_t byteCount = 0; ///< the bytes sent of it
         Ack ack{};
     };
     /// Called from the run's threads: `settled` and `stray` from the one
@@ -55,6 +57,9 @@ public:
     /// closes it. Returns when every file is settled or the transfer has
     /// broken off; never throws for the transfer's own failures.
     Outcome run(const std::shared_ptr<KestrelvaneStream>& stream);
+    /// Connects to `destination` first, then as run(stream). Throws
+    /// ConnectError when no connection is made; cancel() stops one being made.
+    Outcome run(const Destination& destination);
     /// From any thread: ends the run by closing its connection, at once if it
     /// is under way, as soon as it starts otherwise.
     void cancel() noexcept;
@@ -66,6 +71,7 @@ private:
     std::mutex mutex_; // guards channel_ and cancelled_
     std::shared_ptr<FrameChannel> channel_;
     bool cancelled_ = false;
+    std::stop_source stop_; // ends a connection still being made
 };
 
 } // namespace kestrelvane
