@@ -423,6 +423,11 @@ private slots:
         QVERIFY(model_->statsLine().startsWith("0 MB in "));
         queue().remove({queue().items()[0].id, "not-there"});
         QCOMPARE(queue().unsentCount(), 0); // a saved file removed is no longer counted saved
+        // A namesake from another folder is settled by its own acknowledgement.
+        QVERIFY(addAndWait(files({"sub/IMG_1.jpg"})));
+        startSend(true);
+        QTRY_VERIFY_WITH_TIMEOUT(!model_->isSending(), 30'000);
+        QCOMPARE(column(queue()), QStringList(5, "saved"));
 
         // Destroying the model must not hang: the connection is closed and the worker joined.
         QVERIFY(addAndWait(files({"IMG_5.jpg"})));
