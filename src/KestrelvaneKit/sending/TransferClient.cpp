@@ -41,8 +41,7 @@ struct BatchEntry {
 /// unsettled file of its name, in batch order.
 class AcksBox {
 public:
-    explicit AcksBox(const std::vector<BatchEntry>& batch)
-        : batch_(batch), written_(batch.size()) {
+    explicit AcksBox(const std::vector<BatchEntry>& batch) : batch_(batch), written_(batch.size()) {
         for (std::size_t i = 0; i < batch_.size(); ++i) {
             unsettled_.emplace(canonical(batch_[i].path.filename().string()), i);
         }
