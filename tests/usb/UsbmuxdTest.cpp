@@ -89,7 +89,11 @@ TEST(UsbmuxdClient, RequestsCarryTheirKeysAndTagsInTheirFormatAndOnlyWholeEntrie
     UsbmuxdClient client(daemon.address());
     EXPECT_EQ(client.nextTag(), 1u);
     EXPECT_EQ(client.listDevices(), listed);
-    EXPECT_EQ(client.connect(42, 9876), Result::connectionRefused());
+    {
+        // A signal on the way: the request still goes whole.
+        const testing::SystemCallFault interrupted(testing::SystemCallFault::Call::send, EINTR, 1);
+        EXPECT_EQ(client.connect(42, 9876), Result::connectionRefused());
+    }
     EXPECT_EQ(client.nextTag(), 3u);
     // Daemons other than Linux's also read binary requests, and answer in kind.
     EXPECT_EQ(UsbmuxdClient(daemon.address(), UsbmuxdClient::RequestFormat::binary).listDevices(),

@@ -50,7 +50,7 @@ bool readExactly(int fd, std::uint8_t* out, std::size_t count) {
 /// A client that has gone away misses what it would have been told.
 void writeIgnoringErrors(int fd, ByteView bytes) {
     try {
-        FileDescriptor::writeAll(fd, bytes);
+        FileDescriptor::sendAll(fd, bytes);
     } catch (const std::system_error&) {
     }
 }

@@ -15,7 +15,7 @@ void echo(int fd) {
     std::uint8_t buffer[65536];
     try {
         while (const std::size_t n = FileDescriptor::readSome(fd, buffer)) {
-            FileDescriptor::writeAll(fd, ByteView(buffer, n));
+            FileDescriptor::sendAll(fd, ByteView(buffer, n));
         }
     } catch (const std::system_error&) {
         // The client has gone: so has the echo.

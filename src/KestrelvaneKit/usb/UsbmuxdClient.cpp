@@ -166,7 +166,7 @@ void UsbmuxdClient::send(int fd, std::uint32_t tag, const PropertyList& plist) c
         plist.serialize(requestFormat_ == RequestFormat::binary ? PropertyList::Format::binary
                                                                 : PropertyList::Format::xml);
     try {
-        FileDescriptor::writeAll(fd, UsbmuxdProtocol::encode(tag, body));
+        FileDescriptor::sendAll(fd, UsbmuxdProtocol::encode(tag, body));
     } catch (const std::system_error& error) {
         throw UsbmuxdError::socketError("write failed " + errnoText(error.code().value()));
     }

@@ -19,14 +19,13 @@ void FileDescriptor::reset(int fd) noexcept {
     fd_ = fd;
 }
 
-void FileDescriptor::writeAll(int fd, ByteView data) {
+namespace {
+
+/// Calls `put` until every byte is taken, retrying EINTR; a call that takes
+/// nothing is EPIPE.
+template <class Put> void putAll(ByteView data, const char* call, const Put& put) {
     while (!data.empty()) {
-        ssize_t written = ::send(fd, data.data(), data.size(), MSG_NOSIGNAL);
-        const char* call = "send()";
-        if (written < 0 && errno == ENOTSOCK) {
-            written = ::write(fd, data.data(), data.size());
-            call = "write()";
-        }
+        const ssize_t written = put(data);
         if (written < 0 && errno == EINTR) {
             continue;
         }
@@ -35,6 +34,17 @@ void FileDescriptor::writeAll(int fd, ByteView data) {
         }
         data = data.subspan(static_cast<std::size_t>(written));
     }
+}
+
+} // namespace
+
+void FileDescriptor::writeAll(int fd, ByteView data) {
+    putAll(data, "write()", [fd](ByteView rest) { return ::write(fd, rest.data(), rest.size()); });
+}
+
+void FileDescriptor::sendAll(int fd, ByteView data) {
+    putAll(data, "send()",
+           [fd](ByteView rest) { return ::send(fd, rest.data(), rest.size(), MSG_NOSIGNAL); });
 }
 
 std::size_t FileDescriptor::readSome(int fd, MutableByteView into) {

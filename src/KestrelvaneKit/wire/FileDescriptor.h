@@ -37,10 +37,11 @@ public:
     /// Closes the held descriptor (if any) and holds `fd` instead.
     void reset(int fd = -1) noexcept;
 
-    /// Writes every byte of `data` to `fd` (send() with MSG_NOSIGNAL on a
-    /// socket, write() otherwise). Throws callError(); a call that takes
-    /// nothing is EPIPE.
+    /// Writes every byte of `data` to the file `fd`. Throws callError("write()").
     static void writeAll(int fd, ByteView data);
+    /// Sends every byte of `data` on the socket `fd`; a vanished peer is EPIPE,
+    /// never SIGPIPE. Throws callError("send()").
+    static void sendAll(int fd, ByteView data);
     /// Reads what is there, at most `into.size()` bytes; 0 at the end of the
     /// stream. Throws callError().
     static std::size_t readSome(int fd, MutableByteView into);
