@@ -22,23 +22,20 @@ void UsbPhones::fail() const {
     const std::string where = daemon();
     try {
         throw;
-    } catch (const UsbmuxdError& error) {
-        switch (error.kind()) {
-        case UsbmuxdError::Kind::connectFailed:
+    } catch (const std::exception& error) {
+        const auto* usbmuxd = dynamic_cast<const UsbmuxdError*>(&error);
+        const auto kind = usbmuxd ? usbmuxd->kind() : UsbmuxdError::Kind::malformed;
+        if (kind == UsbmuxdError::Kind::connectFailed) {
             throw ConnectError(ConnectError::Cause::usbmuxdNotRunning,
-                               "usbmuxd is not running at " + where + " (" + error.message() + ")");
-        case UsbmuxdError::Kind::socketError:
+                               "usbmuxd is not running at " + where + " (" + usbmuxd->message() +
+                                   ")");
+        }
+        if (kind == UsbmuxdError::Kind::socketError) {
             throw ConnectError(ConnectError::Cause::usbmuxdHungUp, "usbmuxd at " + where +
                                                                        " closed the connection (" +
-                                                                       error.message() + ")");
-        case UsbmuxdError::Kind::malformed:
-            break;
+                                                                       usbmuxd->message() + ")");
         }
-        throw ConnectError(ConnectError::Cause::usbmuxdFailed,
-                           "usbmuxd at " + where + " did not answer as expected: " + error.what());
-    } catch (const ConnectError&) {
-        throw;
-    } catch (const std::exception& error) { // a reply that is no property list
+        // A malformed reply, or one that is no property list at all.
         throw ConnectError(ConnectError::Cause::usbmuxdFailed,
                            "usbmuxd at " + where + " did not answer as expected: " + error.what());
     }
