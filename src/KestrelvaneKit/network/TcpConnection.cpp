@@ -102,6 +102,11 @@ void TcpConnection::applyIdleTimeoutLocked() {
     ::setsockopt(socket_.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
 }
 
+int TcpConnection::nativeSocket() const {
+    const std::lock_guard lock(mutex_);
+    return state_ == State::ready && socket_ ? socket_.get() : -1;
+}
+
 std::system_error TcpConnection::idleError(const char* call) const {
     const auto limit = idleTimeout();
     const std::string amount = limit.count() % 1000 == 0

@@ -88,6 +88,12 @@ public:
     };
     ReceivedInto receiveInto(MutableByteView into);
 
+    /// The ready socket, for a protocol that drives it itself (TLS); -1
+    /// before ready. It stays open until the connection is destroyed.
+    int nativeSocket() const;
+    /// The error of a call that waited the idle timeout in vain.
+    std::system_error idleError(const char* call) const;
+
     /// The error category of getaddrinfo() results (EAI_*).
     static const std::error_category& resolverCategory() noexcept;
 
@@ -96,7 +102,6 @@ private:
     void deliverReports();
     int socketFor(const char* call) const;
     void applyIdleTimeoutLocked();
-    std::system_error idleError(const char* call) const;
     void connectLoop();
     /// The connected socket; none with `error` set, or none when cancel() woke it.
     FileDescriptor connectOnce(Error& error);
