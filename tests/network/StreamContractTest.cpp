@@ -5,7 +5,6 @@
 // that fail.
 #include "KestrelvaneKit/network/BonjourStream.h"
 #include "KestrelvaneKit/network/TcpListener.h"
-#include "KestrelvaneKit/network/TlsStream.h"
 #include "KestrelvaneKit/usb/UsbmuxdStream.h"
 #include "support/BlockedThread.h"
 #include "support/CallOutcome.h"
@@ -52,18 +51,10 @@ Ends overTcp() {
 }
 
 Ends overTls() {
-    auto listener = std::make_shared<TcpListener>(0, TcpListener::Scope::loopback);
-    auto near =
-        std::make_shared<TlsStream>(std::make_shared<TcpConnection>("127.0.0.1", listener->port()),
-                                    TlsStream::Role::client, testing::testIdentity("alice"));
-    auto handshake = std::async(std::launch::async, [near] { near->start(); });
-    auto far = std::make_shared<TlsStream>(listener->accept(), TlsStream::Role::server,
-                                           testing::testIdentity("bob"));
-    far->start();
-    handshake.get();
-    EXPECT_EQ(near->peerFingerprint(), testing::testIdentity("bob").fingerprint());
-    EXPECT_EQ(far->peerFingerprint(), testing::testIdentity("alice").fingerprint());
-    return {near, far, listener};
+    const testing::TlsPair pair = testing::connectedOverTls("alice", "bob");
+    EXPECT_EQ(pair.client->peerFingerprint(), testing::testIdentity("bob").fingerprint());
+    EXPECT_EQ(pair.server->peerFingerprint(), testing::testIdentity("alice").fingerprint());
+    return {pair.client, pair.server, pair.listener};
 }
 
 Ends overSocketPair() {

@@ -101,7 +101,8 @@ struct TlsStream::Session {
 
 TlsStream::TlsStream(std::shared_ptr<TcpConnection> connection, Role role,
                      const DeviceIdentity& identity, std::optional<Fingerprint> pinned)
-    : clear_(std::move(connection)), session_(std::make_unique<Session>()) {
+    : clear_(std::move(connection)), session_(std::make_unique<Session>()),
+      own_(identity.fingerprint()) {
     session_->role = role;
     session_->pinned = pinned;
     session_->context.reset(makeContext(role, identity));
@@ -184,6 +185,18 @@ std::size_t TlsStream::receiveInto(MutableByteView into) {
     const int room = static_cast<int>(std::min<std::size_t>(into.size(), INT_MAX));
     return static_cast<std::size_t>(
         drive("SSL_read()", [&](SSL* ssl) { return SSL_read(ssl, into.data(), room); }));
+}
+
+std::array<std::uint8_t, 32> TlsStream::exportedSecret(const std::string& label) {
+    std::array<std::uint8_t, 32> secret{};
+    const std::lock_guard lock(mutex_);
+    if (!session_->handshakeDone ||
+        SSL_export_keying_material(session_->ssl.get(), secret.data(), secret.size(), label.data(),
+                                   label.size(), nullptr, 0, 0) != 1) {
+        throw std::system_error(EPROTO, std::generic_category(),
+                                "no keying material to export: " + openSslError());
+    }
+    return secret;
 }
 
 void TlsStream::close() noexcept {

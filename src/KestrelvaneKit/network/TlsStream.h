@@ -4,9 +4,11 @@
 #include "KestrelvaneKit/network/DeviceIdentity.h"
 #include "KestrelvaneKit/wire/KestrelvaneStream.h"
 
+#include <array>
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <string>
 
 namespace kestrelvane {
 
@@ -45,6 +47,12 @@ public:
     /// The SHA-256 fingerprint of the certificate the peer proved it holds,
     /// once start() has returned (or refused it for not being the pinned one).
     const Fingerprint& peerFingerprint() const noexcept { return peer_; }
+    /// This end's own fingerprint.
+    const Fingerprint& ownFingerprint() const noexcept { return own_; }
+    /// 32 bytes that only the two ends of this TLS session can compute
+    /// (RFC 8446's exporter under `label`): ties a pairing to this very
+    /// connection, which a relay's two connections cannot share.
+    std::array<std::uint8_t, 32> exportedSecret(const std::string& label);
     TcpConnection& connection() noexcept { return clear_.connection(); }
 
 private:
@@ -63,6 +71,7 @@ private:
     std::mutex receiveMutex_; // one receive at a time
     bool closed_ = false;
     Fingerprint peer_;
+    Fingerprint own_;
 };
 
 } // namespace kestrelvane

@@ -5,6 +5,8 @@
 #include <unicode/unistr.h>
 
 #include <algorithm>
+#include <cstdint>
+#include <cstdio>
 #include <optional>
 
 namespace kestrelvane::UnicodeText {
@@ -90,6 +92,56 @@ std::string trimmed(std::string_view text) {
     }
     std::string out;
     unicode.tempSubStringBetween(begin, end).toUTF8String(out);
+    return out;
+}
+
+bool isPlainLabel(std::string_view text, std::size_t maxCharacters) {
+    if (text.empty() || !isValidUtf8(text)) {
+        return false;
+    }
+    const auto unicode = icu::UnicodeString::fromUTF8(
+        icu::StringPiece(text.data(), static_cast<int32_t>(text.size())));
+    if (static_cast<std::size_t>(unicode.countChar32()) > maxCharacters) {
+        return false;
+    }
+    for (int32_t at = 0; at < unicode.length(); at = unicode.moveIndex32(at, 1)) {
+        switch (u_charType(unicode.char32At(at))) {
+        case U_CONTROL_CHAR:
+        case U_FORMAT_CHAR:
+        case U_LINE_SEPARATOR:
+        case U_PARAGRAPH_SEPARATOR:
+            return false;
+        default:
+            break;
+        }
+    }
+    return true;
+}
+
+std::string printable(std::string_view text) {
+    const auto escaped = [](std::uint32_t value) {
+        char code[16];
+        std::snprintf(code, sizeof code, value < 0x100 ? "\\x%02x" : "\\u%04x", value);
+        return std::string(code);
+    };
+    std::string out;
+    if (!isValidUtf8(text)) {
+        for (const char c : text) {
+            const auto byte = static_cast<unsigned char>(c);
+            out += byte < 0x20 || byte >= 0x7f ? escaped(byte) : std::string(1, c);
+        }
+        return out;
+    }
+    const auto unicode = icu::UnicodeString::fromUTF8(
+        icu::StringPiece(text.data(), static_cast<int32_t>(text.size())));
+    for (int32_t at = 0; at < unicode.length(); at = unicode.moveIndex32(at, 1)) {
+        const UChar32 character = unicode.char32At(at);
+        if (u_charType(character) == U_CONTROL_CHAR) {
+            out += escaped(static_cast<std::uint32_t>(character));
+        } else {
+            icu::UnicodeString(character).toUTF8String(out);
+        }
+    }
     return out;
 }
 

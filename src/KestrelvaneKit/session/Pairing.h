@@ -1,0 +1,50 @@
+#pragma once
+
+#include "KestrelvaneKit/network/TlsStream.h"
+
+#include <functional>
+#include <string>
+
+namespace kestrelvane {
+
+/// What a person is shown while pairing: the other device's name and
+/// fingerprint, and the code this device computed.
+struct PairingOffer {
+    std::string peerName;
+    Fingerprint peer;
+    std::string code; ///< six digits as "123 456"
+};
+
+/// Pairing two devices over a TLS connection neither trusts yet: a
+/// commitment to the receiver's random bytes, then both random bytes
+/// revealed, then a six-digit code from both certificates, both random bytes
+/// and the TLS session, which each person checks by typing the code the
+/// other screen shows (docs/security.md gives the construction and why a
+/// relay wins once in a million). Runs after the hello and the receiver's
+/// welcome; stores nothing: the caller does when the outcome is `paired`.
+namespace Pairing {
+
+enum class Outcome {
+    paired,            ///< both people typed the code the other screen showed
+    codesDiffer,       ///< this person typed another code than this end's
+    peerDeclined,      ///< the other end's person did not confirm
+    commitmentBroken,  ///< the receiver's random bytes do not match its commitment
+    brokenAfterReveal, ///< the connection ended once random bytes were revealed
+};
+
+/// Shows `offer` to the person and returns what they typed: the code the
+/// other device shows. Spaces do not count.
+using AskPerson = std::function<std::string(const PairingOffer& offer)>;
+
+Outcome asSender(TlsStream& stream, const std::string& receiverName, const AskPerson& ask);
+Outcome asReceiver(TlsStream& stream, const std::string& senderName, const AskPerson& ask);
+
+/// The code for these inputs, as "123 456"; `secret` is the TLS session's
+/// exported secret. Both ends compute it; exposed for tests.
+std::string code(const Fingerprint& sender, const Fingerprint& receiver,
+                 const std::array<std::uint8_t, 32>& secret,
+                 const std::array<std::uint8_t, 32>& senderNonce,
+                 const std::array<std::uint8_t, 32>& receiverNonce);
+
+} // namespace Pairing
+} // namespace kestrelvane
