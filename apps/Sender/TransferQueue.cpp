@@ -47,8 +47,7 @@ QVariant TransferQueue::data(const QModelIndex& index, int role) const {
     case SizeRole:
         return QVariant::fromValue<qint64>(item.size);
     case MediaTypeRole:
-        return QString::fromUtf8(wireString(item.mediaType).data(),
-                                 static_cast<qsizetype>(wireString(item.mediaType).size()));
+        return QString::fromUtf8(wireString(item.mediaType));
     case StatusRole:
         return statusName(item.status.kind);
     case StatusMessageRole:
@@ -83,14 +82,6 @@ QString TransferQueue::statusName(Status::Kind kind) {
         return QStringLiteral("failed");
     }
     return {};
-}
-
-std::vector<TransferQueue::Item> TransferQueue::unsentItems() const {
-    std::vector<Item> unsent;
-    std::copy_if(items_.begin(), items_.end(), std::back_inserter(unsent), [](const Item& item) {
-        return item.status.kind != Status::Kind::saved && !item.unreadable;
-    });
-    return unsent;
 }
 
 std::int64_t TransferQueue::totalBytes() const {

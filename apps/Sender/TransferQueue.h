@@ -79,7 +79,6 @@ public:
     int unsentCount() const noexcept {
         return static_cast<int>(items_.size()) - savedCount_ - unreadableCount_;
     }
-    std::vector<Item> unsentItems() const;
     std::int64_t totalBytes() const;
 
     /// Adds the photos and videos among `urls` (folders expanded) that are not
@@ -89,7 +88,6 @@ public:
     /// loop; drops are planned one after the other, so a later drop sees everything an earlier one
     /// added.
     void add(const std::vector<std::filesystem::path>& urls);
-    /// Whether a drop is still being planned.
     bool isPlanning() const noexcept { return planning_; }
 
     void remove(const std::set<QString>& ids);
