@@ -68,8 +68,8 @@ void setTextColour(QWidget* widget, const QColor& colour) {
     widget->setPalette(palette);
 }
 
-QLabel* makeLabel(const QString& text, const QString& name, const QFont& font,
-                  const QColor& colour, QWidget* parent) {
+QLabel* makeLabel(const QString& text, const QString& name, const QFont& font, const QColor& colour,
+                  QWidget* parent) {
     auto* label = new QLabel(text, parent);
     label->setObjectName(name);
     label->setFont(font);
@@ -415,14 +415,6 @@ QWidget* ContentView::makeFooter() {
     return bar;
 }
 
-QSet<QString> ContentView::selection() const {
-    QSet<QString> ids;
-    for (const QModelIndex& index : list_->selectionModel()->selectedRows()) {
-        ids.insert(index.data(TransferQueue::IdRole).toString());
-    }
-    return ids;
-}
-
 QString ContentView::deviceText(Kind kind) {
     switch (kind) {
     case Kind::ready:
@@ -447,11 +439,12 @@ void ContentView::clearQueue() {
 }
 
 void ContentView::removeSelection() {
-    const QSet<QString> ids = selection();
-    list_->clearSelection();
-    if (!ids.isEmpty()) {
-        vm_.queue().remove(std::set<QString>(ids.begin(), ids.end()));
+    std::set<QString> ids;
+    for (const QModelIndex& index : list_->selectionModel()->selectedRows()) {
+        ids.insert(index.data(TransferQueue::IdRole).toString());
     }
+    list_->clearSelection();
+    vm_.queue().remove(ids);
 }
 
 void ContentView::sendQueue() {
@@ -505,9 +498,7 @@ void ContentView::refresh() {
 void ContentView::showEvent(QShowEvent* event) {
     QWidget::showEvent(event);
     if (!event->spontaneous()) {
-        if (!discovery_->isRunning()) {
-            discovery_->start();
-        }
+        discovery_->start();
         browser_.start();
     }
 }

@@ -5,7 +5,6 @@
 #include "Sender/SenderViewModel.h"
 #include "Sender/UsbmuxdDiscovery.h"
 
-#include <QSet>
 #include <QWidget>
 
 #include <chrono>
@@ -36,8 +35,6 @@ public:
     SenderViewModel& viewModel() noexcept { return vm_; }
     UsbmuxdDiscovery& discovery() noexcept { return *discovery_; }
     DeviceBrowser& browser() noexcept { return browser_; }
-    /// The ids of the selected rows.
-    QSet<QString> selection() const;
 
     /// Removes the selected items; the Delete key and the Edit menu's Delete.
     QAction* deleteAction() const noexcept { return deleteAction_; }

@@ -109,13 +109,7 @@ void SenderViewModel::startSend(const std::vector<std::filesystem::path>& urls,
 
     const auto run = std::make_shared<SendRun>(
         urls, session, SendRun::Observer{.settled = [this](const SendRun::Settled& settled) {
-            const bool ok = settled.ack.status == Ack::Status::ok;
-            const QString message = settled.ack.message
-                                        ? QString::fromStdString(*settled.ack.message)
-                                        : QStringLiteral("failed");
-            delivery_.deliver([this, url = settled.path, ok, message, bytes = settled.byteCount] {
-                applyProgress(url, ok, message, bytes);
-            });
+            delivery_.deliver([this, settled] { applyProgress(settled); });
         }});
     {
         const std::lock_guard lock(runMutex_);
@@ -124,28 +118,31 @@ void SenderViewModel::startSend(const std::vector<std::filesystem::path>& urls,
             run->cancel();
         }
     }
-    worker_ = std::thread([this, run, makeStream = std::move(makeStream),
-                           onFailure = std::move(onFailure)] {
-        bool dropped = false;
-        try {
-            dropped = run->run(makeStream()).brokeOff.has_value();
-        } catch (const std::exception&) {
-            dropped = true; // no connection
-        }
-        {
-            const std::lock_guard lock(runMutex_);
-            run_.reset();
-        }
-        delivery_.deliver([this, dropped, onFailure] { finishSend(dropped, onFailure); });
-    });
+    worker_ = std::thread(
+        [this, run, makeStream = std::move(makeStream), onFailure = std::move(onFailure)] {
+            bool dropped = false;
+            try {
+                dropped = run->run(makeStream()).brokeOff.has_value();
+            } catch (const std::exception&) {
+                dropped = true; // no connection
+            }
+            {
+                const std::lock_guard lock(runMutex_);
+                run_.reset();
+            }
+            delivery_.deliver([this, dropped, onFailure] { finishSend(dropped, onFailure); });
+        });
 }
 
-void SenderViewModel::applyProgress(const std::filesystem::path& url, bool ok,
-                                    const QString& message, std::uint64_t byteCount) {
-    queue_.setStatus(ok ? TransferQueue::Status::saved() : TransferQueue::Status::failed(message),
-                     url);
-    if (ok) {
-        bytesDone_ += static_cast<std::int64_t>(byteCount);
+void SenderViewModel::applyProgress(const SendRun::Settled& settled) {
+    const Ack& ack = settled.ack;
+    if (ack.status == Ack::Status::ok) {
+        queue_.setStatus(TransferQueue::Status::saved(), settled.path);
+        bytesDone_ += static_cast<std::int64_t>(settled.byteCount);
+    } else {
+        queue_.setStatus(
+            TransferQueue::Status::failed(QString::fromStdString(ack.message.value_or("failed"))),
+            settled.path);
     }
     setStatsLine(progressLine(bytesDone_, elapsedSeconds()));
 }

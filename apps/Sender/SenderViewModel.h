@@ -1,5 +1,6 @@
 #pragma once
 
+#include "KestrelvaneKit/session/SendRun.h"
 #include "Sender/BackgroundWork.h"
 #include "Sender/TransferQueue.h"
 
@@ -18,7 +19,6 @@
 namespace kestrelvane {
 
 class KestrelvaneStream;
-class SendRun;
 
 /// The window's model: the queue, the album name, whether a send runs and the
 /// statistics line. A send runs on a worker thread; everything it reports is
@@ -65,8 +65,7 @@ signals:
 private:
     using Clock = std::chrono::steady_clock;
 
-    void applyProgress(const std::filesystem::path& url, bool ok, const QString& message,
-                       std::uint64_t byteCount);
+    void applyProgress(const SendRun::Settled& settled);
     void finishSend(bool dropped, const OnFailure& onFailure);
     void setSending(bool sending);
     void setStatsLine(const QString& line);

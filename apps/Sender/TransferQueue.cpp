@@ -23,7 +23,6 @@ TransferQueue::TransferQueue(QObject* parent)
 }
 
 TransferQueue::~TransferQueue() {
-    pendingDrops_.clear();
     planner_.reset(); // a drop being planned finishes; its result is dropped
     thumbnails_.reset();
 }

@@ -147,5 +147,3 @@ private:
 };
 
 } // namespace kestrelvane
-
-Q_DECLARE_METATYPE(kestrelvane::TransferQueue::Status)
