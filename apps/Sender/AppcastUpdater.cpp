@@ -1,6 +1,7 @@
 #include "Sender/AppcastUpdater.h"
 
 #include <QFile>
+#include <QHash>
 #include <QNetworkReply>
 #include <QNetworkRequest>
 #include <QRegularExpression>
@@ -52,34 +53,16 @@ bool isNumber(const QString& part) {
 /// A desktop entry value with its escapes (\s \n \t \r \\) decoded; any other
 /// backslash is kept as it is.
 QString unescapeDesktopValue(QStringView raw) {
+    static const QHash<QChar, QChar> escapes{
+        {u's', u' '}, {u'n', u'\n'}, {u't', u'\t'}, {u'r', u'\r'}, {u'\\', u'\\'}};
     QString value;
     value.reserve(raw.size());
     for (qsizetype i = 0; i < raw.size(); ++i) {
-        if (raw[i] != u'\\' || i + 1 == raw.size()) {
+        if (raw[i] == u'\\' && i + 1 < raw.size() && escapes.contains(raw[i + 1])) {
+            value += escapes.value(raw[++i]);
+        } else {
             value += raw[i];
-            continue;
         }
-        switch (raw[i + 1].unicode()) {
-        case 's':
-            value += u' ';
-            break;
-        case 'n':
-            value += u'\n';
-            break;
-        case 't':
-            value += u'\t';
-            break;
-        case 'r':
-            value += u'\r';
-            break;
-        case '\\':
-            value += u'\\';
-            break;
-        default:
-            value += raw[i];
-            continue;
-        }
-        ++i;
     }
     return value;
 }
@@ -145,15 +128,12 @@ void AppcastUpdater::start() {
     });
 }
 
-void AppcastUpdater::setCanCheck(bool can) {
+void AppcastUpdater::updateCanCheck() {
+    const bool can = started_ && !checking_ && feed_.isValid() && !feed_.isEmpty();
     if (can != canCheck_) {
         canCheck_ = can;
         emit canCheckForUpdatesChanged();
     }
-}
-
-void AppcastUpdater::updateCanCheck() {
-    setCanCheck(started_ && !checking_ && feed_.isValid() && !feed_.isEmpty());
 }
 
 void AppcastUpdater::checkForUpdates() {

@@ -44,7 +44,6 @@ public:
     /// Readies the updater; it can check from the next turn of the event loop.
     void start();
     bool canCheckForUpdates() const noexcept { return canCheck_; }
-    QUrl feed() const { return feed_; }
     /// Fetches the feed and reports through checkFinished(); nothing unless it can check.
     void checkForUpdates();
 
@@ -58,7 +57,6 @@ signals:
     void checkFinished(const kestrelvane::AppcastUpdater::Result& result);
 
 private:
-    void setCanCheck(bool can);
     void updateCanCheck();
 
     QNetworkAccessManager network_;

@@ -68,8 +68,25 @@ void setTextColour(QWidget* widget, const QColor& colour) {
     widget->setPalette(palette);
 }
 
+QLabel* makeLabel(const QString& text, const QString& name, const QFont& font, const QColor& colour,
+                  QWidget* parent) {
+    auto* label = new QLabel(text, parent);
+    label->setObjectName(name);
+    label->setFont(font);
+    setTextColour(label, colour);
+    return label;
+}
+
+QPushButton* makeButton(const QString& text, const QString& name, QWidget* parent) {
+    auto* button = new QPushButton(text, parent);
+    button->setObjectName(name);
+    return button;
+}
+
 /// A compact bordered button; `tint` colours its text.
-void styleButton(QPushButton* button, const QColor& tint) {
+QPushButton* makeBorderedButton(const QString& text, const QString& name, const QColor& tint,
+                                QWidget* parent) {
+    QPushButton* button = makeButton(text, name, parent);
     button->setStyleSheet(
         QStringLiteral("QPushButton { color: %1; background: white; padding: 3px 8px; "
                        "border: 1px solid %3; border-radius: 5px; }"
@@ -77,10 +94,7 @@ void styleButton(QPushButton* button, const QColor& tint) {
                        "QPushButton:disabled { color: %2; }")
             .arg(rgba(tint), rgba(tint, 0.4), rgba(KestrelvaneColors::ink(), 0.2),
                  rgba(KestrelvaneColors::ink(), 0.08)));
-}
-
-void tintAccent(QPushButton* button) {
-    styleButton(button, KestrelvaneColors::accent());
+    return button;
 }
 
 QFrame* divider(QWidget* parent) {
@@ -150,6 +164,43 @@ public:
     }
 };
 
+/// The dialog's choice of folders, images and movies, several at a time; none when cancelled.
+std::vector<fs::path> chooseWithDialog(QWidget* parent) {
+    MediaFileDialog dialog(parent);
+    if (dialog.exec() != QDialog::Accepted) {
+        return {};
+    }
+    if (!dialog.chosen.empty()) {
+        return dialog.chosen;
+    }
+    std::vector<fs::path> files;
+    for (const QString& file : dialog.selectedFiles()) {
+        files.emplace_back(file.toStdString());
+    }
+    return files;
+}
+
+std::vector<fs::path> localFiles(const QMimeData* data) {
+    std::vector<fs::path> files;
+    if (data == nullptr) {
+        return files;
+    }
+    for (const QUrl& url : data->urls()) {
+        if (url.isLocalFile()) {
+            files.emplace_back(url.toLocalFile().toStdString());
+        }
+    }
+    return files;
+}
+
+/// "Send 3 →", "Resume 2 →" or "Sent ✓".
+QString sendLabel(int unsent, int saved) {
+    if (unsent == 0) {
+        return QStringLiteral("Sent ✓");
+    }
+    return (saved == 0 ? QStringLiteral("Send %1 →") : QStringLiteral("Resume %1 →")).arg(unsent);
+}
+
 } // namespace
 
 ContentView::ContentView(QWidget* parent)
@@ -160,18 +211,17 @@ ContentView::ContentView(QWidget* parent)
 ContentView::ContentView(UsbPhones::Address usbmuxd, std::chrono::milliseconds discoveryInterval,
                          QWidget* parent)
     : QWidget(parent),
-      discovery_(std::make_unique<UsbmuxdDiscovery>(std::move(usbmuxd), discoveryInterval)),
-      chooser_(&ContentView::chooseWithDialog) {
+      discovery_(std::make_unique<UsbmuxdDiscovery>(std::move(usbmuxd), discoveryInterval)) {
     setMinimumSize(560, 460);
     setBackground(this, KestrelvaneColors::bg());
     setAcceptDrops(true);
 
-    addAction_ = new QAction(QStringLiteral("Add…"), this);
-    addAction_->setObjectName(QStringLiteral("addAction"));
-    addAction_->setShortcut(QKeySequence::Open);
-    addAction_->setShortcutContext(Qt::WindowShortcut);
-    connect(addAction_, &QAction::triggered, this, &ContentView::openChooser);
-    QWidget::addAction(addAction_);
+    auto* add = new QAction(QStringLiteral("Add…"), this);
+    add->setObjectName(QStringLiteral("addAction"));
+    add->setShortcut(QKeySequence::Open);
+    add->setShortcutContext(Qt::WindowShortcut);
+    connect(add, &QAction::triggered, this, &ContentView::openChooser);
+    addAction(add);
 
     auto* column = new QVBoxLayout(this);
     column->setSpacing(0);
@@ -215,39 +265,32 @@ QWidget* ContentView::makeToolbar() {
     setBackground(bar, Qt::white);
     auto* row = barLayout(bar, 8);
 
-    auto* title = new QLabel(QStringLiteral("Kestrelvane"), bar);
-    title->setObjectName(QStringLiteral("title"));
     QFont titleFont = scaled(font(), 1.1);
     titleFont.setFamilies(
         {QStringLiteral("Georgia"), QStringLiteral("DejaVu Serif"), QStringLiteral("serif")});
     titleFont.setStyleHint(QFont::Serif);
     titleFont.setWeight(QFont::DemiBold);
-    title->setFont(titleFont);
-    setTextColour(title, KestrelvaneColors::ink());
-    row->addWidget(title);
+    row->addWidget(makeLabel(QStringLiteral("Kestrelvane"), QStringLiteral("title"), titleFont,
+                             KestrelvaneColors::ink(), bar));
 
     row->addWidget(makeDirectionControl());
 
-    auto* add = new QPushButton(QStringLiteral("Add…"), bar);
-    add->setObjectName(QStringLiteral("addButton"));
+    auto* add = makeBorderedButton(QStringLiteral("Add…"), QStringLiteral("addButton"),
+                                   KestrelvaneColors::accent(), bar);
     add->setToolTip(QStringLiteral("Add photos, videos or folders (%1)").arg(shortcutText()));
-    tintAccent(add);
     connect(add, &QPushButton::clicked, this, &ContentView::openChooser);
     row->addWidget(add);
 
-    clearButton_ = new QPushButton(QStringLiteral("Clear"), bar);
-    clearButton_->setObjectName(QStringLiteral("clearButton"));
-    styleButton(clearButton_, KestrelvaneColors::ink());
+    clearButton_ = makeBorderedButton(QStringLiteral("Clear"), QStringLiteral("clearButton"),
+                                      KestrelvaneColors::ink(), bar);
     connect(clearButton_, &QPushButton::clicked, this, &ContentView::clearQueue);
     row->addWidget(clearButton_);
 
     // The status takes the free space itself, right-aligned, and never less
     // than its longest text: the row is squeezed at the window's minimum width.
-    deviceStatus_ = new QLabel(bar);
-    deviceStatus_->setObjectName(QStringLiteral("deviceStatus"));
-    deviceStatus_->setFont(calloutFont(font()));
+    deviceStatus_ = makeLabel({}, QStringLiteral("deviceStatus"), calloutFont(font()),
+                              KestrelvaneColors::muted(), bar);
     deviceStatus_->setAlignment(Qt::AlignRight | Qt::AlignVCenter);
-    setTextColour(deviceStatus_, KestrelvaneColors::muted());
     int longest = 0;
     for (const Kind kind : {Kind::ready, Kind::noDevice, Kind::appNotListening}) {
         longest =
@@ -268,36 +311,36 @@ QWidget* ContentView::makeDirectionControl() {
     row->setSpacing(2);
     row->setContentsMargins(3, 3, 3, 3);
 
-    const QString segment = QStringLiteral("QPushButton { padding: 4px 6px; border: none; "
-                                           "border-radius: 6px; color: %1; background: %2; }");
-    auto* forward = new QPushButton(QStringLiteral("→ iPhone"), control);
-    forward->setObjectName(QStringLiteral("forwardSegment"));
-    forward->setFont(captionFont(font()));
+    const auto segment = [this, control](const QString& text, const QString& name,
+                                         const QColor& colour, const QString& background) {
+        QPushButton* button = makeButton(text, name, control);
+        button->setFont(captionFont(font()));
+        button->setStyleSheet(QStringLiteral("QPushButton { padding: 4px 6px; border: none; "
+                                             "border-radius: 6px; color: %1; background: %2; }")
+                                  .arg(rgba(colour), background));
+        return button;
+    };
+    QPushButton* forward = segment(QStringLiteral("→ iPhone"), QStringLiteral("forwardSegment"),
+                                   KestrelvaneColors::ink(), rgba(KestrelvaneColors::bg()));
     forward->setCheckable(true);
     forward->setChecked(true);
     // The only direction there is: drawn selected, and clicking it changes nothing.
     connect(forward, &QPushButton::toggled, forward, [forward] { forward->setChecked(true); });
-    forward->setStyleSheet(
-        segment.arg(rgba(KestrelvaneColors::ink()), rgba(KestrelvaneColors::bg())));
     row->addWidget(forward);
 
-    auto* reverse = new QPushButton(QStringLiteral("← iPhone"), control);
-    reverse->setObjectName(QStringLiteral("reverseSegment"));
-    reverse->setFont(captionFont(font()));
-    reverse->setStyleSheet(segment.arg(rgba(KestrelvaneColors::muted()), "transparent"));
-    connect(reverse, &QPushButton::clicked, this, &ContentView::showReverseNote);
-    row->addWidget(reverse);
+    reverse_ = segment(QStringLiteral("← iPhone"), QStringLiteral("reverseSegment"),
+                       KestrelvaneColors::muted(), QStringLiteral("transparent"));
+    connect(reverse_, &QPushButton::clicked, this, &ContentView::showReverseNote);
+    row->addWidget(reverse_);
 
     reverseNote_ = new QFrame(this, Qt::Popup);
     reverseNote_->setObjectName(QStringLiteral("reverseNote"));
     setBackground(reverseNote_, Qt::white);
     auto* noteLayout = new QVBoxLayout(reverseNote_);
     noteLayout->setContentsMargins(10, 10, 10, 10);
-    auto* note = new QLabel(QStringLiteral("iPhone → Mac coming soon"), reverseNote_);
-    note->setObjectName(QStringLiteral("reverseNoteText"));
-    note->setFont(calloutFont(font()));
-    setTextColour(note, KestrelvaneColors::ink());
-    noteLayout->addWidget(note);
+    noteLayout->addWidget(makeLabel(QStringLiteral("iPhone → Mac coming soon"),
+                                    QStringLiteral("reverseNoteText"), calloutFont(font()),
+                                    KestrelvaneColors::ink(), reverseNote_));
     return control;
 }
 
@@ -310,20 +353,17 @@ QWidget* ContentView::makeQueueArea() {
     auto* stack = new QVBoxLayout(empty);
     stack->setSpacing(6);
     stack->addStretch(1);
-    auto* heading = new QLabel(QStringLiteral("No photos selected"), empty);
-    heading->setObjectName(QStringLiteral("emptyTitle"));
-    setTextColour(heading, KestrelvaneColors::ink());
-    stack->addWidget(heading, 0, Qt::AlignHCenter);
-    auto* hint = new QLabel(
-        QStringLiteral("Drag photos in · Choose a folder %1").arg(shortcutText()), empty);
-    hint->setObjectName(QStringLiteral("emptyHint"));
-    hint->setFont(calloutFont(font()));
-    setTextColour(hint, KestrelvaneColors::muted());
-    stack->addWidget(hint, 0, Qt::AlignHCenter);
+    stack->addWidget(makeLabel(QStringLiteral("No photos selected"), QStringLiteral("emptyTitle"),
+                               font(), KestrelvaneColors::ink(), empty),
+                     0, Qt::AlignHCenter);
+    stack->addWidget(
+        makeLabel(QStringLiteral("Drag photos in · Choose a folder %1").arg(shortcutText()),
+                  QStringLiteral("emptyHint"), calloutFont(font()), KestrelvaneColors::muted(),
+                  empty),
+        0, Qt::AlignHCenter);
     stack->addSpacing(4);
-    auto* choose = new QPushButton(QStringLiteral("Choose…"), empty);
-    choose->setObjectName(QStringLiteral("chooseButton"));
-    tintAccent(choose);
+    auto* choose = makeBorderedButton(QStringLiteral("Choose…"), QStringLiteral("chooseButton"),
+                                      KestrelvaneColors::accent(), empty);
     connect(choose, &QPushButton::clicked, this, &ContentView::openChooser);
     stack->addWidget(choose, 0, Qt::AlignHCenter);
     stack->addStretch(1);
@@ -358,14 +398,12 @@ QWidget* ContentView::makeFooter() {
 
     row->addStretch(1);
 
-    statsLabel_ = new QLabel(bar);
-    statsLabel_->setObjectName(QStringLiteral("statsLine"));
-    statsLabel_->setFont(captionFont(font())); // the UI fonts' digits are of one width
-    setTextColour(statsLabel_, KestrelvaneColors::muted());
+    // The UI fonts' digits are of one width.
+    statsLabel_ = makeLabel({}, QStringLiteral("statsLine"), captionFont(font()),
+                            KestrelvaneColors::muted(), bar);
     row->addWidget(statsLabel_);
 
-    primaryButton_ = new QPushButton(bar);
-    primaryButton_->setObjectName(QStringLiteral("primaryButton"));
+    primaryButton_ = makeButton({}, QStringLiteral("primaryButton"), bar);
     primaryButton_->setDefault(true);
     primaryButton_->setStyleSheet(
         QStringLiteral("QPushButton { background: %1; color: white; border: none; "
@@ -375,44 +413,6 @@ QWidget* ContentView::makeFooter() {
     connect(primaryButton_, &QPushButton::clicked, this, &ContentView::sendQueue);
     row->addWidget(primaryButton_);
     return bar;
-}
-
-QSet<QString> ContentView::selection() const {
-    QSet<QString> ids;
-    for (const QModelIndex& index : list_->selectionModel()->selectedRows()) {
-        ids.insert(index.data(TransferQueue::IdRole).toString());
-    }
-    return ids;
-}
-
-bool ContentView::isReverseNoteShown() const {
-    return reverseNote_->isVisible();
-}
-
-void ContentView::setChooser(Chooser chooser) {
-    chooser_ = std::move(chooser);
-}
-
-std::optional<std::vector<fs::path>> ContentView::chooseWithDialog(QWidget* parent) {
-    MediaFileDialog dialog(parent);
-    if (dialog.exec() != QDialog::Accepted) {
-        return std::nullopt;
-    }
-    if (!dialog.chosen.empty()) {
-        return dialog.chosen;
-    }
-    std::vector<fs::path> files;
-    for (const QString& file : dialog.selectedFiles()) {
-        files.emplace_back(file.toStdString());
-    }
-    return files;
-}
-
-QString ContentView::sendLabel(int unsent, int saved) {
-    if (unsent == 0) {
-        return QStringLiteral("Sent ✓");
-    }
-    return (saved == 0 ? QStringLiteral("Send %1 →") : QStringLiteral("Resume %1 →")).arg(unsent);
 }
 
 QString ContentView::deviceText(Kind kind) {
@@ -428,8 +428,8 @@ QString ContentView::deviceText(Kind kind) {
 }
 
 void ContentView::openChooser() {
-    if (auto chosen = chooser_(this); chosen && !chosen->empty()) {
-        vm_.addURLs(*chosen);
+    if (const std::vector<fs::path> chosen = chooseWithDialog(this); !chosen.empty()) {
+        vm_.queue().add(chosen);
     }
 }
 
@@ -439,11 +439,12 @@ void ContentView::clearQueue() {
 }
 
 void ContentView::removeSelection() {
-    const QSet<QString> ids = selection();
-    list_->clearSelection();
-    if (!ids.isEmpty()) {
-        vm_.queue().remove(std::set<QString>(ids.begin(), ids.end()));
+    std::set<QString> ids;
+    for (const QModelIndex& index : list_->selectionModel()->selectedRows()) {
+        ids.insert(index.data(TransferQueue::IdRole).toString());
     }
+    list_->clearSelection();
+    vm_.queue().remove(ids);
 }
 
 void ContentView::sendQueue() {
@@ -465,9 +466,8 @@ void ContentView::sendQueue() {
 }
 
 void ContentView::showReverseNote() {
-    auto* reverse = findChild<QPushButton*>(QStringLiteral("reverseSegment"));
     reverseNote_->adjustSize();
-    reverseNote_->move(reverse->mapToGlobal(QPoint(0, reverse->height() + 4)));
+    reverseNote_->move(reverse_->mapToGlobal(QPoint(0, reverse_->height() + 4)));
     reverseNote_->show();
 }
 
@@ -498,9 +498,7 @@ void ContentView::refresh() {
 void ContentView::showEvent(QShowEvent* event) {
     QWidget::showEvent(event);
     if (!event->spontaneous()) {
-        if (!discovery_->isRunning()) {
-            discovery_->start();
-        }
+        discovery_->start();
         browser_.start();
     }
 }
@@ -513,27 +511,8 @@ void ContentView::hideEvent(QHideEvent* event) {
     }
 }
 
-namespace {
-
-std::vector<fs::path> localFiles(const QMimeData* data) {
-    std::vector<fs::path> files;
-    if (data == nullptr) {
-        return files;
-    }
-    for (const QUrl& url : data->urls()) {
-        if (url.isLocalFile()) {
-            files.emplace_back(url.toLocalFile().toStdString());
-        }
-    }
-    return files;
-}
-
-} // namespace
-
 void ContentView::dragEnterEvent(QDragEnterEvent* event) {
-    if (!localFiles(event->mimeData()).empty()) {
-        event->acceptProposedAction();
-    }
+    dragMoveEvent(event);
 }
 
 void ContentView::dragMoveEvent(QDragMoveEvent* event) {
@@ -546,7 +525,7 @@ void ContentView::dropEvent(QDropEvent* event) {
     // One drop is planned as one addition, so its files keep the planner's order.
     const std::vector<fs::path> files = localFiles(event->mimeData());
     if (!files.empty()) {
-        vm_.addURLs(files);
+        vm_.queue().add(files);
     }
     event->acceptProposedAction();
 }

@@ -5,14 +5,9 @@
 #include "Sender/SenderViewModel.h"
 #include "Sender/UsbmuxdDiscovery.h"
 
-#include <QSet>
 #include <QWidget>
 
 #include <chrono>
-#include <filesystem>
-#include <functional>
-#include <optional>
-#include <vector>
 
 class QAction;
 class QFrame;
@@ -31,9 +26,6 @@ namespace kestrelvane {
 class ContentView : public QWidget {
     Q_OBJECT
 public:
-    /// What the chooser returns: the chosen files and folders, or nothing when cancelled.
-    using Chooser = std::function<std::optional<std::vector<std::filesystem::path>>(QWidget*)>;
-
     /// Discovery talks to the daemon named by USBMUXD_SOCKET_ADDRESS, else the default.
     explicit ContentView(QWidget* parent = nullptr);
     ContentView(UsbPhones::Address usbmuxd, std::chrono::milliseconds discoveryInterval,
@@ -43,22 +35,10 @@ public:
     SenderViewModel& viewModel() noexcept { return vm_; }
     UsbmuxdDiscovery& discovery() noexcept { return *discovery_; }
     DeviceBrowser& browser() noexcept { return browser_; }
-    /// The ids of the selected rows.
-    QSet<QString> selection() const;
-    bool isReverseNoteShown() const;
 
     /// Removes the selected items; the Delete key and the Edit menu's Delete.
     QAction* deleteAction() const noexcept { return deleteAction_; }
-    /// Opens the chooser for files and folders; "Add…", its shortcut and "Choose…".
-    QAction* addAction() const noexcept { return addAction_; }
 
-    /// Replaces the file dialog, for tests.
-    void setChooser(Chooser chooser);
-    /// The platform dialog: folders, images and movies, several at a time.
-    static std::optional<std::vector<std::filesystem::path>> chooseWithDialog(QWidget* parent);
-
-    /// "Send 3 →", "Resume 2 →" or "Sent ✓".
-    static QString sendLabel(int unsent, int saved);
     static QString deviceText(UsbmuxdDiscovery::State::Kind kind);
 
 protected:
@@ -85,12 +65,11 @@ private:
     SenderViewModel vm_;
     std::unique_ptr<UsbmuxdDiscovery> discovery_;
     DeviceBrowser browser_;
-    Chooser chooser_;
 
-    QAction* addAction_ = nullptr;
     QAction* deleteAction_ = nullptr;
     QLabel* deviceStatus_ = nullptr;
     QPushButton* clearButton_ = nullptr;
+    QPushButton* reverse_ = nullptr;
     QFrame* reverseNote_ = nullptr;
     QStackedWidget* queueArea_ = nullptr;
     QListView* list_ = nullptr;

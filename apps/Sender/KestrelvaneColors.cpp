@@ -7,11 +7,6 @@ const QColor& bg() {
     return colour;
 }
 
-const QColor& bgDeep() {
-    static const QColor colour(13, 21, 15);
-    return colour;
-}
-
 const QColor& ink() {
     static const QColor colour(20, 32, 26);
     return colour;

@@ -7,7 +7,6 @@ namespace kestrelvane::KestrelvaneColors {
 /// The interface's fixed palette, sRGB and fully opaque. Each colour is made
 /// once, on first use (thread-safe), and only read after that.
 const QColor& bg();
-const QColor& bgDeep();
 const QColor& ink();
 const QColor& muted();
 const QColor& accent();

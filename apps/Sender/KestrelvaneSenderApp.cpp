@@ -48,13 +48,13 @@ void KestrelvaneSenderApp::buildMenus() {
                 .arg(AppcastUpdater::currentVersion()));
     });
 
-    checkForUpdates_ = app->addAction(QStringLiteral("Check for Updates…"));
-    checkForUpdates_->setObjectName(QStringLiteral("checkForUpdatesAction"));
-    checkForUpdates_->setMenuRole(QAction::ApplicationSpecificRole);
-    checkForUpdates_->setEnabled(updater_.canCheckForUpdates());
-    connect(&updater_, &AppcastUpdater::canCheckForUpdatesChanged, checkForUpdates_,
-            [this] { checkForUpdates_->setEnabled(updater_.canCheckForUpdates()); });
-    connect(checkForUpdates_, &QAction::triggered, &updater_, &AppcastUpdater::checkForUpdates);
+    QAction* check = app->addAction(QStringLiteral("Check for Updates…"));
+    check->setObjectName(QStringLiteral("checkForUpdatesAction"));
+    check->setMenuRole(QAction::ApplicationSpecificRole);
+    check->setEnabled(updater_.canCheckForUpdates());
+    connect(&updater_, &AppcastUpdater::canCheckForUpdatesChanged, check,
+            [this, check] { check->setEnabled(updater_.canCheckForUpdates()); });
+    connect(check, &QAction::triggered, &updater_, &AppcastUpdater::checkForUpdates);
 
     app->addSeparator();
     QAction* quit = app->addAction(QStringLiteral("Quit Kestrelvane"));

@@ -6,7 +6,6 @@
 
 #include <memory>
 
-class QAction;
 class QMainWindow;
 
 namespace kestrelvane {
@@ -25,12 +24,6 @@ public:
 
     void show();
 
-    QMainWindow& window() noexcept { return *window_; }
-    ContentView& content() noexcept { return *content_; }
-    AppcastUpdater& updater() noexcept { return updater_; }
-    /// "Check for Updates…", enabled exactly while the updater can check.
-    QAction* checkForUpdatesAction() const noexcept { return checkForUpdates_; }
-
 private:
     void buildMenus();
     void presentResult(const AppcastUpdater::Result& result);
@@ -38,7 +31,6 @@ private:
     AppcastUpdater updater_;
     std::unique_ptr<QMainWindow> window_;
     ContentView* content_ = nullptr;
-    QAction* checkForUpdates_ = nullptr;
 };
 
 } // namespace kestrelvane

@@ -15,19 +15,22 @@ namespace {
 
 using Kind = TransferQueue::Status::Kind;
 
+constexpr int thumbnailSide = 26;
+constexpr int statusWidth = 80;
+constexpr int spacing = 10;
+
 QFont captionFont(const QFont& base) {
     QFont font = base;
     font.setPointSizeF(base.pointSizeF() * 0.85);
     return font;
 }
 
-} // namespace
-
-QString QueueRowDelegate::sizeText(std::int64_t bytes) {
-    return QString::fromStdString(Units::megabytes(static_cast<double>(bytes), 0));
+/// The status label at the trailing end of `row`.
+QRect statusRect(const QRect& row) {
+    return {row.right() - statusWidth + 1, row.top(), statusWidth, row.height()};
 }
 
-QString QueueRowDelegate::statusText(Kind kind) {
+QString statusText(Kind kind) {
     switch (kind) {
     case Kind::queued:
         return QStringLiteral("queued");
@@ -41,7 +44,7 @@ QString QueueRowDelegate::statusText(Kind kind) {
     return {};
 }
 
-QColor QueueRowDelegate::statusColor(Kind kind) {
+QColor statusColor(Kind kind) {
     switch (kind) {
     case Kind::queued:
         return KestrelvaneColors::muted();
@@ -54,7 +57,7 @@ QColor QueueRowDelegate::statusColor(Kind kind) {
     return KestrelvaneColors::muted();
 }
 
-Kind QueueRowDelegate::kindOf(const QModelIndex& index) {
+Kind kindOf(const QModelIndex& index) {
     const QString name = index.data(TransferQueue::StatusRole).toString();
     for (const Kind kind : {Kind::queued, Kind::sending, Kind::saved, Kind::failed}) {
         if (TransferQueue::statusName(kind) == name) {
@@ -63,6 +66,8 @@ Kind QueueRowDelegate::kindOf(const QModelIndex& index) {
     }
     return Kind::queued;
 }
+
+} // namespace
 
 QString QueueRowDelegate::statusHelp(const QModelIndex& index) {
     return kindOf(index) == Kind::failed ? index.data(TransferQueue::StatusMessageRole).toString()
@@ -109,17 +114,17 @@ void QueueRowDelegate::paint(QPainter* painter, const QStyleOptionViewItem& opti
     }
 
     const Kind kind = kindOf(index);
-    const QRect status(row.right() - statusWidth + 1, row.top(), statusWidth, row.height());
-    painter->setFont(captionFont(option.font));
+    const QRect status = statusRect(row);
+    const QFont caption = captionFont(option.font);
+    painter->setFont(caption);
     painter->setPen(statusColor(kind));
     painter->drawText(status, Qt::AlignRight | Qt::AlignVCenter, statusText(kind));
 
     // Right-aligned so that sizes line up from row to row.
-    const QFont sizeFont = captionFont(option.font);
-    const QString size = sizeText(index.data(TransferQueue::SizeRole).toLongLong());
-    const int sizeWidth = QFontMetrics(sizeFont).horizontalAdvance(size);
+    const QString size = QString::fromStdString(
+        Units::megabytes(static_cast<double>(index.data(TransferQueue::SizeRole).toLongLong()), 0));
+    const int sizeWidth = QFontMetrics(caption).horizontalAdvance(size);
     const QRect sizeRect(status.left() - spacing - sizeWidth, row.top(), sizeWidth, row.height());
-    painter->setFont(sizeFont);
     painter->setPen(KestrelvaneColors::muted());
     painter->drawText(sizeRect, Qt::AlignRight | Qt::AlignVCenter, size);
 
@@ -136,9 +141,8 @@ void QueueRowDelegate::paint(QPainter* painter, const QStyleOptionViewItem& opti
 bool QueueRowDelegate::helpEvent(QHelpEvent* event, QAbstractItemView* view,
                                  const QStyleOptionViewItem& option, const QModelIndex& index) {
     if (event->type() == QEvent::ToolTip) {
-        // The reason belongs to the status label at the row's trailing end.
-        const QRect row = option.rect.adjusted(8, 0, -8, 0);
-        const QRect status(row.right() - statusWidth + 1, row.top(), statusWidth, row.height());
+        // The reason belongs to the status label.
+        const QRect status = statusRect(option.rect.adjusted(8, 0, -8, 0));
         const QString help = status.contains(event->pos()) ? statusHelp(index) : QString();
         if (help.isEmpty()) {
             QToolTip::hideText();

@@ -2,10 +2,7 @@
 
 #include "Sender/TransferQueue.h"
 
-#include <QColor>
 #include <QStyledItemDelegate>
-
-#include <cstdint>
 
 namespace kestrelvane {
 
@@ -14,10 +11,6 @@ namespace kestrelvane {
 class QueueRowDelegate : public QStyledItemDelegate {
     Q_OBJECT
 public:
-    static constexpr int thumbnailSide = 26;
-    static constexpr int statusWidth = 80;
-    static constexpr int spacing = 10;
-
     using QStyledItemDelegate::QStyledItemDelegate;
 
     void paint(QPainter* painter, const QStyleOptionViewItem& option,
@@ -26,15 +19,8 @@ public:
     bool helpEvent(QHelpEvent* event, QAbstractItemView* view, const QStyleOptionViewItem& option,
                    const QModelIndex& index) override;
 
-    /// "%.0f MB" of mebibytes: 1,572,864 bytes is "2 MB".
-    static QString sizeText(std::int64_t bytes);
-    static QString statusText(TransferQueue::Status::Kind kind);
-    static QColor statusColor(TransferQueue::Status::Kind kind);
     /// The status' hover text: the failure reason, empty for the other states.
     static QString statusHelp(const QModelIndex& index);
-
-private:
-    static TransferQueue::Status::Kind kindOf(const QModelIndex& index);
 };
 
 } // namespace kestrelvane

@@ -1,7 +1,6 @@
 #include "Sender/SenderViewModel.h"
 
 #include "KestrelvaneKit/log/Units.h"
-#include "KestrelvaneKit/session/Destination.h"
 #include "KestrelvaneKit/session/SendRun.h"
 #include "KestrelvaneKit/session/UsbPhones.h"
 #include "KestrelvaneKit/wire/SessionHeader.h"
@@ -13,6 +12,20 @@ namespace {
 
 QString middleDot() {
     return QStringLiteral(" ") + QChar(0x00B7) + QStringLiteral(" ");
+}
+
+/// The running line: "38.2 MB/s · 1:05".
+QString progressLine(std::int64_t bytesDone, double elapsedSeconds) {
+    return QString::fromStdString(Units::rate(static_cast<double>(bytesDone), elapsedSeconds)) +
+           middleDot() + QString::fromStdString(Units::clock(elapsedSeconds));
+}
+
+/// The closing line: "1187 MB in 1:05 · avg 18.3 MB/s".
+QString summaryLine(std::int64_t bytesDone, double elapsedSeconds) {
+    const auto bytes = static_cast<double>(bytesDone);
+    return QString::fromStdString(Units::megabytes(bytes, 0) + " in " +
+                                  Units::clock(elapsedSeconds)) +
+           middleDot() + QString::fromStdString("avg " + Units::rate(bytes, elapsedSeconds));
 }
 
 } // namespace
@@ -64,46 +77,20 @@ void SenderViewModel::setStatsLine(const QString& line) {
     }
 }
 
-void SenderViewModel::addURLs(const std::vector<std::filesystem::path>& urls) {
-    queue_.add(urls);
-}
-
 void SenderViewModel::clearQueue() {
     queue_.clear();
     setStatsLine({});
 }
 
 void SenderViewModel::send(int fd, OnFailure onFailure) {
-    FileDescriptor tunnel(fd); // closed here unless a send takes it
-    const std::vector<std::filesystem::path> urls = queue_.unsentURLs();
-    if (urls.empty() || isSending_) {
-        return;
-    }
-    auto stream = UsbPhones::stream(std::move(tunnel));
+    // The stream owns the tunnel from here: it is closed with it unless a send takes it.
     startSend(
-        urls, [stream] { return stream; }, std::move(onFailure));
-}
-
-void SenderViewModel::send(const Destination& destination, OnFailure onFailure) {
-    // Connected by the run, so that closing the window stops a connection being made.
-    start(
-        queue_.unsentURLs(),
-        [destination](SendRun& run) { return run.run(destination).brokeOff.has_value(); },
+        queue_.unsentURLs(), [stream = UsbPhones::stream(FileDescriptor(fd))] { return stream; },
         std::move(onFailure));
 }
 
 void SenderViewModel::startSend(const std::vector<std::filesystem::path>& urls,
                                 MakeStream makeStream, OnFailure onFailure) {
-    start(
-        urls,
-        [makeStream = std::move(makeStream)](SendRun& run) {
-            return run.run(makeStream()).brokeOff.has_value();
-        },
-        std::move(onFailure));
-}
-
-void SenderViewModel::start(const std::vector<std::filesystem::path>& urls, Runner runner,
-                            OnFailure onFailure) {
     if (urls.empty() || isSending_) {
         return;
     }
@@ -122,13 +109,7 @@ void SenderViewModel::start(const std::vector<std::filesystem::path>& urls, Runn
 
     const auto run = std::make_shared<SendRun>(
         urls, session, SendRun::Observer{.settled = [this](const SendRun::Settled& settled) {
-            const bool ok = settled.ack.status == Ack::Status::ok;
-            const QString message = settled.ack.message
-                                        ? QString::fromStdString(*settled.ack.message)
-                                        : QStringLiteral("failed");
-            delivery_.deliver([this, url = settled.path, ok, message, bytes = settled.byteCount] {
-                applyProgress(url, ok, message, bytes);
-            });
+            delivery_.deliver([this, settled] { applyProgress(settled); });
         }});
     {
         const std::lock_guard lock(runMutex_);
@@ -137,11 +118,11 @@ void SenderViewModel::start(const std::vector<std::filesystem::path>& urls, Runn
             run->cancel();
         }
     }
-    worker_ =
-        std::thread([this, run, runner = std::move(runner), onFailure = std::move(onFailure)] {
+    worker_ = std::thread(
+        [this, run, makeStream = std::move(makeStream), onFailure = std::move(onFailure)] {
             bool dropped = false;
             try {
-                dropped = runner(*run);
+                dropped = run->run(makeStream()).brokeOff.has_value();
             } catch (const std::exception&) {
                 dropped = true; // no connection
             }
@@ -153,12 +134,15 @@ void SenderViewModel::start(const std::vector<std::filesystem::path>& urls, Runn
         });
 }
 
-void SenderViewModel::applyProgress(const std::filesystem::path& url, bool ok,
-                                    const QString& message, std::uint64_t byteCount) {
-    queue_.setStatus(ok ? TransferQueue::Status::saved() : TransferQueue::Status::failed(message),
-                     url);
-    if (ok) {
-        bytesDone_ += static_cast<std::int64_t>(byteCount);
+void SenderViewModel::applyProgress(const SendRun::Settled& settled) {
+    const Ack& ack = settled.ack;
+    if (ack.status == Ack::Status::ok) {
+        queue_.setStatus(TransferQueue::Status::saved(), settled.path);
+        bytesDone_ += static_cast<std::int64_t>(settled.byteCount);
+    } else {
+        queue_.setStatus(
+            TransferQueue::Status::failed(QString::fromStdString(ack.message.value_or("failed"))),
+            settled.path);
     }
     setStatsLine(progressLine(bytesDone_, elapsedSeconds()));
 }
@@ -176,21 +160,6 @@ void SenderViewModel::finishSend(bool dropped, const OnFailure& onFailure) {
 
 double SenderViewModel::elapsedSeconds() const {
     return std::chrono::duration<double>(Clock::now() - start_).count();
-}
-
-QString SenderViewModel::clock(double seconds) {
-    return QString::fromStdString(Units::clock(seconds));
-}
-
-QString SenderViewModel::progressLine(std::int64_t bytesDone, double elapsedSeconds) {
-    return QString::fromStdString(Units::rate(static_cast<double>(bytesDone), elapsedSeconds)) +
-           middleDot() + clock(elapsedSeconds);
-}
-
-QString SenderViewModel::summaryLine(std::int64_t bytesDone, double elapsedSeconds) {
-    const auto bytes = static_cast<double>(bytesDone);
-    return QString::fromStdString(Units::megabytes(bytes, 0) + " in ") + clock(elapsedSeconds) +
-           middleDot() + QString::fromStdString("avg " + Units::rate(bytes, elapsedSeconds));
 }
 
 } // namespace kestrelvane

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "KestrelvaneKit/session/SendRun.h"
 #include "Sender/BackgroundWork.h"
 #include "Sender/TransferQueue.h"
 
@@ -10,7 +11,6 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <thread>
@@ -19,8 +19,6 @@
 namespace kestrelvane {
 
 class KestrelvaneStream;
-class SendRun;
-struct Destination;
 
 /// The window's model: the queue, the album name, whether a send runs and the
 /// statistics line. A send runs on a worker thread; everything it reports is
@@ -47,25 +45,15 @@ public:
     /// Bytes of the files acknowledged as saved during the current send.
     std::int64_t bytesDone() const noexcept { return bytesDone_; }
 
-    void addURLs(const std::vector<std::filesystem::path>& urls);
     void clearQueue();
 
     /// Sends every unsent item over the open usbmuxd tunnel `fd`, which this
     /// call takes over (it is closed even when there is nothing to send).
     /// `onFailure` runs if the transfer breaks off with files still unsent.
     void send(int fd, OnFailure onFailure);
-    /// Sends every unsent item to `destination`, connecting on the worker.
-    void send(const Destination& destination, OnFailure onFailure);
     /// Sends `urls` over the stream `makeStream` gives, on a worker thread.
     void startSend(const std::vector<std::filesystem::path>& urls, MakeStream makeStream,
                    OnFailure onFailure);
-
-    /// "%d:%02d" minutes and seconds, rounded to the nearest second.
-    static QString clock(double seconds);
-    /// The running line: "38.2 MB/s · 1:05".
-    static QString progressLine(std::int64_t bytesDone, double elapsedSeconds);
-    /// The closing line: "1187 MB in 1:05 · avg 18.3 MB/s".
-    static QString summaryLine(std::int64_t bytesDone, double elapsedSeconds);
 
 signals:
     void albumNameChanged();
@@ -76,13 +64,8 @@ signals:
 
 private:
     using Clock = std::chrono::steady_clock;
-    /// Runs the send; true when it broke off. May throw (no connection).
-    using Runner = std::function<bool(SendRun&)>;
 
-    void start(const std::vector<std::filesystem::path>& urls, Runner runner, OnFailure onFailure);
-
-    void applyProgress(const std::filesystem::path& url, bool ok, const QString& message,
-                       std::uint64_t byteCount);
+    void applyProgress(const SendRun::Settled& settled);
     void finishSend(bool dropped, const OnFailure& onFailure);
     void setSending(bool sending);
     void setStatsLine(const QString& line);

@@ -1,5 +1,6 @@
 #include "Sender/ThumbnailProvider.h"
 
+#include "KestrelvaneKit/intake/MediaScanner.h"
 #include "Sender/BackgroundWork.h"
 
 #include <QBuffer>
@@ -54,14 +55,6 @@ QImage fromImageFile(const std::filesystem::path& file, int pixelSize) {
     return readScaled(reader, pixelSize);
 }
 
-QImage fromEncodedBytes(const QByteArray& bytes, int pixelSize) {
-    QByteArray copy = bytes;
-    QBuffer buffer(&copy);
-    buffer.open(QIODevice::ReadOnly);
-    QImageReader reader(&buffer);
-    return readScaled(reader, pixelSize);
-}
-
 /// RAW files carry JPEG previews; the smallest one that still fills the
 /// thumbnail is decoded instead of the raw data.
 QImage fromRawPreview(const std::filesystem::path& file, int pixelSize) {
@@ -81,9 +74,12 @@ QImage fromRawPreview(const std::filesystem::path& file, int pixelSize) {
         });
         const Exiv2::PreviewImage preview =
             previews.getPreviewImage(chosen != list.end() ? *chosen : list.back());
-        const QByteArray bytes(reinterpret_cast<const char*>(preview.pData()),
-                               static_cast<qsizetype>(preview.size()));
-        return fromEncodedBytes(bytes, pixelSize);
+        QByteArray bytes(reinterpret_cast<const char*>(preview.pData()),
+                         static_cast<qsizetype>(preview.size()));
+        QBuffer buffer(&bytes);
+        buffer.open(QIODevice::ReadOnly);
+        QImageReader reader(&buffer);
+        return readScaled(reader, pixelSize);
     } catch (const Exiv2::Error&) {
         return {};
     }
@@ -134,11 +130,8 @@ QImage fromHeif(const std::filesystem::path& file, int pixelSize) {
         return {};
     }
     const QImage view(pixels, width, height, stride, QImage::Format_RGBA8888);
-    // Both branches copy, so nothing refers to libheif's buffer afterwards.
-    if (width <= pixelSize && height <= pixelSize) {
-        return view.copy();
-    }
-    return view.scaled(pixelSize, pixelSize, Qt::KeepAspectRatio, Qt::SmoothTransformation);
+    // A deep copy: nothing may refer to libheif's buffer once it is released.
+    return fitted(view, pixelSize).copy();
 }
 
 QImage fromVideo(const std::filesystem::path& file, int pixelSize) {
@@ -222,7 +215,6 @@ QImage ThumbnailProvider::generate(const std::filesystem::path& file, int pixelS
     static const std::set<std::string> heif{"heic", "heif", "avif"};
     static const std::set<std::string> raw{"dng", "cr2", "cr3", "nef", "arw",
                                            "raf", "orf", "rw2", "pef", "3fr"};
-    static const std::set<std::string> video{"mov", "mp4", "m4v"};
     if (pixelSize <= 0) {
         return {};
     }
@@ -234,7 +226,7 @@ QImage ThumbnailProvider::generate(const std::filesystem::path& file, int pixelS
         QImage preview = fromRawPreview(file, pixelSize);
         return preview.isNull() ? fromImageFile(file, pixelSize) : preview;
     }
-    if (video.count(extension) != 0) {
+    if (MediaScanner::videoExtensions().contains(extension)) {
         return fromVideo(file, pixelSize);
     }
     return fromImageFile(file, pixelSize);

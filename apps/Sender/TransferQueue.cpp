@@ -15,6 +15,17 @@ namespace kestrelvane {
 
 namespace fs = std::filesystem;
 
+namespace {
+
+TransferQueue::Item makeItem(fs::path url, std::int64_t size, MediaType type) {
+    std::error_code ignored;
+    QString id = QString::fromStdString(fs::absolute(url, ignored).lexically_normal().string());
+    QString name = QString::fromStdString(url.filename().string());
+    return {std::move(id), std::move(url), std::move(name), size, type};
+}
+
+} // namespace
+
 TransferQueue::TransferQueue(QObject* parent)
     : QAbstractListModel(parent), planner_(std::make_unique<BackgroundWork>(1)),
       thumbnails_(std::make_unique<ThumbnailProvider>()) {
@@ -23,7 +34,6 @@ TransferQueue::TransferQueue(QObject* parent)
 }
 
 TransferQueue::~TransferQueue() {
-    pendingDrops_.clear();
     planner_.reset(); // a drop being planned finishes; its result is dropped
     thumbnails_.reset();
 }
@@ -47,8 +57,7 @@ QVariant TransferQueue::data(const QModelIndex& index, int role) const {
     case SizeRole:
         return QVariant::fromValue<qint64>(item.size);
     case MediaTypeRole:
-        return QString::fromUtf8(wireString(item.mediaType).data(),
-                                 static_cast<qsizetype>(wireString(item.mediaType).size()));
+        return QString::fromUtf8(wireString(item.mediaType));
     case StatusRole:
         return statusName(item.status.kind);
     case StatusMessageRole:
@@ -85,14 +94,6 @@ QString TransferQueue::statusName(Status::Kind kind) {
     return {};
 }
 
-std::vector<TransferQueue::Item> TransferQueue::unsentItems() const {
-    std::vector<Item> unsent;
-    std::copy_if(items_.begin(), items_.end(), std::back_inserter(unsent), [](const Item& item) {
-        return item.status.kind != Status::Kind::saved && !item.unreadable;
-    });
-    return unsent;
-}
-
 std::int64_t TransferQueue::totalBytes() const {
     std::int64_t total = 0;
     for (const Item& item : items_) {
@@ -127,16 +128,15 @@ void TransferQueue::planNext() {
     }
     planner_->runThenDeliver([this, adding = std::move(adding), queued = std::move(queued),
                               generation = generation_]() -> std::function<void()> {
-        std::vector<Planned> planned = plan(adding, queued);
+        std::vector<Item> planned = plan(adding, queued);
         return [this, planned = std::move(planned), generation]() mutable {
-            appendPlanned(std::make_shared<std::vector<Planned>>(std::move(planned)), 0,
-                          generation);
+            appendPlanned(std::make_shared<std::vector<Item>>(std::move(planned)), 0, generation);
         };
     });
 }
 
-std::vector<TransferQueue::Planned> TransferQueue::plan(const std::vector<fs::path>& adding,
-                                                        const std::vector<fs::path>& queued) {
+std::vector<TransferQueue::Item> TransferQueue::plan(const std::vector<fs::path>& adding,
+                                                     const std::vector<fs::path>& queued) {
     std::vector<fs::path> urls;
     std::vector<QueuePlanner::Unreadable> unreadable;
     try {
@@ -144,8 +144,8 @@ std::vector<TransferQueue::Planned> TransferQueue::plan(const std::vector<fs::pa
     } catch (const std::exception&) {
         return {}; // a drop that cannot be planned adds nothing
     }
-    std::vector<Planned> planned;
-    planned.reserve(urls.size());
+    std::vector<Item> planned;
+    planned.reserve(urls.size() + unreadable.size());
     for (fs::path& url : urls) {
         const std::optional<MediaType> type = MediaScanner::mediaType(url);
         if (!type) {
@@ -153,17 +153,14 @@ std::vector<TransferQueue::Planned> TransferQueue::plan(const std::vector<fs::pa
         }
         std::error_code error;
         const std::uintmax_t size = fs::file_size(url, error);
-        const bool sizeUnreadable = static_cast<bool>(error);
-        QString id = QString::fromStdString(fs::absolute(url, error).lexically_normal().string());
-        planned.push_back({std::move(id), std::move(url),
-                           sizeUnreadable ? 0 : static_cast<std::int64_t>(size), *type});
+        planned.push_back(
+            makeItem(std::move(url), error ? 0 : static_cast<std::int64_t>(size), *type));
     }
-    for (auto& [url, error] : unreadable) {
-        std::error_code ignored;
-        QString id = QString::fromStdString(fs::absolute(url, ignored).lexically_normal().string());
-        planned.push_back({std::move(id), url, 0,
-                           MediaScanner::mediaType(url).value_or(MediaType::photo),
-                           QString::fromStdString(error.message())});
+    for (const auto& [url, error] : unreadable) {
+        Item& item = planned.emplace_back(
+            makeItem(url, 0, MediaScanner::mediaType(url).value_or(MediaType::photo)));
+        item.status = Status::failed(QString::fromStdString(error.message()));
+        item.unreadable = true;
     }
     return planned;
 }
@@ -171,7 +168,7 @@ std::vector<TransferQueue::Planned> TransferQueue::plan(const std::vector<fs::pa
 // A big drop is appended a slice at a time, with the event loop running in
 // between, so the window keeps drawing and answering while thousands of rows
 // arrive. Every item is still announced on its own, in order.
-void TransferQueue::appendPlanned(std::shared_ptr<std::vector<Planned>> planned, std::size_t from,
+void TransferQueue::appendPlanned(std::shared_ptr<std::vector<Item>> planned, std::size_t from,
                                   std::uint64_t generation) {
     if (generation != generation_) {
         return; // the queue was cleared since this drop was planned
@@ -189,26 +186,15 @@ void TransferQueue::appendPlanned(std::shared_ptr<std::vector<Planned>> planned,
         if (next > from && slice.elapsed() >= appendSliceMilliseconds) {
             break;
         }
-        Planned& entry = (*planned)[next];
-        if (const auto row = rowById_.find(entry.id); row != rowById_.end()) {
+        Item& item = (*planned)[next];
+        if (rowById_.contains(item.id)) {
             // Only an unreadable row is planned again: it stays, or gives way.
-            if (entry.unreadable.isEmpty()) {
-                remove({entry.id});
-            } else {
+            if (item.unreadable) {
                 continue;
             }
+            remove({item.id});
         }
-        Item item;
-        item.id = std::move(entry.id);
-        item.name = QString::fromStdString(entry.url.filename().string());
-        item.url = std::move(entry.url);
-        item.size = entry.size;
-        item.mediaType = entry.mediaType;
-        if (!entry.unreadable.isEmpty()) {
-            item.status = Status::failed(entry.unreadable);
-            item.unreadable = true;
-            ++unreadableCount_;
-        }
+        unreadableCount_ += static_cast<int>(item.unreadable);
         const int row = static_cast<int>(items_.size());
         beginInsertRows({}, row, row);
         rowById_.insert(item.id, items_.size());

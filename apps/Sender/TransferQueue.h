@@ -79,7 +79,6 @@ public:
     int unsentCount() const noexcept {
         return static_cast<int>(items_.size()) - savedCount_ - unreadableCount_;
     }
-    std::vector<Item> unsentItems() const;
     std::int64_t totalBytes() const;
 
     /// Adds the photos and videos among `urls` (folders expanded) that are not
@@ -89,7 +88,6 @@ public:
     /// loop; drops are planned one after the other, so a later drop sees everything an earlier one
     /// added.
     void add(const std::vector<std::filesystem::path>& urls);
-    /// Whether a drop is still being planned.
     bool isPlanning() const noexcept { return planning_; }
 
     void remove(const std::set<QString>& ids);
@@ -116,26 +114,18 @@ signals:
     void addFinished();
 
 private:
-    struct Planned {
-        QString id;
-        std::filesystem::path url;
-        std::int64_t size = 0;
-        MediaType mediaType = MediaType::photo;
-        QString unreadable{}; ///< why the path cannot be read; empty when it can
-    };
-
     /// Appending a drop yields to the event loop after this long.
     static constexpr int appendSliceMilliseconds = 5;
 
     void planNext();
     /// Appends `planned` from `from` on; calls itself again later for the rest.
     /// Stops as soon as the queue is cleared, `generation` being then out of date.
-    void appendPlanned(std::shared_ptr<std::vector<Planned>> planned, std::size_t from,
+    void appendPlanned(std::shared_ptr<std::vector<Item>> planned, std::size_t from,
                        std::uint64_t generation);
     void changeStatus(std::size_t row, const Status& status);
     void reindex();
-    static std::vector<Planned> plan(const std::vector<std::filesystem::path>& adding,
-                                     const std::vector<std::filesystem::path>& queued);
+    static std::vector<Item> plan(const std::vector<std::filesystem::path>& adding,
+                                  const std::vector<std::filesystem::path>& queued);
 
     std::vector<Item> items_;
     int savedCount_ = 0;                  // items whose status is saved
@@ -149,5 +139,3 @@ private:
 };
 
 } // namespace kestrelvane
-
-Q_DECLARE_METATYPE(kestrelvane::TransferQueue::Status)

@@ -4,10 +4,6 @@
 
 namespace kestrelvane {
 
-UsbmuxdDiscovery::UsbmuxdDiscovery(QObject* parent)
-    : UsbmuxdDiscovery(UsbPhones::Address::fromEnvironment(), defaultInterval, parent) {
-}
-
 UsbmuxdDiscovery::UsbmuxdDiscovery(UsbPhones::Address address, std::chrono::milliseconds interval,
                                    QObject* parent)
     : QObject(parent), interval_(interval),
@@ -22,13 +18,6 @@ UsbmuxdDiscovery::~UsbmuxdDiscovery() {
     worker_.reset();
     // Answers still queued for this object are dropped with it; their probes
     // close any tunnel they carry.
-}
-
-void UsbmuxdDiscovery::setPaused(bool paused) {
-    if (paused != paused_) {
-        paused_ = paused;
-        emit pausedChanged();
-    }
 }
 
 void UsbmuxdDiscovery::start() {

@@ -22,7 +22,6 @@ class BackgroundWork;
 /// in between. The next pass starts one interval after the previous one ended.
 class UsbmuxdDiscovery : public QObject {
     Q_OBJECT
-    Q_PROPERTY(bool paused READ paused WRITE setPaused NOTIFY pausedChanged)
 public:
     struct State {
         enum class Kind { noDevice, appNotListening, ready };
@@ -44,8 +43,6 @@ public:
 
     static constexpr std::chrono::milliseconds defaultInterval{1000};
 
-    /// Talks to the daemon named by USBMUXD_SOCKET_ADDRESS, else the default.
-    explicit UsbmuxdDiscovery(QObject* parent = nullptr);
     explicit UsbmuxdDiscovery(UsbPhones::Address address,
                               std::chrono::milliseconds interval = defaultInterval,
                               QObject* parent = nullptr);
@@ -53,9 +50,8 @@ public:
     ~UsbmuxdDiscovery() override;
 
     State state() const noexcept { return state_; }
-    bool paused() const noexcept { return paused_; }
     /// While paused, passes leave the state alone and make no connection.
-    void setPaused(bool paused);
+    void setPaused(bool paused) noexcept { paused_ = paused; }
     bool isRunning() const noexcept { return running_; }
 
     /// Starts polling with a pass right away; does nothing while polling.
@@ -69,7 +65,6 @@ public:
 
 signals:
     void stateChanged(const kestrelvane::UsbmuxdDiscovery::State& state);
-    void pausedChanged();
     /// A pass has ended (also a skipped one).
     void passFinished();
 
