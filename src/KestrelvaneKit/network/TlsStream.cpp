@@ -187,6 +187,10 @@ std::size_t TlsStream::receiveInto(MutableByteView into) {
         drive("SSL_read()", [&](SSL* ssl) { return SSL_read(ssl, into.data(), room); }));
 }
 
+TlsStream::Role TlsStream::role() const noexcept {
+    return session_->role;
+}
+
 std::array<std::uint8_t, 32> TlsStream::exportedSecret(const std::string& label) {
     std::array<std::uint8_t, 32> secret{};
     const std::lock_guard lock(mutex_);

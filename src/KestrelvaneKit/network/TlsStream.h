@@ -47,6 +47,7 @@ public:
     /// The SHA-256 fingerprint of the certificate the peer proved it holds,
     /// once start() has returned (or refused it for not being the pinned one).
     const Fingerprint& peerFingerprint() const noexcept { return peer_; }
+    Role role() const noexcept;
     /// This end's own fingerprint.
     const Fingerprint& ownFingerprint() const noexcept { return own_; }
     /// 32 bytes that only the two ends of this TLS session can compute

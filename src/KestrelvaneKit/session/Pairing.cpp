@@ -47,10 +47,9 @@ std::string hexOf(const Block& block) {
     return Fingerprint{block}.hex();
 }
 
-Block commitment(const Fingerprint& sender, const Fingerprint& receiver, const Block& secret,
-                 const Block& receiverNonce) {
-    return sha256({bytesOf("kestrelvane pair commit v1"), sender.bytes, receiver.bytes, secret,
-                   receiverNonce});
+Block commitment(const Binding& binding, const Block& receiverNonce) {
+    return sha256({bytesOf("kestrelvane pair commit v1"), binding.sender.bytes,
+                   binding.receiver.bytes, binding.secret, receiverNonce});
 }
 
 /// The one field `key` of a pairing message, as 32 bytes written in hex.
@@ -72,7 +71,7 @@ void sendBlock(KestrelvaneStream& stream, const char* key, const Block& block) {
 }
 
 /// Asks this end's person, tells the other end the verdict and hears its own.
-Outcome confirm(TlsStream& stream, const PairingOffer& offer, const AskPerson& ask) {
+Outcome confirm(KestrelvaneStream& stream, const PairingOffer& offer, const AskPerson& ask) {
     std::string typed = ask(offer);
     std::erase(typed, ' ');
     std::string expected = offer.code;
@@ -91,10 +90,10 @@ Outcome confirm(TlsStream& stream, const PairingOffer& offer, const AskPerson& a
 
 } // namespace
 
-std::string code(const Fingerprint& sender, const Fingerprint& receiver, const Block& secret,
-                 const Block& senderNonce, const Block& receiverNonce) {
-    const Block digest = sha256({bytesOf("kestrelvane pair code v1"), sender.bytes, receiver.bytes,
-                                 secret, senderNonce, receiverNonce});
+std::string code(const Binding& binding, const Block& senderNonce, const Block& receiverNonce) {
+    const Block digest =
+        sha256({bytesOf("kestrelvane pair code v1"), binding.sender.bytes, binding.receiver.bytes,
+                binding.secret, senderNonce, receiverNonce});
     std::uint64_t value = 0;
     for (std::size_t i = 0; i < 8; ++i) {
         value = value << 8 | digest[i];
@@ -105,10 +104,15 @@ std::string code(const Fingerprint& sender, const Fingerprint& receiver, const B
     return text;
 }
 
-Outcome asSender(TlsStream& stream, const std::string& receiverName, const AskPerson& ask) {
-    const Fingerprint& sender = stream.ownFingerprint();
-    const Fingerprint& receiver = stream.peerFingerprint();
-    const Block secret = stream.exportedSecret(exporterLabel);
+Binding Binding::of(TlsStream& stream) {
+    const bool sending = stream.role() == TlsStream::Role::client;
+    return {sending ? stream.ownFingerprint() : stream.peerFingerprint(),
+            sending ? stream.peerFingerprint() : stream.ownFingerprint(),
+            stream.exportedSecret(exporterLabel)};
+}
+
+Outcome asSender(KestrelvaneStream& stream, const Binding& binding, const std::string& receiverName,
+                 const AskPerson& ask) {
     const Block committed = blockField(stream, "commit");
     const Block senderNonce = randomBlock();
     sendBlock(stream, "nonce", senderNonce);
@@ -116,13 +120,12 @@ Outcome asSender(TlsStream& stream, const std::string& receiverName, const AskPe
     // the code it was heading for: that is said, not taken as a hiccup.
     try {
         const Block receiverNonce = blockField(stream, "nonce");
-        if (commitment(sender, receiver, secret, receiverNonce) != committed) {
+        if (commitment(binding, receiverNonce) != committed) {
             return Outcome::commitmentBroken;
         }
-        return confirm(
-            stream,
-            {receiverName, receiver, code(sender, receiver, secret, senderNonce, receiverNonce)},
-            ask);
+        return confirm(stream,
+                       {receiverName, binding.receiver, code(binding, senderNonce, receiverNonce)},
+                       ask);
     } catch (const StreamError&) {
         return Outcome::brokenAfterReveal;
     } catch (const std::system_error&) {
@@ -130,23 +133,28 @@ Outcome asSender(TlsStream& stream, const std::string& receiverName, const AskPe
     }
 }
 
-Outcome asReceiver(TlsStream& stream, const std::string& senderName, const AskPerson& ask) {
-    const Fingerprint& sender = stream.peerFingerprint();
-    const Fingerprint& receiver = stream.ownFingerprint();
-    const Block secret = stream.exportedSecret(exporterLabel);
+Outcome asReceiver(KestrelvaneStream& stream, const Binding& binding, const std::string& senderName,
+                   const AskPerson& ask) {
     const Block receiverNonce = randomBlock();
-    sendBlock(stream, "commit", commitment(sender, receiver, secret, receiverNonce));
+    sendBlock(stream, "commit", commitment(binding, receiverNonce));
     const Block senderNonce = blockField(stream, "nonce");
     sendBlock(stream, "nonce", receiverNonce);
     try {
         return confirm(
-            stream,
-            {senderName, sender, code(sender, receiver, secret, senderNonce, receiverNonce)}, ask);
+            stream, {senderName, binding.sender, code(binding, senderNonce, receiverNonce)}, ask);
     } catch (const StreamError&) {
         return Outcome::brokenAfterReveal;
     } catch (const std::system_error&) {
         return Outcome::brokenAfterReveal;
     }
+}
+
+Outcome asSender(TlsStream& stream, const std::string& receiverName, const AskPerson& ask) {
+    return asSender(stream, Binding::of(stream), receiverName, ask);
+}
+
+Outcome asReceiver(TlsStream& stream, const std::string& senderName, const AskPerson& ask) {
+    return asReceiver(stream, Binding::of(stream), senderName, ask);
 }
 
 } // namespace kestrelvane::Pairing

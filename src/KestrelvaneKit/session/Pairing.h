@@ -36,14 +36,28 @@ enum class Outcome {
 /// other device shows. Spaces do not count.
 using AskPerson = std::function<std::string(const PairingOffer& offer)>;
 
+/// What ties a pairing to one connection: the two certificates as this end
+/// saw them, and the TLS session's exported secret.
+struct Binding {
+    Fingerprint sender, receiver;
+    std::array<std::uint8_t, 32> secret{};
+
+    /// The binding of a started TLS stream, whose client is the sender.
+    static Binding of(TlsStream& stream);
+};
+
+/// The sender's part, over `stream` (a started TLS stream's own binding, or
+/// any stream with a binding, for tests).
+Outcome asSender(KestrelvaneStream& stream, const Binding& binding, const std::string& receiverName,
+                 const AskPerson& ask);
+Outcome asReceiver(KestrelvaneStream& stream, const Binding& binding, const std::string& senderName,
+                   const AskPerson& ask);
+/// The same over a started TLS stream, bound to it.
 Outcome asSender(TlsStream& stream, const std::string& receiverName, const AskPerson& ask);
 Outcome asReceiver(TlsStream& stream, const std::string& senderName, const AskPerson& ask);
 
-/// The code for these inputs, as "123 456"; `secret` is the TLS session's
-/// exported secret. Both ends compute it; exposed for tests.
-std::string code(const Fingerprint& sender, const Fingerprint& receiver,
-                 const std::array<std::uint8_t, 32>& secret,
-                 const std::array<std::uint8_t, 32>& senderNonce,
+/// The code both ends compute, as "123 456".
+std::string code(const Binding& binding, const std::array<std::uint8_t, 32>& senderNonce,
                  const std::array<std::uint8_t, 32>& receiverNonce);
 
 } // namespace Pairing
