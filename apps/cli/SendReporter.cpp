@@ -111,32 +111,34 @@ void SendReporter::sent(std::uint64_t bytes) {
     }
 }
 
-void SendReporter::finish(const Summary& summary) {
+void SendReporter::finish(const std::vector<Unsaved>& unsaved, int exitStatus) {
     ticker_ = {}; // stopped and joined: the live line is not drawn again
     const std::lock_guard lock(mutex_);
+    const auto saved = files_ - static_cast<std::int64_t>(unsaved.size());
+    const double seconds = clock_() - startedAt_;
     if (style_ == Style::json) {
-        nlohmann::json unsaved = nlohmann::json::array();
-        for (const auto& file : summary.unsaved) {
-            unsaved.push_back({{"name", file.name}, {"path", file.path}, {"reason", file.reason}});
+        nlohmann::json files = nlohmann::json::array();
+        for (const auto& file : unsaved) {
+            files.push_back({{"name", file.name}, {"path", file.path}, {"reason", file.reason}});
         }
         printLine(jsonLine({{"event", "summary"},
-                            {"files", summary.files},
-                            {"saved", summary.saved},
-                            {"failed", summary.files - summary.saved},
-                            {"bytes", summary.bytesSaved},
-                            {"seconds", summary.seconds},
-                            {"unsaved", unsaved},
-                            {"exitStatus", summary.exitStatus}}));
+                            {"files", files_},
+                            {"saved", saved},
+                            {"failed", files_ - saved},
+                            {"bytes", bytesDone_},
+                            {"seconds", seconds},
+                            {"unsaved", files},
+                            {"exitStatus", exitStatus}}));
         return;
     }
     clearLiveLine();
-    const auto saved = static_cast<double>(summary.bytesSaved);
-    printLine(std::to_string(summary.saved) + " of " + std::to_string(summary.files) + " saved, " +
-              Units::megabytes(saved) + " in " + Units::clock(summary.seconds) + " (" +
-              Units::rate(saved, summary.seconds) + ")");
-    if (!summary.unsaved.empty()) {
+    const auto bytes = static_cast<double>(bytesDone_);
+    printLine(std::to_string(saved) + " of " + std::to_string(files_) + " saved, " +
+              Units::megabytes(bytes) + " in " + Units::clock(seconds) + " (" +
+              Units::rate(bytes, seconds) + ")");
+    if (!unsaved.empty()) {
         printLine("Not saved:");
-        for (const auto& file : summary.unsaved) {
+        for (const auto& file : unsaved) {
             printLine("  " + file.path + ": " + file.reason);
         }
     }

@@ -29,15 +29,6 @@ public:
         std::string reason{}; ///< the receiver's message, or "not acknowledged"
     };
 
-    struct Summary {
-        std::int64_t files = 0;
-        std::int64_t saved = 0;
-        std::uint64_t bytesSaved = 0;
-        double seconds = 0;
-        std::vector<Unsaved> unsaved{};
-        int exitStatus = 0;
-    };
-
     using Clock = std::function<double()>; ///< seconds; only differences matter
 
     /// How often the terminal's live line is redrawn when nothing happens.
@@ -60,7 +51,8 @@ public:
     /// `bytes` more were written to the receiver (frames included). Cheap;
     /// meant to be called from the writing thread for every write.
     void sent(std::uint64_t bytes);
-    void finish(const Summary& summary);
+    /// The summary: what was saved since start(), and the files that were not.
+    void finish(const std::vector<Unsaved>& unsaved, int exitStatus);
 
     static double steadySeconds();
 
