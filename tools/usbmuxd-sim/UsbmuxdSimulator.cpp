@@ -48,9 +48,10 @@ bool readExactly(int fd, std::uint8_t* out, std::size_t count) {
 }
 
 /// A client that has gone away misses what it would have been told.
-void writeIgnoringErrors(int fd, ByteView bytes) {
+void writeIgnoringErrors(int fd, std::uint32_t tag, const PropertyList& body,
+                         PropertyList::Format format) {
     try {
-        FileDescriptor::sendAll(fd, bytes);
+        FileDescriptor::sendAll(fd, UsbmuxdProtocol::encode(tag, body.serialize(format)));
     } catch (const std::system_error&) {
     }
 }
@@ -244,7 +245,7 @@ void UsbmuxdSimulator::serveConnection(const std::shared_ptr<Connection>& connec
 void UsbmuxdSimulator::reply(Connection& connection, std::uint32_t tag, const PropertyList& body,
                              PropertyList::Format format) {
     const std::lock_guard lock(connection.writeMutex);
-    writeIgnoringErrors(connection.fd.get(), UsbmuxdProtocol::encode(tag, body.serialize(format)));
+    writeIgnoringErrors(connection.fd.get(), tag, body, format);
 }
 
 bool UsbmuxdSimulator::handle(const std::shared_ptr<Connection>& connection, std::uint32_t tag,
@@ -254,8 +255,8 @@ bool UsbmuxdSimulator::handle(const std::shared_ptr<Connection>& connection, std
         PropertyList list = PropertyList::array();
         {
             const std::lock_guard lock(mutex_);
-            for (const auto& [id, device] : devices_) {
-                list.append(attachedMessage(id, device.phone));
+            for (const auto& [id, phone] : devices_) {
+                list.append(attachedMessage(id, phone));
             }
         }
         PropertyList body = PropertyList::dictionary();
@@ -272,15 +273,13 @@ bool UsbmuxdSimulator::handle(const std::shared_ptr<Connection>& connection, std
             const std::lock_guard lock(mutex_);
             connection->listening = true;
             connection->listenFormat = format;
-            for (const auto& [id, device] : devices_) {
-                present.push_back(attachedMessage(id, device.phone));
+            for (const auto& [id, phone] : devices_) {
+                present.push_back(attachedMessage(id, phone));
             }
         }
-        writeIgnoringErrors(connection->fd.get(),
-                            UsbmuxdProtocol::encode(tag, result(resultOK).serialize(format)));
+        writeIgnoringErrors(connection->fd.get(), tag, result(resultOK), format);
         for (const auto& message : present) {
-            writeIgnoringErrors(connection->fd.get(),
-                                UsbmuxdProtocol::encode(0, message.serialize(format)));
+            writeIgnoringErrors(connection->fd.get(), 0, message, format);
         }
         return true;
     }
@@ -299,7 +298,7 @@ bool UsbmuxdSimulator::handle(const std::shared_ptr<Connection>& connection, std
         {
             const std::lock_guard lock(mutex_);
             if (const auto found = devices_.find(id.value_or(0)); found != devices_.end()) {
-                phone = found->second.phone;
+                phone = found->second;
             }
         }
         if (!phone || phone->receiver == VirtualPhone::Receiver::vanished) {
@@ -368,7 +367,7 @@ std::int64_t UsbmuxdSimulator::attach(VirtualPhone phone) {
         const std::lock_guard lock(mutex_);
         id = nextDeviceID_++;
         event = attachedMessage(id, phone);
-        devices_.emplace(id, Attached{std::move(phone)});
+        devices_.emplace(id, std::move(phone));
     }
     broadcast(event);
     return id;
@@ -379,7 +378,7 @@ bool UsbmuxdSimulator::detach(const std::string& serial) {
     {
         const std::lock_guard lock(mutex_);
         const auto found = std::find_if(devices_.begin(), devices_.end(), [&](const auto& entry) {
-            return entry.second.phone.serial == serial;
+            return entry.second.serial == serial;
         });
         if (found == devices_.end()) {
             return false;
@@ -411,9 +410,7 @@ void UsbmuxdSimulator::broadcast(const PropertyList& event) {
         }
     }
     for (const auto& [connection, format] : listeners) {
-        const std::lock_guard writing(connection->writeMutex);
-        writeIgnoringErrors(connection->fd.get(),
-                            UsbmuxdProtocol::encode(0, event.serialize(format)));
+        reply(*connection, 0, event, format);
     }
 }
 

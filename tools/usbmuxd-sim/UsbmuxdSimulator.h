@@ -53,9 +53,6 @@ private:
         std::thread thread;
         std::shared_ptr<Connection> connection;
     };
-    struct Attached {
-        VirtualPhone phone;
-    };
 
     /// The next client's socket; none once stopped.
     FileDescriptor acceptNext();
@@ -80,7 +77,7 @@ private:
 
     std::mutex mutex_; // guards everything below; no I/O while held but shutdown()
     std::int64_t nextDeviceID_ = 1;
-    std::map<std::int64_t, Attached> devices_;
+    std::map<std::int64_t, VirtualPhone> devices_;
     std::vector<std::shared_ptr<Connection>> connections_;
     std::vector<Worker> workers_; // run()'s thread only
     std::mutex outputMutex_;
