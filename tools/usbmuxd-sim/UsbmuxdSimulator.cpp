@@ -7,9 +7,7 @@
 #include <cerrno>
 #include <cstring>
 #include <exception>
-#include <fcntl.h>
 #include <iostream>
-#include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <system_error>
@@ -98,12 +96,6 @@ struct UsbmuxdSimulator::Connection {
 };
 
 UsbmuxdSimulator::UsbmuxdSimulator(Options options) : options_(std::move(options)) {
-    int ends[2];
-    if (::pipe2(ends, O_CLOEXEC) != 0) {
-        throwErrno("pipe2");
-    }
-    stopReader_.reset(ends[0]);
-    stopWriter_.reset(ends[1]);
     for (auto& phone : options_.phones) {
         attach(phone);
     }
@@ -144,8 +136,9 @@ std::string UsbmuxdSimulator::listen() {
 }
 
 void UsbmuxdSimulator::requestStop() noexcept {
-    const char byte = 's';
-    [[maybe_unused]] const ssize_t ignored = ::write(stopWriter_.get(), &byte, 1);
+    stopping_ = true;
+    // Shutting the listening socket down fails a blocked accept4() with EINVAL.
+    ::shutdown(listenFd_.get(), SHUT_RDWR);
     if (tcpListener_) {
         tcpListener_->stop(); // an atomic store and a write: fine in a signal handler
     }
@@ -155,25 +148,14 @@ FileDescriptor UsbmuxdSimulator::acceptNext() {
     if (tcpListener_) {
         return tcpListener_->acceptSocket();
     }
-    pollfd watched[2] = {{listenFd_.get(), POLLIN, 0}, {stopReader_.get(), POLLIN, 0}};
-    for (;;) {
-        if (::poll(watched, 2, -1) < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            throwErrno("poll");
+    while (!stopping_) {
+        FileDescriptor fd(::accept4(listenFd_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+        if (fd) {
+            return fd;
         }
-        if (watched[1].revents != 0) {
-            return {};
-        }
-        if (watched[0].revents != 0) {
-            FileDescriptor fd(::accept4(listenFd_.get(), nullptr, nullptr, SOCK_CLOEXEC));
-            if (fd) {
-                return fd;
-            }
-            // A client that went away before we got to it: wait for the next.
-        }
+        // A client that went away before we got to it: wait for the next.
     }
+    return {};
 }
 
 void UsbmuxdSimulator::run() {

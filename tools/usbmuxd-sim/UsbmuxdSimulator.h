@@ -4,6 +4,7 @@
 #include "KestrelvaneKit/usb/PropertyList.h"
 #include "VirtualPhone.h"
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -73,7 +74,7 @@ private:
     Options options_;
     FileDescriptor listenFd_;                  // the Unix socket
     std::unique_ptr<TcpListener> tcpListener_; // or this
-    FileDescriptor stopReader_, stopWriter_;   // a pipe: requestStop() wakes acceptNext()
+    std::atomic<bool> stopping_{false};
 
     std::mutex mutex_; // guards everything below; no I/O while held but shutdown()
     std::int64_t nextDeviceID_ = 1;
