@@ -1,5 +1,6 @@
 #include "VirtualPhone.h"
 
+#include "KestrelvaneKit/network/KestrelvaneService.h"
 #include "KestrelvaneKit/session/ReceiverService.h"
 #include "KestrelvaneKit/session/UsbPhones.h"
 
@@ -65,7 +66,8 @@ VirtualPhone VirtualPhone::parse(const std::string& description) {
 }
 
 bool VirtualPhone::accepts(std::uint16_t port) const noexcept {
-    return port == receiverPort && receiver != Receiver::none && receiver != Receiver::vanished;
+    return port == KestrelvaneService::listenerPort && receiver != Receiver::none &&
+           receiver != Receiver::vanished;
 }
 
 void VirtualPhone::switchOn(OnLine onLine) {
