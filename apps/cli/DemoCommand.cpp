@@ -185,19 +185,15 @@ int runDemo(const std::vector<std::string>& arguments) {
     const fs::path received = phone / album;
     int identical = 0;
     for (const auto& original : originals) {
-        const fs::path copy = received / original.filename();
-        std::string unreadable;
-        bool same = false;
+        const fs::path name = original.filename();
         try {
-            same = sameBytes(original, copy);
+            if (sameBytes(original, received / name)) {
+                ++identical;
+            } else {
+                std::printf("  %s did not arrive intact\n", name.c_str());
+            }
         } catch (const std::exception& error) {
-            unreadable = std::string(" (") + error.what() + ")";
-        }
-        if (same) {
-            ++identical;
-        } else {
-            std::printf("  %s did not arrive intact%s\n", original.filename().c_str(),
-                        unreadable.c_str());
+            std::printf("  %s did not arrive intact (%s)\n", name.c_str(), error.what());
         }
     }
     std::printf("\nThe virtual iPhone saved the files in %s\n", received.c_str());

@@ -83,6 +83,21 @@ PropertyList result(std::int64_t number) {
     return body;
 }
 
+PropertyList attachedMessage(std::int64_t id, const VirtualPhone& phone) {
+    PropertyList properties = PropertyList::dictionary();
+    properties.set("ConnectionSpeed", PropertyList::integer(480000000));
+    properties.set("ConnectionType", PropertyList::string("USB"));
+    properties.set("DeviceID", PropertyList::integer(id));
+    properties.set("LocationID", PropertyList::integer(0x1000 + id));
+    properties.set("ProductID", PropertyList::integer(phone.productID));
+    properties.set("SerialNumber", PropertyList::string(phone.serial));
+    PropertyList message = PropertyList::dictionary();
+    message.set("DeviceID", PropertyList::integer(id));
+    message.set("MessageType", PropertyList::string("Attached"));
+    message.set("Properties", std::move(properties));
+    return message;
+}
+
 } // namespace
 
 struct UsbmuxdSimulator::Connection {
@@ -324,21 +339,6 @@ bool UsbmuxdSimulator::handle(const std::shared_ptr<Connection>& connection, std
     }
     reply(*connection, tag, result(resultBadCommand), format);
     return true;
-}
-
-PropertyList UsbmuxdSimulator::attachedMessage(std::int64_t id, const VirtualPhone& phone) {
-    PropertyList properties = PropertyList::dictionary();
-    properties.set("ConnectionSpeed", PropertyList::integer(480000000));
-    properties.set("ConnectionType", PropertyList::string("USB"));
-    properties.set("DeviceID", PropertyList::integer(id));
-    properties.set("LocationID", PropertyList::integer(0x1000 + id));
-    properties.set("ProductID", PropertyList::integer(phone.productID));
-    properties.set("SerialNumber", PropertyList::string(phone.serial));
-    PropertyList message = PropertyList::dictionary();
-    message.set("DeviceID", PropertyList::integer(id));
-    message.set("MessageType", PropertyList::string("Attached"));
-    message.set("Properties", std::move(properties));
-    return message;
 }
 
 std::int64_t UsbmuxdSimulator::attach(VirtualPhone phone) {

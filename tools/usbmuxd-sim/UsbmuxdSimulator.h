@@ -68,7 +68,6 @@ private:
     std::int64_t attach(VirtualPhone phone);
     bool detach(const std::string& serial);
     void broadcast(const PropertyList& event);
-    static PropertyList attachedMessage(std::int64_t id, const VirtualPhone& phone);
     void say(const std::string& line);
 
     Options options_;
