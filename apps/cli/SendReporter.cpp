@@ -28,10 +28,6 @@ SendReporter::SendReporter(Style style, std::FILE* out, Clock clock, std::chrono
     : style_(style), out_(out), clock_(std::move(clock)), tick_(tick) {
 }
 
-SendReporter::~SendReporter() {
-    ticker_.request_stop();
-}
-
 void SendReporter::start(std::int64_t files, std::uint64_t bytes, const std::string& destination,
                          const std::optional<std::string>& album) {
     const std::lock_guard lock(mutex_);

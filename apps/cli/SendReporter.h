@@ -39,7 +39,6 @@ public:
     /// `tick` zero: no timer, the line moves with the calls only.
     SendReporter(Style style, std::FILE* out, Clock clock = steadySeconds,
                  std::chrono::milliseconds tick = defaultTick);
-    ~SendReporter();
     SendReporter(const SendReporter&) = delete;
     SendReporter& operator=(const SendReporter&) = delete;
 
@@ -74,7 +73,7 @@ private:
     double drawnAt_ = 0;
     bool liveLineShown_ = false;
     std::mutex mutex_;    // one writer of the output at a time
-    std::jthread ticker_; // redraws the live line; terminal only
+    std::jthread ticker_; // redraws the live line (terminal); last: joined before the rest goes
 };
 
 } // namespace kestrelvane::cli
