@@ -111,13 +111,6 @@ private:
     FileDescriptor output_;
 };
 
-/// Whether `copy` holds exactly the bytes of `original`; false when it is
-/// missing. Throws when either cannot be read (a folder in its place, say).
-bool sameBytes(const fs::path& original, const fs::path& copy) {
-    return fs::exists(copy) &&
-           Checksum::sha256HexOfFile(original) == Checksum::sha256HexOfFile(copy);
-}
-
 } // namespace
 
 const Command demoCommand{
@@ -186,8 +179,11 @@ int runDemo(const std::vector<std::string>& arguments) {
     int identical = 0;
     for (const auto& original : originals) {
         const fs::path name = original.filename();
+        const fs::path copy = received / name;
+        // A copy that cannot be read (a folder in its place, say) is named with the reason.
         try {
-            if (sameBytes(original, received / name)) {
+            if (fs::exists(copy) &&
+                Checksum::sha256HexOfFile(original) == Checksum::sha256HexOfFile(copy)) {
                 ++identical;
             } else {
                 std::printf("  %s did not arrive intact\n", name.c_str());

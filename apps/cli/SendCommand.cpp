@@ -116,9 +116,7 @@ int runSend(const std::vector<std::string>& arguments) {
     SendRun run(files, session,
                 {.settled =
                      [&reporter](const SendRun::Settled& settled) {
-                         reporter.acknowledged(settled.ack.name,
-                                               settled.ack.status == Ack::Status::ok,
-                                               settled.ack.message, settled.byteCount);
+                         reporter.acknowledged(settled.ack, settled.byteCount);
                      },
                  .stray =
                      [](const Ack& ack) {

@@ -66,9 +66,9 @@ void SendReporter::start(std::int64_t files, std::uint64_t bytes, const std::str
     }
 }
 
-void SendReporter::acknowledged(const std::string& name, bool ok,
-                                const std::optional<std::string>& message, std::uint64_t bytes) {
+void SendReporter::acknowledged(const Ack& ack, std::uint64_t bytes) {
     const std::lock_guard lock(mutex_);
+    const bool ok = ack.status == Ack::Status::ok;
     ++done_;
     if (ok) {
         bytesDone_ += bytes;
@@ -77,18 +77,18 @@ void SendReporter::acknowledged(const std::string& name, bool ok,
         nlohmann::json event = {{"event", "ack"},
                                 {"index", done_},
                                 {"total", files_},
-                                {"name", name},
+                                {"name", ack.name},
                                 {"status", ok ? "ok" : "error"},
                                 {"bytes", bytes}};
-        if (message) {
-            event["message"] = *message;
+        if (ack.message) {
+            event["message"] = *ack.message;
         }
         printLine(jsonLine(event));
         return;
     }
-    std::string line = (ok ? "saved   " : "FAILED  ") + name;
+    std::string line = (ok ? "saved   " : "FAILED  ") + ack.name;
     if (!ok) {
-        line += ": " + message.value_or("?");
+        line += ": " + ack.message.value_or("?");
     }
     printLine(line);
     drawLiveLine();

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "KestrelvaneKit/wire/Ack.h"
+
 #include <atomic>
 #include <chrono>
 #include <cstdint>
@@ -45,8 +47,7 @@ public:
     void start(std::int64_t files, std::uint64_t bytes, const std::string& destination,
                const std::optional<std::string>& album);
     /// One acknowledgement; `bytes` is the size of the file it names.
-    void acknowledged(const std::string& name, bool ok, const std::optional<std::string>& message,
-                      std::uint64_t bytes);
+    void acknowledged(const Ack& ack, std::uint64_t bytes);
     /// `bytes` more were written to the receiver (frames included). Cheap;
     /// meant to be called from the writing thread for every write.
     void sent(std::uint64_t bytes);
