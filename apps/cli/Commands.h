@@ -16,7 +16,6 @@ enum ExitStatus : int {
     exitNoConnection = 3,
 };
 
-/// Each command takes the words after its name and returns the exit status.
 int runSend(const std::vector<std::string>& arguments);
 int runReceive(const std::vector<std::string>& arguments);
 int runDevices(const std::vector<std::string>& arguments);

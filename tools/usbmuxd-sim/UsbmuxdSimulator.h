@@ -58,7 +58,6 @@ private:
     /// The next client's socket; none once stopped.
     FileDescriptor acceptNext();
     void serveConnection(const std::shared_ptr<Connection>& connection);
-    /// Joins the threads whose connections have ended.
     void reapFinishedWorkers();
     /// Handles one request; false when the connection is done with requests.
     bool handle(const std::shared_ptr<Connection>& connection, std::uint32_t tag,
