@@ -29,20 +29,10 @@ constexpr std::uint32_t maxRequestBytes = 1024 * 1024;
     throw std::system_error(errno, std::generic_category(), call);
 }
 
+/// All `count` bytes, however many pieces they come in; false when the client
+/// hangs up (or a stop signal cuts the wait short: every connection ends then).
 bool readExactly(int fd, std::uint8_t* out, std::size_t count) {
-    try {
-        while (count > 0) {
-            const std::size_t n = FileDescriptor::readSome(fd, MutableByteView(out, count));
-            if (n == 0) {
-                return false;
-            }
-            out += n;
-            count -= n;
-        }
-        return true;
-    } catch (const std::system_error&) {
-        return false;
-    }
+    return ::recv(fd, out, count, MSG_WAITALL) == static_cast<ssize_t>(count);
 }
 
 /// A client that has gone away misses what it would have been told.
