@@ -11,12 +11,13 @@
 
 namespace kestrelvane::cli {
 
+namespace {
+
+/// What every command takes besides its own options.
 const std::vector<Option> commonOptions = {
     {"log", "stderr", "the library's log lines on stderr instead of the journal"},
     {"help"}, // prints the usage; the tool's usage says so
 };
-
-namespace {
 
 constexpr std::size_t lineWidth = 79;
 constexpr std::size_t widestTerm = 18; // a wider one has a line of its own

@@ -45,13 +45,10 @@ struct Command {
     std::string about{};                ///< one line, for the tool's list of commands
     std::string operands{};             ///< e.g. "PATH..."; empty: none are taken
     std::vector<std::string> summary{}; ///< paragraphs, before the options
-    std::vector<Option> options{};      ///< the command's own; commonOptions follow
+    std::vector<Option> options{};      ///< the command's own; --log and --help follow
     std::vector<std::pair<int, std::string>> exitStatuses{};
     int (*run)(const std::vector<std::string>& arguments) = nullptr; ///< returns the exit status
 };
-
-/// What every command takes besides its own options.
-extern const std::vector<Option> commonOptions;
 
 /// The words after a command's name, parsed by its declaration. --help prints
 /// the usage; --log is applied ("--log stderr": library log lines to stderr;

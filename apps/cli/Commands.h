@@ -11,16 +11,11 @@ namespace kestrelvane::cli {
 /// what they mean for it (its usage lists them).
 enum ExitStatus : int {
     exitOk = 0,
-    /// The command could not do all it was asked: send, some files not saved
-    /// or some paths unreadable; receive, DIR, the port or a scratch folder
-    /// unusable, or accepting failed; demo, some file did not arrive intact.
     exitFailure = 1,
     exitUsage = 2,
-    /// send: no connection to the receiver; demo: the simulator did not start.
     exitNoConnection = 3,
 };
 
-/// Each command takes the words after its name and returns the exit status.
 int runSend(const std::vector<std::string>& arguments);
 int runReceive(const std::vector<std::string>& arguments);
 int runDevices(const std::vector<std::string>& arguments);

@@ -6,22 +6,19 @@
 // sending engine.
 #include "CommandLine.h"
 #include "Commands.h"
+#include "KestrelvaneKit/intake/Checksum.h"
+#include "KestrelvaneKit/wire/FileDescriptor.h"
 #include "SampleMedia.h"
 
-#include <algorithm>
-#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <poll.h>
 #include <signal.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
-#include <system_error>
-#include <thread>
 #include <unistd.h>
 
 namespace kestrelvane::cli {
@@ -33,6 +30,7 @@ constexpr const char* album = "Kestrelvane demo";
 constexpr int samplePhotos = 8;
 constexpr std::uint64_t sampleVideoBytes = 48ull << 20;
 constexpr auto simulatorStartDeadline = std::chrono::seconds(20);
+constexpr int simulatorStopDeadlineMs = 5000;
 
 fs::path simulatorProgram() {
     if (const char* chosen = std::getenv("KESTRELVANE_USBMUXD_SIM"); chosen && *chosen) {
@@ -57,33 +55,31 @@ public:
         if (::pipe2(output, O_CLOEXEC) != 0) {
             throw std::runtime_error("pipe failed");
         }
+        output_.reset(output[0]);
+        const FileDescriptor childOutput(output[1]);
         const std::string phone = "DEMO-IPHONE-0001,0x12a8,folder=" + phoneFolder.string();
         pid_ = ::fork();
         if (pid_ == 0) {
-            ::dup2(output[1], STDOUT_FILENO);
+            ::dup2(childOutput.get(), STDOUT_FILENO);
             const char* const argv[] = {program.c_str(), "--socket",    socket.c_str(),
                                         "--phone",       phone.c_str(), nullptr};
             ::execvp(argv[0], const_cast<char* const*>(argv));
             std::fprintf(stderr, "cannot run %s\n", program.c_str());
             ::_exit(127);
         }
-        ::close(output[1]);
-        output_ = output[0];
         if (pid_ < 0) {
-            ::close(output_);
             throw std::runtime_error("fork failed");
         }
     }
     ~Simulator() {
+        // It ends every connection on SIGTERM; one that hangs is killed.
         ::kill(pid_, SIGTERM);
-        for (int i = 0; i < 100 && !reaped(); ++i) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        }
-        if (!reaped()) {
+        const FileDescriptor process(static_cast<int>(::syscall(SYS_pidfd_open, pid_, 0)));
+        pollfd exited{.fd = process.get(), .events = POLLIN, .revents = 0};
+        if (::poll(&exited, 1, simulatorStopDeadlineMs) != 1) {
             ::kill(pid_, SIGKILL);
-            ::waitpid(pid_, nullptr, 0);
         }
-        ::close(output_);
+        ::waitpid(pid_, nullptr, 0);
     }
     Simulator(const Simulator&) = delete;
     Simulator& operator=(const Simulator&) = delete;
@@ -96,12 +92,12 @@ public:
         while (text.find('\n') == std::string::npos) {
             const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
                 until - std::chrono::steady_clock::now());
-            pollfd wait{.fd = output_, .events = POLLIN, .revents = 0};
+            pollfd wait{.fd = output_.get(), .events = POLLIN, .revents = 0};
             if (left.count() <= 0 || ::poll(&wait, 1, static_cast<int>(left.count())) <= 0) {
                 return false;
             }
             char buffer[256];
-            const ssize_t got = ::read(output_, buffer, sizeof buffer);
+            const ssize_t got = ::read(output_.get(), buffer, sizeof buffer);
             if (got <= 0) {
                 return false;
             }
@@ -111,37 +107,9 @@ public:
     }
 
 private:
-    bool reaped() {
-        if (done_) {
-            return true;
-        }
-        done_ = ::waitpid(pid_, nullptr, WNOHANG) == pid_;
-        return done_;
-    }
-
     pid_t pid_ = -1;
-    int output_ = -1;
-    bool done_ = false;
+    FileDescriptor output_;
 };
-
-/// Whether `copy` holds exactly the bytes of `original`; false when it is
-/// missing. Throws when either cannot be read (a folder in its place, say).
-bool sameBytes(const fs::path& original, const fs::path& copy) {
-    if (!fs::exists(copy)) {
-        return false;
-    }
-    if (fs::file_size(original) != fs::file_size(copy)) {
-        return false;
-    }
-    std::ifstream left(original, std::ios::binary);
-    std::ifstream right(copy, std::ios::binary);
-    if (!left || !right) {
-        throw std::system_error(errno, std::generic_category(),
-                                "cannot open " + (left ? copy : original).string());
-    }
-    return std::equal(std::istreambuf_iterator<char>(left), std::istreambuf_iterator<char>(),
-                      std::istreambuf_iterator<char>(right));
-}
 
 } // namespace
 
@@ -167,10 +135,6 @@ int runDemo(const std::vector<std::string>& arguments) {
     const CommandLine line(demoCommand, arguments);
     if (line.finished) {
         return *line.finished;
-    }
-    std::vector<std::string> passOn;
-    if (const auto log = line.value("log")) {
-        passOn = {"--log", *log};
     }
 
     std::string pattern = (fs::temp_directory_path() / "kestrelvane-demo-XXXXXX").string();
@@ -208,27 +172,24 @@ int runDemo(const std::vector<std::string>& arguments) {
     // The send reaches the simulator exactly as it would reach the real
     // daemon: through the socket address usbmuxd clients read.
     ::setenv("USBMUXD_SOCKET_ADDRESS", ("UNIX:" + socket.string()).c_str(), 1);
-    std::vector<std::string> send = {"--album", album, "--to", "usb"};
-    send.insert(send.end(), passOn.begin(), passOn.end());
-    send.push_back(samples.string());
-    const int sendStatus = runSend(send);
+    // --log, if given, has been applied already: the send logs where the demo does.
+    const int sendStatus = runSend({"--album", album, "--to", "usb", samples.string()});
 
     const fs::path received = phone / album;
     int identical = 0;
     for (const auto& original : originals) {
-        const fs::path copy = received / original.filename();
-        std::string unreadable;
-        bool same = false;
+        const fs::path name = original.filename();
+        const fs::path copy = received / name;
+        // A copy that cannot be read (a folder in its place, say) is named with the reason.
         try {
-            same = sameBytes(original, copy);
+            if (fs::exists(copy) &&
+                Checksum::sha256HexOfFile(original) == Checksum::sha256HexOfFile(copy)) {
+                ++identical;
+            } else {
+                std::printf("  %s did not arrive intact\n", name.c_str());
+            }
         } catch (const std::exception& error) {
-            unreadable = std::string(" (") + error.what() + ")";
-        }
-        if (same) {
-            ++identical;
-        } else {
-            std::printf("  %s did not arrive intact%s\n", original.filename().c_str(),
-                        unreadable.c_str());
+            std::printf("  %s did not arrive intact (%s)\n", name.c_str(), error.what());
         }
     }
     std::printf("\nThe virtual iPhone saved the files in %s\n", received.c_str());

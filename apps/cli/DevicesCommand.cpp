@@ -59,7 +59,7 @@ UsbReport listUsb() {
     return report;
 }
 
-std::vector<DiscoveredService> browseNetwork(std::chrono::milliseconds duration) {
+std::vector<DiscoveredService> browseNetwork(std::chrono::duration<double> duration) {
     std::mutex mutex;
     std::vector<DiscoveredService> latest;
     ServiceBrowser browser([&](const std::vector<DiscoveredService>& services) {
@@ -105,11 +105,8 @@ int runDevices(const std::vector<std::string>& arguments) {
     if (line.finished) {
         return *line.finished;
     }
-    const double waitSeconds = line.number("wait", 2);
-
     const UsbReport usb = listUsb();
-    const auto network =
-        browseNetwork(std::chrono::milliseconds(static_cast<long>(waitSeconds * 1000)));
+    const auto network = browseNetwork(std::chrono::duration<double>(line.number("wait", 2)));
 
     if (line.has("json")) {
         nlohmann::json phones = nlohmann::json::array();

@@ -113,17 +113,10 @@ int runSend(const std::vector<std::string>& arguments) {
     reporter.start(static_cast<std::int64_t>(files.size()), totalBytes, destination->describe(),
                    session.albumName);
 
-    SendReporter::Summary summary;
-    const double started = SendReporter::steadySeconds();
     SendRun run(files, session,
                 {.settled =
-                     [&](const SendRun::Settled& settled) {
-                         reporter.acknowledged(settled.ack.name,
-                                               settled.ack.status == Ack::Status::ok,
-                                               settled.ack.message, settled.byteCount);
-                         if (settled.ack.status == Ack::Status::ok) {
-                             summary.bytesSaved += settled.byteCount;
-                         }
+                     [&reporter](const SendRun::Settled& settled) {
+                         reporter.acknowledged(settled.ack, settled.byteCount);
                      },
                  .stray =
                      [](const Ack& ack) {
@@ -134,23 +127,21 @@ int runSend(const std::vector<std::string>& arguments) {
                      },
                  .sent = [&reporter](std::uint64_t bytes) { reporter.sent(bytes); }});
     const SendRun::Outcome outcome = run.run(stream);
-    summary.files = static_cast<std::int64_t>(files.size());
-    summary.seconds = SendReporter::steadySeconds() - started;
+    std::vector<SendReporter::Unsaved> unsaved;
     for (std::size_t i = 0; i < files.size(); ++i) {
         const auto& ack = outcome.acks[i];
         if (!ack || ack->status != Ack::Status::ok) {
-            summary.unsaved.push_back({files[i].filename().string(), files[i].string(),
-                                       ack ? ack->message.value_or("?") : "not acknowledged"});
+            unsaved.push_back({files[i].filename().string(), files[i].string(),
+                               ack ? ack->message.value_or("?") : "not acknowledged"});
         }
     }
-    summary.saved = summary.files - static_cast<std::int64_t>(summary.unsaved.size());
-    summary.exitStatus = summary.unsaved.empty() ? nothingLost : exitFailure;
+    const int exitStatus = unsaved.empty() ? nothingLost : exitFailure;
     if (outcome.brokeOff) {
         std::fprintf(stderr, "kestrelvane send: the transfer broke off: %s\n",
                      outcome.brokeOff->c_str());
     }
-    reporter.finish(summary);
-    return summary.exitStatus;
+    reporter.finish(unsaved, exitStatus);
+    return exitStatus;
 }
 
 } // namespace kestrelvane::cli

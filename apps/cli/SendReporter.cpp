@@ -5,7 +5,6 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
-#include <cmath>
 #include <condition_variable>
 
 namespace kestrelvane::cli {
@@ -26,10 +25,6 @@ double SendReporter::steadySeconds() {
 
 SendReporter::SendReporter(Style style, std::FILE* out, Clock clock, std::chrono::milliseconds tick)
     : style_(style), out_(out), clock_(std::move(clock)), tick_(tick) {
-}
-
-SendReporter::~SendReporter() {
-    ticker_.request_stop();
 }
 
 void SendReporter::start(std::int64_t files, std::uint64_t bytes, const std::string& destination,
@@ -70,9 +65,9 @@ void SendReporter::start(std::int64_t files, std::uint64_t bytes, const std::str
     }
 }
 
-void SendReporter::acknowledged(const std::string& name, bool ok,
-                                const std::optional<std::string>& message, std::uint64_t bytes) {
+void SendReporter::acknowledged(const Ack& ack, std::uint64_t bytes) {
     const std::lock_guard lock(mutex_);
+    const bool ok = ack.status == Ack::Status::ok;
     ++done_;
     if (ok) {
         bytesDone_ += bytes;
@@ -81,18 +76,18 @@ void SendReporter::acknowledged(const std::string& name, bool ok,
         nlohmann::json event = {{"event", "ack"},
                                 {"index", done_},
                                 {"total", files_},
-                                {"name", name},
+                                {"name", ack.name},
                                 {"status", ok ? "ok" : "error"},
                                 {"bytes", bytes}};
-        if (message) {
-            event["message"] = *message;
+        if (ack.message) {
+            event["message"] = *ack.message;
         }
         printLine(jsonLine(event));
         return;
     }
-    std::string line = (ok ? "saved   " : "FAILED  ") + name;
+    std::string line = (ok ? "saved   " : "FAILED  ") + ack.name;
     if (!ok) {
-        line += ": " + message.value_or("?");
+        line += ": " + ack.message.value_or("?");
     }
     printLine(line);
     drawLiveLine();
@@ -111,32 +106,34 @@ void SendReporter::sent(std::uint64_t bytes) {
     }
 }
 
-void SendReporter::finish(const Summary& summary) {
+void SendReporter::finish(const std::vector<Unsaved>& unsaved, int exitStatus) {
     ticker_ = {}; // stopped and joined: the live line is not drawn again
     const std::lock_guard lock(mutex_);
+    const auto saved = files_ - static_cast<std::int64_t>(unsaved.size());
+    const double seconds = clock_() - startedAt_;
     if (style_ == Style::json) {
-        nlohmann::json unsaved = nlohmann::json::array();
-        for (const auto& file : summary.unsaved) {
-            unsaved.push_back({{"name", file.name}, {"path", file.path}, {"reason", file.reason}});
+        nlohmann::json files = nlohmann::json::array();
+        for (const auto& file : unsaved) {
+            files.push_back({{"name", file.name}, {"path", file.path}, {"reason", file.reason}});
         }
         printLine(jsonLine({{"event", "summary"},
-                            {"files", summary.files},
-                            {"saved", summary.saved},
-                            {"failed", summary.files - summary.saved},
-                            {"bytes", summary.bytesSaved},
-                            {"seconds", summary.seconds},
-                            {"unsaved", unsaved},
-                            {"exitStatus", summary.exitStatus}}));
+                            {"files", files_},
+                            {"saved", saved},
+                            {"failed", files_ - saved},
+                            {"bytes", bytesDone_},
+                            {"seconds", seconds},
+                            {"unsaved", files},
+                            {"exitStatus", exitStatus}}));
         return;
     }
     clearLiveLine();
-    const auto saved = static_cast<double>(summary.bytesSaved);
-    printLine(std::to_string(summary.saved) + " of " + std::to_string(summary.files) + " saved, " +
-              Units::megabytes(saved) + " in " + Units::clock(summary.seconds) + " (" +
-              Units::rate(saved, summary.seconds) + ")");
-    if (!summary.unsaved.empty()) {
+    const auto bytes = static_cast<double>(bytesDone_);
+    printLine(std::to_string(saved) + " of " + std::to_string(files_) + " saved, " +
+              Units::megabytes(bytes) + " in " + Units::clock(seconds) + " (" +
+              Units::rate(bytes, seconds) + ")");
+    if (!unsaved.empty()) {
         printLine("Not saved:");
-        for (const auto& file : summary.unsaved) {
+        for (const auto& file : unsaved) {
             printLine("  " + file.path + ": " + file.reason);
         }
     }

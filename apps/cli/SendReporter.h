@@ -1,5 +1,7 @@
 #pragma once
 
+#include "KestrelvaneKit/wire/Ack.h"
+
 #include <atomic>
 #include <chrono>
 #include <cstdint>
@@ -29,15 +31,6 @@ public:
         std::string reason{}; ///< the receiver's message, or "not acknowledged"
     };
 
-    struct Summary {
-        std::int64_t files = 0;
-        std::int64_t saved = 0;
-        std::uint64_t bytesSaved = 0;
-        double seconds = 0;
-        std::vector<Unsaved> unsaved{};
-        int exitStatus = 0;
-    };
-
     using Clock = std::function<double()>; ///< seconds; only differences matter
 
     /// How often the terminal's live line is redrawn when nothing happens.
@@ -48,19 +41,18 @@ public:
     /// `tick` zero: no timer, the line moves with the calls only.
     SendReporter(Style style, std::FILE* out, Clock clock = steadySeconds,
                  std::chrono::milliseconds tick = defaultTick);
-    ~SendReporter();
     SendReporter(const SendReporter&) = delete;
     SendReporter& operator=(const SendReporter&) = delete;
 
     void start(std::int64_t files, std::uint64_t bytes, const std::string& destination,
                const std::optional<std::string>& album);
     /// One acknowledgement; `bytes` is the size of the file it names.
-    void acknowledged(const std::string& name, bool ok, const std::optional<std::string>& message,
-                      std::uint64_t bytes);
+    void acknowledged(const Ack& ack, std::uint64_t bytes);
     /// `bytes` more were written to the receiver (frames included). Cheap;
     /// meant to be called from the writing thread for every write.
     void sent(std::uint64_t bytes);
-    void finish(const Summary& summary);
+    /// The summary: what was saved since start(), and the files that were not.
+    void finish(const std::vector<Unsaved>& unsaved, int exitStatus);
 
     static double steadySeconds();
 
@@ -82,7 +74,7 @@ private:
     double drawnAt_ = 0;
     bool liveLineShown_ = false;
     std::mutex mutex_;    // one writer of the output at a time
-    std::jthread ticker_; // redraws the live line; terminal only
+    std::jthread ticker_; // redraws the live line (terminal); last: joined before the rest goes
 };
 
 } // namespace kestrelvane::cli

@@ -7,9 +7,7 @@
 #include <cerrno>
 #include <cstring>
 #include <exception>
-#include <fcntl.h>
 #include <iostream>
-#include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <system_error>
@@ -31,26 +29,17 @@ constexpr std::uint32_t maxRequestBytes = 1024 * 1024;
     throw std::system_error(errno, std::generic_category(), call);
 }
 
+/// All `count` bytes, however many pieces they come in; false when the client
+/// hangs up (or a stop signal cuts the wait short: every connection ends then).
 bool readExactly(int fd, std::uint8_t* out, std::size_t count) {
-    try {
-        while (count > 0) {
-            const std::size_t n = FileDescriptor::readSome(fd, MutableByteView(out, count));
-            if (n == 0) {
-                return false;
-            }
-            out += n;
-            count -= n;
-        }
-        return true;
-    } catch (const std::system_error&) {
-        return false;
-    }
+    return ::recv(fd, out, count, MSG_WAITALL) == static_cast<ssize_t>(count);
 }
 
 /// A client that has gone away misses what it would have been told.
-void writeIgnoringErrors(int fd, ByteView bytes) {
+void writeIgnoringErrors(int fd, std::uint32_t tag, const PropertyList& body,
+                         PropertyList::Format format) {
     try {
-        FileDescriptor::sendAll(fd, bytes);
+        FileDescriptor::sendAll(fd, UsbmuxdProtocol::encode(tag, body.serialize(format)));
     } catch (const std::system_error&) {
     }
 }
@@ -84,6 +73,21 @@ PropertyList result(std::int64_t number) {
     return body;
 }
 
+PropertyList attachedMessage(std::int64_t id, const VirtualPhone& phone) {
+    PropertyList properties = PropertyList::dictionary();
+    properties.set("ConnectionSpeed", PropertyList::integer(480000000));
+    properties.set("ConnectionType", PropertyList::string("USB"));
+    properties.set("DeviceID", PropertyList::integer(id));
+    properties.set("LocationID", PropertyList::integer(0x1000 + id));
+    properties.set("ProductID", PropertyList::integer(phone.productID));
+    properties.set("SerialNumber", PropertyList::string(phone.serial));
+    PropertyList message = PropertyList::dictionary();
+    message.set("DeviceID", PropertyList::integer(id));
+    message.set("MessageType", PropertyList::string("Attached"));
+    message.set("Properties", std::move(properties));
+    return message;
+}
+
 } // namespace
 
 struct UsbmuxdSimulator::Connection {
@@ -97,12 +101,6 @@ struct UsbmuxdSimulator::Connection {
 };
 
 UsbmuxdSimulator::UsbmuxdSimulator(Options options) : options_(std::move(options)) {
-    int ends[2];
-    if (::pipe2(ends, O_CLOEXEC) != 0) {
-        throwErrno("pipe2");
-    }
-    stopReader_.reset(ends[0]);
-    stopWriter_.reset(ends[1]);
     for (auto& phone : options_.phones) {
         attach(phone);
     }
@@ -143,8 +141,9 @@ std::string UsbmuxdSimulator::listen() {
 }
 
 void UsbmuxdSimulator::requestStop() noexcept {
-    const char byte = 's';
-    [[maybe_unused]] const ssize_t ignored = ::write(stopWriter_.get(), &byte, 1);
+    stopping_ = true;
+    // Shutting the listening socket down fails a blocked accept4() with EINVAL.
+    ::shutdown(listenFd_.get(), SHUT_RDWR);
     if (tcpListener_) {
         tcpListener_->stop(); // an atomic store and a write: fine in a signal handler
     }
@@ -154,25 +153,14 @@ FileDescriptor UsbmuxdSimulator::acceptNext() {
     if (tcpListener_) {
         return tcpListener_->acceptSocket();
     }
-    pollfd watched[2] = {{listenFd_.get(), POLLIN, 0}, {stopReader_.get(), POLLIN, 0}};
-    for (;;) {
-        if (::poll(watched, 2, -1) < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            throwErrno("poll");
+    while (!stopping_) {
+        FileDescriptor fd(::accept4(listenFd_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+        if (fd) {
+            return fd;
         }
-        if (watched[1].revents != 0) {
-            return {};
-        }
-        if (watched[0].revents != 0) {
-            FileDescriptor fd(::accept4(listenFd_.get(), nullptr, nullptr, SOCK_CLOEXEC));
-            if (fd) {
-                return fd;
-            }
-            // A client that went away before we got to it: wait for the next.
-        }
+        // A client that went away before we got to it: wait for the next.
     }
+    return {};
 }
 
 void UsbmuxdSimulator::run() {
@@ -244,7 +232,7 @@ void UsbmuxdSimulator::serveConnection(const std::shared_ptr<Connection>& connec
 void UsbmuxdSimulator::reply(Connection& connection, std::uint32_t tag, const PropertyList& body,
                              PropertyList::Format format) {
     const std::lock_guard lock(connection.writeMutex);
-    writeIgnoringErrors(connection.fd.get(), UsbmuxdProtocol::encode(tag, body.serialize(format)));
+    writeIgnoringErrors(connection.fd.get(), tag, body, format);
 }
 
 bool UsbmuxdSimulator::handle(const std::shared_ptr<Connection>& connection, std::uint32_t tag,
@@ -254,8 +242,8 @@ bool UsbmuxdSimulator::handle(const std::shared_ptr<Connection>& connection, std
         PropertyList list = PropertyList::array();
         {
             const std::lock_guard lock(mutex_);
-            for (const auto& [id, device] : devices_) {
-                list.append(attachedMessage(id, device.phone));
+            for (const auto& [id, phone] : devices_) {
+                list.append(attachedMessage(id, phone));
             }
         }
         PropertyList body = PropertyList::dictionary();
@@ -272,15 +260,13 @@ bool UsbmuxdSimulator::handle(const std::shared_ptr<Connection>& connection, std
             const std::lock_guard lock(mutex_);
             connection->listening = true;
             connection->listenFormat = format;
-            for (const auto& [id, device] : devices_) {
-                present.push_back(attachedMessage(id, device.phone));
+            for (const auto& [id, phone] : devices_) {
+                present.push_back(attachedMessage(id, phone));
             }
         }
-        writeIgnoringErrors(connection->fd.get(),
-                            UsbmuxdProtocol::encode(tag, result(resultOK).serialize(format)));
+        writeIgnoringErrors(connection->fd.get(), tag, result(resultOK), format);
         for (const auto& message : present) {
-            writeIgnoringErrors(connection->fd.get(),
-                                UsbmuxdProtocol::encode(0, message.serialize(format)));
+            writeIgnoringErrors(connection->fd.get(), 0, message, format);
         }
         return true;
     }
@@ -299,7 +285,7 @@ bool UsbmuxdSimulator::handle(const std::shared_ptr<Connection>& connection, std
         {
             const std::lock_guard lock(mutex_);
             if (const auto found = devices_.find(id.value_or(0)); found != devices_.end()) {
-                phone = found->second.phone;
+                phone = found->second;
             }
         }
         if (!phone || phone->receiver == VirtualPhone::Receiver::vanished) {
@@ -345,21 +331,6 @@ bool UsbmuxdSimulator::handle(const std::shared_ptr<Connection>& connection, std
     return true;
 }
 
-PropertyList UsbmuxdSimulator::attachedMessage(std::int64_t id, const VirtualPhone& phone) {
-    PropertyList properties = PropertyList::dictionary();
-    properties.set("ConnectionSpeed", PropertyList::integer(480000000));
-    properties.set("ConnectionType", PropertyList::string("USB"));
-    properties.set("DeviceID", PropertyList::integer(id));
-    properties.set("LocationID", PropertyList::integer(0x1000 + id));
-    properties.set("ProductID", PropertyList::integer(phone.productID));
-    properties.set("SerialNumber", PropertyList::string(phone.serial));
-    PropertyList message = PropertyList::dictionary();
-    message.set("DeviceID", PropertyList::integer(id));
-    message.set("MessageType", PropertyList::string("Attached"));
-    message.set("Properties", std::move(properties));
-    return message;
-}
-
 std::int64_t UsbmuxdSimulator::attach(VirtualPhone phone) {
     phone.switchOn([this](const std::string& line) { say(line); });
     std::int64_t id = 0;
@@ -368,7 +339,7 @@ std::int64_t UsbmuxdSimulator::attach(VirtualPhone phone) {
         const std::lock_guard lock(mutex_);
         id = nextDeviceID_++;
         event = attachedMessage(id, phone);
-        devices_.emplace(id, Attached{std::move(phone)});
+        devices_.emplace(id, std::move(phone));
     }
     broadcast(event);
     return id;
@@ -379,7 +350,7 @@ bool UsbmuxdSimulator::detach(const std::string& serial) {
     {
         const std::lock_guard lock(mutex_);
         const auto found = std::find_if(devices_.begin(), devices_.end(), [&](const auto& entry) {
-            return entry.second.phone.serial == serial;
+            return entry.second.serial == serial;
         });
         if (found == devices_.end()) {
             return false;
@@ -411,9 +382,7 @@ void UsbmuxdSimulator::broadcast(const PropertyList& event) {
         }
     }
     for (const auto& [connection, format] : listeners) {
-        const std::lock_guard writing(connection->writeMutex);
-        writeIgnoringErrors(connection->fd.get(),
-                            UsbmuxdProtocol::encode(0, event.serialize(format)));
+        reply(*connection, 0, event, format);
     }
 }
 

@@ -4,6 +4,7 @@
 #include "KestrelvaneKit/usb/PropertyList.h"
 #include "VirtualPhone.h"
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -53,14 +54,10 @@ private:
         std::thread thread;
         std::shared_ptr<Connection> connection;
     };
-    struct Attached {
-        VirtualPhone phone;
-    };
 
     /// The next client's socket; none once stopped.
     FileDescriptor acceptNext();
     void serveConnection(const std::shared_ptr<Connection>& connection);
-    /// Joins the threads whose connections have ended.
     void reapFinishedWorkers();
     /// Handles one request; false when the connection is done with requests.
     bool handle(const std::shared_ptr<Connection>& connection, std::uint32_t tag,
@@ -70,17 +67,16 @@ private:
     std::int64_t attach(VirtualPhone phone);
     bool detach(const std::string& serial);
     void broadcast(const PropertyList& event);
-    static PropertyList attachedMessage(std::int64_t id, const VirtualPhone& phone);
     void say(const std::string& line);
 
     Options options_;
     FileDescriptor listenFd_;                  // the Unix socket
     std::unique_ptr<TcpListener> tcpListener_; // or this
-    FileDescriptor stopReader_, stopWriter_;   // a pipe: requestStop() wakes acceptNext()
+    std::atomic<bool> stopping_{false};
 
     std::mutex mutex_; // guards everything below; no I/O while held but shutdown()
     std::int64_t nextDeviceID_ = 1;
-    std::map<std::int64_t, Attached> devices_;
+    std::map<std::int64_t, VirtualPhone> devices_;
     std::vector<std::shared_ptr<Connection>> connections_;
     std::vector<Worker> workers_; // run()'s thread only
     std::mutex outputMutex_;

@@ -1,8 +1,10 @@
 #include "VirtualPhone.h"
 
+#include "KestrelvaneKit/network/KestrelvaneService.h"
 #include "KestrelvaneKit/session/ReceiverService.h"
 #include "KestrelvaneKit/session/UsbPhones.h"
 
+#include <map>
 #include <memory>
 #include <stdexcept>
 #include <unistd.h>
@@ -47,17 +49,15 @@ VirtualPhone VirtualPhone::parse(const std::string& description) {
                                     "'");
     }
     const std::string receiver = description.substr(second + 1);
+    static const std::map<std::string, Receiver> named = {{"test", Receiver::test},
+                                                          {"echo", Receiver::echo},
+                                                          {"none", Receiver::none},
+                                                          {"vanished", Receiver::vanished}};
     if (receiver.starts_with("folder=") && receiver.size() > 7) {
         phone.receiver = Receiver::folder;
         phone.folder = receiver.substr(7);
-    } else if (receiver == "test") {
-        phone.receiver = Receiver::test;
-    } else if (receiver == "echo") {
-        phone.receiver = Receiver::echo;
-    } else if (receiver == "none") {
-        phone.receiver = Receiver::none;
-    } else if (receiver == "vanished") {
-        phone.receiver = Receiver::vanished;
+    } else if (const auto found = named.find(receiver); found != named.end()) {
+        phone.receiver = found->second;
     } else {
         throw std::invalid_argument("phone '" + description + "' has an unknown receiver '" +
                                     receiver + "' (folder=DIR, test, echo, none, vanished)");
@@ -66,7 +66,8 @@ VirtualPhone VirtualPhone::parse(const std::string& description) {
 }
 
 bool VirtualPhone::accepts(std::uint16_t port) const noexcept {
-    return port == receiverPort && receiver != Receiver::none && receiver != Receiver::vanished;
+    return port == KestrelvaneService::listenerPort && receiver != Receiver::none &&
+           receiver != Receiver::vanished;
 }
 
 void VirtualPhone::switchOn(OnLine onLine) {

@@ -23,8 +23,6 @@ struct VirtualPhone {
         vanished, ///< still listed, but gone by the time anyone connects
     };
 
-    static constexpr std::uint16_t receiverPort = 9876;
-
     std::string serial{};
     std::int64_t productID = 0;
     Receiver receiver = Receiver::test;

@@ -1,11 +1,10 @@
 // kestrelvane-usbmuxd-sim: a usbmuxd daemon with virtual phones, for tests and demos.
 #include "UsbmuxdSimulator.h"
 
+#include <charconv>
 #include <csignal>
-#include <cstring>
 #include <iostream>
 #include <string>
-#include <vector>
 
 namespace {
 
@@ -62,39 +61,37 @@ int main(int argc, char** argv) {
     using kestrelvane::sim::VirtualPhone;
 
     UsbmuxdSimulator::Options options;
-    const std::vector<std::string> args(argv + 1, argv + argc);
-    try {
-        for (std::size_t i = 0; i < args.size(); ++i) {
-            const std::string& arg = args[i];
-            if (arg == "-h" || arg == "--help") {
-                std::cout << usage;
-                return 0;
-            }
-            if (i + 1 >= args.size()) {
-                return fail("unknown or incomplete option '" + arg + "'");
-            }
-            const std::string& value = args[++i];
-            if (arg == "--socket") {
-                options.socketPath = value;
-            } else if (arg == "--tcp") {
-                std::size_t used = 0;
-                const long port = std::stol(value, &used);
-                if (used != value.size() || port < 0 || port > 65535) {
-                    return fail("bad port '" + value + "'");
-                }
-                options.tcpPort = static_cast<std::uint16_t>(port);
-            } else if (arg == "--phone") {
-                options.phones.push_back(VirtualPhone::parse(value));
-            } else if (arg == "--buid") {
-                options.buid = value;
-            } else {
-                return fail("unknown option '" + arg + "'");
-            }
+    for (int i = 1; i < argc; ++i) {
+        const std::string arg = argv[i];
+        if (arg == "-h" || arg == "--help") {
+            std::cout << usage;
+            return 0;
         }
-    } catch (const std::invalid_argument& error) {
-        return fail(error.what());
-    } catch (const std::out_of_range& error) {
-        return fail(error.what());
+        if (i + 1 == argc) {
+            return fail("unknown or incomplete option '" + arg + "'");
+        }
+        const std::string value = argv[++i];
+        if (arg == "--socket") {
+            options.socketPath = value;
+        } else if (arg == "--tcp") {
+            std::uint16_t port = 0;
+            const char* const end = value.data() + value.size();
+            if (const auto read = std::from_chars(value.data(), end, port);
+                read.ec != std::errc() || read.ptr != end) {
+                return fail("bad port '" + value + "'");
+            }
+            options.tcpPort = port;
+        } else if (arg == "--phone") {
+            try {
+                options.phones.push_back(VirtualPhone::parse(value));
+            } catch (const std::invalid_argument& error) {
+                return fail(error.what());
+            }
+        } else if (arg == "--buid") {
+            options.buid = value;
+        } else {
+            return fail("unknown option '" + arg + "'");
+        }
     }
     if (options.socketPath.empty() == !options.tcpPort.has_value()) {
         return fail("give exactly one of --socket and --tcp");
