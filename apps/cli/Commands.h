@@ -14,16 +14,19 @@ enum ExitStatus : int {
     exitFailure = 1,
     exitUsage = 2,
     exitNoConnection = 3,
+    exitNotTrusted = 4,
 };
 
 int runSend(const std::vector<std::string>& arguments);
 int runReceive(const std::vector<std::string>& arguments);
 int runDevices(const std::vector<std::string>& arguments);
 int runDemo(const std::vector<std::string>& arguments);
+int runId(const std::vector<std::string>& arguments);
 
 extern const Command sendCommand;
 extern const Command receiveCommand;
 extern const Command devicesCommand;
 extern const Command demoCommand;
+extern const Command idCommand;
 
 } // namespace kestrelvane::cli

@@ -50,8 +50,9 @@ TEST(Admission, HelloAndAnswerGoAcrossAndEverythingElseIsRefused) {
         {tooLong, "above 4096"},
     };
     for (const auto& [message, says] : hostile) {
-        auto [sender, receiver] = testing::makeMemoryStreamPair();
-        Admission::sendMessage(*sender, message);
+        const auto ends = testing::makeMemoryStreamPair();
+        const auto receiver = ends.second;
+        Admission::sendMessage(*ends.first, message);
         const std::string outcome = outcomeOf([&] { Admission::readHello(*receiver); });
         EXPECT_NE(outcome.find(says), std::string::npos) << message << " → " << outcome;
         if (message != tooLong) {

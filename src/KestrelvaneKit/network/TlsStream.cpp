@@ -11,6 +11,7 @@
 #include <climits>
 #include <cstdint>
 #include <fcntl.h>
+#include <limits>
 #include <poll.h>
 #include <sys/socket.h>
 
@@ -84,6 +85,10 @@ SSL_CTX* makeContext(TlsStream::Role role, const DeviceIdentity& identity) {
     SSL_CTX_set_session_cache_mode(context, SSL_SESS_CACHE_OFF);
     SSL_CTX_set_options(context, SSL_OP_NO_TICKET | SSL_OP_IGNORE_UNEXPECTED_EOF);
     SSL_CTX_set_mode(context, SSL_MODE_ENABLE_PARTIAL_WRITE);
+    // Read what the socket has, several records at once, rather than a
+    // record header and then its body with a system call each.
+    SSL_CTX_set_read_ahead(context, 1);
+    SSL_CTX_set_default_read_buffer_len(context, largestCall);
     return context;
 }
 
@@ -182,9 +187,23 @@ std::size_t TlsStream::receiveInto(MutableByteView into) {
         throw std::invalid_argument("receive() needs a maximum of at least 1 byte");
     }
     const std::lock_guard receiving(receiveMutex_);
-    const int room = static_cast<int>(std::min<std::size_t>(into.size(), INT_MAX));
-    return static_cast<std::size_t>(
-        drive("SSL_read()", [&](SSL* ssl) { return SSL_read(ssl, into.data(), room); }));
+    const auto roomAt = [&](std::size_t at) {
+        return static_cast<int>(std::min<std::size_t>(into.size() - at, INT_MAX));
+    };
+    auto got = static_cast<std::size_t>(
+        drive("SSL_read()", [&](SSL* ssl) { return SSL_read(ssl, into.data(), roomAt(0)); }));
+    // One record is at most 16 KiB: hand over what is already read ahead in
+    // the same call. A failure here shows again on the next call.
+    const std::lock_guard lock(mutex_);
+    while (got < into.size() && !closed_ && SSL_has_pending(session_->ssl.get()) == 1) {
+        const int more = SSL_read(session_->ssl.get(), into.data() + got, roomAt(got));
+        if (more <= 0) {
+            break;
+        }
+        got += static_cast<std::size_t>(more);
+    }
+    ERR_clear_error();
+    return got;
 }
 
 TlsStream::Role TlsStream::role() const noexcept {
@@ -274,17 +293,41 @@ template <class Call> int TlsStream::drive(const char* what, Call call) {
     }
 }
 
+void TlsStream::setDeadline(std::optional<std::chrono::steady_clock::time_point> deadline) {
+    const std::lock_guard lock(mutex_);
+    deadline_ = deadline;
+}
+
 void TlsStream::waitFor(short events, const char* what) {
-    const auto limit = clear_.connection().idleTimeout();
+    using namespace std::chrono;
+    const milliseconds idle = clear_.connection().idleTimeout();
+    std::optional<steady_clock::time_point> deadline;
+    {
+        const std::lock_guard lock(mutex_);
+        deadline = deadline_;
+    }
     pollfd waiting{.fd = session_->socket, .events = events, .revents = 0};
     for (;;) {
-        const int ready =
-            ::poll(&waiting, 1, limit.count() > 0 ? static_cast<int>(limit.count()) : -1);
+        // The idle time-out, or what is left before the deadline if that is sooner.
+        milliseconds limit = idle.count() > 0 ? idle : milliseconds::max();
+        const bool byDeadline =
+            deadline && duration_cast<milliseconds>(*deadline - steady_clock::now()) < limit;
+        if (byDeadline) {
+            limit = std::max(milliseconds(0),
+                             duration_cast<milliseconds>(*deadline - steady_clock::now()));
+        }
+        const int ready = ::poll(&waiting, 1,
+                                 limit == milliseconds::max()
+                                     ? -1
+                                     : static_cast<int>(std::min<milliseconds::rep>(
+                                           limit.count(), std::numeric_limits<int>::max())));
         if (ready > 0) {
             return; // readable, writable, or hung up: the next TLS call tells which
         }
         if (ready == 0) {
-            throw clear_.connection().idleError(what);
+            throw byDeadline ? std::system_error(ETIMEDOUT, std::generic_category(),
+                                                 std::string(what) + " ran past its deadline")
+                             : clear_.connection().idleError(what);
         }
         if (errno != EINTR) {
             throw callError("poll()", errno);

@@ -5,6 +5,7 @@
 #include "KestrelvaneKit/wire/KestrelvaneStream.h"
 
 #include <array>
+#include <chrono>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -55,6 +56,10 @@ public:
     /// connection, which a relay's two connections cannot share.
     std::array<std::uint8_t, 32> exportedSecret(const std::string& label);
     TcpConnection& connection() noexcept { return clear_.connection(); }
+    /// Every wait from now on ends by `deadline` at the latest (ETIMEDOUT,
+    /// "… ran past its deadline"), however the bytes trickle in; none lifts
+    /// it. For the time a stranger may take to be admitted.
+    void setDeadline(std::optional<std::chrono::steady_clock::time_point> deadline);
 
 private:
     struct Session;
@@ -73,6 +78,7 @@ private:
     bool closed_ = false;
     Fingerprint peer_;
     Fingerprint own_;
+    std::optional<std::chrono::steady_clock::time_point> deadline_; // guarded by mutex_
 };
 
 } // namespace kestrelvane
