@@ -18,12 +18,21 @@ public:
         refused,           ///< nothing listens at the network address
         unreachable,       ///< the host or receiver is unknown or cannot be reached
         timedOut,          ///< no answer in time
+        notPaired,         ///< this device has not paired with the receiver (or cannot tell which)
+        keyChanged,        ///< the receiver shows another key than the one paired
+        unknownToReceiver, ///< the receiver has not paired with this device
+        pairingRefused,    ///< the receiver does not allow pairing now
     };
 
     ConnectError(Cause cause, const std::string& message)
         : std::runtime_error(message), cause_(cause) {}
 
     Cause cause() const noexcept { return cause_; }
+    /// Whether the two devices do not trust each other (rather than not meeting at all).
+    bool isDistrust() const noexcept {
+        return cause_ == Cause::notPaired || cause_ == Cause::keyChanged ||
+               cause_ == Cause::unknownToReceiver;
+    }
 
 private:
     Cause cause_;
