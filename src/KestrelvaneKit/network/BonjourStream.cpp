@@ -10,7 +10,7 @@ namespace {
 /// Where the state handler leaves the outcome of one start() for the waiting caller.
 struct StartOutcome {
     std::mutex mutex;
-    std::condition_variable settled;
+    std::condition_variable_any settled;
     bool done = false;
     std::exception_ptr error;
 
@@ -34,10 +34,14 @@ BonjourStream::BonjourStream(std::shared_ptr<TcpConnection> connection)
 }
 
 void BonjourStream::start() {
+    start(std::chrono::milliseconds::zero(), {});
+}
+
+bool BonjourStream::start(std::chrono::milliseconds limit, const std::stop_token& stop) {
     {
         std::lock_guard lock(mutex_);
         if (isStarted_) {
-            return;
+            return true;
         }
         isStarted_ = true; // set before waiting: a second start() returns at once
     }
@@ -71,14 +75,22 @@ void BonjourStream::start() {
     }
 
     std::unique_lock lock(outcome->mutex);
-    outcome->settled.wait(lock, [&] { return outcome->done; });
-    if (outcome->error) {
-        {
-            std::lock_guard started(mutex_);
-            isStarted_ = false;
-        }
-        std::rethrow_exception(outcome->error);
+    const auto done = [&] { return outcome->done; };
+    const bool settled = limit.count() == 0 ? outcome->settled.wait(lock, stop, done)
+                                            : outcome->settled.wait_for(lock, stop, limit, done);
+    if (settled && !outcome->error) {
+        return true;
     }
+    {
+        std::lock_guard started(mutex_);
+        isStarted_ = false;
+    }
+    if (!settled) {
+        lock.unlock(); // the cancel settles the outcome
+        connection_->cancel();
+        return false;
+    }
+    std::rethrow_exception(outcome->error);
 }
 
 void BonjourStream::send(ByteView data) {
