@@ -1,11 +1,15 @@
 #include "KestrelvaneKit/network/BonjourStream.h"
 
+#include <algorithm>
 #include <condition_variable>
 #include <exception>
 #include <stdexcept>
 
 namespace kestrelvane {
 namespace {
+
+/// The most bytes one receive() allocates for, whatever it is asked.
+constexpr std::int64_t maxReceiveBytes = 1'048'576;
 
 /// Where the state handler leaves the outcome of one start() for the waiting caller.
 struct StartOutcome {
@@ -101,30 +105,20 @@ Bytes BonjourStream::receive(std::int64_t max) {
     if (max < 1) {
         throw std::invalid_argument("receive(max) needs max >= 1, got " + std::to_string(max));
     }
-    for (;;) {
-        auto received = connection_->receive(static_cast<std::size_t>(max));
-        if (!received.data.empty()) {
-            return std::move(received.data); // even if the peer has also finished
-        }
-        if (received.isComplete) {
-            throw StreamError::closed();
-        }
-    }
+    Bytes buffer(static_cast<std::size_t>(std::min<std::int64_t>(max, maxReceiveBytes)));
+    buffer.resize(receiveInto(buffer));
+    return buffer;
 }
 
 std::size_t BonjourStream::receiveInto(MutableByteView into) {
     if (into.empty()) {
         throw std::invalid_argument("receiveInto needs room for at least one byte");
     }
-    for (;;) {
-        const auto received = connection_->receiveInto(into);
-        if (received.count > 0) {
-            return received.count;
-        }
-        if (received.isComplete) {
-            throw StreamError::closed();
-        }
+    const std::size_t count = connection_->receive(into);
+    if (count == 0) {
+        throw StreamError::closed();
     }
+    return count;
 }
 
 void BonjourStream::close() noexcept {

@@ -1,6 +1,5 @@
 #include "KestrelvaneKit/network/TcpConnection.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
 #include <netdb.h>
@@ -362,17 +361,7 @@ void TcpConnection::send(ByteView data) {
     }
 }
 
-TcpConnection::Received TcpConnection::receive(std::size_t maximum) {
-    if (maximum == 0) {
-        throw std::invalid_argument("receive() needs a maximum of at least 1 byte");
-    }
-    Bytes buffer(std::min(maximum, maxReceiveBytes));
-    const ReceivedInto received = receiveInto(buffer);
-    buffer.resize(received.count);
-    return {std::move(buffer), received.isComplete};
-}
-
-TcpConnection::ReceivedInto TcpConnection::receiveInto(MutableByteView into) {
+std::size_t TcpConnection::receive(MutableByteView into) {
     if (into.empty()) {
         throw std::invalid_argument("receive() needs a maximum of at least 1 byte");
     }
@@ -381,12 +370,12 @@ TcpConnection::ReceivedInto TcpConnection::receiveInto(MutableByteView into) {
     for (;;) {
         const ssize_t n = ::recv(fd, into.data(), into.size(), 0);
         if (n > 0) {
-            return {static_cast<std::size_t>(n), false};
+            return static_cast<std::size_t>(n);
         }
         const int code = errno;
         socketFor("recv()"); // woken by cancel(): say so rather than report an end
         if (n == 0) {
-            return {0, true};
+            return 0;
         }
         if (code == EAGAIN || code == EWOULDBLOCK) {
             throw idleError("recv()");
