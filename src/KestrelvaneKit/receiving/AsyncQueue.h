@@ -46,13 +46,8 @@ public:
         return value;
     }
 
-    bool isFinished() const {
-        const std::lock_guard lock(mutex_);
-        return finished_;
-    }
-
 private:
-    mutable std::mutex mutex_;
+    std::mutex mutex_;
     std::condition_variable changed_;
     std::deque<T> values_;
     bool finished_ = false;

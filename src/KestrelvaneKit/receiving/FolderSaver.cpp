@@ -5,6 +5,7 @@
 
 #include <uuid/uuid.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
@@ -200,14 +201,10 @@ void FolderSaver::saveWaiting() {
             if (waiting_.empty()) {
                 return;
             }
-            if (waiting_.size() <= maxGroupFiles) {
-                group.swap(waiting_);
-            } else {
-                const auto end = waiting_.begin() + static_cast<std::ptrdiff_t>(maxGroupFiles);
-                group.assign(std::make_move_iterator(waiting_.begin()),
-                             std::make_move_iterator(end));
-                waiting_.erase(waiting_.begin(), end);
-            }
+            const auto end = waiting_.begin() +
+                             static_cast<std::ptrdiff_t>(std::min(waiting_.size(), maxGroupFiles));
+            group.assign(std::make_move_iterator(waiting_.begin()), std::make_move_iterator(end));
+            waiting_.erase(waiting_.begin(), end);
         }
         saveGroup(group);
     }
