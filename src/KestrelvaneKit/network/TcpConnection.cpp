@@ -233,7 +233,7 @@ void TcpConnection::connectLoop() {
             enqueueLocked(State::waiting, std::move(error));
         }
         deliverReports();
-        const bool slept = sleepUnlessCancelled(waitingRetryInterval);
+        const bool slept = waitUnlessCancelled(-1, static_cast<int>(waitingRetryInterval.count()));
         {
             std::lock_guard lock(mutex_);
             if (!slept || cancelRequested_) {
@@ -248,13 +248,14 @@ void TcpConnection::connectLoop() {
     deliverReports();
 }
 
-bool TcpConnection::sleepUnlessCancelled(std::chrono::milliseconds interval) {
-    pollfd wake{wakeFd_.get(), POLLIN, 0};
-    int result;
+bool TcpConnection::waitUnlessCancelled(int fd, int timeout) {
+    // poll() passes over a negative descriptor: then this only sleeps.
+    pollfd waits[2] = {{wakeFd_.get(), POLLIN, 0}, {fd, POLLOUT, 0}};
+    int ready;
     do {
-        result = ::poll(&wake, 1, static_cast<int>(interval.count()));
-    } while (result < 0 && errno == EINTR);
-    return result == 0;
+        ready = ::poll(waits, 2, timeout);
+    } while (ready < 0 && errno == EINTR);
+    return waits[0].revents == 0;
 }
 
 FileDescriptor TcpConnection::connectOnce(Error& error) {
@@ -289,12 +290,7 @@ FileDescriptor TcpConnection::connectOnce(Error& error) {
             code = errno;
         }
         if (code == EINPROGRESS || code == EINTR) {
-            pollfd waits[2] = {{fd.get(), POLLOUT, 0}, {wakeFd_.get(), POLLIN, 0}};
-            int ready;
-            do {
-                ready = ::poll(waits, 2, -1);
-            } while (ready < 0 && errno == EINTR);
-            if (waits[1].revents != 0) {
+            if (!waitUnlessCancelled(fd.get(), -1)) {
                 return {};
             }
             socklen_t length = sizeof code;

@@ -86,7 +86,9 @@ private:
     void connectLoop();
     /// The connected socket; none with `error` set, or none when cancel() woke it.
     FileDescriptor connectOnce(Error& error);
-    bool sleepUnlessCancelled(std::chrono::milliseconds interval);
+    /// Waits until `fd` can be written to or `timeout` ms have passed (-1:
+    /// never); false when cancel() woke it first.
+    bool waitUnlessCancelled(int fd, int timeout);
 
     const std::string host_;
     const std::uint16_t port_ = 0;

@@ -126,6 +126,13 @@ std::string hiddenPartialName() {
     return std::string(".kestrelvane-") + text + ".partial";
 }
 
+/// Whether `name` is a single, ordinary path component: not empty, not "."
+/// or "..", no "/" and no NUL.
+bool isSafeComponent(const std::string& name) {
+    return !name.empty() && name != "." && name != ".." && name.find('/') == std::string::npos &&
+           name.find('\0') == std::string::npos;
+}
+
 void setModificationTime(const fs::path& file, Timestamp time) {
     using namespace std::chrono;
     const auto since = time.time_since_epoch();
@@ -147,11 +154,6 @@ FolderSaver::FolderSaver(fs::path root)
 
 FolderSaver::~FolderSaver() {
     stopSaving();
-}
-
-bool FolderSaver::isSafeComponent(const std::string& name) {
-    return !name.empty() && name != "." && name != ".." && name.find('/') == std::string::npos &&
-           name.find('\0') == std::string::npos;
 }
 
 void FolderSaver::begin(const SessionHeader& session) {

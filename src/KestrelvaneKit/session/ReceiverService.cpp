@@ -14,11 +14,11 @@ namespace {
 
 /// The connection's stream, remembering the transport error that ended it, so
 /// that the session's report can say why (the engine never throws).
-class WatchedStream final : public KestrelvaneStream {
+class WatchedStream final : public ForwardingStream {
 public:
-    explicit WatchedStream(std::shared_ptr<KestrelvaneStream> inner) : inner_(std::move(inner)) {}
+    explicit WatchedStream(std::shared_ptr<KestrelvaneStream> inner)
+        : ForwardingStream(std::move(inner)) {}
 
-    void start() override { inner_->start(); }
     void send(ByteView data) override {
         watch([&] { inner_->send(data); });
     }
@@ -32,8 +32,6 @@ public:
         watch([&] { count = inner_->receiveInto(into); });
         return count;
     }
-    void close() noexcept override { inner_->close(); }
-
     std::optional<std::string> failure() const {
         const std::lock_guard lock(mutex_);
         return failure_;
@@ -56,7 +54,6 @@ private:
         }
     }
 
-    const std::shared_ptr<KestrelvaneStream> inner_;
     mutable std::mutex mutex_;
     std::optional<std::string> failure_;
 };

@@ -75,8 +75,6 @@ public:
     /// (a file cut short is the sender's to resend). Later connections are closed at once.
     void stop() noexcept;
 
-    const std::filesystem::path& scratch() const noexcept { return scratch_.path(); }
-
 private:
     struct Session {
         std::shared_ptr<KestrelvaneStream> stream; ///< none once the session has ended
