@@ -44,7 +44,6 @@ class MemorySink final : public Sink {
 public:
     void write(const Record& record) override;
     std::vector<Record> records() const;
-    /// The messages only, in order.
     std::vector<std::string> messages() const;
 
 private:

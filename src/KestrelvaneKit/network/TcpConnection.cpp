@@ -337,23 +337,15 @@ void TcpConnection::send(ByteView data) {
     }
     std::lock_guard sending(sendMutex_);
     const int fd = socketFor("send()");
-    std::size_t written = 0;
-    while (written < data.size()) {
-        const ssize_t n = ::send(fd, data.data() + written, data.size() - written, MSG_NOSIGNAL);
-        if (n >= 0) {
-            written += static_cast<std::size_t>(n);
-            continue;
-        }
-        const int code = errno;
-        if (code == EINTR) {
-            socketFor("send()");
-            continue;
-        }
+    try {
+        FileDescriptor::sendAll(fd, data);
+    } catch (const std::system_error& error) {
         socketFor("send()"); // a cancel that broke the write is reported as such
+        const int code = error.code().value();
         if (code == EAGAIN || code == EWOULDBLOCK) {
             throw idleError("send()");
         }
-        throw callError("send()", code);
+        throw;
     }
 }
 

@@ -340,8 +340,7 @@ void FolderSaver::saveGroup(std::vector<Waiting>& group) {
     for (std::size_t i = 0; i < group.size(); ++i) {
         if (!failed(outcomes[i]) && ::fsync(open[i].get()) != 0) {
             outcomes[i].status = Ack::Status::error;
-            outcomes[i].message =
-                std::system_error(errno, std::generic_category()).code().message();
+            outcomes[i].message = std::generic_category().message(errno);
         }
         open[i].reset();
     }
