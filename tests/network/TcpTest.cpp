@@ -128,9 +128,11 @@ TEST(TcpListener, AcceptsIPv4NamesAndIPv6OnTheOnePortItReportsWhichIsThenInUse) 
         ASSERT_TRUE(eventually([&] { return client.state() == TcpConnection::State::ready; }))
             << host;
         client.send(asBytes(host));
-        EXPECT_EQ(asText(accepted->receive(100).data), host);
+        Bytes received(100);
+        received.resize(accepted->receive(received));
+        EXPECT_EQ(asText(received), host);
         client.cancel();
-        EXPECT_TRUE(accepted->receive(100).isComplete) << host;
+        EXPECT_EQ(accepted->receive(received), 0u) << host;
     }
     EXPECT_PRED2(startsWith,
                  outcomeOf([&] { TcpListener(listener.port(), TcpListener::Scope::loopback); }),

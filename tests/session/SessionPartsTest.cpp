@@ -73,6 +73,19 @@ TEST(Destination, EachFailureToConnectHasItsOwnCause) {
     }
 }
 
+// Nothing answers at a documentation address: only the stop ends the wait.
+TEST(Destination, AStopEndsAConnectionStillBeingMade) {
+    std::stop_source stop;
+    stop.request_stop();
+    try {
+        Destination::address("192.0.2.1", 9).connect(stop.get_token());
+        ADD_FAILURE() << "connected";
+    } catch (const ConnectError& error) {
+        EXPECT_EQ(error.cause(), ConnectError::Cause::timedOut);
+        EXPECT_STREQ(error.what(), "cannot connect to 192.0.2.1:9: stopped");
+    }
+}
+
 TEST(CountingStream, ReportsALargeSendPieceByPieceAsTheTransportTakesIt) {
     const auto [ours, theirs] = testing::makeMemoryStreamPair();
     std::vector<std::uint64_t> reported;

@@ -23,7 +23,8 @@ void ScriptedReceiver::run() {
         while (true) {
             const Bytes headerFrame = channel_.receiveFrame(FrameChannel::maxMessageBytes);
             const auto header = WireMessage::decode<FileHeader>(headerFrame);
-            Bytes bytes = channel_.receiveRaw(static_cast<std::int64_t>(header.byteCount));
+            Bytes bytes(header.byteCount);
+            channel_.receiveRawInto(bytes);
             {
                 const std::lock_guard lock(mutex_);
                 wireLog_.push_back(FrameCodec::encode(headerFrame));

@@ -92,9 +92,9 @@ TEST(UsbmuxdSimulator, AnswersAsUsbmuxdWouldAndListenersHearOfPhonesComingAndGoi
     EXPECT_EQ(serial, "SECOND");
 
     // A tunnel to the new phone works until its cable is pulled.
-    const Result tunnel = client.connect(secondID, 9876);
-    ASSERT_EQ(tunnel.kind, Result::Kind::tunneled);
-    UsbmuxdStream stream(FileDescriptor(tunnel.fileDescriptor));
+    Result tunnel = client.connect(secondID, 9876);
+    ASSERT_EQ(tunnel.outcome, Result::Outcome::listening);
+    UsbmuxdStream stream(std::move(tunnel.tunnel));
     stream.send(asBytes("ping"));
     std::string echoed;
     while (echoed.size() < 4) {
@@ -145,9 +145,9 @@ TEST(UsbmuxdSimulator, OverTcpItTakesClientsOnEachLoopbackAddressAndPollingLeave
 TEST(UsbmuxdSimulator, APhoneAnswersAndReportsTheFilesItRejects) {
     SimulatorProcess simulator({"SIM1,0x12a8,test"});
     UsbmuxdClient client(simulator.address());
-    const Result tunnel = client.connect(client.listDevices().at(0).id, 9876);
-    ASSERT_EQ(tunnel.kind, Result::Kind::tunneled);
-    FrameChannel channel(std::make_shared<UsbmuxdStream>(FileDescriptor(tunnel.fileDescriptor)));
+    Result tunnel = client.connect(client.listDevices().at(0).id, 9876);
+    ASSERT_EQ(tunnel.outcome, Result::Outcome::listening);
+    FrameChannel channel(std::make_shared<UsbmuxdStream>(std::move(tunnel.tunnel)));
     const Bytes bytes = toBytes("not what the digest says");
     channel.sendFrame(WireMessage::encode(SessionHeader{}));
     channel.sendFrame(WireMessage::encode(FileHeader{

@@ -134,7 +134,7 @@ TEST(UsbmuxdClient, EveryOtherAnswerIsAResultOrAnErrorThatClosesTheSocketAndLeav
         {packet(1, dict()), Result::otherError(-1, "no Number in response")},
         {packet(1, dict("Number", PL::string("0"))),
          Result::otherError(-1, "no Number in response")},
-        {{}, "usbmuxd: read returned 0 (0)"}, // the daemon hangs up without answering
+        {Bytes{}, "usbmuxd: read returned 0 (0)"}, // the daemon hangs up without answering
         {zeroLength, "usbmuxd: header total length 0 < 16"},
         {tooLarge, "usbmuxd: reply of " + std::to_string(declared) + " bytes is too large"},
         {packet(1, PL::array()), "usbmuxd: response body not a dict"},

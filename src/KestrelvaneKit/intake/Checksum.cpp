@@ -58,13 +58,9 @@ std::string Sha256Hasher::finalizeHex() {
 namespace Checksum {
 
 std::string sha256Hex(ByteView bytes) {
-    std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
-    unsigned int length = 0;
-    if (EVP_Digest(bytes.data(), bytes.size(), digest.data(), &length, EVP_sha256(), nullptr) !=
-        1) {
-        throw std::runtime_error("SHA-256 failed");
-    }
-    return toLowerHex(digest.data(), length);
+    Sha256Hasher hasher;
+    hasher.update(bytes);
+    return hasher.finalizeHex();
 }
 
 std::string sha256HexOfFile(const std::filesystem::path& path) {

@@ -2,10 +2,8 @@
 
 #include "KestrelvaneKit/log/Units.h"
 
-#include <cmath>
+#include <chrono>
 #include <cstdio>
-#include <ctime>
-#include <iostream>
 #include <syslog.h>
 #include <systemd/sd-journal.h>
 #include <unistd.h>
@@ -44,7 +42,9 @@ private:
 
 struct SinkSlot {
     std::mutex mutex;
-    std::shared_ptr<Sink> sink = journalIsPresent() ? journalSink() : nullptr;
+    std::shared_ptr<Sink> sink = ::access("/run/systemd/journal/socket", W_OK) == 0
+                                     ? std::make_shared<JournalSink>()
+                                     : nullptr;
 };
 
 SinkSlot& slot() {
@@ -53,7 +53,12 @@ SinkSlot& slot() {
 }
 
 void emit(Category category, Level level, std::string message) {
-    if (const auto sink = currentSink()) {
+    std::shared_ptr<Sink> sink;
+    {
+        const std::lock_guard lock(slot().mutex);
+        sink = slot().sink;
+    }
+    if (sink) {
         sink->write(Record{category, level, std::move(message)});
     }
 }
@@ -66,23 +71,12 @@ std::string_view categoryName(Category category) noexcept {
         return "transfer";
     case Category::net:
         return "net";
-    case Category::save:
-        return "save";
-    case Category::usbmux:
-        return "usbmux";
     case Category::listener:
         return "listener";
     }
     return "?";
 }
 
-bool journalIsPresent() {
-    return ::access("/run/systemd/journal/socket", W_OK) == 0;
-}
-
-std::shared_ptr<Sink> journalSink() {
-    return std::make_shared<JournalSink>();
-}
 std::shared_ptr<Sink> stderrSink() {
     return std::make_shared<StderrSink>();
 }
@@ -112,11 +106,6 @@ std::shared_ptr<Sink> setSink(std::shared_ptr<Sink> sink) {
     return sink;
 }
 
-std::shared_ptr<Sink> currentSink() {
-    const std::lock_guard lock(slot().mutex);
-    return slot().sink;
-}
-
 void Logger::info(std::string message) const {
     emit(category_, Level::normal, std::move(message));
 }
@@ -132,40 +121,25 @@ const Logger& net() {
     static constexpr Logger logger(Category::net);
     return logger;
 }
-const Logger& save() {
-    static constexpr Logger logger(Category::save);
-    return logger;
-}
-const Logger& usbmux() {
-    static constexpr Logger logger(Category::usbmux);
-    return logger;
-}
 const Logger& listener() {
     static constexpr Logger logger(Category::listener);
     return logger;
 }
 
 double now() {
-    timespec time{};
-    ::clock_gettime(CLOCK_MONOTONIC, &time);
-    const auto nanoseconds = static_cast<std::uint64_t>(time.tv_sec) * 1'000'000'000ull +
-                             static_cast<std::uint64_t>(time.tv_nsec);
-    return static_cast<double>(nanoseconds) / 1'000'000'000.0;
+    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch())
+        .count();
 }
 
-std::string mb(std::int64_t bytes) {
-    return Units::megabytes(static_cast<double>(bytes), 1, "");
+std::string mb(double bytes) {
+    return Units::megabytes(bytes, 1, "");
 }
 
-std::string mb(std::uint64_t bytes) {
-    return Units::megabytes(static_cast<double>(bytes), 1, "");
-}
-
-std::string throughput(std::int64_t bytes, double seconds) {
+std::string throughput(double bytes, double seconds) {
     if (!(seconds > 0)) {
         return "\u2014";
     }
-    return Units::rate(static_cast<double>(bytes), seconds, 1, "");
+    return Units::rate(bytes, seconds, 1, "");
 }
 
 namespace Lines {
@@ -175,8 +149,7 @@ std::string start(std::int64_t files, std::uint64_t bytesOnDisk) {
 }
 
 std::string sent(const std::string& name, std::uint64_t bytes, double seconds, std::int64_t depth) {
-    return "SENT " + name + " " + mb(bytes) +
-           " wire=" + throughput(static_cast<std::int64_t>(bytes), seconds) +
+    return "SENT " + name + " " + mb(bytes) + " wire=" + throughput(bytes, seconds) +
            " inflight=" + std::to_string(depth);
 }
 
@@ -207,7 +180,7 @@ std::string readerEnded(double seconds) {
 
 std::string recv(const std::string& name, std::uint64_t bytes, double seconds) {
     return "RECV " + name + " " + mb(bytes) + " in=" + Units::fixed(seconds * 1000.0, 0) +
-           "ms rate=" + throughput(static_cast<std::int64_t>(bytes), seconds);
+           "ms rate=" + throughput(bytes, seconds);
 }
 
 std::string checksumMismatch(const std::string& name) {

@@ -9,7 +9,7 @@
 
 namespace kestrelvane {
 
-/// The library's log: one subsystem, five categories, two levels, and the
+/// The library's log: one subsystem, three categories, two levels, and the
 /// fixed vocabulary of lines both engines write. Where the lines go is a sink
 /// chosen by the program: by default the systemd journal when the machine has
 /// one (and nowhere otherwise), stderr on request, memory in tests.
@@ -17,7 +17,7 @@ namespace KVLog {
 
 inline constexpr std::string_view subsystem = "org.kestrelvane.Kestrelvane";
 
-enum class Category { transfer, net, save, usbmux, listener };
+enum class Category { transfer, net, listener };
 enum class Level { normal, error };
 
 std::string_view categoryName(Category category) noexcept;
@@ -36,10 +36,6 @@ public:
     virtual void write(const Record& record) = 0;
 };
 
-/// The systemd journal, with the subsystem, category and priority as fields.
-std::shared_ptr<Sink> journalSink();
-/// Whether this machine has a journal to write to.
-bool journalIsPresent();
 /// One line per record on stderr: category, the level when it is an error, the message.
 std::shared_ptr<Sink> stderrSink();
 
@@ -48,7 +44,6 @@ class MemorySink final : public Sink {
 public:
     void write(const Record& record) override;
     std::vector<Record> records() const;
-    /// The messages only, in order.
     std::vector<std::string> messages() const;
 
 private:
@@ -57,10 +52,8 @@ private:
 };
 
 /// Replaces the sink for the whole process; nullptr discards every record.
-/// Returns the previous one.
+/// Returns the previous one. At first it is the journal when present, else none.
 std::shared_ptr<Sink> setSink(std::shared_ptr<Sink> sink);
-/// The sink in use; at first the journal when present, else none.
-std::shared_ptr<Sink> currentSink();
 
 /// A category's logger.
 class Logger {
@@ -68,7 +61,6 @@ public:
     explicit constexpr Logger(Category category) : category_(category) {}
     void info(std::string message) const;
     void error(std::string message) const;
-    Category category() const noexcept { return category_; }
 
 private:
     Category category_;
@@ -76,17 +68,14 @@ private:
 
 const Logger& transfer();
 const Logger& net();
-const Logger& save();
-const Logger& usbmux();
 const Logger& listener();
 
 /// Seconds on the monotonic clock; only differences mean anything.
 double now();
 /// "%.1fMB" of bytes / 1,048,576.
-std::string mb(std::int64_t bytes);
-std::string mb(std::uint64_t bytes);
+std::string mb(double bytes);
 /// "%.1fMB/s", or "—" when `seconds` is not above 0.
-std::string throughput(std::int64_t bytes, double seconds);
+std::string throughput(double bytes, double seconds);
 
 /// The lines of the vocabulary, built exactly; writers pass them to a logger.
 namespace Lines {

@@ -5,7 +5,6 @@
 namespace kestrelvane {
 
 void TransferMetrics::record(std::int64_t bytes, std::int64_t depth) {
-    const std::lock_guard lock(mutex_);
     totalBytes_ += bytes;
     depthSum_ += depth;
     depthCount_ += 1;
@@ -13,7 +12,6 @@ void TransferMetrics::record(std::int64_t bytes, std::int64_t depth) {
 }
 
 TransferMetrics::Summary TransferMetrics::summary() const {
-    const std::lock_guard lock(mutex_);
     return Summary{
         .totalBytes = totalBytes_,
         .averageDepth = depthCount_ < 1

@@ -1,12 +1,11 @@
 #pragma once
 
 #include <cstdint>
-#include <mutex>
 
 namespace kestrelvane {
 
 /// What one send wrote: payload bytes, and how many files were in flight when
-/// each was written. Recorded by the writer, read once at the end.
+/// each was written. Recorded by the writer, read once it has been joined.
 class TransferMetrics {
 public:
     struct Summary {
@@ -20,7 +19,6 @@ public:
     Summary summary() const;
 
 private:
-    mutable std::mutex mutex_;
     std::int64_t totalBytes_ = 0;
     std::int64_t depthSum_ = 0;
     std::int64_t depthCount_ = 0;

@@ -20,12 +20,9 @@ std::string megabytes(double bytes, int decimals, std::string_view separator) {
     return fixed(bytes / bytesPerMB, decimals) + std::string(separator) + "MB";
 }
 
-double megabytesPerSecond(double bytes, double seconds) {
-    return seconds > 0 ? bytes / bytesPerMB / seconds : 0.0;
-}
-
 std::string rate(double bytes, double seconds, int decimals, std::string_view separator) {
-    return fixed(megabytesPerSecond(bytes, seconds), decimals) + std::string(separator) + "MB/s";
+    const double perSecond = seconds > 0 ? bytes / bytesPerMB / seconds : 0.0;
+    return fixed(perSecond, decimals) + std::string(separator) + "MB/s";
 }
 
 std::string clock(double seconds) {

@@ -13,9 +13,7 @@ inline constexpr double bytesPerMB = 1'048'576.0;
 std::string fixed(double value, int decimals);
 /// "1.5 MB" for 1,572,864 bytes; `separator` goes between number and unit.
 std::string megabytes(double bytes, int decimals = 1, std::string_view separator = " ");
-/// Megabytes per second; 0 when `seconds` is not above 0.
-double megabytesPerSecond(double bytes, double seconds);
-/// "12.3 MB/s" of megabytesPerSecond().
+/// "12.3 MB/s"; 0 when `seconds` is not above 0.
 std::string rate(double bytes, double seconds, int decimals = 1, std::string_view separator = " ");
 /// "m:ss" of the nearest whole second (halves away from zero); never negative.
 std::string clock(double seconds);

@@ -1,5 +1,6 @@
 #include "KestrelvaneKit/network/BonjourStream.h"
 
+#include <algorithm>
 #include <condition_variable>
 #include <exception>
 #include <stdexcept>
@@ -7,10 +8,13 @@
 namespace kestrelvane {
 namespace {
 
+/// The most bytes one receive() allocates for, whatever it is asked.
+constexpr std::int64_t maxReceiveBytes = 1'048'576;
+
 /// Where the state handler leaves the outcome of one start() for the waiting caller.
 struct StartOutcome {
     std::mutex mutex;
-    std::condition_variable settled;
+    std::condition_variable_any settled;
     bool done = false;
     std::exception_ptr error;
 
@@ -34,10 +38,14 @@ BonjourStream::BonjourStream(std::shared_ptr<TcpConnection> connection)
 }
 
 void BonjourStream::start() {
+    start(std::chrono::milliseconds::zero(), {});
+}
+
+bool BonjourStream::start(std::chrono::milliseconds limit, const std::stop_token& stop) {
     {
         std::lock_guard lock(mutex_);
         if (isStarted_) {
-            return;
+            return true;
         }
         isStarted_ = true; // set before waiting: a second start() returns at once
     }
@@ -71,14 +79,22 @@ void BonjourStream::start() {
     }
 
     std::unique_lock lock(outcome->mutex);
-    outcome->settled.wait(lock, [&] { return outcome->done; });
-    if (outcome->error) {
-        {
-            std::lock_guard started(mutex_);
-            isStarted_ = false;
-        }
-        std::rethrow_exception(outcome->error);
+    const auto done = [&] { return outcome->done; };
+    const bool settled = limit.count() == 0 ? outcome->settled.wait(lock, stop, done)
+                                            : outcome->settled.wait_for(lock, stop, limit, done);
+    if (settled && !outcome->error) {
+        return true;
     }
+    {
+        std::lock_guard started(mutex_);
+        isStarted_ = false;
+    }
+    if (!settled) {
+        lock.unlock(); // the cancel settles the outcome
+        connection_->cancel();
+        return false;
+    }
+    std::rethrow_exception(outcome->error);
 }
 
 void BonjourStream::send(ByteView data) {
@@ -89,30 +105,20 @@ Bytes BonjourStream::receive(std::int64_t max) {
     if (max < 1) {
         throw std::invalid_argument("receive(max) needs max >= 1, got " + std::to_string(max));
     }
-    for (;;) {
-        auto received = connection_->receive(static_cast<std::size_t>(max));
-        if (!received.data.empty()) {
-            return std::move(received.data); // even if the peer has also finished
-        }
-        if (received.isComplete) {
-            throw StreamError::closed();
-        }
-    }
+    Bytes buffer(static_cast<std::size_t>(std::min<std::int64_t>(max, maxReceiveBytes)));
+    buffer.resize(receiveInto(buffer));
+    return buffer;
 }
 
 std::size_t BonjourStream::receiveInto(MutableByteView into) {
     if (into.empty()) {
         throw std::invalid_argument("receiveInto needs room for at least one byte");
     }
-    for (;;) {
-        const auto received = connection_->receiveInto(into);
-        if (received.count > 0) {
-            return received.count;
-        }
-        if (received.isComplete) {
-            throw StreamError::closed();
-        }
+    const std::size_t count = connection_->receive(into);
+    if (count == 0) {
+        throw StreamError::closed();
     }
+    return count;
 }
 
 void BonjourStream::close() noexcept {

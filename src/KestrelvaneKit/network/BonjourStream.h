@@ -3,8 +3,10 @@
 #include "KestrelvaneKit/network/TcpConnection.h"
 #include "KestrelvaneKit/wire/KestrelvaneStream.h"
 
+#include <chrono>
 #include <memory>
 #include <mutex>
+#include <stop_token>
 
 namespace kestrelvane {
 
@@ -24,6 +26,9 @@ public:
     /// already started (or starting); after a failure a later call tries again.
     /// Waits without a time-out while the connection is waiting for a network.
     void start() override;
+    /// As start(), but gives up after `limit` (zero: never) or once `stop` is
+    /// requested: then cancels the connection and returns false.
+    bool start(std::chrono::milliseconds limit, const std::stop_token& stop);
     void send(ByteView data) override;
     /// At least one and at most `max` bytes, as they arrive; never empty.
     Bytes receive(std::int64_t max) override;

@@ -55,7 +55,6 @@ struct ServiceBrowser::State {
     std::map<EntryKey, Entry> entries;
     std::vector<DiscoveredService> reported;
     AvahiConnection connection; // last: its thread ends before the rest goes
-    bool running = false;
 
     void clientChanged(AvahiClient* client, AvahiClientState clientState) {
         if (clientState == AVAHI_CLIENT_S_RUNNING) {
@@ -188,20 +187,14 @@ ServiceBrowser::~ServiceBrowser() {
 }
 
 void ServiceBrowser::start() {
-    if (!state_->running) {
-        state_->running = state_->connection.start();
-    }
+    state_->connection.start();
 }
 
 void ServiceBrowser::stop() noexcept {
-    if (!state_->running) {
-        return;
-    }
     state_->connection.stop(); // frees the browser and resolvers with the client
     state_->browser = nullptr;
     state_->entries.clear();
     state_->reported.clear();
-    state_->running = false;
 }
 
 } // namespace kestrelvane

@@ -25,7 +25,6 @@ struct ServicePublisher::State {
     bool established = false;
     AvahiEntryGroup* group = nullptr; // event thread only
     AvahiConnection connection;       // last: its thread ends before the rest goes
-    bool running = false;
 
     void setEstablished(bool value) {
         std::lock_guard lock(mutex);
@@ -131,20 +130,14 @@ ServicePublisher::~ServicePublisher() {
 }
 
 void ServicePublisher::publish() {
-    if (!state_->running) {
-        state_->running = state_->connection.start();
-    }
+    state_->connection.start();
 }
 
 void ServicePublisher::withdraw() noexcept {
-    if (!state_->running) {
-        return;
-    }
     // Freeing the client takes its entries off the network.
     state_->connection.stop();
     state_->group = nullptr;
     state_->setEstablished(false);
-    state_->running = false;
 }
 
 std::string ServicePublisher::name() const {

@@ -1,6 +1,5 @@
 #include "KestrelvaneKit/network/TcpConnection.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
 #include <netdb.h>
@@ -239,7 +238,7 @@ void TcpConnection::connectLoop() {
             enqueueLocked(State::waiting, std::move(error));
         }
         deliverReports();
-        const bool slept = sleepUnlessCancelled(waitingRetryInterval);
+        const bool slept = waitUnlessCancelled(-1, static_cast<int>(waitingRetryInterval.count()));
         {
             std::lock_guard lock(mutex_);
             if (!slept || cancelRequested_) {
@@ -254,13 +253,14 @@ void TcpConnection::connectLoop() {
     deliverReports();
 }
 
-bool TcpConnection::sleepUnlessCancelled(std::chrono::milliseconds interval) {
-    pollfd wake{wakeFd_.get(), POLLIN, 0};
-    int result;
+bool TcpConnection::waitUnlessCancelled(int fd, int timeout) {
+    // poll() passes over a negative descriptor: then this only sleeps.
+    pollfd waits[2] = {{wakeFd_.get(), POLLIN, 0}, {fd, POLLOUT, 0}};
+    int ready;
     do {
-        result = ::poll(&wake, 1, static_cast<int>(interval.count()));
-    } while (result < 0 && errno == EINTR);
-    return result == 0;
+        ready = ::poll(waits, 2, timeout);
+    } while (ready < 0 && errno == EINTR);
+    return waits[0].revents == 0;
 }
 
 FileDescriptor TcpConnection::connectOnce(Error& error) {
@@ -295,12 +295,7 @@ FileDescriptor TcpConnection::connectOnce(Error& error) {
             code = errno;
         }
         if (code == EINPROGRESS || code == EINTR) {
-            pollfd waits[2] = {{fd.get(), POLLOUT, 0}, {wakeFd_.get(), POLLIN, 0}};
-            int ready;
-            do {
-                ready = ::poll(waits, 2, -1);
-            } while (ready < 0 && errno == EINTR);
-            if (waits[1].revents != 0) {
+            if (!waitUnlessCancelled(fd.get(), -1)) {
                 return {};
             }
             socklen_t length = sizeof code;
@@ -347,37 +342,19 @@ void TcpConnection::send(ByteView data) {
     }
     std::lock_guard sending(sendMutex_);
     const int fd = socketFor("send()");
-    std::size_t written = 0;
-    while (written < data.size()) {
-        const ssize_t n = ::send(fd, data.data() + written, data.size() - written, MSG_NOSIGNAL);
-        if (n >= 0) {
-            written += static_cast<std::size_t>(n);
-            continue;
-        }
-        const int code = errno;
-        if (code == EINTR) {
-            socketFor("send()");
-            continue;
-        }
+    try {
+        FileDescriptor::sendAll(fd, data);
+    } catch (const std::system_error& error) {
         socketFor("send()"); // a cancel that broke the write is reported as such
+        const int code = error.code().value();
         if (code == EAGAIN || code == EWOULDBLOCK) {
             throw idleError("send()");
         }
-        throw callError("send()", code);
+        throw;
     }
 }
 
-TcpConnection::Received TcpConnection::receive(std::size_t maximum) {
-    if (maximum == 0) {
-        throw std::invalid_argument("receive() needs a maximum of at least 1 byte");
-    }
-    Bytes buffer(std::min(maximum, maxReceiveBytes));
-    const ReceivedInto received = receiveInto(buffer);
-    buffer.resize(received.count);
-    return {std::move(buffer), received.isComplete};
-}
-
-TcpConnection::ReceivedInto TcpConnection::receiveInto(MutableByteView into) {
+std::size_t TcpConnection::receive(MutableByteView into) {
     if (into.empty()) {
         throw std::invalid_argument("receive() needs a maximum of at least 1 byte");
     }
@@ -386,12 +363,12 @@ TcpConnection::ReceivedInto TcpConnection::receiveInto(MutableByteView into) {
     for (;;) {
         const ssize_t n = ::recv(fd, into.data(), into.size(), 0);
         if (n > 0) {
-            return {static_cast<std::size_t>(n), false};
+            return static_cast<std::size_t>(n);
         }
         const int code = errno;
         socketFor("recv()"); // woken by cancel(): say so rather than report an end
         if (n == 0) {
-            return {0, true};
+            return 0;
         }
         if (code == EAGAIN || code == EWOULDBLOCK) {
             throw idleError("recv()");

@@ -41,16 +41,8 @@ public:
     /// Called with every new state; `error` is set for waiting and failed.
     using StateHandler = std::function<void(State state, const Error& error)>;
 
-    /// What one receive() brought: bytes, or the peer's end of sending.
-    struct Received {
-        Bytes data;
-        bool isComplete = false; ///< the peer has finished sending
-    };
-
     /// How long a connection waits before trying an unreachable network again.
     static constexpr std::chrono::milliseconds waitingRetryInterval{1000};
-    /// The most bytes one receive() allocates for, whatever it is asked.
-    static constexpr std::size_t maxReceiveBytes = 1'048'576;
 
     /// A connection to `host` (a name or a numeric IPv4/IPv6 address) and `port`.
     TcpConnection(std::string host, std::uint16_t port);
@@ -77,16 +69,10 @@ public:
     /// Writes every byte of `data`; concurrent sends never interleave.
     /// Throws std::system_error ("send() failed (errno)"); ECANCELED after cancel().
     void send(ByteView data);
-    /// Waits for at least one and at most `maximum` bytes (capped at
-    /// maxReceiveBytes), or the peer's end. Throws std::system_error.
-    Received receive(std::size_t maximum);
-    /// As receive(), into the front of `into` (no cap on its size): how many
-    /// bytes arrived, or none and isComplete at the peer's end.
-    struct ReceivedInto {
-        std::size_t count = 0;
-        bool isComplete = false; ///< the peer has finished sending
-    };
-    ReceivedInto receiveInto(MutableByteView into);
+    /// Waits for bytes and puts what arrives (at least one, at most
+    /// `into.size()`) at the front of `into`: how many, or 0 at the peer's
+    /// end. Throws std::system_error.
+    std::size_t receive(MutableByteView into);
 
     /// The ready socket, for a protocol that drives it itself (TLS); -1
     /// before ready. It stays open until the connection is destroyed.
@@ -105,7 +91,9 @@ private:
     void connectLoop();
     /// The connected socket; none with `error` set, or none when cancel() woke it.
     FileDescriptor connectOnce(Error& error);
-    bool sleepUnlessCancelled(std::chrono::milliseconds interval);
+    /// Waits until `fd` can be written to or `timeout` ms have passed (-1:
+    /// never); false when cancel() woke it first.
+    bool waitUnlessCancelled(int fd, int timeout);
 
     const std::string host_;
     const std::uint16_t port_ = 0;

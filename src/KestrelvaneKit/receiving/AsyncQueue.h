@@ -12,17 +12,16 @@ namespace kestrelvane {
 /// finish() has been called and everything before it has been taken.
 template <class T> class AsyncQueue {
 public:
-    /// Never waits. Returns false (and drops the value) once the queue is finished.
-    bool publish(T value) {
+    /// Never waits. Drops the value once the queue is finished.
+    void publish(T value) {
         {
             const std::lock_guard lock(mutex_);
             if (finished_) {
-                return false;
+                return;
             }
             values_.push_back(std::move(value));
         }
         changed_.notify_one();
-        return true;
     }
 
     /// Ends the queue; a second call does nothing.
@@ -46,13 +45,8 @@ public:
         return value;
     }
 
-    bool isFinished() const {
-        const std::lock_guard lock(mutex_);
-        return finished_;
-    }
-
 private:
-    mutable std::mutex mutex_;
+    std::mutex mutex_;
     std::condition_variable changed_;
     std::deque<T> values_;
     bool finished_ = false;

@@ -5,6 +5,7 @@
 
 #include <uuid/uuid.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
@@ -125,6 +126,13 @@ std::string hiddenPartialName() {
     return std::string(".kestrelvane-") + text + ".partial";
 }
 
+/// Whether `name` is a single, ordinary path component: not empty, not "."
+/// or "..", no "/" and no NUL.
+bool isSafeComponent(const std::string& name) {
+    return !name.empty() && name != "." && name != ".." && name.find('/') == std::string::npos &&
+           name.find('\0') == std::string::npos;
+}
+
 void setModificationTime(const fs::path& file, Timestamp time) {
     using namespace std::chrono;
     const auto since = time.time_since_epoch();
@@ -146,11 +154,6 @@ FolderSaver::FolderSaver(fs::path root)
 
 FolderSaver::~FolderSaver() {
     stopSaving();
-}
-
-bool FolderSaver::isSafeComponent(const std::string& name) {
-    return !name.empty() && name != "." && name != ".." && name.find('/') == std::string::npos &&
-           name.find('\0') == std::string::npos;
 }
 
 void FolderSaver::begin(const SessionHeader& session) {
@@ -200,14 +203,10 @@ void FolderSaver::saveWaiting() {
             if (waiting_.empty()) {
                 return;
             }
-            if (waiting_.size() <= maxGroupFiles) {
-                group.swap(waiting_);
-            } else {
-                const auto end = waiting_.begin() + static_cast<std::ptrdiff_t>(maxGroupFiles);
-                group.assign(std::make_move_iterator(waiting_.begin()),
-                             std::make_move_iterator(end));
-                waiting_.erase(waiting_.begin(), end);
-            }
+            const auto end = waiting_.begin() +
+                             static_cast<std::ptrdiff_t>(std::min(waiting_.size(), maxGroupFiles));
+            group.assign(std::make_move_iterator(waiting_.begin()), std::make_move_iterator(end));
+            waiting_.erase(waiting_.begin(), end);
         }
         saveGroup(group);
     }
@@ -341,8 +340,7 @@ void FolderSaver::saveGroup(std::vector<Waiting>& group) {
     for (std::size_t i = 0; i < group.size(); ++i) {
         if (!failed(outcomes[i]) && ::fsync(open[i].get()) != 0) {
             outcomes[i].status = Ack::Status::error;
-            outcomes[i].message =
-                std::system_error(errno, std::generic_category()).code().message();
+            outcomes[i].message = std::generic_category().message(errno);
         }
         open[i].reset();
     }

@@ -40,10 +40,6 @@ public:
     void flushAndDrain() override;
     AsyncQueue<BatchOutcome>& outcomes() override { return outcomes_; }
 
-    /// Whether `name` is a single, ordinary path component: not empty, not "."
-    /// or "..", no "/" and no NUL.
-    static bool isSafeComponent(const std::string& name);
-
     /// A group holds one open descriptor per file, so it is kept well under
     /// the usual limit of 1,024; a longer line is saved in several groups.
     static constexpr std::size_t maxGroupFiles = 256;

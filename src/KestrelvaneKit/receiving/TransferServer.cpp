@@ -129,10 +129,7 @@ void TransferServer::receiveFile(FrameChannel& channel, const FileHeader& header
         handle.reset(::open(temporaryFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
     }
     if (!handle) {
-        sendAckIgnoringErrors(channel, Ack{.name = header.name,
-                                           .status = Ack::Status::error,
-                                           .message = "could not open temp file"});
-        reportRejected(header.name, "could not open temp file");
+        reject(channel, header.name, "could not open temp file");
         removeIgnoringErrors(temporaryFile);
         sessionGoesOn = false; // the file's bytes are still in the stream
         return;
@@ -168,10 +165,7 @@ void TransferServer::receiveFile(FrameChannel& channel, const FileHeader& header
 
     if (hasher.finalizeHex() != header.sha256) {
         KVLog::net().error(KVLog::Lines::checksumMismatch(header.name));
-        sendAckIgnoringErrors(
-            channel,
-            Ack{.name = header.name, .status = Ack::Status::error, .message = "checksum mismatch"});
-        reportRejected(header.name, "checksum mismatch");
+        reject(channel, header.name, "checksum mismatch");
         removeIgnoringErrors(temporaryFile);
         return;
     }
@@ -179,14 +173,15 @@ void TransferServer::receiveFile(FrameChannel& channel, const FileHeader& header
     saver_.enqueue(temporaryFile, header);
 }
 
-void TransferServer::reportRejected(const std::string& name, const char* message) noexcept {
+void TransferServer::reject(FrameChannel& channel, const std::string& name,
+                            const char* message) noexcept {
+    const Ack ack{.name = name, .status = Ack::Status::error, .message = message};
+    sendAckIgnoringErrors(channel, ack);
     if (!onRejected_) {
         return;
     }
     try {
-        onRejected_(
-            Event{.name = name,
-                  .ack = Ack{.name = name, .status = Ack::Status::error, .message = message}});
+        onRejected_(Event{.name = name, .ack = ack});
     } catch (...) {
         // The caller's observer must not end the session.
     }

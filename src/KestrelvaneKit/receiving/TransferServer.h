@@ -54,7 +54,8 @@ private:
     void receiveFile(FrameChannel& channel, const FileHeader& header, MutableByteView pieceBuffer,
                      bool& sessionGoesOn);
     std::filesystem::path temporaryFileFor(const std::string& name) const;
-    void reportRejected(const std::string& name, const char* message) noexcept;
+    /// Acknowledges the file as an error and tells onRejected_.
+    void reject(FrameChannel& channel, const std::string& name, const char* message) noexcept;
 
     BatchSaving& saver_;
     std::filesystem::path temporaryDirectory_;

@@ -42,7 +42,6 @@ public:
     /// for the next send.
     void reopen();
 
-    /// Reservations currently waiting.
     std::size_t waitingCount() const;
     std::uint64_t maxBytes() const noexcept { return maxBytes_; }
     std::int64_t minFiles() const noexcept { return minFiles_; }

@@ -5,11 +5,7 @@
 namespace kestrelvane {
 
 CountingStream::CountingStream(std::shared_ptr<KestrelvaneStream> inner, OnSent onSent)
-    : inner_(std::move(inner)), onSent_(std::move(onSent)) {
-}
-
-void CountingStream::start() {
-    inner_->start();
+    : ForwardingStream(std::move(inner)), onSent_(std::move(onSent)) {
 }
 
 void CountingStream::send(ByteView data) {
@@ -20,18 +16,6 @@ void CountingStream::send(ByteView data) {
         onSent_(piece.size());
         data = data.subspan(piece.size());
     }
-}
-
-Bytes CountingStream::receive(std::int64_t max) {
-    return inner_->receive(max);
-}
-
-std::size_t CountingStream::receiveInto(MutableByteView into) {
-    return inner_->receiveInto(into);
-}
-
-void CountingStream::close() noexcept {
-    inner_->close();
 }
 
 } // namespace kestrelvane

@@ -12,7 +12,7 @@ namespace kestrelvane {
 /// A stream that reports the bytes it has written as they go: a large send is
 /// passed on in pieces, each reported once the transport has taken it, so
 /// that progress follows a file while it is on its way.
-class CountingStream final : public KestrelvaneStream {
+class CountingStream final : public ForwardingStream {
 public:
     using OnSent = std::function<void(std::uint64_t bytes)>;
 
@@ -22,14 +22,9 @@ public:
     /// `onSent` is called on the sending thread.
     CountingStream(std::shared_ptr<KestrelvaneStream> inner, OnSent onSent);
 
-    void start() override;
     void send(ByteView data) override;
-    Bytes receive(std::int64_t max) override;
-    std::size_t receiveInto(MutableByteView into) override;
-    void close() noexcept override;
 
 private:
-    const std::shared_ptr<KestrelvaneStream> inner_;
     const OnSent onSent_;
     std::mutex sending_; // the pieces of one send are never interleaved with another's
 };

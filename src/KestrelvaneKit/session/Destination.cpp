@@ -11,7 +11,6 @@
 #include <optional>
 #include <stdexcept>
 #include <stop_token>
-#include <thread>
 #include <vector>
 
 namespace kestrelvane {
@@ -30,51 +29,21 @@ std::shared_ptr<KestrelvaneStream> connectOverTcp(const std::string& host, std::
                                                   const std::string& where,
                                                   const std::stop_token& stop) {
     using Cause = ConnectError::Cause;
-    std::shared_ptr<BonjourStream> stream;
+    const std::string cannot = "cannot connect to " + where + ": ";
     try {
-        stream = std::make_shared<BonjourStream>(std::make_shared<TcpConnection>(host, port));
-    } catch (const std::system_error& error) { // out of descriptors, say
-        throw ConnectError(Cause::unreachable, "cannot connect to " + where + ": " + error.what());
-    }
-    // The connection waits for an unreachable network to come back; a
-    // destination gives up after a while, or when its caller stops it.
-    std::mutex mutex;
-    std::condition_variable_any changed;
-    bool settled = false;
-    bool gaveUp = false;
-    std::jthread watchdog([&] {
-        std::unique_lock lock(mutex);
-        if (!changed.wait_for(lock, stop, Destination::connectTimeout, [&] { return settled; })) {
-            gaveUp = true;
-            lock.unlock();
-            stream->close();
+        auto stream = std::make_shared<BonjourStream>(std::make_shared<TcpConnection>(host, port));
+        // The connection waits for an unreachable network to come back; a
+        // destination gives up after a while, or when its caller stops it.
+        if (!stream->start(Destination::connectTimeout, stop)) {
+            const std::string why = stop.stop_requested()
+                                        ? "stopped"
+                                        : "no answer within " +
+                                              std::to_string(Destination::connectTimeout.count()) +
+                                              " seconds";
+            throw ConnectError(Cause::timedOut, cannot + why);
         }
-    });
-    // Whether the watchdog gave up, once it has ended (perhaps after a start
-    // that succeeded a moment too late).
-    const auto settle = [&] {
-        {
-            const std::lock_guard lock(mutex);
-            settled = true;
-        }
-        changed.notify_all();
-        watchdog.join();
-        return gaveUp;
-    };
-    const auto givenUp = [&] {
-        return stop.stop_requested()
-                   ? ConnectError(Cause::timedOut, "cannot connect to " + where + ": stopped")
-                   : ConnectError(Cause::timedOut,
-                                  "cannot connect to " + where + ": no answer within " +
-                                      std::to_string(Destination::connectTimeout.count()) +
-                                      " seconds");
-    };
-    try {
-        stream->start();
+        return stream;
     } catch (const std::system_error& error) {
-        if (settle()) {
-            throw givenUp();
-        }
         if (error.code() == std::errc::connection_refused) {
             throw ConnectError(Cause::refused,
                                "connection refused by " + where +
@@ -83,18 +52,10 @@ std::shared_ptr<KestrelvaneStream> connectOverTcp(const std::string& host, std::
         }
         throw ConnectError(error.code() == std::errc::timed_out ? Cause::timedOut
                                                                 : Cause::unreachable,
-                           "cannot connect to " + where + ": " + error.what());
+                           cannot + error.what());
     } catch (const StreamError&) {
-        if (settle()) {
-            throw givenUp();
-        }
-        throw ConnectError(Cause::unreachable,
-                           "cannot connect to " + where + ": the connection closed");
+        throw ConnectError(Cause::unreachable, cannot + "the connection closed");
     }
-    if (settle()) {
-        throw givenUp();
-    }
-    return stream;
 }
 
 /// Browses DNS-SD until `name` shows up, the lookup time has passed or the

@@ -5,6 +5,7 @@
 #include "KestrelvaneKit/receiving/FolderSaver.h"
 #include "KestrelvaneKit/receiving/TransferServer.h"
 
+#include <algorithm>
 #include <atomic>
 #include <system_error>
 
@@ -13,11 +14,11 @@ namespace {
 
 /// The connection's stream, remembering the transport error that ended it, so
 /// that the session's report can say why (the engine never throws).
-class WatchedStream final : public KestrelvaneStream {
+class WatchedStream final : public ForwardingStream {
 public:
-    explicit WatchedStream(std::shared_ptr<KestrelvaneStream> inner) : inner_(std::move(inner)) {}
+    explicit WatchedStream(std::shared_ptr<KestrelvaneStream> inner)
+        : ForwardingStream(std::move(inner)) {}
 
-    void start() override { inner_->start(); }
     void send(ByteView data) override {
         watch([&] { inner_->send(data); });
     }
@@ -31,8 +32,6 @@ public:
         watch([&] { count = inner_->receiveInto(into); });
         return count;
     }
-    void close() noexcept override { inner_->close(); }
-
     std::optional<std::string> failure() const {
         const std::lock_guard lock(mutex_);
         return failure_;
@@ -55,77 +54,19 @@ private:
         }
     }
 
-    const std::shared_ptr<KestrelvaneStream> inner_;
     mutable std::mutex mutex_;
     std::optional<std::string> failure_;
 };
 
 } // namespace
 
-/// The session threads, each joined soon after its session has ended, so that
-/// threads and descriptors stay bounded however many connections come and go.
-class ReceiverService::SessionThreads {
-public:
-    ~SessionThreads() { joinAll(); }
-
-    void start(std::function<void()> work) {
-        reap();
-        const std::lock_guard lock(mutex_);
-        const int id = nextId_++;
-        // Under the lock: the thread cannot report itself finished before it is listed.
-        running_.emplace(id, std::thread([this, id, work = std::move(work)]() mutable {
-                             work();
-                             work = nullptr; // its connection goes now, not at the join
-                             const std::lock_guard done(mutex_);
-                             finished_.push_back(id);
-                         }));
-    }
-
-    /// Joins the threads whose sessions have ended.
-    void reap() {
-        std::vector<std::thread> ended;
-        {
-            const std::lock_guard lock(mutex_);
-            for (const int id : finished_) {
-                if (const auto found = running_.find(id); found != running_.end()) {
-                    ended.push_back(std::move(found->second));
-                    running_.erase(found);
-                }
-            }
-            finished_.clear();
-        }
-        for (auto& thread : ended) {
-            thread.join();
-        }
-    }
-
-    void joinAll() {
-        std::map<int, std::thread> all;
-        {
-            const std::lock_guard lock(mutex_);
-            all.swap(running_);
-            finished_.clear();
-        }
-        for (auto& [id, thread] : all) {
-            thread.join();
-        }
-    }
-
-private:
-    std::mutex mutex_;
-    std::map<int, std::thread> running_;
-    std::vector<int> finished_; // ended, not yet joined
-    int nextId_ = 0;
-};
-
 ReceiverService::ReceiverService(Options options, OnReport onReport)
-    : options_(std::move(options)), onReport_(std::move(onReport)),
-      threads_(std::make_unique<SessionThreads>()) {
+    : options_(std::move(options)), onReport_(std::move(onReport)) {
 }
 
 ReceiverService::~ReceiverService() {
     stop();
-    threads_->joinAll();
+    joinThreads(true);
 }
 
 void ReceiverService::report(const Report& report) {
@@ -139,8 +80,11 @@ std::optional<int> ReceiverService::admit(const std::shared_ptr<KestrelvaneStrea
     bool full = false;
     {
         const std::lock_guard lock(mutex_);
-        if (!stopping_ && open_.size() < options_.maxSessions) {
-            open_.insert(stream);
+        const auto open = std::count_if(sessions_.begin(), sessions_.end(), [](const auto& entry) {
+            return entry.second.stream != nullptr;
+        });
+        if (!stopping_ && static_cast<std::size_t>(open) < options_.maxSessions) {
+            sessions_[nextNumber_].stream = stream;
             return nextNumber_++;
         }
         full = !stopping_;
@@ -154,9 +98,30 @@ std::optional<int> ReceiverService::admit(const std::shared_ptr<KestrelvaneStrea
     return std::nullopt;
 }
 
-void ReceiverService::release(const std::shared_ptr<KestrelvaneStream>& stream) {
+void ReceiverService::release(int number) {
     const std::lock_guard lock(mutex_);
-    open_.erase(stream);
+    const auto session = sessions_.find(number);
+    if (session->second.thread.joinable()) {
+        session->second.stream = nullptr; // its thread is joined later
+    } else {
+        sessions_.erase(session);
+    }
+}
+
+void ReceiverService::joinThreads(bool all) {
+    std::vector<std::thread> threads;
+    {
+        const std::lock_guard lock(mutex_);
+        for (auto& [number, session] : sessions_) {
+            if (session.thread.joinable() && (all || !session.stream)) {
+                threads.push_back(std::move(session.thread));
+            }
+        }
+        std::erase_if(sessions_, [](const auto& entry) { return !entry.second.stream; });
+    }
+    for (auto& thread : threads) {
+        thread.join();
+    }
 }
 
 void ReceiverService::serve(const std::shared_ptr<KestrelvaneStream>& stream) {
@@ -199,7 +164,7 @@ void ReceiverService::runSession(const std::shared_ptr<KestrelvaneStream>& inner
         report({.kind = Report::Kind::broken, .session = number, .message = *failure});
     }
     channel.cancel();
-    release(inner);
+    release(number);
     report({.kind = Report::Kind::ended,
             .session = number,
             .saved = saved.load(),
@@ -217,6 +182,7 @@ void ReceiverService::run(TcpListener& listener, bool once) {
     std::exception_ptr failure;
     for (;;) {
         std::shared_ptr<KestrelvaneStream> stream;
+        std::optional<int> number;
         try {
             const std::shared_ptr<TcpConnection> connection = listener.accept();
             if (!connection) {
@@ -224,20 +190,23 @@ void ReceiverService::run(TcpListener& listener, bool once) {
             }
             connection->setIdleTimeout(options_.idleTimeout);
             stream = std::make_shared<BonjourStream>(connection);
-            const auto number = admit(stream);
+            number = admit(stream);
             if (!number) {
                 continue;
             }
-            threads_->start([this, &listener, stream, number = *number, once] {
-                runSession(stream, number);
+            joinThreads(false);
+            // Under the lock: the session cannot be released before its thread is listed.
+            const std::lock_guard lock(mutex_);
+            sessions_[*number].thread = std::thread([this, &listener, stream, number, once] {
+                runSession(stream, *number);
                 if (once) {
                     listener.stop();
                 }
             });
         } catch (...) { // accepting failed, or no thread could be had
-            if (stream) {
+            if (number) {
                 stream->close();
-                release(stream);
+                release(*number);
             }
             failure = std::current_exception();
             break;
@@ -249,7 +218,7 @@ void ReceiverService::run(TcpListener& listener, bool once) {
     if (failure) {
         stop(); // nothing more will come
     }
-    threads_->joinAll();
+    joinThreads(true);
     {
         const std::lock_guard lock(mutex_);
         listener_ = nullptr;
@@ -265,8 +234,10 @@ void ReceiverService::stop() noexcept {
     if (listener_ != nullptr) {
         listener_->stop();
     }
-    for (const auto& stream : open_) {
-        stream->close();
+    for (const auto& [number, session] : sessions_) {
+        if (session.stream) {
+            session.stream->close();
+        }
     }
 }
 

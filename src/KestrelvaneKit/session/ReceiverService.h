@@ -11,10 +11,8 @@
 #include <memory>
 #include <mutex>
 #include <optional>
-#include <set>
 #include <string>
 #include <thread>
-#include <vector>
 
 namespace kestrelvane {
 
@@ -77,15 +75,18 @@ public:
     /// (a file cut short is the sender's to resend). Later connections are closed at once.
     void stop() noexcept;
 
-    const std::filesystem::path& scratch() const noexcept { return scratch_.path(); }
-
 private:
-    class SessionThreads;
+    struct Session {
+        std::shared_ptr<KestrelvaneStream> stream; ///< none once the session has ended
+        std::thread thread;                        ///< none for a session serve() runs
+    };
 
     /// Takes a session place and a number; none when the service is full.
     std::optional<int> admit(const std::shared_ptr<KestrelvaneStream>& stream);
     void runSession(const std::shared_ptr<KestrelvaneStream>& stream, int number);
-    void release(const std::shared_ptr<KestrelvaneStream>& stream);
+    void release(int number);
+    /// Joins the threads of the sessions that have ended, or with `all` of every session.
+    void joinThreads(bool all);
     void report(const Report& report);
 
     const Options options_;
@@ -93,11 +94,12 @@ private:
     ScratchFolder scratch_;
     std::mutex reportMutex_; // one report at a time
     std::mutex mutex_;       // guards everything below
-    std::set<std::shared_ptr<KestrelvaneStream>> open_;
+    // By number. A thread is joined soon after its session has ended, so that
+    // threads and descriptors stay bounded however many connections come and go.
+    std::map<int, Session> sessions_;
     int nextNumber_ = 1;
     bool stopping_ = false;
     TcpListener* listener_ = nullptr;
-    std::unique_ptr<SessionThreads> threads_;
 };
 
 } // namespace kestrelvane

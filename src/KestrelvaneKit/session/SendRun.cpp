@@ -11,8 +11,6 @@ SendRun::SendRun(std::vector<std::filesystem::path> batch, SessionHeader session
     : batch_(std::move(batch)), session_(std::move(session)), observer_(std::move(observer)) {
 }
 
-SendRun::~SendRun() = default;
-
 SendRun::Outcome SendRun::run(const Destination& destination) {
     return run(destination.connect(stop_.get_token()));
 }

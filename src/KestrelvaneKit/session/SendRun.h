@@ -49,7 +49,6 @@ public:
     };
 
     SendRun(std::vector<std::filesystem::path> batch, SessionHeader session, Observer observer);
-    ~SendRun();
     SendRun(const SendRun&) = delete;
     SendRun& operator=(const SendRun&) = delete;
 

@@ -50,30 +50,11 @@ std::vector<UsbPhones::Phone> UsbPhones::list() {
 }
 
 UsbPhones::Probe UsbPhones::probe(const Phone& phone, std::uint16_t port) {
-    UsbmuxdClient::ConnectResult result;
     try {
-        result = client_.connect(phone.id, port);
+        return client_.connect(phone.id, port);
     } catch (...) {
         fail();
     }
-    Probe probe;
-    switch (result.kind) {
-    case UsbmuxdClient::ConnectResult::Kind::tunneled:
-        probe.outcome = Probe::Outcome::listening;
-        probe.tunnel.reset(result.fileDescriptor);
-        break;
-    case UsbmuxdClient::ConnectResult::Kind::connectionRefused:
-        probe.outcome = Probe::Outcome::notListening;
-        break;
-    case UsbmuxdClient::ConnectResult::Kind::badDevice:
-        probe.outcome = Probe::Outcome::detached;
-        break;
-    case UsbmuxdClient::ConnectResult::Kind::otherError:
-        probe.code = result.code;
-        probe.message = result.message;
-        break;
-    }
-    return probe;
 }
 
 std::shared_ptr<KestrelvaneStream> UsbPhones::connect(const std::string& serial) {

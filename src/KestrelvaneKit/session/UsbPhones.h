@@ -21,13 +21,7 @@ public:
     using Address = UsbmuxdClient::SocketAddress;
 
     /// What a connect to a phone's receiver port gave.
-    struct Probe {
-        enum class Outcome { listening, notListening, detached, failed };
-        Outcome outcome = Outcome::failed;
-        FileDescriptor tunnel{}; ///< the open tunnel, for listening
-        std::int64_t code = 0;   ///< usbmuxd's result code, for failed
-        std::string message{};   ///< usbmuxd's words, for failed
-    };
+    using Probe = UsbmuxdClient::ConnectResult;
 
     /// The daemon named by USBMUXD_SOCKET_ADDRESS, else the default socket.
     UsbPhones();

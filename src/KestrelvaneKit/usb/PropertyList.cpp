@@ -4,6 +4,7 @@
 #include <cstring>
 #include <limits>
 #include <memory>
+#include <utility>
 
 namespace kestrelvane {
 namespace {
@@ -21,12 +22,7 @@ plist_t childOfType(plist_t dictionary, const std::string& key, plist_type type)
 } // namespace
 
 PropertyList& PropertyList::operator=(PropertyList&& other) noexcept {
-    if (this != &other) {
-        if (node_ != nullptr) {
-            plist_free(node_);
-        }
-        node_ = other.release();
-    }
+    std::swap(node_, other.node_); // `other` frees what was held here
     return *this;
 }
 
@@ -100,9 +96,7 @@ Bytes PropertyList::serialize(Format format) const {
 }
 
 plist_t PropertyList::release() noexcept {
-    plist_t node = node_;
-    node_ = nullptr;
-    return node;
+    return std::exchange(node_, nullptr);
 }
 
 bool PropertyList::isDictionary() const noexcept {

@@ -252,7 +252,7 @@ UsbmuxdClient::ConnectResult UsbmuxdClient::connect(std::int64_t deviceID, std::
     }
     switch (*number) {
     case 0:
-        return ConnectResult::tunneled(socket.release());
+        return ConnectResult::tunneled(std::move(socket));
     case 2:
         return ConnectResult::badDevice();
     case 3:

@@ -7,6 +7,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace kestrelvane {
@@ -24,26 +25,30 @@ public:
         friend bool operator==(const Device&, const Device&) = default;
     };
 
+    /// What a connect to a phone's port gave.
     struct ConnectResult {
-        enum class Kind { tunneled, connectionRefused, badDevice, otherError };
+        enum class Outcome { listening, notListening, detached, failed };
 
-        /// `fileDescriptor` now reaches the phone's port; the caller owns it.
-        static ConnectResult tunneled(int fileDescriptor) {
-            return {Kind::tunneled, fileDescriptor, 0, {}};
+        /// `tunnel` now reaches the phone's port.
+        static ConnectResult tunneled(FileDescriptor tunnel) {
+            return {Outcome::listening, std::move(tunnel)};
         }
         /// Nothing on the phone accepted the port (result 3).
-        static ConnectResult connectionRefused() { return {Kind::connectionRefused, -1, 0, {}}; }
+        static ConnectResult connectionRefused() { return {Outcome::notListening}; }
         /// The device number is not, or no longer, known (result 2).
-        static ConnectResult badDevice() { return {Kind::badDevice, -1, 0, {}}; }
+        static ConnectResult badDevice() { return {Outcome::detached}; }
         static ConnectResult otherError(std::int64_t code, std::string message) {
-            return {Kind::otherError, -1, code, std::move(message)};
+            return {Outcome::failed, {}, code, std::move(message)};
         }
 
-        Kind kind = Kind::otherError;
-        int fileDescriptor = -1;
-        std::int64_t code = 0;
-        std::string message{};
-        friend bool operator==(const ConnectResult&, const ConnectResult&) = default;
+        Outcome outcome = Outcome::failed;
+        FileDescriptor tunnel{}; ///< the open tunnel, for listening
+        std::int64_t code = 0;   ///< usbmuxd's result code, for failed
+        std::string message{};   ///< usbmuxd's words, for failed
+        friend bool operator==(const ConnectResult& a, const ConnectResult& b) {
+            return a.outcome == b.outcome && a.tunnel.get() == b.tunnel.get() && a.code == b.code &&
+                   a.message == b.message;
+        }
     };
 
     /// Where the daemon listens: a Unix socket path or a TCP host and port.

@@ -23,9 +23,6 @@ UsbmuxdStream::~UsbmuxdStream() {
     close();
 }
 
-void UsbmuxdStream::start() {
-}
-
 void UsbmuxdStream::enter() {
     const std::lock_guard lock(stateMutex_);
     if (closed_) {
@@ -53,26 +50,18 @@ void UsbmuxdStream::send(ByteView data) {
         return;
     }
     const std::lock_guard serial(sendMutex_);
-    std::size_t written = 0;
-    while (written < data.size()) {
-        enter();
-        // A vanished peer must fail the write, not raise SIGPIPE.
-        const ssize_t n =
-            ::send(fd_.get(), data.data() + written, data.size() - written, MSG_NOSIGNAL);
-        const int error = errno;
+    enter();
+    try {
+        FileDescriptor::sendAll(fd_.get(), data);
+    } catch (const std::system_error&) {
         leave();
-        if (n > 0) {
-            written += static_cast<std::size_t>(n);
-        } else if (n == 0) {
+        // Writes cut off by our own close() end the stream, not the transport.
+        if (isClosed()) {
             throw StreamError::closed();
-        } else if (error != EINTR) {
-            // Writes cut off by our own close() end the stream, not the transport.
-            if (isClosed()) {
-                throw StreamError::closed();
-            }
-            throw callError("send()", error);
         }
+        throw;
     }
+    leave();
 }
 
 Bytes UsbmuxdStream::receive(std::int64_t max) {

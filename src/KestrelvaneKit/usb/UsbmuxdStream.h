@@ -29,9 +29,9 @@ public:
     ~UsbmuxdStream() override;
 
     /// The tunnel is connected already: returns at once.
-    void start() override;
-    /// Writes all of `data`; a peer that has gone away is StreamError::closed
-    /// (write returned 0) or a std::system_error "send() failed (errno)".
+    void start() override {}
+    /// Writes all of `data`; a peer that has gone away is a std::system_error
+    /// "send() failed (errno)", never SIGPIPE.
     void send(ByteView data) override;
     /// Between 1 and `max` bytes as soon as any are there; `max` must be at
     /// least 1. The peer's close, or a close() here, is StreamError::closed.

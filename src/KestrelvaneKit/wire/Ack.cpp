@@ -8,16 +8,6 @@ std::string_view wireString(Ack::Status status) noexcept {
     return status == Ack::Status::ok ? "ok" : "error";
 }
 
-std::optional<Ack::Status> Ack::statusFromWire(std::string_view text) noexcept {
-    if (text == "ok") {
-        return Status::ok;
-    }
-    if (text == "error") {
-        return Status::error;
-    }
-    return std::nullopt;
-}
-
 bool operator==(const Ack& a, const Ack& b) {
     return a.status == b.status && UnicodeText::canonicallyEqual(a.name, b.name) &&
            a.message.has_value() == b.message.has_value() &&

@@ -16,8 +16,6 @@ struct Ack {
     /// Why, given with `error`.
     std::optional<std::string> message{};
 
-    static std::optional<Status> statusFromWire(std::string_view text) noexcept;
-
     /// Field by field; text under canonical equivalence.
     friend bool operator==(const Ack& a, const Ack& b);
 };

@@ -31,8 +31,7 @@ void FrameChannel::sendRaw(ByteView bytes) {
 
 FrameChannel::FrameTooLarge::FrameTooLarge(std::uint64_t announced, std::uint64_t limit)
     : std::runtime_error("frame of " + std::to_string(announced) + " bytes exceeds the limit of " +
-                         std::to_string(limit)),
-      announced_(announced) {
+                         std::to_string(limit)) {
 }
 
 Bytes FrameChannel::receiveFrame(std::uint64_t maxPayloadLength) {
@@ -45,20 +44,9 @@ Bytes FrameChannel::receiveFrame(std::uint64_t maxPayloadLength) {
         if (auto payload = FrameCodec::decode(buffer_)) {
             return std::move(*payload);
         }
-        refill();
+        // A failing receive leaves what is buffered in place.
+        buffer_.append(stream_->receive(refillSize));
     }
-}
-
-Bytes FrameChannel::receiveRaw(std::int64_t count) {
-    if (count < 0) {
-        throw std::invalid_argument("receiveRaw: negative count");
-    }
-    const auto wanted = static_cast<std::uint64_t>(count);
-    const std::lock_guard lock(receiveMutex_);
-    while (buffer_.size() < wanted) {
-        refill();
-    }
-    return buffer_.take(static_cast<std::size_t>(wanted));
 }
 
 void FrameChannel::receiveRawInto(MutableByteView into) {
@@ -77,11 +65,6 @@ void FrameChannel::receiveRawInto(MutableByteView into) {
         buffer_.append(ByteView(into.data(), filled));
         throw;
     }
-}
-
-void FrameChannel::refill() {
-    // A failing receive leaves what is buffered in place.
-    buffer_.append(stream_->receive(refillSize));
 }
 
 } // namespace kestrelvane

@@ -25,10 +25,6 @@ public:
     class FrameTooLarge : public std::runtime_error {
     public:
         FrameTooLarge(std::uint64_t announced, std::uint64_t limit);
-        std::uint64_t announced() const noexcept { return announced_; }
-
-    private:
-        std::uint64_t announced_;
     };
 
     /// Protocol messages are small JSON objects; a bound for reading them.
@@ -51,17 +47,13 @@ public:
     /// `maxPayloadLength` bytes throws FrameTooLarge instead of waiting for
     /// (and buffering) them: every reader bounds what a peer can make it hold.
     Bytes receiveFrame(std::uint64_t maxPayloadLength);
-    /// Exactly the next `count` bytes of the stream, unframed.
-    Bytes receiveRaw(std::int64_t count);
     /// Fills `into` with exactly the next into.size() bytes of the stream,
     /// unframed: what is buffered first, the rest read from the stream straight
     /// into `into` without passing through the buffer. When it fails, whatever
-    /// it had received is buffered again, as receiveRaw() would have left it.
+    /// it had received is buffered again, as if it had never been taken.
     void receiveRawInto(MutableByteView into);
 
 private:
-    void refill();
-
     const std::shared_ptr<KestrelvaneStream> stream_;
     std::mutex receiveMutex_; // serialises receivers; guards buffer_
     ReceiveBuffer buffer_;

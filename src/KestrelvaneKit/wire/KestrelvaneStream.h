@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <stdexcept>
 #include <string>
 
@@ -74,6 +75,23 @@ protected:
     KestrelvaneStream() = default;
     KestrelvaneStream(const KestrelvaneStream&) = delete;
     KestrelvaneStream& operator=(const KestrelvaneStream&) = delete;
+};
+
+/// Passes every call on to another stream: the base of decorators, which
+/// override only what they change.
+class ForwardingStream : public KestrelvaneStream {
+public:
+    void start() override { inner_->start(); }
+    void send(ByteView data) override { inner_->send(data); }
+    Bytes receive(std::int64_t max) override { return inner_->receive(max); }
+    std::size_t receiveInto(MutableByteView into) override { return inner_->receiveInto(into); }
+    void close() noexcept override { inner_->close(); }
+
+protected:
+    explicit ForwardingStream(std::shared_ptr<KestrelvaneStream> inner)
+        : inner_(std::move(inner)) {}
+
+    const std::shared_ptr<KestrelvaneStream> inner_;
 };
 
 } // namespace kestrelvane

@@ -6,14 +6,4 @@ std::string_view wireString(MediaType type) noexcept {
     return type == MediaType::photo ? "photo" : "video";
 }
 
-std::optional<MediaType> mediaTypeFromWire(std::string_view text) noexcept {
-    if (text == "photo") {
-        return MediaType::photo;
-    }
-    if (text == "video") {
-        return MediaType::video;
-    }
-    return std::nullopt;
-}
-
 } // namespace kestrelvane

@@ -8,17 +8,6 @@ std::string_view wireString(SessionHeader::Direction direction) noexcept {
     return direction == SessionHeader::Direction::macToPhone ? "macToPhone" : "phoneToMac";
 }
 
-std::optional<SessionHeader::Direction>
-SessionHeader::directionFromWire(std::string_view text) noexcept {
-    if (text == "macToPhone") {
-        return Direction::macToPhone;
-    }
-    if (text == "phoneToMac") {
-        return Direction::phoneToMac;
-    }
-    return std::nullopt;
-}
-
 bool operator==(const SessionHeader& a, const SessionHeader& b) {
     return a.schemaVersion == b.schemaVersion && a.direction == b.direction &&
            a.albumName.has_value() == b.albumName.has_value() &&

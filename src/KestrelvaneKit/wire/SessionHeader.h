@@ -19,8 +19,6 @@ struct SessionHeader {
     /// The album the receiver files the session's items into; absent when none.
     std::optional<std::string> albumName{};
 
-    static std::optional<Direction> directionFromWire(std::string_view text) noexcept;
-
     /// Field by field; text under canonical equivalence.
     friend bool operator==(const SessionHeader& a, const SessionHeader& b);
 };

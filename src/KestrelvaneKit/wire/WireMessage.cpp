@@ -2,6 +2,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include <initializer_list>
 #include <limits>
 
 namespace kestrelvane::WireMessage {
@@ -93,14 +94,16 @@ public:
         return value.get<std::int64_t>();
     }
 
-    template <class Enum, class FromWire>
-    Enum requiredEnum(const char* key, FromWire fromWire) const {
+    /// The one of `cases` whose wireString() is the text under `key`.
+    template <class Enum>
+    Enum requiredEnum(const char* key, std::initializer_list<Enum> cases) const {
         const std::string text = requiredString(key);
-        const std::optional<Enum> value = fromWire(text);
-        if (!value) {
-            fail(quoted(key) + " has an unknown value " + json(text).dump());
+        for (const Enum value : cases) {
+            if (wireString(value) == text) {
+                return value;
+            }
         }
-        return *value;
+        fail(quoted(key) + " has an unknown value " + json(text).dump());
     }
 
     std::optional<Timestamp> optionalDate(const char* key) const {
@@ -192,8 +195,8 @@ template <> SessionHeader decode<SessionHeader>(ByteView payload) {
     const FieldReader reader("SessionHeader", payload);
     return SessionHeader{
         .schemaVersion = reader.requiredSigned("schemaVersion"),
-        .direction = reader.requiredEnum<SessionHeader::Direction>(
-            "direction", SessionHeader::directionFromWire),
+        .direction = reader.requiredEnum("direction", {SessionHeader::Direction::macToPhone,
+                                                       SessionHeader::Direction::phoneToMac}),
         .albumName = reader.optionalString("albumName"),
     };
 }
@@ -202,7 +205,7 @@ template <> FileHeader decode<FileHeader>(ByteView payload) {
     const FieldReader reader("FileHeader", payload);
     return FileHeader{
         .name = reader.requiredString("name"),
-        .mediaType = reader.requiredEnum<MediaType>("mediaType", mediaTypeFromWire),
+        .mediaType = reader.requiredEnum("mediaType", {MediaType::photo, MediaType::video}),
         .byteCount = reader.requiredUnsigned("byteCount"),
         .sha256 = reader.requiredString("sha256"),
         .creationDate = reader.optionalDate("creationDate"),
@@ -213,7 +216,7 @@ template <> Ack decode<Ack>(ByteView payload) {
     const FieldReader reader("Ack", payload);
     return Ack{
         .name = reader.requiredString("name"),
-        .status = reader.requiredEnum<Ack::Status>("status", Ack::statusFromWire),
+        .status = reader.requiredEnum("status", {Ack::Status::ok, Ack::Status::error}),
         .message = reader.optionalString("message"),
     };
 }
