@@ -8,9 +8,6 @@
 namespace kestrelvane {
 namespace {
 
-/// The most bytes one receive() allocates for, whatever it is asked.
-constexpr std::int64_t maxReceiveBytes = 1'048'576;
-
 /// Where the state handler leaves the outcome of one start() for the waiting caller.
 struct StartOutcome {
     std::mutex mutex;
@@ -102,12 +99,7 @@ void BonjourStream::send(ByteView data) {
 }
 
 Bytes BonjourStream::receive(std::int64_t max) {
-    if (max < 1) {
-        throw std::invalid_argument("receive(max) needs max >= 1, got " + std::to_string(max));
-    }
-    Bytes buffer(static_cast<std::size_t>(std::min<std::int64_t>(max, maxReceiveBytes)));
-    buffer.resize(receiveInto(buffer));
-    return buffer;
+    return receiveThroughInto(max);
 }
 
 std::size_t BonjourStream::receiveInto(MutableByteView into) {

@@ -173,13 +173,7 @@ void TlsStream::send(ByteView data) {
 }
 
 Bytes TlsStream::receive(std::int64_t max) {
-    if (max < 1) {
-        throw std::invalid_argument("receive() needs a maximum of at least 1 byte");
-    }
-    Bytes buffer(
-        static_cast<std::size_t>(std::min<std::int64_t>(max, TcpConnection::maxReceiveBytes)));
-    buffer.resize(receiveInto(buffer));
-    return buffer;
+    return receiveThroughInto(max);
 }
 
 std::size_t TlsStream::receiveInto(MutableByteView into) {

@@ -65,12 +65,7 @@ void UsbmuxdStream::send(ByteView data) {
 }
 
 Bytes UsbmuxdStream::receive(std::int64_t max) {
-    if (max < 1) {
-        throw std::invalid_argument("receive needs max of at least 1");
-    }
-    Bytes buffer(static_cast<std::size_t>(max));
-    buffer.resize(receiveInto(buffer));
-    return buffer;
+    return receiveThroughInto(max);
 }
 
 std::size_t UsbmuxdStream::receiveInto(MutableByteView into) {

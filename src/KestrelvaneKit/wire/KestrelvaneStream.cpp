@@ -29,4 +29,13 @@ std::size_t KestrelvaneStream::receiveInto(MutableByteView into) {
     return bytes.size();
 }
 
+Bytes KestrelvaneStream::receiveThroughInto(std::int64_t max) {
+    if (max < 1) {
+        throw std::invalid_argument("receive() needs a maximum of at least 1 byte");
+    }
+    Bytes buffer(static_cast<std::size_t>(std::min<std::int64_t>(max, 1'048'576)));
+    buffer.resize(receiveInto(buffer));
+    return buffer;
+}
+
 } // namespace kestrelvane

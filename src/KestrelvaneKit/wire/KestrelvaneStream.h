@@ -72,6 +72,10 @@ public:
     virtual void close() noexcept = 0;
 
 protected:
+    /// receive(max) for a transport that reads into the caller's memory:
+    /// receiveInto() a buffer of at most 1 MiB, whatever `max` asks.
+    Bytes receiveThroughInto(std::int64_t max);
+
     KestrelvaneStream() = default;
     KestrelvaneStream(const KestrelvaneStream&) = delete;
     KestrelvaneStream& operator=(const KestrelvaneStream&) = delete;
