@@ -22,11 +22,13 @@ int runReceive(const std::vector<std::string>& arguments);
 int runDevices(const std::vector<std::string>& arguments);
 int runDemo(const std::vector<std::string>& arguments);
 int runId(const std::vector<std::string>& arguments);
+int runPair(const std::vector<std::string>& arguments);
 
 extern const Command sendCommand;
 extern const Command receiveCommand;
 extern const Command devicesCommand;
 extern const Command demoCommand;
 extern const Command idCommand;
+extern const Command pairCommand;
 
 } // namespace kestrelvane::cli

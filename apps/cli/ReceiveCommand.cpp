@@ -5,6 +5,8 @@
 #include "KestrelvaneKit/network/ServicePublisher.h"
 #include "KestrelvaneKit/network/TcpListener.h"
 #include "KestrelvaneKit/session/ReceiverService.h"
+#include "KestrelvaneKit/wire/UnicodeText.h"
+#include "Prompt.h"
 
 #include <atomic>
 #include <chrono>
@@ -66,14 +68,6 @@ Binding bindingFor(const std::string& address) {
     return {.address = address};
 }
 
-std::string hostName() {
-    char name[256] = {};
-    if (::gethostname(name, sizeof name - 1) != 0 || name[0] == '\0') {
-        return "Kestrelvane receiver";
-    }
-    return name;
-}
-
 } // namespace
 
 const Command receiveCommand{
@@ -107,7 +101,14 @@ const Command receiveCommand{
           "end a session when its sender has sent nothing (or read nothing) for this long "
           "(default 120; 0 waits for ever)",
           Option::Number{0, 86'400}},
-         {"once", "", "exit after the first session has ended"}},
+         {"once", "", "exit after the first session has ended"},
+         {"allow-pairing", "",
+          "let senders pair (kestrelvane pair) for the next 5 minutes, at most 3 attempts: each "
+          "shows a code here and asks on standard input for the code the sender shows"},
+         {"accept-anyone", "",
+          "also serve senders that are not paired, and senders in clear (kestrelvane send "
+          "--insecure, a phone's protocol); without it only paired senders are served, over "
+          "TLS"}},
     .exitStatuses = {{exitOk, "stopped by Ctrl+C or SIGTERM, or the --once session ended"},
                      {exitFailure, "DIR cannot be used, nothing can listen on the port or "
                                    "address, no scratch folder can be made, or accepting "
@@ -166,31 +167,51 @@ int runReceive(const std::vector<std::string>& arguments) {
     Output output;
     const auto say = [&output, maxSessions](const ReceiverService::Report& report) {
         const std::string session = "session " + std::to_string(report.session);
+        const std::string name = UnicodeText::printable(report.name);
         switch (report.kind) {
         case ReceiverService::Report::Kind::connected:
-            return output.line(session + ": connected");
+            return output.line(session + ": connected" +
+                               (report.message.empty() ? "" : " to " + report.message));
         case ReceiverService::Report::Kind::saved:
-            return output.line("saved   " + report.name);
+            return output.line("saved   " + name);
         case ReceiverService::Report::Kind::failed:
-            return output.line("FAILED  " + report.name + ": " + report.message);
+            return output.line("FAILED  " + name + ": " + report.message);
         case ReceiverService::Report::Kind::broken:
             return output.line(session + ": " + report.message);
         case ReceiverService::Report::Kind::ended:
             return output.line(session + " ended: " + std::to_string(report.saved) + " saved, " +
                                std::to_string(report.failed) + " failed");
         case ReceiverService::Report::Kind::refused:
+            if (!report.message.empty()) {
+                return output.line((report.session == 0 ? "connection" : session + ":") +
+                                   " refused: " + report.message);
+            }
             return output.line("connection refused: " + std::to_string(maxSessions) +
                                " sessions already open (--max-sessions)");
+        case ReceiverService::Report::Kind::paired:
+            return output.line(session + ": paired with \"" + name + "\" (" + report.message + ")");
         }
     };
     // Files still arriving wait in a folder of this receiver's own; what a
     // killed receiver left behind is removed here.
     std::unique_ptr<ReceiverService> service;
     try {
+        const std::string ownName =
+            line.value("advertise").value_or("").empty() ? hostName() : *line.value("advertise");
+        PrivateLink::Policy policy{
+            .trust = {DeviceIdentity::defaultFolder(), ownName},
+            .acceptAnyone = line.has("accept-anyone"),
+            .pairing = line.has("allow-pairing") ? std::make_shared<PairingWindow>() : nullptr,
+            .ask = [](const PairingOffer& offer) {
+                return askForCode(stdout, "Pairing request from", offer, "the sender");
+            }};
+        // A key that is not private (or cannot be made) stops the receiver here.
+        DeviceIdentity::loadOrCreate(policy.trust.folder);
         service = std::make_unique<ReceiverService>(
             ReceiverService::Options{.folder = folder,
                                      .maxSessions = static_cast<std::size_t>(maxSessions),
-                                     .idleTimeout = std::chrono::seconds(idleSeconds)},
+                                     .idleTimeout = std::chrono::seconds(idleSeconds),
+                                     .policy = policy},
             say);
     } catch (const std::exception& failure) {
         std::fprintf(stderr, "kestrelvane receive: %s\n", failure.what());

@@ -27,22 +27,33 @@ const Command sendCommand{
                                    "USBMUXD_SOCKET_ADDRESS chooses another usbmuxd socket)"},
                            {"usb:SERIAL", "the iPhone with this serial number"},
                            {"HOST:PORT", "a receiver on the network (\"[ADDR]:PORT\" for IPv6), "
-                                         "for example `kestrelvane receive` on another computer"},
+                                         "for example `kestrelvane receive` on another "
+                                         "computer, paired with this text (kestrelvane pair)"},
                            {"NAME", "the receiver that announces itself as NAME on the local "
-                                    "network (`kestrelvane receive --advertise NAME`)"}}},
+                                    "network (`kestrelvane receive --advertise NAME`), paired "
+                                    "with this name"}}},
+                {"insecure", "",
+                 "send in clear to a receiver on the network that accepts anyone (kestrelvane "
+                 "receive --accept-anyone, or a phone's app); anyone on the way can read the "
+                 "files. Refused for a paired destination"},
                 {"json", "", "one JSON object per line per event, nothing else on stdout"}},
     .exitStatuses =
         {{exitOk, "every file was saved, or there was nothing to send among the paths"},
          {exitFailure,
           "some files were not saved (they are listed, to be sent again): the receiver refused "
-          "or could not save them, the connection broke off, or the receiver turned the "
-          "connection away because it already serves --max-sessions senders; also when a PATH "
-          "is missing or cannot be read (each is named)"},
+          "or could not save them, the connection broke off, or a receiver reached in clear "
+          "turned the connection away because it already serves --max-sessions senders; also "
+          "when a PATH is missing or cannot be read (each is named)"},
          {exitUsage, "usage error"},
          {exitNoConnection,
           "no connection could be made: connection refused or no answer, usbmuxd not running "
           "(or it closed the connection), no iPhone attached, Kestrelvane not listening on the "
-          "iPhone, the iPhone detached"}},
+          "iPhone, the iPhone detached, or a receiver on the network closed the connection "
+          "before admitting it (it may serve --max-sessions senders already)"},
+         {exitNotTrusted,
+          "the devices do not trust each other, and nothing was sent: not paired with the "
+          "receiver, the receiver does not know this device, or its key has changed since "
+          "pairing (someone may be in between)"}},
     .run = runSend,
 };
 
@@ -94,10 +105,34 @@ int runSend(const std::vector<std::string>& arguments) {
 
     std::shared_ptr<KestrelvaneStream> stream;
     try {
-        stream = destination->connect();
+        std::optional<Trust> trust;
+        if (destination->kind != Destination::Kind::usb) {
+            trust = Trust::ofThisDevice();
+            const auto paired = PairedDevices(trust->folder).named(destination->text());
+            if (line.has("insecure")) {
+                if (!paired.empty()) {
+                    std::fprintf(stderr,
+                                 "kestrelvane send: %s is paired: it is reached "
+                                 "privately, not with --insecure\n",
+                                 destination->text().c_str());
+                    return exitNotTrusted;
+                }
+                trust.reset();
+                std::fprintf(stderr, "kestrelvane send: sending in clear (--insecure): anyone "
+                                     "on the network path can read these files\n");
+            } else if (paired.size() == 1) {
+                std::fprintf(messages, "Sending privately to \"%s\" (%s)\n",
+                             UnicodeText::printable(paired.front().name).c_str(),
+                             paired.front().fingerprint.shortHex().c_str());
+            }
+        }
+        stream = destination->connect({}, trust);
     } catch (const ConnectError& error) {
         std::fprintf(stderr, "kestrelvane send: %s\n", error.what());
-        return exitNoConnection;
+        return error.isDistrust() ? exitNotTrusted : exitNoConnection;
+    } catch (const IdentityError& error) {
+        std::fprintf(stderr, "kestrelvane send: %s\n", error.what());
+        return exitFailure;
     }
 
     const auto style = json                      ? SendReporter::Style::json

@@ -10,7 +10,7 @@ int main(int argc, char** argv) {
 
     using namespace kestrelvane::cli;
     const std::vector<const Command*> commands = {&sendCommand, &receiveCommand, &devicesCommand,
-                                                  &demoCommand, &idCommand};
+                                                  &demoCommand, &pairCommand,    &idCommand};
     const std::string toolUsage = usage(commands);
     if (argc < 2) {
         std::fputs(toolUsage.c_str(), stderr);

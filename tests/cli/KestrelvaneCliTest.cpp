@@ -4,6 +4,7 @@
 #include "Commands.h"
 #include "KestrelvaneKit/intake/Checksum.h"
 #include "KestrelvaneKit/network/BonjourStream.h"
+#include "KestrelvaneKit/network/DeviceIdentity.h"
 #include "KestrelvaneKit/network/TcpListener.h"
 #include "KestrelvaneKit/wire/FrameCodec.h"
 #include "KestrelvaneKit/wire/WireMessage.h"
@@ -20,6 +21,7 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
+#include <fcntl.h>
 #include <fstream>
 #include <netinet/in.h>
 #include <regex>
@@ -129,7 +131,9 @@ TEST(KestrelvaneCli, ExitStatusSaysWhetherAUsageErrorFilesNotSavedOrNoConnection
          1,
          "no network interface of this"},
         {{"send", "--album", "..", "--to", "RECEIVER", "PHOTO"}, 1, "refused unsafe album name"},
-        {{"send", "--to", "CLOSED", "PHOTO"}, 3, "connection refused"},
+        {{"send", "--insecure", "--to", "CLOSED", "PHOTO"}, 3, "connection refused"},
+        {{"send", "--to", "CLOSED", "PHOTO"}, 4, "you have not paired with 127.0.0.1:"},
+        {{"pair", "usb"}, 2, "an iPhone on USB needs no pairing"},
         {{"send", "PHOTO"}, 3, "usbmuxd is not running at SOCKET"},
         {{"send", "PHOTO"}, 3, "usbmuxd at SOCKET closed the connection", Outcome::hangsUp},
         {{"send", "PHOTO"}, 3, "no iPhone attached", Outcome::noPhone},
@@ -176,8 +180,8 @@ TEST(KestrelvaneCli, HelpShowsEachDeclarationAndTheManualAgreesOnExitStatuses) {
     const auto squeezed = [](const std::string& text) {
         return std::regex_replace(text, std::regex("\\s+"), " ");
     };
-    for (const cli::Command* command :
-         {&cli::sendCommand, &cli::receiveCommand, &cli::devicesCommand, &cli::demoCommand}) {
+    for (const cli::Command* command : {&cli::sendCommand, &cli::receiveCommand, &cli::pairCommand,
+                                        &cli::idCommand, &cli::devicesCommand, &cli::demoCommand}) {
         const std::string help = cli::usage(*command);
         std::istringstream lines(help);
         for (std::string line; std::getline(lines, line);) {
@@ -410,7 +414,8 @@ TEST_F(HostileSender, AFloodOfAbandonedConnectionsHoldsNeitherThreadsNorDescript
     for (int i = 0; i < 4 * maxSessions; ++i) {
         held.push_back(std::make_unique<RawPeer>(receiver_->port()));
     }
-    EXPECT_TRUE(receiver_->says("sessions already open (--max-sessions)"));
+    // Silent connections wait to be admitted; at most half the places are theirs.
+    EXPECT_TRUE(receiver_->says("connection refused: too many connections waiting to be admitted"));
     // A reader, an acknowledgement writer and a saver per session, no more,
     // once the threads of the flood's sessions have ended.
     EXPECT_TRUE(eventually([&] { return countIn("task") <= baselineThreads_ + 3 * maxSessions; }))
@@ -432,12 +437,74 @@ TEST(OneSessionReceiver, AConnectionBeyondTheLimitIsTurnedAwayAndTheNextOneIsSer
     const TemporaryFolder folder;
     const ReceiverProcess receiver(folder.path(), {"--idle-timeout", "60", "--max-sessions", "1"});
     auto occupant = std::make_unique<RawPeer>(receiver.port());
+    ::send(occupant->fd, "", 1, MSG_NOSIGNAL); // the first byte of a sender in clear
     ASSERT_TRUE(receiver.says("session 1: connected")) << "the occupant was turned away";
-    EXPECT_EQ(run({"send", "--to", receiver.address(), photo.string()}).status, 1);
+    EXPECT_EQ(run({"send", "--to", receiver.address(), photo.string()}).status, 3);
     EXPECT_TRUE(receiver.says("connection refused: 1 sessions already open"));
     occupant.reset(); // its session ends with the hang-up, long before the idle timeout
     ASSERT_TRUE(receiver.says("session 1 ended"));
     EXPECT_EQ(run({"send", "--to", receiver.address(), photo.string()}).status, 0);
+}
+
+// docs/security.md: a receiver serves paired senders only; pairing takes
+// the code of each screen typed on the other; forgetting, on either side,
+// undoes it. Nothing of a sender that is not served lands in the folder.
+TEST(PrivateReceiver, ServesPairedSendersOnlyPairsOnBothCodesAndForgetsOnEitherSide) {
+    const TemporaryFolder folder, laptop; // the receiver's folder; the sender's device
+    const ChildProcess::Environment asLaptop = {{"XDG_DATA_HOME", laptop.path().string()}};
+    const ReceiverProcess receiver(folder.path(), {"--allow-pairing"}, {}, "127.0.0.1", {}, false);
+    const std::string to = receiver.address();
+    Finished sent = run({"send", "--to", to, photo.string()}, asLaptop);
+    EXPECT_EQ(sent.status, 4);
+    EXPECT_TRUE(
+        sent.mentions("you have not paired with " + to + ": run `kestrelvane pair " + to + "`"));
+    sent = run({"send", "--insecure", "--to", to, photo.string()}, asLaptop);
+    EXPECT_EQ(sent.status, 1) << sent.text;
+    EXPECT_TRUE(receiver.says("refused: a sender in clear: this receiver serves paired senders"));
+
+    int input[2];
+    ASSERT_EQ(::pipe2(input, O_CLOEXEC), 0);
+    const auto pairing = kestrelvane({"pair", to}, asLaptop, Streams::joined, input[0]);
+    ::close(input[0]);
+    std::string laptopCode;
+    std::smatch code;
+    while (const auto line = pairing->readLine()) {
+        if (std::regex_match(*line, code, std::regex(" {4}([0-9]{3} [0-9]{3})"))) {
+            laptopCode = code[1];
+            break;
+        }
+    }
+    const std::string receiverCode = receiver.found("\n {4}([0-9]{3} [0-9]{3})\n");
+    EXPECT_EQ(laptopCode, receiverCode);
+    receiver.type(laptopCode);
+    const std::string typed = receiverCode + "\n";
+    EXPECT_EQ(::write(input[1], typed.data(), typed.size()), static_cast<ssize_t>(typed.size()));
+    ::close(input[1]);
+    const Finished paired = finish(*pairing);
+    EXPECT_EQ(paired.status, 0) << paired.text;
+    EXPECT_TRUE(receiver.says(": paired with \""));
+
+    sent = run({"send", "--to", to, photo.string()}, asLaptop);
+    EXPECT_EQ(sent.status, 0) << sent.text;
+    EXPECT_TRUE(sent.mentions("Sending privately to"));
+    EXPECT_TRUE(fs::exists(folder.path() / photo.filename()));
+
+    const auto prefix = [](const fs::path& home) {
+        return DeviceIdentity::loadOrCreate(home / "kestrelvane").fingerprint().hex().substr(0, 8);
+    };
+    const fs::path video = media / "video.mov";
+    EXPECT_EQ(run({"pair", "--forget", prefix(laptop.path())},
+                  {{"XDG_DATA_HOME", receiver.home().string()}})
+                  .status,
+              0);
+    sent = run({"send", "--to", to, video.string()}, asLaptop);
+    EXPECT_EQ(sent.status, 4);
+    EXPECT_TRUE(sent.mentions("this receiver does not know you: run `kestrelvane pair " + to));
+    EXPECT_TRUE(receiver.says("not paired (to pair:"));
+    EXPECT_EQ(run({"pair", "--forget", prefix(receiver.home())}, asLaptop).status, 0);
+    EXPECT_EQ(run({"send", "--to", to, video.string()}, asLaptop).status, 4);
+    EXPECT_EQ(std::distance(fs::directory_iterator(folder.path()), {}), 1)
+        << "something of a sender that was not served landed";
 }
 
 Ack ok(const std::string& name) {
@@ -466,10 +533,13 @@ TEST(HostileReceiver, SenderCountsOnlyOkAcknowledgementsOfFilesItSentAndAlwaysEn
     // Two photos of the same name, from two folders, and a video.
     const TemporaryFolder other;
     TcpListener listener(0, TcpListener::Scope::loopback);
-    std::vector<std::string> arguments = {
-        "send",         "--json",
-        "--to",         "127.0.0.1:" + std::to_string(listener.port()),
-        photo.string(), (media / "video.mov").string()};
+    std::vector<std::string> arguments = {"send",
+                                          "--json",
+                                          "--insecure",
+                                          "--to",
+                                          "127.0.0.1:" + std::to_string(listener.port()),
+                                          photo.string(),
+                                          (media / "video.mov").string()};
     arguments.push_back(writeFile(other.path() / "jpeg-original.jpg", "another photo"));
     const std::multiset<std::string> sent = {"jpeg-original.jpg", "jpeg-original.jpg", "video.mov"};
     for (const auto& [what, acks, frame, reallySaved] : cases) {

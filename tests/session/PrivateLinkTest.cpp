@@ -54,12 +54,19 @@ Meeting meet(const PrivateLink::Policy& policy,
     return meeting;
 }
 
+/// What makes the sender's connection to the receiver on `port`.
+std::function<std::shared_ptr<TcpConnection>()> connected(std::uint16_t port) {
+    return [port] {
+        auto connection = std::make_shared<TcpConnection>("127.0.0.1", port);
+        connection->start();
+        return connection;
+    };
+}
+
 /// A Kestrelvane sender of `device` connecting to "desk:PORT" to send.
 std::function<void(std::uint16_t)> sender(const Device& device) {
     return [&device](std::uint16_t port) {
-        auto connection = std::make_shared<TcpConnection>("127.0.0.1", port);
-        connection->start();
-        PrivateLink::toReceiver(connection, device.trust, "desk", Admission::Purpose::send);
+        PrivateLink::toReceiver(connected(port), device.trust, "desk", Admission::Purpose::send);
     };
 }
 
@@ -101,7 +108,7 @@ TEST(PrivateLink, AReceiverServesWhomItsPolicySaysAndTellsTheRestWhy) {
         {"in clear, anyone accepted", open, raw(header), true, "", "closed"},
         {"neither", open, raw(toBytes("GET / HTTP/1.1\r\n")), false,
          "not a Kestrelvane sender (its first byte is 0x47)", "closed"},
-        {"silent", open, raw({}), false, "was not admitted in time", "closed"},
+        {"silent", open, raw({}), false, "sent nothing in time", "closed"},
         {"a handshake that stops", open, raw({0x16, 0x03, 0x01}), false, "deadline", "closed"},
     };
     for (const Case& c : cases) {
@@ -122,8 +129,17 @@ TEST(PrivateLink, ASenderGoesOnlyToTheOneDeviceItsDestinationNames) {
     EXPECT_EQ(meet(open, sender(laptop)).sender,
               "other: the receiver's key has changed since you paired: someone may be in between");
     const Device newcomer("newcomer");
-    EXPECT_EQ(meet(open, sender(newcomer)).sender,
+    bool connected = false;
+    EXPECT_EQ(testing::outcomeOf([&] {
+                  PrivateLink::toReceiver(
+                      [&] {
+                          connected = true;
+                          return std::shared_ptr<TcpConnection>();
+                      },
+                      newcomer.trust, "desk", Admission::Purpose::send);
+              }),
               "other: you have not paired with desk: run `kestrelvane pair desk`");
+    EXPECT_FALSE(connected) << "a receiver that would refuse was reached all the same";
 }
 
 TEST(PrivateLink, PairingIsRefusedWhenNotAllowedAndStoredOnTheReceiverWhenBothCodesMatch) {
@@ -139,10 +155,8 @@ TEST(PrivateLink, PairingIsRefusedWhenNotAllowedAndStoredOnTheReceiverWhenBothCo
                                1s};
     Pairing::Outcome outcome{};
     const auto pairing = [&](std::uint16_t port) {
-        auto connection = std::make_shared<TcpConnection>("127.0.0.1", port);
-        connection->start();
-        auto opened =
-            PrivateLink::toReceiver(connection, laptop.trust, "desk", Admission::Purpose::pair);
+        auto opened = PrivateLink::toReceiver(connected(port), laptop.trust, "desk",
+                                              Admission::Purpose::pair);
         EXPECT_EQ(opened.peerName, "desk");
         outcome =
             Pairing::asSender(*opened.stream, opened.peerName, [&](const PairingOffer& offer) {

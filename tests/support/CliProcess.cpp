@@ -1,9 +1,11 @@
 #include "support/CliProcess.h"
 
+#include "KestrelvaneKit/network/PairedDevices.h"
 #include "support/Eventually.h"
 #include "support/SimulatorProcess.h"
 #include "support/TestFiles.h"
 
+#include <algorithm>
 #include <fcntl.h>
 #include <regex>
 #include <stdexcept>
@@ -11,15 +13,25 @@
 
 namespace kestrelvane::testing {
 
+const std::filesystem::path& testDeviceHome() {
+    static const TemporaryFolder home;
+    return home.path();
+}
+
 std::unique_ptr<ChildProcess> kestrelvane(const std::vector<std::string>& arguments,
-                                          ChildProcess::Environment environment, Streams streams) {
+                                          ChildProcess::Environment environment, Streams streams,
+                                          int stdinFd) {
     const char* redirect = streams == Streams::joined       ? "exec \"$0\" \"$@\" 2>&1"
                            : streams == Streams::stderrOnly ? "exec \"$0\" \"$@\" 2>&1 >/dev/null"
                                                             : "exec \"$0\" \"$@\"";
     std::vector<std::string> argv = {"/bin/sh", "-c", redirect, cliProgram()};
     argv.insert(argv.end(), arguments.begin(), arguments.end());
     environment.emplace_back("TZ", "UTC");
-    return std::make_unique<ChildProcess>(argv, environment);
+    if (std::none_of(environment.begin(), environment.end(),
+                     [](const auto& variable) { return variable.first == "XDG_DATA_HOME"; })) {
+        environment.emplace_back("XDG_DATA_HOME", testDeviceHome().string());
+    }
+    return std::make_unique<ChildProcess>(argv, environment, stdinFd);
 }
 
 Finished finish(ChildProcess& process, std::chrono::milliseconds deadline,
@@ -44,13 +56,25 @@ Finished run(const std::vector<std::string>& arguments,
 ReceiverProcess::ReceiverProcess(const std::filesystem::path& folder,
                                  const std::vector<std::string>& extra,
                                  const ChildProcess::Environment& environment,
-                                 const std::string& bind, std::vector<std::string> wrapper)
+                                 const std::string& bind, std::vector<std::string> wrapper,
+                                 bool acceptAnyone)
     : bind_(bind) {
     wrapper.insert(wrapper.end(), {cliProgram(), "receive", "--dir", folder.string(), "--port", "0",
                                    "--bind", bind});
     wrapper.insert(wrapper.end(), extra.begin(), extra.end());
+    if (acceptAnyone) {
+        wrapper.push_back("--accept-anyone");
+    }
+    ChildProcess::Environment ownEnvironment = environment;
+    ownEnvironment.emplace_back("XDG_DATA_HOME", home_.path().string());
     const int out = ::open((output_.path() / "out").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
-    process_ = std::make_unique<ChildProcess>(wrapper, environment, -1, out);
+    int input[2] = {-1, -1};
+    if (::pipe2(input, O_CLOEXEC) != 0) {
+        throw std::runtime_error("no pipe for the receiver's input");
+    }
+    input_ = input[1];
+    process_ = std::make_unique<ChildProcess>(wrapper, ownEnvironment, input[0], out);
+    ::close(input[0]);
     ::close(out);
     // "Receiving into FOLDER on port N"
     std::string said;
@@ -63,6 +87,35 @@ ReceiverProcess::ReceiverProcess(const std::filesystem::path& folder,
         throw std::runtime_error("the receiver did not say where it listens: " + said);
     }
     port_ = std::stoi(match[1]);
+    // Paired both ways, as `kestrelvane pair` would leave them.
+    const auto sender = testDeviceHome() / "kestrelvane";
+    const auto receiver = home_.path() / "kestrelvane";
+    const Timestamp now{};
+    PairedDevices(sender).add({DeviceIdentity::loadOrCreate(receiver).fingerprint(),
+                               "receiver " + address(), address(), now});
+    PairedDevices(receiver).add(
+        {DeviceIdentity::loadOrCreate(sender).fingerprint(), "test sender", {}, now});
+}
+
+ReceiverProcess::~ReceiverProcess() {
+    ::close(input_);
+}
+
+void ReceiverProcess::type(const std::string& line) const {
+    const std::string typed = line + "\n";
+    if (::write(input_, typed.data(), typed.size()) != static_cast<ssize_t>(typed.size())) {
+        throw std::runtime_error("the receiver's input is closed");
+    }
+}
+
+std::string ReceiverProcess::found(const std::string& pattern) const {
+    std::smatch match;
+    std::string said;
+    eventually([&] {
+        said = readText(output_.path() / "out");
+        return std::regex_search(said, match, std::regex(pattern));
+    });
+    return match.empty() ? std::string() : match[1].str();
 }
 
 std::string ReceiverProcess::address() const {

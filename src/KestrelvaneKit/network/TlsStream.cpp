@@ -118,6 +118,12 @@ TlsStream::TlsStream(std::shared_ptr<TcpConnection> connection, Role role,
 TlsStream::~TlsStream() = default;
 
 void TlsStream::start() {
+    {
+        const std::lock_guard lock(mutex_);
+        if (session_->handshakeDone) {
+            return; // started by whoever admitted it; the engine's start() finds it ready
+        }
+    }
     clear_.start();
     {
         const std::lock_guard lock(mutex_);

@@ -38,7 +38,7 @@ public:
               std::optional<Fingerprint> pinned = std::nullopt);
     ~TlsStream() override;
 
-    /// Starts the connection and runs the handshake.
+    /// Starts the connection and runs the handshake; once done, returns at once.
     void start() override;
     void send(ByteView data) override;
     Bytes receive(std::int64_t max) override;

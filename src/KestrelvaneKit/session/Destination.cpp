@@ -25,16 +25,17 @@ std::uint16_t parsePort(const std::string& text) {
     return static_cast<std::uint16_t>(port);
 }
 
-std::shared_ptr<KestrelvaneStream> connectOverTcp(const std::string& host, std::uint16_t port,
-                                                  const std::string& where,
-                                                  const std::stop_token& stop) {
+/// A ready TCP connection to `host` and `port`.
+std::shared_ptr<TcpConnection> connectOverTcp(const std::string& host, std::uint16_t port,
+                                              const std::string& where,
+                                              const std::stop_token& stop) {
     using Cause = ConnectError::Cause;
     const std::string cannot = "cannot connect to " + where + ": ";
     try {
-        auto stream = std::make_shared<BonjourStream>(std::make_shared<TcpConnection>(host, port));
+        auto connection = std::make_shared<TcpConnection>(host, port);
         // The connection waits for an unreachable network to come back; a
         // destination gives up after a while, or when its caller stops it.
-        if (!stream->start(Destination::connectTimeout, stop)) {
+        if (!BonjourStream(connection).start(Destination::connectTimeout, stop)) {
             const std::string why = stop.stop_requested()
                                         ? "stopped"
                                         : "no answer within " +
@@ -42,7 +43,7 @@ std::shared_ptr<KestrelvaneStream> connectOverTcp(const std::string& host, std::
                                               " seconds";
             throw ConnectError(Cause::timedOut, cannot + why);
         }
-        return stream;
+        return connection;
     } catch (const std::system_error& error) {
         if (error.code() == std::errc::connection_refused) {
             throw ConnectError(Cause::refused,
@@ -147,14 +148,21 @@ std::string Destination::describe() const {
     return "\"" + service + "\" on the network";
 }
 
-std::shared_ptr<KestrelvaneStream> Destination::connect(const std::stop_token& stop) const {
+std::string Destination::text() const {
     switch (kind) {
     case Kind::usb:
-        return UsbPhones().connect(serial);
+        return serial.empty() ? "usb" : "usb:" + serial;
     case Kind::address:
-        return connectOverTcp(host, port, describe(), stop);
+        return describe();
     case Kind::service:
         break;
+    }
+    return service;
+}
+
+std::shared_ptr<TcpConnection> Destination::reach(const std::stop_token& stop) const {
+    if (kind == Kind::address) {
+        return connectOverTcp(host, port, describe(), stop);
     }
     const auto found = lookUp(service, stop);
     if (!found) {
@@ -178,6 +186,28 @@ std::shared_ptr<KestrelvaneStream> Destination::connect(const std::stop_token& s
             }
         }
     }
+}
+
+std::shared_ptr<KestrelvaneStream> Destination::connect(const std::stop_token& stop,
+                                                        const std::optional<Trust>& trust) const {
+    if (kind == Kind::usb) {
+        return UsbPhones().connect(serial);
+    }
+    if (!trust) {
+        return std::make_shared<BonjourStream>(reach(stop));
+    }
+    return PrivateLink::toReceiver([&] { return reach(stop); }, *trust, text(),
+                                   Admission::Purpose::send, stop)
+        .stream;
+}
+
+PrivateLink::Opened Destination::connectToPair(const Trust& trust,
+                                               const std::stop_token& stop) const {
+    if (kind == Kind::usb) {
+        throw std::invalid_argument("an iPhone on USB needs no pairing");
+    }
+    return PrivateLink::toReceiver([&] { return reach(stop); }, trust, text(),
+                                   Admission::Purpose::pair, stop);
 }
 
 } // namespace kestrelvane

@@ -1,10 +1,12 @@
 #pragma once
 
+#include "KestrelvaneKit/session/PrivateLink.h"
 #include "KestrelvaneKit/wire/KestrelvaneStream.h"
 
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <stop_token>
 #include <string>
 
@@ -37,11 +39,26 @@ struct Destination {
     /// For people: "the iPhone on USB", "HOST:PORT", "\"NAME\" on the network".
     std::string describe() const;
 
+    /// The text it is written as (what parse() reads back): the key of a
+    /// pairing made with it.
+    std::string text() const;
+
     /// A started stream to the receiver there. Throws ConnectError; a request
     /// to `stop` ends a network connection still being made (as timedOut).
-    std::shared_ptr<KestrelvaneStream> connect(const std::stop_token& stop = {}) const;
+    /// With `trust`, a network receiver is reached over TLS and must be the
+    /// device paired under text() (see PrivateLink); without, in clear, the
+    /// protocol every phone speaks. USB is the same either way.
+    std::shared_ptr<KestrelvaneStream> connect(const std::stop_token& stop = {},
+                                               const std::optional<Trust>& trust = {}) const;
+    /// A TLS connection to the network receiver there, admitted for pairing.
+    /// Throws ConnectError, std::invalid_argument for USB.
+    PrivateLink::Opened connectToPair(const Trust& trust, const std::stop_token& stop = {}) const;
 
     friend bool operator==(const Destination&, const Destination&) = default;
+
+private:
+    /// A ready TCP connection to the network receiver there.
+    std::shared_ptr<TcpConnection> reach(const std::stop_token& stop) const;
 };
 
 } // namespace kestrelvane

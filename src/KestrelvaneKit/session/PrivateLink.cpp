@@ -140,10 +140,10 @@ void PairingWindow::leave(bool showedCode) {
     attemptsLeft_ -= showedCode ? 1 : 0;
 }
 
-PrivateLink::Opened PrivateLink::toReceiver(std::shared_ptr<TcpConnection> connection,
-                                            const Trust& trust, const std::string& destination,
-                                            Admission::Purpose purpose,
-                                            const std::stop_token& stop) {
+PrivateLink::Opened
+PrivateLink::toReceiver(const std::function<std::shared_ptr<TcpConnection>()>& connect,
+                        const Trust& trust, const std::string& destination,
+                        Admission::Purpose purpose, const std::stop_token& stop) {
     std::optional<Fingerprint> pin;
     if (purpose == Admission::Purpose::send) {
         const auto records = PairedDevices(trust.folder).named(destination);
@@ -158,9 +158,9 @@ PrivateLink::Opened PrivateLink::toReceiver(std::shared_ptr<TcpConnection> conne
         }
         pin = records.front().fingerprint;
     }
+    const DeviceIdentity identity = DeviceIdentity::loadOrCreate(trust.folder);
     const auto stream =
-        std::make_shared<TlsStream>(std::move(connection), TlsStream::Role::client,
-                                    DeviceIdentity::loadOrCreate(trust.folder), pin);
+        std::make_shared<TlsStream>(connect(), TlsStream::Role::client, identity, pin);
     stream->setDeadline(Clock::now() + admissionTime);
     const std::stop_callback stopping(stop, [&] { stream->close(); });
     const std::string cannot = "cannot connect to " + destination + ": ";
@@ -215,7 +215,7 @@ PrivateLink::Admitted PrivateLink::fromSender(const std::shared_ptr<TcpConnectio
         connection->cancel(); // not to be served: hung up on at once
     }
     if (!first) {
-        return {.peer = "a sender", .refusal = "was not admitted in time"};
+        return {.peer = "a sender", .refusal = "sent nothing in time, or hung up"};
     }
     if (*first == clearSender) {
         if (!policy.acceptAnyone) {

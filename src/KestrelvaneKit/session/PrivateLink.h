@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -61,14 +62,17 @@ struct Opened {
     std::string peerName; ///< the name the receiver gave in its welcome
 };
 
-/// The sender's side over a connected TCP connection to `destination` (the
-/// text the user gave). For a send, the receiver must be the one device the
+/// The sender's side of a connection to `destination` (the text the user
+/// gave). For a send, the receiver must be the one device the
 /// paired list has under that text or name, pinned before this end shows its
 /// own certificate; for pairing, any device. Throws ConnectError (notPaired,
 /// keyChanged, unknownToReceiver, pairingRefused; unreachable for a failed
 /// handshake), IdentityError when this device's key cannot be had.
-Opened toReceiver(std::shared_ptr<TcpConnection> connection, const Trust& trust,
-                  const std::string& destination, Admission::Purpose purpose,
+/// `connect` makes the TCP connection, once the paired list has been found
+/// to name a device (so that nothing reaches a receiver that would be
+/// refused anyway).
+Opened toReceiver(const std::function<std::shared_ptr<TcpConnection>()>& connect,
+                  const Trust& trust, const std::string& destination, Admission::Purpose purpose,
                   const std::stop_token& stop = {});
 
 /// What a receiver serves.

@@ -98,6 +98,13 @@ std::optional<int> ReceiverService::admit(const std::shared_ptr<KestrelvaneStrea
     return std::nullopt;
 }
 
+bool ReceiverService::roomToAdmit() {
+    // Strangers still being admitted may hold at most half the places, so
+    // that paired senders find one.
+    const std::lock_guard lock(mutex_);
+    return !options_.policy || admitting_ < std::max<std::size_t>(1, options_.maxSessions / 2);
+}
+
 void ReceiverService::release(int number) {
     const std::lock_guard lock(mutex_);
     const auto session = sessions_.find(number);
@@ -130,7 +137,37 @@ void ReceiverService::serve(const std::shared_ptr<KestrelvaneStream>& stream) {
     }
 }
 
-void ReceiverService::runSession(const std::shared_ptr<KestrelvaneStream>& inner, int number) {
+std::shared_ptr<KestrelvaneStream>
+ReceiverService::admitted(const std::shared_ptr<TcpConnection>& connection,
+                          std::shared_ptr<KestrelvaneStream> clear, int number, std::string& peer) {
+    if (!options_.policy) {
+        return clear;
+    }
+    const PrivateLink::Admitted outcome = PrivateLink::fromSender(connection, *options_.policy);
+    {
+        const std::lock_guard lock(mutex_);
+        --admitting_;
+        if (outcome.stream && sessions_.count(number) != 0) {
+            sessions_[number].stream = outcome.stream; // what stop() closes from now on
+        }
+    }
+    if (outcome.paired) {
+        report({.kind = Report::Kind::paired,
+                .session = number,
+                .name = outcome.paired->name,
+                .message = outcome.paired->fingerprint.grouped()});
+    }
+    if (!outcome.refusal.empty()) {
+        report({.kind = Report::Kind::refused,
+                .session = number,
+                .message = outcome.peer + ": " + outcome.refusal});
+    }
+    peer = outcome.peer;
+    return outcome.stream;
+}
+
+void ReceiverService::runSession(const std::shared_ptr<KestrelvaneStream>& inner, int number,
+                                 const std::string& peer) {
     const auto stream = std::make_shared<WatchedStream>(inner);
     FrameChannel channel(stream);
     // The saver's outcomes arrive on the acknowledgement writer's thread, the
@@ -147,7 +184,7 @@ void ReceiverService::runSession(const std::shared_ptr<KestrelvaneStream>& inner
     };
     try {
         channel.start();
-        report({.kind = Report::Kind::connected, .session = number});
+        report({.kind = Report::Kind::connected, .session = number, .message = peer});
         std::unique_ptr<BatchSaving> saver;
         if (options_.folder) {
             saver = std::make_unique<FolderSaver>(*options_.folder);
@@ -190,6 +227,12 @@ void ReceiverService::run(TcpListener& listener, bool once) {
             }
             connection->setIdleTimeout(options_.idleTimeout);
             stream = std::make_shared<BonjourStream>(connection);
+            if (!roomToAdmit()) {
+                stream->close();
+                report({.kind = Report::Kind::refused,
+                        .message = "too many connections waiting to be admitted"});
+                continue;
+            }
             number = admit(stream);
             if (!number) {
                 continue;
@@ -197,12 +240,19 @@ void ReceiverService::run(TcpListener& listener, bool once) {
             joinThreads(false);
             // Under the lock: the session cannot be released before its thread is listed.
             const std::lock_guard lock(mutex_);
-            sessions_[*number].thread = std::thread([this, &listener, stream, number, once] {
-                runSession(stream, *number);
-                if (once) {
-                    listener.stop();
-                }
-            });
+            admitting_ += options_.policy ? 1 : 0;
+            sessions_[*number].thread =
+                std::thread([this, &listener, connection, stream, number, once] {
+                    std::string peer;
+                    if (const auto served = admitted(connection, stream, *number, peer)) {
+                        runSession(served, *number, peer);
+                    } else {
+                        release(*number);
+                    }
+                    if (once) {
+                        listener.stop();
+                    }
+                });
         } catch (...) { // accepting failed, or no thread could be had
             if (number) {
                 stream->close();

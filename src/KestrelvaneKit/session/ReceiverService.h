@@ -1,5 +1,6 @@
 #pragma once
 
+#include "KestrelvaneKit/session/PrivateLink.h"
 #include "KestrelvaneKit/session/ScratchFolder.h"
 #include "KestrelvaneKit/wire/KestrelvaneStream.h"
 
@@ -34,16 +35,22 @@ public:
         /// A session whose sender moves no byte for this long ends; zero
         /// waits for ever. Applies to connections a listener accepts.
         std::chrono::seconds idleTimeout{120};
+        /// Who is served of the connections a listener accepts, over TLS or
+        /// in clear (see PrivateLink). None: every one, in clear, as a phone
+        /// serves.
+        std::optional<PrivateLink::Policy> policy{};
     };
 
     struct Report {
         enum class Kind {
-            connected, ///< a session began
+            connected, ///< a session began; `message` says who, when known
             saved,     ///< `name` is on disk and acknowledged
             failed,    ///< `name` was not saved; `message` says why
             broken,    ///< the session's connection failed; `message` says how
             ended,     ///< the session is over; `saved` and `failed` count its files
-            refused,   ///< a connection beyond maxSessions was closed
+            refused,   ///< a connection beyond maxSessions was closed (session 0), or
+                       ///< one the policy does not serve (`message` says who and why)
+            paired, ///< the sender `name` paired with this receiver; `message` is its fingerprint
         };
         Kind kind = Kind::connected;
         int session = 0; ///< numbered from 1 in the order sessions began; 0 for refused
@@ -83,8 +90,15 @@ private:
 
     /// Takes a session place and a number; none when the service is full.
     std::optional<int> admit(const std::shared_ptr<KestrelvaneStream>& stream);
-    void runSession(const std::shared_ptr<KestrelvaneStream>& stream, int number);
+    void runSession(const std::shared_ptr<KestrelvaneStream>& stream, int number,
+                    const std::string& peer = {});
+    /// The stream to serve for a connection the listener accepted (`clear`
+    /// without a policy); none, with its report made, when it is not served.
+    std::shared_ptr<KestrelvaneStream> admitted(const std::shared_ptr<TcpConnection>& connection,
+                                                std::shared_ptr<KestrelvaneStream> clear,
+                                                int number, std::string& peer);
     void release(int number);
+    bool roomToAdmit();
     /// Joins the threads of the sessions that have ended, or with `all` of every session.
     void joinThreads(bool all);
     void report(const Report& report);
@@ -99,6 +113,7 @@ private:
     std::map<int, Session> sessions_;
     int nextNumber_ = 1;
     bool stopping_ = false;
+    std::size_t admitting_ = 0; // connections the policy has not decided on yet
     TcpListener* listener_ = nullptr;
 };
 
