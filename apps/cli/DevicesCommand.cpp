@@ -2,12 +2,14 @@
 #include "CommandLine.h"
 #include "Commands.h"
 #include "KestrelvaneKit/network/KestrelvaneService.h"
+#include "KestrelvaneKit/network/PairedDevices.h"
 #include "KestrelvaneKit/network/ServiceBrowser.h"
 #include "KestrelvaneKit/session/ConnectError.h"
 #include "KestrelvaneKit/session/UsbPhones.h"
 
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <mutex>
@@ -82,6 +84,20 @@ std::string join(const std::vector<std::string>& parts) {
     return out;
 }
 
+/// "paired", "not paired" (a receiver that speaks TLS) or "in clear", by the
+/// fingerprint its TXT record hints at: for people, never for trust.
+std::string pairing(const DiscoveredService& service, const std::vector<PairedDevice>& paired) {
+    const auto hint = service.txt.find("fp");
+    if (service.txt.count("tls") == 0 || hint == service.txt.end()) {
+        return "in clear";
+    }
+    const bool known =
+        hint->second.size() >= 8 && std::any_of(paired.begin(), paired.end(), [&](const auto& d) {
+            return d.fingerprint.hex().starts_with(hint->second);
+        });
+    return known ? "paired" : "not paired";
+}
+
 } // namespace
 
 const Command devicesCommand{
@@ -107,6 +123,12 @@ int runDevices(const std::vector<std::string>& arguments) {
     }
     const UsbReport usb = listUsb();
     const auto network = browseNetwork(std::chrono::duration<double>(line.number("wait", 2)));
+    std::vector<PairedDevice> paired;
+    try {
+        paired = PairedDevices(DeviceIdentity::defaultFolder()).list();
+    } catch (const IdentityError& error) {
+        std::fprintf(stderr, "kestrelvane devices: %s\n", error.what());
+    }
 
     if (line.has("json")) {
         nlohmann::json phones = nlohmann::json::array();
@@ -122,7 +144,8 @@ int runDevices(const std::vector<std::string>& arguments) {
             receivers.push_back({{"name", service.name},
                                  {"host", service.host},
                                  {"addresses", service.addresses},
-                                 {"port", service.port}});
+                                 {"port", service.port},
+                                 {"pairing", pairing(service, paired)}});
         }
         nlohmann::json out = {{"usbmuxd", usb.daemon}, {"usb", phones}, {"network", receivers}};
         if (usb.error) {
@@ -149,8 +172,9 @@ int runDevices(const std::vector<std::string>& arguments) {
         std::printf("  no receivers found\n");
     }
     for (const auto& service : network) {
-        std::printf("  %s  %s port %u  (%s)\n", service.name.c_str(), service.host.c_str(),
-                    static_cast<unsigned>(service.port), join(service.addresses).c_str());
+        std::printf("  %s  %s port %u  (%s)  %s\n", service.name.c_str(), service.host.c_str(),
+                    static_cast<unsigned>(service.port), join(service.addresses).c_str(),
+                    pairing(service, paired).c_str());
     }
     return exitOk;
 }

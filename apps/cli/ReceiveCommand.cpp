@@ -233,8 +233,12 @@ int runReceive(const std::vector<std::string>& arguments) {
                 std::to_string(listener->port()));
     std::unique_ptr<ServicePublisher> publisher;
     if (const auto name = line.value("advertise")) {
-        publisher = std::make_unique<ServicePublisher>(name->empty() ? hostName() : *name,
-                                                       listener->port());
+        // A hint for listings: senders check the whole key when they connect.
+        const std::string fingerprint =
+            DeviceIdentity::loadOrCreate(DeviceIdentity::defaultFolder()).fingerprint().shortHex();
+        publisher = std::make_unique<ServicePublisher>(
+            name->empty() ? hostName() : *name, listener->port(),
+            std::vector<std::string>{"tls=1", "fp=" + fingerprint});
         publisher->publish();
         output.line("Advertising \"" + publisher->name() + "\" (" +
                     std::string(KestrelvaneService::type) + ")");

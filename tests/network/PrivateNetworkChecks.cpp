@@ -46,7 +46,7 @@ protected:
 };
 
 TEST_F(PrivateNetwork, ServicesAppearWithTheirPortsAClashingNameTakesTheNextAndWithdrawnOnesGo) {
-    ServicePublisher first("Kitchen", KestrelvaneService::listenerPort);
+    ServicePublisher first("Kitchen", KestrelvaneService::listenerPort, {"tls=1", "fp=0123abcd"});
     first.publish();
     ASSERT_TRUE(found({"Kitchen"})) << "the first service never showed up";
     // The browser may resolve the service before the publisher hears it is established.
@@ -63,6 +63,9 @@ TEST_F(PrivateNetwork, ServicesAppearWithTheirPortsAClashingNameTakesTheNextAndW
         EXPECT_EQ(kitchen.domain, "local");
         EXPECT_FALSE(kitchen.host.empty());
         EXPECT_NE(std::ranges::find(kitchen.addresses, "127.0.0.1"), kitchen.addresses.end());
+        EXPECT_EQ(kitchen.txt,
+                  (std::map<std::string, std::string>{{"fp", "0123abcd"}, {"tls", "1"}}));
+        EXPECT_TRUE(latest_[1].txt.empty());
     }
     first.withdraw();
     EXPECT_TRUE(found({"Kitchen #2"}));

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <avahi-client/lookup.h>
 #include <avahi-common/error.h>
+#include <avahi-common/malloc.h>
 #include <map>
 #include <net/if.h>
 #include <netinet/in.h>
@@ -152,11 +153,25 @@ struct ServiceBrowser::State {
         }
     }
 
+    static std::map<std::string, std::string> txtOf(AvahiStringList* records) {
+        std::map<std::string, std::string> txt;
+        for (; records != nullptr; records = avahi_string_list_get_next(records)) {
+            char* key = nullptr;
+            char* value = nullptr;
+            if (avahi_string_list_get_pair(records, &key, &value, nullptr) == 0) {
+                txt[key] = value != nullptr ? value : "";
+                avahi_free(key);
+                avahi_free(value);
+            }
+        }
+        return txt;
+    }
+
     static void resolveCallback(AvahiServiceResolver* resolver, AvahiIfIndex interface,
                                 AvahiProtocol protocol, AvahiResolverEvent event, const char* name,
                                 const char*, const char* domain, const char* host,
-                                const AvahiAddress* address, std::uint16_t port, AvahiStringList*,
-                                AvahiLookupResultFlags, void* self) {
+                                const AvahiAddress* address, std::uint16_t port,
+                                AvahiStringList* records, AvahiLookupResultFlags, void* self) {
         auto& state = *static_cast<State*>(self);
         const auto it = state.entries.find(EntryKey{interface, protocol, name, domain});
         if (it == state.entries.end()) {
@@ -167,7 +182,8 @@ struct ServiceBrowser::State {
                                                     domain,
                                                     host != nullptr ? host : "",
                                                     {addressText(*address, interface)},
-                                                    port};
+                                                    port,
+                                                    txtOf(records)};
         } else {
             // A resolver that failed has ended; the service stays unknown until it comes again.
             avahi_service_resolver_free(resolver);

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -17,6 +18,7 @@ struct DiscoveredService {
     std::string host;                   ///< the target host, e.g. "annas-iphone.local"
     std::vector<std::string> addresses; ///< numeric, sorted; IPv6 link-local with "%interface"
     std::uint16_t port = 0;
+    std::map<std::string, std::string> txt{}; ///< the TXT record's keys and values
 
     friend bool operator==(const DiscoveredService&, const DiscoveredService&) = default;
 };

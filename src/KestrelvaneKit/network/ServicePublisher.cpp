@@ -12,14 +12,17 @@
 namespace kestrelvane {
 
 struct ServicePublisher::State {
-    State(std::string serviceName, std::uint16_t servicePort, std::string serviceType)
-        : type(std::move(serviceType)), port(servicePort), name(std::move(serviceName)),
+    State(std::string serviceName, std::uint16_t servicePort, std::vector<std::string> records,
+          std::string serviceType)
+        : type(std::move(serviceType)), port(servicePort), txt(std::move(records)),
+          name(std::move(serviceName)),
           connection("publishing", [this](AvahiClient* client, AvahiClientState clientState) {
               clientChanged(client, clientState);
           }) {}
 
     const std::string type;
     const std::uint16_t port;
+    const std::vector<std::string> txt;
     mutable std::mutex mutex; // guards name and established for readers on other threads
     std::string name;
     bool established = false;
@@ -68,9 +71,14 @@ struct ServicePublisher::State {
     void addService() {
         for (;;) {
             const std::string serviceName = currentName();
-            int error = avahi_entry_group_add_service(
+            AvahiStringList* records = nullptr;
+            for (auto it = txt.rbegin(); it != txt.rend(); ++it) { // the list is built front first
+                records = avahi_string_list_add(records, it->c_str());
+            }
+            int error = avahi_entry_group_add_service_strlst(
                 group, AVAHI_IF_UNSPEC, AVAHI_PROTO_UNSPEC, AvahiPublishFlags(0),
-                serviceName.c_str(), type.c_str(), nullptr, nullptr, port, nullptr);
+                serviceName.c_str(), type.c_str(), nullptr, nullptr, port, records);
+            avahi_string_list_free(records);
             if (error == AVAHI_ERR_COLLISION) {
                 renameAfterCollision();
                 continue;
@@ -121,8 +129,9 @@ struct ServicePublisher::State {
     }
 };
 
-ServicePublisher::ServicePublisher(std::string name, std::uint16_t port, std::string type)
-    : state_(std::make_unique<State>(std::move(name), port, std::move(type))) {
+ServicePublisher::ServicePublisher(std::string name, std::uint16_t port,
+                                   std::vector<std::string> txt, std::string type)
+    : state_(std::make_unique<State>(std::move(name), port, std::move(txt), std::move(type))) {
 }
 
 ServicePublisher::~ServicePublisher() {

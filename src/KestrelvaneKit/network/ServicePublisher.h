@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace kestrelvane {
 
@@ -16,7 +17,8 @@ namespace kestrelvane {
 /// advertises as soon as a daemon appears.
 class ServicePublisher {
 public:
-    ServicePublisher(std::string name, std::uint16_t port,
+    /// `txt`: the TXT record's "key=value" strings.
+    ServicePublisher(std::string name, std::uint16_t port, std::vector<std::string> txt = {},
                      std::string type = std::string(KestrelvaneService::type));
     /// Withdraws the advertisement.
     ~ServicePublisher();
