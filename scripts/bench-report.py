@@ -22,23 +22,27 @@ LABELS = {
     ("rsync", "large"): "rsync to a loopback daemon",
     ("socketpair", "large"): "Kestrelvane engines, socket pair in one process",
     ("tcp", "large"): "kestrelvane send/receive over TCP, tmpfs",
+    ("tls", "large"): "the same over TLS 1.3, paired devices",
     ("usb", "large"): "kestrelvane send over the usbmuxd simulator, tmpfs",
     ("tcp_disk", "large"): "kestrelvane send/receive over TCP, to disk",
     ("sha256_speed", "photos"): "openssl speed sha256, one core, in memory",
     ("sha256", "photos"): "openssl dgst -sha256 of the files, one core",
     ("rsync", "photos"): "rsync to a loopback daemon",
     ("tcp", "photos"): "kestrelvane send/receive over TCP, tmpfs",
+    ("tls", "photos"): "the same over TLS 1.3, paired devices",
     ("usb", "photos"): "kestrelvane send over the usbmuxd simulator, tmpfs",
     ("queue_model", "queue"): "app queue model takes a drop (offscreen)",
     ("queue_view", "queue"): "app queue model shown in a list view (offscreen)",
 }
 # The GUI thread may not go longer than this without running its event loop.
 MAX_STALL_MS = 50.0
-KESTRELVANE = {"socketpair", "tcp", "usb", "tcp_disk"}
+KESTRELVANE = {"socketpair", "tcp", "tls", "usb", "tcp_disk"}
 BASELINES = {
     "large": ["sha256", "sha256_speed", "dd_fsync", "unix_socket", "rsync"],
     "photos": ["sha256", "sha256_speed", "rsync"],
 }
+# The send in clear is the baseline of the send over TLS alone.
+OWN_BASELINES = {"tls": ["tcp"]}
 # (kind, set, baseline or None, least ratio or files/s, what it asks)
 TARGETS = [
     ("tcp", "large", "sha256", 0.6, "at least 0.6x openssl dgst -sha256"),
@@ -49,6 +53,8 @@ TARGETS = [
     ("usb", "large", "rsync", 1.3, "at least 1.3x rsync"),
     ("tcp_disk", "large", "dd_fsync", 0.8, "at least 0.8x dd conv=fsync"),
     ("tcp", "photos", None, 1000.0, "at least 1,000 files/s"),
+    ("tls", "large", "tcp", 0.8, "at least 0.8x the same send in clear"),
+    ("tls", "photos", "tcp", 0.8, "at least 0.8x the same send in clear"),
     ("usb", "photos", None, 1000.0, "at least 1,000 files/s"),
 ]
 
@@ -93,7 +99,8 @@ def main():
             figure["longest_busy_ms"] = statistics.median(stalls[kind]["longest_busy_ms"])
         if kind not in KESTRELVANE:
             continue
-        present = [b for b in BASELINES[group] if (b, group) in figures]
+        present = [b for b in BASELINES[group] + OWN_BASELINES.get(kind, [])
+                   if (b, group) in figures]
         figure["ratio_to"] = {
             baseline: figure["MiB_per_s"] / figures[(baseline, group)]["MiB_per_s"]
             for baseline in present
@@ -149,7 +156,7 @@ def main():
         first = next(f for f in rows if f["files"])
         print(f"{title}: {first['files']} files, {first['bytes'] / MIB:.0f} MiB, "
               f"median of {runs} run(s)")
-        names = BASELINES[group]
+        names = BASELINES[group] + sorted({b for own in OWN_BASELINES.values() for b in own})
         header = f"  {'':<52} {'MiB/s':>8} {'files/s':>8}" + "".join(f" {'x ' + n:>13}" for n in names)
         print(header)
         for figure in rows:
