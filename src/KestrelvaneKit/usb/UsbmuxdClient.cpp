@@ -218,7 +218,11 @@ std::vector<UsbmuxdClient::Device> UsbmuxdClient::parseDevices(plist_t reply) {
         plist_t entry = plist_array_get_item(list, i);
         const auto id = PropertyList::integerAt(entry, "DeviceID");
         plist_t properties = PropertyList::dictionaryAt(entry, "Properties");
-        if (!id || properties == nullptr) {
+        // A phone a daemon reaches over the network (usbmuxd2 and netmuxd list
+        // Wi-Fi-synced ones) is not on the cable: the protocol would cross
+        // the network in clear.
+        if (!id || properties == nullptr ||
+            PropertyList::stringAt(properties, "ConnectionType").value_or("USB") != "USB") {
             continue;
         }
         devices.push_back(Device{*id,
