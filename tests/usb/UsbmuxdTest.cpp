@@ -77,14 +77,13 @@ template <class... More> PropertyList result(std::int64_t number, More&&... more
 }
 
 TEST(UsbmuxdClient, RequestsCarryTheirKeysAndTagsInTheirFormatAndOnlyWholeEntriesAreListed) {
-    const PropertyList list =
-        deviceList(device(PL::integer(3), "first", 4776), dict("DeviceID", PL::integer(4)),
-                   dict("DeviceID", PL::integer(5), "Properties", dict()),
-                   device(PL::string("6"), "text id", 1), device(PL::integer(2), "last", 1),
-                   // An iPhone synced over Wi-Fi (usbmuxd2, netmuxd): not on the cable.
-                   dict("DeviceID", PL::integer(7), "Properties",
-                        dict("SerialNumber", PL::string("wifi"), "ConnectionType",
-                             PL::string("Network"))));
+    const PropertyList list = deviceList(
+        device(PL::integer(3), "first", 4776), dict("DeviceID", PL::integer(4)),
+        dict("DeviceID", PL::integer(5), "Properties", dict()),
+        device(PL::string("6"), "text id", 1), device(PL::integer(2), "last", 1),
+        // An iPhone synced over Wi-Fi (usbmuxd2, netmuxd): not on the cable.
+        dict("DeviceID", PL::integer(7), "Properties",
+             dict("SerialNumber", PL::string("wifi"), "ConnectionType", PL::string("Network"))));
     const std::vector<Device> listed{{3, "first", 4776}, {5, "", 0}, {2, "last", 1}};
     FakeUsbmuxd daemon([&list](const FakeUsbmuxd::Request& request) {
         return request.messageType == "ListDevices" ? packet(request.tag, list, request.format)
