@@ -4,6 +4,7 @@
 // it hands over is deleted by the saver, every other one by the engine.
 #include "KestrelvaneKit/log/KVLog.h"
 #include "KestrelvaneKit/receiving/TransferServer.h"
+#include "ReplayStream.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -16,32 +17,6 @@ using namespace kestrelvane;
 namespace fs = std::filesystem;
 
 namespace {
-
-/// The sender's bytes, handed out in slices whose length the input picks, then
-/// the end of the stream. What the engine sends back is dropped.
-class ReplayStream final : public KestrelvaneStream {
-public:
-    ReplayStream(ByteView input, std::size_t slice) : input_(input), slice_(slice) {}
-
-    void start() override {}
-    void send(ByteView) override {}
-    Bytes receive(std::int64_t max) override {
-        if (offset_ >= input_.size()) {
-            throw StreamError::closed();
-        }
-        const std::size_t count =
-            std::min({slice_, input_.size() - offset_, static_cast<std::size_t>(max)});
-        const ByteView piece = input_.subspan(offset_, count);
-        offset_ += count;
-        return {piece.begin(), piece.end()};
-    }
-    void close() noexcept override {}
-
-private:
-    ByteView input_;
-    std::size_t slice_;
-    std::size_t offset_ = 0;
-};
 
 const fs::path& privateTemporaryFolder() {
     static const fs::path folder = [] {
