@@ -2,10 +2,12 @@
 // (through ServiceDiscoveryTest), inside a namespace with nothing but loopback
 // and an avahi-daemon restricted to it.
 #include "KestrelvaneKit/network/BonjourStream.h"
+#include "KestrelvaneKit/network/PairedDevices.h"
 #include "KestrelvaneKit/network/ServiceBrowser.h"
 #include "KestrelvaneKit/network/ServicePublisher.h"
 #include "KestrelvaneKit/network/TcpListener.h"
 #include "support/CallOutcome.h"
+#include "support/CliProcess.h"
 #include "support/Eventually.h"
 
 #include <gtest/gtest.h>
@@ -71,6 +73,24 @@ TEST_F(PrivateNetwork, ServicesAppearWithTheirPortsAClashingNameTakesTheNextAndW
     EXPECT_TRUE(found({"Kitchen #2"}));
     second.withdraw();
     EXPECT_TRUE(found({}));
+}
+
+// A receiver that advertises says it speaks TLS and hints at its key, and
+// `devices` tells a paired receiver from one that is not.
+TEST_F(PrivateNetwork, DevicesTellsAPairedReceiverFromOneThatIsNot) {
+    const testing::TemporaryFolder folder;
+    const testing::ReceiverProcess receiver(folder.path(), {"--advertise", "Study"});
+    ASSERT_TRUE(found({"Study"}));
+    const auto pairing = [] {
+        const auto listed =
+            testing::run({"devices", "--json", "--wait", "2"}, {}, testing::Streams::stdoutOnly);
+        const auto at = listed.text.find("\"name\":\"Study\"");
+        return at == std::string::npos ? std::string() : listed.text.substr(at, 200);
+    };
+    EXPECT_NE(pairing().find("\"pairing\":\"paired\""), std::string::npos) << pairing();
+    PairedDevices(testing::testDeviceHome() / "kestrelvane")
+        .forget("receiver " + receiver.address());
+    EXPECT_NE(pairing().find("\"pairing\":\"not paired\""), std::string::npos) << pairing();
 }
 
 // The daemon restarted under them (a package upgrade does that), and again:
