@@ -195,18 +195,22 @@ int runReceive(const std::vector<std::string>& arguments) {
     // Files still arriving wait in a folder of this receiver's own; what a
     // killed receiver left behind is removed here.
     std::unique_ptr<ReceiverService> service;
+    const std::string ownName =
+        line.value("advertise").value_or("").empty() ? hostName() : *line.value("advertise");
+    std::string fingerprintHint;
     try {
-        const std::string ownName =
-            line.value("advertise").value_or("").empty() ? hostName() : *line.value("advertise");
+        const auto keys = DeviceIdentity::defaultFolder();
+        // A key that is not private (or cannot be made) stops the receiver here.
         PrivateLink::Policy policy{
-            .trust = {DeviceIdentity::defaultFolder(), ownName},
+            .trust = {keys, ownName},
             .acceptAnyone = line.has("accept-anyone"),
             .pairing = line.has("allow-pairing") ? std::make_shared<PairingWindow>() : nullptr,
-            .ask = [](const PairingOffer& offer) {
-                return askForCode(stdout, "Pairing request from", offer, "the sender");
-            }};
-        // A key that is not private (or cannot be made) stops the receiver here.
-        DeviceIdentity::loadOrCreate(policy.trust.folder);
+            .ask =
+                [](const PairingOffer& offer) {
+                    return askForCode(stdout, "Pairing request from", offer, "the sender");
+                },
+            .identity = DeviceIdentity::loadOrCreate(keys)};
+        fingerprintHint = policy.identity->fingerprint().shortHex();
         service = std::make_unique<ReceiverService>(
             ReceiverService::Options{.folder = folder,
                                      .maxSessions = static_cast<std::size_t>(maxSessions),
@@ -232,13 +236,10 @@ int runReceive(const std::vector<std::string>& arguments) {
     output.line("Receiving into " + folder.string() + " on port " +
                 std::to_string(listener->port()));
     std::unique_ptr<ServicePublisher> publisher;
-    if (const auto name = line.value("advertise")) {
+    if (line.has("advertise")) {
         // A hint for listings: senders check the whole key when they connect.
-        const std::string fingerprint =
-            DeviceIdentity::loadOrCreate(DeviceIdentity::defaultFolder()).fingerprint().shortHex();
         publisher = std::make_unique<ServicePublisher>(
-            name->empty() ? hostName() : *name, listener->port(),
-            std::vector<std::string>{"tls=1", "fp=" + fingerprint});
+            ownName, listener->port(), std::vector<std::string>{"tls=1", "fp=" + fingerprintHint});
         publisher->publish();
         output.line("Advertising \"" + publisher->name() + "\" (" +
                     std::string(KestrelvaneService::type) + ")");

@@ -234,7 +234,8 @@ PrivateLink::Admitted PrivateLink::fromSender(const std::shared_ptr<TcpConnectio
                            hex + ")"};
     }
     const auto stream = std::make_shared<TlsStream>(
-        connection, TlsStream::Role::server, DeviceIdentity::loadOrCreate(policy.trust.folder));
+        connection, TlsStream::Role::server,
+        policy.identity ? *policy.identity : DeviceIdentity::loadOrCreate(policy.trust.folder));
     stream->setDeadline(deadline);
     Admitted admitted{.peer = "a sender over TLS"};
     try {

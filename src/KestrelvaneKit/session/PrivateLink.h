@@ -86,6 +86,9 @@ struct Policy {
     Pairing::AskPerson ask;
     /// How long a sender has to be admitted (see admissionTime).
     std::chrono::milliseconds admissionTime = PrivateLink::admissionTime;
+    /// This receiver's key, read once; none: read from trust.folder for
+    /// each connection.
+    std::optional<DeviceIdentity> identity{};
 };
 
 /// What became of a connection a receiver accepted.
