@@ -54,7 +54,10 @@ int forget(PairedDevices& paired, const std::string& name) {
 }
 
 int pair(PairedDevices& paired, const std::string& text) {
-    auto [stream, receiverName] = Destination::parse(text).connectToPair(Trust::ofThisDevice());
+    const PrivateLink::Opened opened =
+        Destination::parse(text).connectToPair(Trust::ofThisDevice());
+    const auto& stream = opened.stream;
+    const std::string& receiverName = opened.peerName;
     const Pairing::Outcome outcome =
         Pairing::asSender(*stream, receiverName, [](const PairingOffer& offer) {
             return askForCode(stdout, "Pairing with", offer, "the receiver");

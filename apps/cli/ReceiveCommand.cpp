@@ -215,7 +215,8 @@ int runReceive(const std::vector<std::string>& arguments) {
             ReceiverService::Options{.folder = folder,
                                      .maxSessions = static_cast<std::size_t>(maxSessions),
                                      .idleTimeout = std::chrono::seconds(idleSeconds),
-                                     .policy = policy},
+                                     .policy = policy,
+                                     .partials = ReceiverService::defaultPartialsFolder()},
             say);
     } catch (const std::exception& failure) {
         std::fprintf(stderr, "kestrelvane receive: %s\n", failure.what());

@@ -151,7 +151,7 @@ int runSend(const std::vector<std::string>& arguments) {
     SendRun run(files, session,
                 {.settled =
                      [&reporter](const SendRun::Settled& settled) {
-                         reporter.acknowledged(settled.ack, settled.byteCount);
+                         reporter.acknowledged(settled.ack, settled.byteCount, settled.heldBytes);
                      },
                  .stray =
                      [](const Ack& ack) {

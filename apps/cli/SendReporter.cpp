@@ -65,12 +65,15 @@ void SendReporter::start(std::int64_t files, std::uint64_t bytes, const std::str
     }
 }
 
-void SendReporter::acknowledged(const Ack& ack, std::uint64_t bytes) {
+void SendReporter::acknowledged(const Ack& ack, std::uint64_t bytes, std::uint64_t held) {
     const std::lock_guard lock(mutex_);
     const bool ok = ack.status == Ack::Status::ok;
+    const bool skipped = bytes == 0 && held > 0;
     ++done_;
     if (ok) {
-        bytesDone_ += bytes;
+        bytesDone_ += bytes + held;
+        bytesCrossed_ += bytes;
+        (skipped ? bytesSkipped_ : bytesResumed_) += held;
     }
     if (style_ == Style::json) {
         nlohmann::json event = {{"event", "ack"},
@@ -79,6 +82,9 @@ void SendReporter::acknowledged(const Ack& ack, std::uint64_t bytes) {
                                 {"name", ack.name},
                                 {"status", ok ? "ok" : "error"},
                                 {"bytes", bytes}};
+        if (held > 0) {
+            event["held"] = held;
+        }
         if (ack.message) {
             event["message"] = *ack.message;
         }
@@ -88,6 +94,10 @@ void SendReporter::acknowledged(const Ack& ack, std::uint64_t bytes) {
     std::string line = (ok ? "saved   " : "FAILED  ") + ack.name;
     if (!ok) {
         line += ": " + ack.message.value_or("?");
+    } else if (skipped) {
+        line += " (already there)";
+    } else if (held > 0) {
+        line += " (resumed after " + Units::megabytes(static_cast<double>(held)) + ")";
     }
     printLine(line);
     drawLiveLine();
@@ -121,16 +131,26 @@ void SendReporter::finish(const std::vector<Unsaved>& unsaved, int exitStatus) {
                             {"saved", saved},
                             {"failed", files_ - saved},
                             {"bytes", bytesDone_},
+                            {"sentBytes", bytesCrossed_},
+                            {"resumedBytes", bytesResumed_},
+                            {"skippedBytes", bytesSkipped_},
                             {"seconds", seconds},
                             {"unsaved", files},
                             {"exitStatus", exitStatus}}));
         return;
     }
     clearLiveLine();
-    const auto bytes = static_cast<double>(bytesDone_);
-    printLine(std::to_string(saved) + " of " + std::to_string(files_) + " saved, " +
-              Units::megabytes(bytes) + " in " + Units::clock(seconds) + " (" +
-              Units::rate(bytes, seconds) + ")");
+    // The rate counts only what crossed the connection.
+    const auto crossed = static_cast<double>(bytesCrossed_);
+    std::string line = std::to_string(saved) + " of " + std::to_string(files_) + " saved, " +
+                       Units::megabytes(static_cast<double>(bytesDone_)) + " in " +
+                       Units::clock(seconds) + " (" + Units::rate(crossed, seconds) + ")";
+    if (bytesResumed_ + bytesSkipped_ > 0) {
+        line += ": " + Units::megabytes(crossed) + " sent, " +
+                Units::megabytes(static_cast<double>(bytesResumed_)) + " resumed, " +
+                Units::megabytes(static_cast<double>(bytesSkipped_)) + " already there";
+    }
+    printLine(line);
     if (!unsaved.empty()) {
         printLine("Not saved:");
         for (const auto& file : unsaved) {

@@ -46,8 +46,9 @@ public:
 
     void start(std::int64_t files, std::uint64_t bytes, const std::string& destination,
                const std::optional<std::string>& album);
-    /// One acknowledgement; `bytes` is the size of the file it names.
-    void acknowledged(const Ack& ack, std::uint64_t bytes);
+    /// One acknowledgement; `bytes` were sent of the file it names, and
+    /// the receiver already held `held` more (all of it, or its beginning).
+    void acknowledged(const Ack& ack, std::uint64_t bytes, std::uint64_t held = 0);
     /// `bytes` more were written to the receiver (frames included). Cheap;
     /// meant to be called from the writing thread for every write.
     void sent(std::uint64_t bytes);
@@ -69,7 +70,10 @@ private:
     std::int64_t files_ = 0;
     std::int64_t done_ = 0;
     std::uint64_t bytes_ = 0;
-    std::uint64_t bytesDone_ = 0;
+    std::uint64_t bytesDone_ = 0;    // of the files saved: sent, resumed or skipped
+    std::uint64_t bytesCrossed_ = 0; // of them, sent
+    std::uint64_t bytesResumed_ = 0; // held by the receiver from a broken send
+    std::uint64_t bytesSkipped_ = 0; // of files the receiver had whole
     std::atomic<std::uint64_t> bytesSent_{0};
     double drawnAt_ = 0;
     bool liveLineShown_ = false;

@@ -13,6 +13,7 @@
 
 #include <gtest/gtest.h>
 
+#include <fstream>
 #include <functional>
 #include <sys/stat.h>
 
@@ -136,6 +137,92 @@ TEST_P(ConnectionDrop, LosesNothingAndTheResumedSendCompletesTheBatchOnce) {
 
 INSTANTIATE_TEST_SUITE_P(AtEveryStage, ConnectionDrop, ::testing::ValuesIn(stages),
                          [](const auto& stage) { return std::string(stage.param.name); });
+
+// The resume extension: a session cut in the middle of a large file leaves
+// its beginning with the receiver, and the next send sends only the rest; a
+// beginning that is not the file's own is never built on; a batch the
+// receiver holds is settled without a byte of it sent. Whatever happens, the
+// saved files are byte for byte the originals, once each.
+struct Resumption {
+    const char* name;
+    bool tamperWithPartial;
+};
+
+class ResumeExtension : public ::testing::TestWithParam<Resumption> {
+protected:
+    TemporaryFolder source, destination, scratch, partials;
+    const std::vector<fs::path> files{
+        writeFile(source.path() / "IMG_0001.jpg", pattern(40'000, 1)),
+        writeFile(source.path() / "VID_0002.mov", pattern(3'000'000, 2)),
+        writeFile(source.path() / "IMG_0003.jpg", pattern(70'000, 3))};
+    const SessionHeader announced{.resume = 1, .device = std::string(64, 'a')};
+
+    /// One session of the extension with `sending`; false if an engine hung.
+    bool sendAgain(EngineSession& session, const std::vector<fs::path>& sending) {
+        session.partials = partials.path();
+        return session.sendToFolder(sending, destination.path(), scratch.path(), {}, announced);
+    }
+};
+
+TEST_P(ResumeExtension, SendsOnlyWhatTheReceiverLacksAndSavesEveryFileWhole) {
+    const std::uint64_t video = 3'000'000;
+    // The cut falls at about 90 % of the video's bytes.
+    EngineSession broken({.cut = FailingStream::Cut{sending, 40'000 + video * 9 / 10}});
+    ASSERT_TRUE(sendAgain(broken, files));
+    ASSERT_TRUE(broken.wasCut());
+    ASSERT_EQ(filesUnder(partials.path()).size(), 2u) << "the video's beginning was not kept";
+    if (GetParam().tamperWithPartial) {
+        for (const auto& name : filesUnder(partials.path())) {
+            if (name.ends_with(".part")) {
+                std::fstream part(partials.path() / name, std::ios::in | std::ios::out);
+                part.seekp(1000);
+                part.put('\x7f');
+            }
+        }
+    }
+
+    EngineSession resumed;
+    const auto rest = broken.notReportedOk(files);
+    ASSERT_TRUE(sendAgain(resumed, rest));
+    EXPECT_EQ(resumed.error, std::nullopt);
+    std::uint64_t sent = 0;
+    for (const auto& step : resumed.progress()) {
+        sent += step.byteCount;
+        EXPECT_EQ(step.ack.status, Ack::Status::ok) << step.ack.name;
+        if (step.fileName == "VID_0002.mov") {
+            EXPECT_EQ(step.heldBytes > video / 2, !GetParam().tamperWithPartial);
+            EXPECT_EQ(step.byteCount + step.heldBytes, video);
+        }
+    }
+    if (!GetParam().tamperWithPartial) {
+        EXPECT_LE(sent, 70'000 + video * 12 / 100) << "the video was not resumed";
+    }
+    EXPECT_EQ(filesNotAsIn(destination.path(), source.path()), std::vector<std::string>{});
+    EXPECT_EQ(filesUnder(destination.path()), filesUnder(source.path()));
+    EXPECT_EQ(filesUnder(partials.path()), std::vector<std::string>{}) << "a partial was left";
+
+    EngineSession again;
+    ASSERT_TRUE(sendAgain(again, files));
+    EXPECT_EQ(again.reportedOk().size(), files.size());
+    for (const auto& step : again.progress()) {
+        EXPECT_EQ(step.byteCount, 0u) << step.fileName << " was sent again";
+        EXPECT_EQ(step.heldBytes, fs::file_size(step.path)) << step.fileName;
+    }
+    EXPECT_EQ(filesUnder(destination.path()), filesUnder(source.path())) << "doubled";
+    EXPECT_EQ(again.receiverOk().size(), files.size());
+
+    // A sender that does not announce the extension hears nothing of it.
+    EngineSession plain;
+    plain.partials = partials.path();
+    ASSERT_TRUE(plain.sendToFolder(files, destination.path(), scratch.path()));
+    EXPECT_EQ(plain.error, std::nullopt);
+    EXPECT_EQ(plain.reportedOk().size(), files.size());
+}
+
+INSTANTIATE_TEST_SUITE_P(WithPartial, ResumeExtension,
+                         ::testing::Values(Resumption{"Intact", false},
+                                           Resumption{"Tampered", true}),
+                         [](const auto& resumption) { return std::string(resumption.param.name); });
 
 // A receiver that hangs up its side of a real socket and stops reading while
 // the sender still has bytes to write: the send ends instead of waiting for ever.

@@ -227,6 +227,23 @@ TEST_F(FolderSaverTest, RefusesNamesAndAlbumsThatCouldLeaveTheFolder) {
     EXPECT_EQ(filesUnder(destination.path()), std::vector<std::string>{});
 }
 
+// What the sender may skip: only a byte-identical file of exactly that name
+// in the session's own folder, never one reached through an unsafe name.
+TEST_F(FolderSaverTest, HoldsOnlyAnIdenticalFileOfTheSameNameWhereTheSessionSaves) {
+    writeFile(destination.path() / "a.jpg", "same");
+    writeFile(destination.path() / "b.jpg", "mine");
+    fs::create_directory(destination.path() / "Trip");
+    writeFile(destination.path() / "Trip" / "c.jpg", "trip");
+    begin();
+    EXPECT_TRUE(saver->holds(headerFor("a.jpg", "same")));
+    EXPECT_FALSE(saver->holds(headerFor("b.jpg", "your"))) << "same size, other bytes";
+    EXPECT_FALSE(saver->holds(headerFor("c.jpg", "trip"))) << "in another album";
+    EXPECT_FALSE(saver->holds(headerFor("Trip/c.jpg", "trip"))) << "through an unsafe name";
+    begin(SessionHeader{.albumName = "Trip"});
+    EXPECT_TRUE(saver->holds(headerFor("c.jpg", "trip")));
+    EXPECT_FALSE(saver->holds(headerFor("a.jpg", "same"))) << "outside the album";
+}
+
 // Files handed over back to back mostly wait, and are saved in groups, more
 // than fit in one; a flush saves what is still waiting before the outcomes
 // end, each reported in the order it came. A file handed over after the flush

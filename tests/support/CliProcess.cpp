@@ -67,6 +67,7 @@ ReceiverProcess::ReceiverProcess(const std::filesystem::path& folder,
     }
     ChildProcess::Environment ownEnvironment = environment;
     ownEnvironment.emplace_back("XDG_DATA_HOME", home_.path().string());
+    ownEnvironment.emplace_back("XDG_CACHE_HOME", (home_.path() / "cache").string());
     const int out = ::open((output_.path() / "out").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
     int input[2] = {-1, -1};
     if (::pipe2(input, O_CLOEXEC) != 0) {

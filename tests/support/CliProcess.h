@@ -70,7 +70,8 @@ public:
     /// Where `send --to` finds it: HOST:PORT, or [HOST]:PORT for IPv6.
     std::string address() const;
     ChildProcess& process() { return *process_; }
-    /// Its XDG_DATA_HOME: its key and paired list are in kestrelvane/ there.
+    /// Its XDG_DATA_HOME: its key and paired list are in kestrelvane/ there;
+    /// its XDG_CACHE_HOME is cache/ in it.
     const std::filesystem::path& home() const { return home_.path(); }
     /// Writes `line` and a newline to its standard input (a pipe).
     void type(const std::string& line) const;

@@ -69,7 +69,11 @@ void EngineSession::serveFolder(const fs::path& destination, const fs::path& scr
     folder_.emplace(destination);
     faulty_.emplace(*folder_, cue);
     served_ = std::async(std::launch::async, [this, scratch] {
-        TransferServer(*faulty_, scratch).run(receiverChannel_, [this](const auto& event) {
+        TransferServer server(*faulty_, scratch);
+        if (partials) {
+            server.enableResume(PartialStore(*partials));
+        }
+        server.run(receiverChannel_, [this](const auto& event) {
             const std::lock_guard lock(mutex_);
             events_.push_back(event);
         });

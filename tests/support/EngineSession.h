@@ -72,6 +72,9 @@ public:
                       const std::filesystem::path& scratch, const FailingSaver::Cue& cue = {},
                       const SessionHeader& session = {});
     TransferClient client;
+    /// Where serveFolder()'s receiver keeps partial files; with one, it
+    /// speaks the resume extension to a sender that announces it.
+    std::optional<std::filesystem::path> partials;
 
     /// The sender's channel, for a test that plays the sender.
     FrameChannel& sender() { return senderChannel_; }

@@ -31,6 +31,7 @@ public:
     void begin(const SessionHeader& session) override;
     void enqueue(const std::filesystem::path& file, const FileHeader& header) override;
     void flushAndDrain() override;
+    bool holds(const FileHeader& header) override { return inner_.holds(header); }
     AsyncQueue<BatchOutcome>& outcomes() override { return outcomes_; }
 
     std::optional<SessionHeader> begun; ///< the session it was begun with

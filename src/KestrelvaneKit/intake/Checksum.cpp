@@ -4,6 +4,7 @@
 
 #include <openssl/evp.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <fcntl.h>
@@ -53,6 +54,38 @@ std::string Sha256Hasher::finalizeHex() {
         throw std::runtime_error("SHA-256 final failed");
     }
     return toLowerHex(digest.data(), length);
+}
+
+void Sha256Hasher::updateFromFile(const std::filesystem::path& path, std::uint64_t count) {
+    const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!file) {
+        throw std::filesystem::filesystem_error("cannot open file", path,
+                                                std::error_code(errno, std::generic_category()));
+    }
+    Bytes chunk(1 << 20);
+    try {
+        while (count > 0) {
+            const auto want =
+                static_cast<std::size_t>(std::min<std::uint64_t>(count, chunk.size()));
+            const std::size_t got =
+                FileDescriptor::readSome(file.get(), MutableByteView(chunk).first(want));
+            if (got == 0) {
+                throw std::system_error(EIO, std::generic_category(), "file shorter than expected");
+            }
+            update(ByteView(chunk.data(), got));
+            count -= got;
+        }
+    } catch (const std::system_error& error) {
+        throw std::filesystem::filesystem_error("cannot read file", path, error.code());
+    }
+}
+
+std::string Sha256Hasher::digestSoFarHex() const {
+    Sha256Hasher copy;
+    if (EVP_MD_CTX_copy_ex(copy.context_->md, context_->md) != 1) {
+        throw std::runtime_error("SHA-256 copy failed");
+    }
+    return copy.finalizeHex();
 }
 
 namespace Checksum {

@@ -2,6 +2,7 @@
 
 #include "KestrelvaneKit/wire/Bytes.h"
 
+#include <cstdint>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -17,8 +18,13 @@ public:
     Sha256Hasher& operator=(Sha256Hasher&&) noexcept;
 
     void update(ByteView bytes);
+    /// Feeds the first `count` bytes of the file at `path`. Throws
+    /// std::filesystem::filesystem_error when they cannot all be read.
+    void updateFromFile(const std::filesystem::path& path, std::uint64_t count);
     /// The digest as 64 lower-case hex digits; the hasher is spent afterwards.
     std::string finalizeHex();
+    /// The digest of what has been fed so far; the hasher goes on.
+    std::string digestSoFarHex() const;
 
 private:
     struct Context;

@@ -40,6 +40,13 @@ public:
     /// `file` holds the verified bytes and from now on belongs to the saver.
     virtual void enqueue(const std::filesystem::path& file, const FileHeader& header) = 0;
     virtual void flushAndDrain() = 0;
+    /// Whether a byte-identical copy of the file `header` describes is
+    /// already where this session's files go, under the same name: the
+    /// sender need not send it. Called after begin().
+    virtual bool holds(const FileHeader& header) {
+        (void)header;
+        return false;
+    }
     virtual AsyncQueue<BatchOutcome>& outcomes() = 0;
 
 protected:

@@ -161,6 +161,13 @@ void FolderSaver::begin(const SessionHeader& session) {
     albumRefused_ = album_ && !isSafeComponent(*album_);
 }
 
+bool FolderSaver::holds(const FileHeader& header) {
+    if (albumRefused_ || !isSafeComponent(header.name)) {
+        return false;
+    }
+    return holdsSameFile((album_ ? root_ / *album_ : root_) / header.name, header);
+}
+
 void FolderSaver::enqueue(const fs::path& file, const FileHeader& header) {
     {
         const std::lock_guard lock(mutex_);

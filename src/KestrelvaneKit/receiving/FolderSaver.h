@@ -38,6 +38,7 @@ public:
     void begin(const SessionHeader& session) override;
     void enqueue(const std::filesystem::path& file, const FileHeader& header) override;
     void flushAndDrain() override;
+    bool holds(const FileHeader& header) override;
     AsyncQueue<BatchOutcome>& outcomes() override { return outcomes_; }
 
     /// A group holds one open descriptor per file, so it is kept well under

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <fcntl.h>
+#include <optional>
 #include <thread>
 
 namespace kestrelvane {
@@ -80,7 +81,7 @@ void TransferServer::run(FrameChannel& over, const OnEvent& onEvent) noexcept {
     }
 
     try {
-        runReader(over);
+        runReader(over, onEvent);
     } catch (...) {
         // Every way the reader can fail ends the session in the same way.
     }
@@ -101,10 +102,35 @@ void TransferServer::run(FrameChannel& over, const OnEvent& onEvent) noexcept {
     }
 }
 
-void TransferServer::runReader(FrameChannel& channel) {
+struct TransferServer::Incoming {
+    fs::path file{};
+    FileDescriptor handle{};
+    Sha256Hasher hasher{};                      // already fed the bytes held before this session
+    std::uint64_t from = 0;                     // of them
+    std::optional<PartialStore::Key> partial{}; // kept if the session breaks
+};
+
+void TransferServer::enableResume(PartialStore partials, std::optional<std::string> provenDevice) {
+    partials_ = std::move(partials);
+    provenDevice_ = std::move(provenDevice);
+}
+
+void TransferServer::runReader(FrameChannel& channel, const OnEvent& onEvent) {
     const SessionHeader session =
         WireMessage::decode<SessionHeader>(channel.receiveFrame(maxHeaderFrameBytes));
     saver_.begin(session);
+    // The extension only with a sender that announced it: to any other, not
+    // a frame of it is written.
+    const bool resuming = partials_ && session.resume.has_value();
+    // Partials are tied to a device the transport proved, else to the one
+    // the header names, if it looks like a fingerprint at all.
+    std::string device = provenDevice_.value_or(session.device.value_or(""));
+    if (device.size() != 64 || device.find_first_not_of("0123456789abcdef") != std::string::npos) {
+        device.clear();
+    }
+    if (resuming) {
+        partials_->prune();
+    }
 
     // One piece's memory for the whole session: file bytes are received into
     // it, hashed and written from it.
@@ -113,64 +139,170 @@ void TransferServer::runReader(FrameChannel& channel) {
     while (sessionGoesOn) {
         const FileHeader header =
             WireMessage::decode<FileHeader>(channel.receiveFrame(maxHeaderFrameBytes));
-        if (header.byteCount > maxFileBytes) {
+        if (header.byteCount > maxFileBytes || (resuming && (!header.offer || header.from))) {
             return;
         }
-        receiveFile(channel, header, pieceBuffer, sessionGoesOn);
+        if (resuming) {
+            answerOffer(channel, header, device, pieceBuffer, sessionGoesOn, onEvent);
+            continue;
+        }
+        Incoming incoming;
+        incoming.file = temporaryFileFor(header.name);
+        if (!incoming.file.empty()) {
+            incoming.handle.reset(
+                ::open(incoming.file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+        }
+        receiveFile(channel, header, pieceBuffer, sessionGoesOn, std::move(incoming));
     }
 }
 
-void TransferServer::receiveFile(FrameChannel& channel, const FileHeader& header,
-                                 MutableByteView pieceBuffer, bool& sessionGoesOn) {
-    const double start = KVLog::now();
-    const fs::path temporaryFile = temporaryFileFor(header.name);
-    FileDescriptor handle;
-    if (!temporaryFile.empty()) {
-        handle.reset(::open(temporaryFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+void TransferServer::answerOffer(FrameChannel& channel, const FileHeader& offer,
+                                 const std::string& device, MutableByteView pieceBuffer,
+                                 bool& sessionGoesOn, const OnEvent& onEvent) {
+    if (saver_.holds(offer)) {
+        // The holding settles the file for the sender as an "ok" would.
+        channel.sendFrame(
+            WireMessage::encode(Holding{.name = offer.name, .kind = Holding::Kind::saved}));
+        if (onEvent) {
+            onEvent(Event{.name = offer.name,
+                          .ack = Ack{.name = offer.name, .status = Ack::Status::ok},
+                          .held = true});
+        }
+        return;
     }
-    if (!handle) {
+    Incoming incoming;
+    Holding holding{.name = offer.name, .kind = Holding::Kind::none};
+    if (!device.empty()) {
+        incoming.partial = PartialStore::Key{.device = device,
+                                             .name = offer.name,
+                                             .byteCount = offer.byteCount,
+                                             .sha256 = offer.sha256};
+        const auto held = partials_->held(*incoming.partial);
+        if (held && *held > 0) {
+            try {
+                incoming.hasher.updateFromFile(partials_->bytesPath(*incoming.partial), *held);
+                holding = Holding{.name = offer.name,
+                                  .kind = Holding::Kind::partial,
+                                  .bytes = *held,
+                                  .prefixSha256 = incoming.hasher.digestSoFarHex()};
+            } catch (const std::exception&) {
+                partials_->remove(*incoming.partial);
+                incoming.hasher = Sha256Hasher();
+            }
+        }
+    }
+    channel.sendFrame(WireMessage::encode(holding));
+
+    const FileHeader header =
+        WireMessage::decode<FileHeader>(channel.receiveFrame(maxHeaderFrameBytes));
+    const std::uint64_t from = header.from.value_or(0);
+    const bool sameFile = !header.offer && header.name == offer.name &&
+                          header.byteCount == offer.byteCount && header.sha256 == offer.sha256;
+    if (!sameFile || (from != 0 && from != holding.bytes)) {
+        sessionGoesOn = false; // the sender broke the extension's rules
+        return;
+    }
+    if (from == 0) {
+        incoming.hasher = Sha256Hasher(); // what was held is not used
+    }
+    incoming.from = from;
+    try {
+        if (incoming.partial) {
+            incoming.file = partials_->bytesPath(*incoming.partial);
+            incoming.handle = partials_->open(*incoming.partial, from);
+        } else {
+            incoming.file = temporaryFileFor(header.name);
+            incoming.handle.reset(
+                ::open(incoming.file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+        }
+    } catch (const std::system_error&) {
+        incoming.handle.reset();
+    }
+    receiveFile(channel, header, pieceBuffer, sessionGoesOn, std::move(incoming));
+}
+
+void TransferServer::receiveFile(FrameChannel& channel, const FileHeader& header,
+                                 MutableByteView pieceBuffer, bool& sessionGoesOn,
+                                 Incoming incoming) {
+    const double start = KVLog::now();
+    const auto discard = [&] {
+        incoming.handle.reset();
+        if (incoming.partial) {
+            partials_->remove(*incoming.partial);
+        } else {
+            removeIgnoringErrors(incoming.file);
+        }
+    };
+    if (!incoming.handle) {
         reject(channel, header.name, "could not open temp file");
-        removeIgnoringErrors(temporaryFile);
+        discard();
         sessionGoesOn = false; // the file's bytes are still in the stream
         return;
     }
 
-    Sha256Hasher hasher;
-    std::uint64_t remaining = header.byteCount;
+    std::uint64_t remaining = header.byteCount - incoming.from;
     while (remaining > 0) {
         const MutableByteView piece = pieceBuffer.first(
             static_cast<std::size_t>(std::min<std::uint64_t>(remaining, pieceBuffer.size())));
         try {
             channel.receiveRawInto(piece);
         } catch (...) {
-            handle.reset();
-            removeIgnoringErrors(temporaryFile);
+            // A partial stays for the sender to resume, with every byte that
+            // arrived; a temporary file goes.
+            if (incoming.partial) {
+                try {
+                    FileDescriptor::writeAll(incoming.handle.get(),
+                                             piece.first(channel.takeBuffered(piece)));
+                } catch (const std::system_error&) {
+                    // What reached the disk is kept; the prefix check covers the rest.
+                }
+                incoming.handle.reset();
+            } else {
+                discard();
+            }
             throw;
         }
-        hasher.update(piece);
+        incoming.hasher.update(piece);
         try {
-            FileDescriptor::writeAll(handle.get(), piece);
+            FileDescriptor::writeAll(incoming.handle.get(), piece);
         } catch (const std::system_error&) {
-            handle.reset();
-            removeIgnoringErrors(temporaryFile);
+            discard();
             sessionGoesOn = false;
             return;
         }
         remaining -= piece.size();
     }
-    handle.reset();
+    incoming.handle.reset();
 
     const double elapsed = KVLog::now() - start;
     KVLog::net().info(KVLog::Lines::recv(header.name, header.byteCount, elapsed));
 
-    if (hasher.finalizeHex() != header.sha256) {
+    if (incoming.hasher.finalizeHex() != header.sha256) {
         KVLog::net().error(KVLog::Lines::checksumMismatch(header.name));
         reject(channel, header.name, "checksum mismatch");
-        removeIgnoringErrors(temporaryFile);
+        discard();
         return;
     }
+    fs::path verified = incoming.file;
+    if (incoming.partial) {
+        // Out of the partial's name before the saver takes it, so that
+        // forgetting the partial cannot touch the saved file.
+        verified = temporaryFileFor(header.name);
+        std::error_code error;
+        fs::rename(incoming.file, verified, error);
+        if (error) {
+            verified = incoming.file.parent_path() / (freshUpperCaseUuid() + ".saving");
+            fs::rename(incoming.file, verified, error);
+        }
+        if (error) {
+            reject(channel, header.name, "could not open temp file");
+            discard();
+            return;
+        }
+        partials_->remove(*incoming.partial);
+    }
     // From here on the file is the saver's.
-    saver_.enqueue(temporaryFile, header);
+    saver_.enqueue(verified, header);
 }
 
 void TransferServer::reject(FrameChannel& channel, const std::string& name,

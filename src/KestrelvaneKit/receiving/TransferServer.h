@@ -1,12 +1,14 @@
 #pragma once
 
 #include "KestrelvaneKit/receiving/BatchSaving.h"
+#include "KestrelvaneKit/receiving/PartialStore.h"
 #include "KestrelvaneKit/wire/Ack.h"
 #include "KestrelvaneKit/wire/FrameChannel.h"
 
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -24,6 +26,8 @@ public:
     struct Event {
         std::string name;
         Ack ack;
+        /// Acknowledged without bytes: the receiver already held the file.
+        bool held = false;
     };
     using OnEvent = std::function<void(const Event&)>;
 
@@ -49,10 +53,23 @@ public:
     /// observer does not hear of them. Set before run().
     void setOnRejected(OnEvent observer) { onRejected_ = std::move(observer); }
 
+    /// Speaks the resume extension with a sender that announces it
+    /// (docs/protocol.md), keeping partial files in `partials`. They are tied
+    /// to `provenDevice`, the sender's fingerprint when the transport proved
+    /// it, else to the one its session header gives. Set before run().
+    void enableResume(PartialStore partials, std::optional<std::string> provenDevice = {});
+
 private:
-    void runReader(FrameChannel& channel);
+    /// Where the bytes of the file being received go, and what is known of them.
+    struct Incoming;
+
+    void runReader(FrameChannel& channel, const OnEvent& onEvent);
+    /// One file of the resume extension: its offer, the holding, and then
+    /// the file, if the receiver does not hold it already.
+    void answerOffer(FrameChannel& channel, const FileHeader& offer, const std::string& device,
+                     MutableByteView pieceBuffer, bool& sessionGoesOn, const OnEvent& onEvent);
     void receiveFile(FrameChannel& channel, const FileHeader& header, MutableByteView pieceBuffer,
-                     bool& sessionGoesOn);
+                     bool& sessionGoesOn, Incoming incoming);
     std::filesystem::path temporaryFileFor(const std::string& name) const;
     /// Acknowledges the file as an error and tells onRejected_.
     void reject(FrameChannel& channel, const std::string& name, const char* message) noexcept;
@@ -60,6 +77,8 @@ private:
     BatchSaving& saver_;
     std::filesystem::path temporaryDirectory_;
     OnEvent onRejected_;
+    std::optional<PartialStore> partials_;
+    std::optional<std::string> provenDevice_;
 };
 
 } // namespace kestrelvane

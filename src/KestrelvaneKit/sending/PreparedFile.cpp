@@ -148,6 +148,26 @@ PreparedFile PreparedFile::prepare(const fs::path& path, MediaType type, std::st
     return file;
 }
 
+std::string PreparedFile::prefixSha256(std::uint64_t count) const {
+    count = std::min(count, header_.byteCount);
+    if (!fd_) {
+        return Checksum::sha256Hex(ByteView(data_.bytes.get(), static_cast<std::size_t>(count)));
+    }
+    Sha256Hasher hasher;
+    Bytes chunk(streamChunkBytes);
+    for (std::uint64_t done = 0; done < count;) {
+        const auto want =
+            static_cast<std::size_t>(std::min<std::uint64_t>(chunk.size(), count - done));
+        const std::size_t got = readAt(fd_.get(), chunk.data(), want, done, path_);
+        if (got < want) {
+            throwFileError("file shrank while it was being sent", path_, EIO);
+        }
+        hasher.update(ByteView(chunk.data(), got));
+        done += got;
+    }
+    return hasher.finalizeHex();
+}
+
 PreparedFile::PreparedFile(PreparedFile&& other) noexcept
     : path_(std::move(other.path_)), header_(std::move(other.header_)),
       data_(std::move(other.data_)), size_(std::exchange(other.size_, 0)),
@@ -158,13 +178,14 @@ PreparedFile::~PreparedFile() {
     Buffer::giveBack(std::move(data_));
 }
 
-void PreparedFile::writeBytes(FrameChannel& channel) {
+void PreparedFile::writeBytes(FrameChannel& channel, std::uint64_t from) {
+    from = std::min(from, header_.byteCount);
     if (!fd_) {
-        channel.sendRaw(ByteView(data_.bytes.get(), size_));
+        channel.sendRaw(ByteView(data_.bytes.get(), size_).subspan(static_cast<std::size_t>(from)));
         return;
     }
     Bytes chunk(streamChunkBytes);
-    std::uint64_t sent = 0;
+    std::uint64_t sent = from;
     while (sent < header_.byteCount) {
         const auto want = static_cast<std::size_t>(
             std::min<std::uint64_t>(chunk.size(), header_.byteCount - sent));

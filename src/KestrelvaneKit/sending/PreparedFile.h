@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <memory>
 #include <stop_token>
+#include <string>
 
 namespace kestrelvane {
 
@@ -41,8 +42,13 @@ public:
 
     const FileHeader& header() const noexcept { return header_; }
 
-    /// Writes exactly header().byteCount raw bytes to `channel`.
-    void writeBytes(FrameChannel& channel);
+    /// Writes the file's raw bytes from offset `from` on to `channel`:
+    /// exactly header().byteCount - from of them.
+    void writeBytes(FrameChannel& channel, std::uint64_t from = 0);
+
+    /// The SHA-256 of the file's first `count` bytes (at most byteCount), as
+    /// read now: what the receiver holds of it is checked against this.
+    std::string prefixSha256(std::uint64_t count) const;
 
 private:
     PreparedFile() = default;

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <atomic>
 #include <condition_variable>
+#include <deque>
 #include <future>
 #include <map>
 #include <memory>
@@ -17,6 +18,7 @@
 #include <optional>
 #include <thread>
 #include <utility>
+#include <variant>
 
 namespace kestrelvane {
 namespace {
@@ -41,35 +43,63 @@ struct BatchEntry {
 /// unsettled file of its name, in batch order.
 class AcksBox {
 public:
-    explicit AcksBox(const std::vector<BatchEntry>& batch) : batch_(batch), written_(batch.size()) {
+    explicit AcksBox(const std::vector<BatchEntry>& batch) : batch_(batch), files_(batch.size()) {
         for (std::size_t i = 0; i < batch_.size(); ++i) {
             unsettled_.emplace(canonical(batch_[i].path.filename().string()), i);
         }
     }
 
-    /// The writer has put the `i`th file on the wire with `byteCount` bytes.
-    void wrote(std::size_t i, std::uint64_t byteCount) {
+    struct Settled {
+        const BatchEntry* entry = nullptr; ///< none when the name is not the batch's
+        std::uint64_t sent = 0;            ///< bytes sent of it (0 for one not sent yet)
+        std::uint64_t held = 0;
+        bool inWindow = true; ///< whether it took room in the window
+    };
+
+    /// The writer offers the `i`th file, of `byteCount` bytes, to the receiver.
+    void offering(std::size_t i, std::uint64_t byteCount) {
         const std::lock_guard lock(mutex_);
-        written_[i] = byteCount;
+        offered_ = i;
+        files_[i].size = byteCount;
     }
 
-    /// Keeps `ack` and returns the file it settles, if any, with the bytes
-    /// sent of it (0 for one not sent yet): what the file has become on disk
-    /// since does not matter.
-    const BatchEntry* append(const Ack& ack, std::uint64_t& byteCount) {
+    /// The receiver holds the file on offer whole: its holding settles it as
+    /// an "ok" would, and nothing of it is sent or takes room in the window.
+    Settled settleOffered(const Holding& holding) {
+        const std::lock_guard lock(mutex_);
+        acks_.push_back(Ack{.name = holding.name, .status = Ack::Status::ok});
+        for (auto entry = unsettled_.begin(); entry != unsettled_.end(); ++entry) {
+            if (entry->second == offered_) {
+                unsettled_.erase(entry);
+                return {&batch_[offered_], 0, files_[offered_].size, false};
+            }
+        }
+        return {};
+    }
+
+    /// The writer has put the `i`th file on the wire with `sent` bytes, the
+    /// receiver holding the `held` before them.
+    void wrote(std::size_t i, std::uint64_t sent, std::uint64_t held) {
+        const std::lock_guard lock(mutex_);
+        files_[i].sent = sent;
+        files_[i].held = held;
+    }
+
+    /// Keeps `ack` and returns the file it settles: what the file has become
+    /// on disk since does not matter.
+    Settled append(const Ack& ack) {
         const std::lock_guard lock(mutex_);
         acks_.push_back(ack);
-        byteCount = 0;
         // Equal keys keep their order of insertion: the first is the earliest file.
         const std::string name = canonical(ack.name);
         const auto found = unsettled_.lower_bound(name);
         if (found == unsettled_.end() || found->first != name) {
-            return nullptr;
+            return {};
         }
-        byteCount = written_[found->second];
-        const BatchEntry& entry = batch_[found->second];
+        const File& file = files_[found->second];
+        const Settled settled{&batch_[found->second], file.sent, file.held, true};
         unsettled_.erase(found);
-        return &entry;
+        return settled;
     }
 
     std::vector<Ack> acks() const {
@@ -78,12 +108,76 @@ public:
     }
 
 private:
+    struct File {
+        std::uint64_t size = 0;
+        std::uint64_t sent = 0;
+        std::uint64_t held = 0;
+    };
+
     const std::vector<BatchEntry>& batch_;
     mutable std::mutex mutex_;
     std::vector<Ack> acks_;
     std::multimap<std::string, std::size_t> unsettled_;
-    std::vector<std::uint64_t> written_; // bytes sent of each file; 0 until sent
+    std::vector<File> files_;
+    std::size_t offered_ = 0;
 };
+
+/// Holdings on their way from the reader to the writer, which waits for the
+/// one answering each offer. Once closed (the reader has ended), a wait
+/// throws StreamError::closed.
+class Holdings {
+public:
+    void post(Holding holding) {
+        {
+            const std::lock_guard lock(mutex_);
+            waiting_.push_back(std::move(holding));
+        }
+        changed_.notify_all();
+    }
+    void close() {
+        {
+            const std::lock_guard lock(mutex_);
+            closed_ = true;
+        }
+        changed_.notify_all();
+    }
+    Holding next() {
+        std::unique_lock lock(mutex_);
+        changed_.wait(lock, [this] { return closed_ || !waiting_.empty(); });
+        if (waiting_.empty()) {
+            throw StreamError::closed();
+        }
+        Holding holding = std::move(waiting_.front());
+        waiting_.pop_front();
+        return holding;
+    }
+
+private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::deque<Holding> waiting_;
+    bool closed_ = false;
+};
+
+/// A receiver that breaks the resume extension's rules.
+class ProtocolError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+/// From which offset to send `file` after the receiver's `holding`.
+std::uint64_t sendFrom(const PreparedFile& file, const Holding& holding) {
+    const FileHeader& header = file.header();
+    if (holding.name != header.name) {
+        throw ProtocolError("the receiver answered the offer of \"" + header.name + "\" about \"" +
+                            holding.name + "\"");
+    }
+    // A beginning that is not this file's own is never built on.
+    const bool resumable = holding.kind == Holding::Kind::partial && holding.bytes &&
+                           *holding.bytes <= header.byteCount && holding.prefixSha256 &&
+                           file.prefixSha256(*holding.bytes) == *holding.prefixSha256;
+    return resumable ? *holding.bytes : 0;
+}
 
 /// The batch's size on disk, for the start line only: 0 if any size is unknown.
 std::uint64_t sizeOnDisk(const std::vector<BatchEntry>& batch) {
@@ -224,6 +318,11 @@ std::vector<Ack> TransferClient::send(const std::vector<fs::path>& files, FrameC
     std::exception_ptr acksEnded;
     std::atomic<bool> acksEndedEarly{false};
 
+    // With the resume extension, the reader hands the writer the holding that
+    // answers each offer (docs/protocol.md).
+    const bool resuming = session.resume.has_value();
+    Holdings holdings;
+
     std::jthread writer([&] {
         // Outside the try, so that on a failure the other side is woken
         // before the preparation ahead is abandoned and joined.
@@ -236,9 +335,25 @@ std::vector<Ack> TransferClient::send(const std::vector<fs::path>& files, FrameC
                 if (i + 1 < batch.size()) {
                     next = preparer->start(batch[i + 1].path, batch[i + 1].type);
                 }
-                const std::uint64_t byteCount = current.header().byteCount;
+                FileHeader header = current.header();
+                std::uint64_t from = 0;
+                if (resuming) {
+                    acksBox.offering(i, header.byteCount);
+                    header.offer = true;
+                    over.sendFrame(WireMessage::encode(header));
+                    header.offer = false;
+                    const Holding holding = holdings.next();
+                    if (holding.kind == Holding::Kind::saved) {
+                        continue; // settled by the reader
+                    }
+                    from = sendFrom(current, holding);
+                    if (from > 0) {
+                        header.from = from;
+                    }
+                }
+                const std::uint64_t byteCount = header.byteCount - from;
                 window.reserve(byteCount);
-                acksBox.wrote(i, byteCount);
+                acksBox.wrote(i, byteCount, from);
                 {
                     const std::lock_guard lock(heldMutex);
                     ++filesHeld;
@@ -246,12 +361,11 @@ std::vector<Ack> TransferClient::send(const std::vector<fs::path>& files, FrameC
                 }
                 const std::int64_t depth = window.snapshot().files;
                 const double t0 = KVLog::now();
-                over.sendFrame(WireMessage::encode(current.header()));
-                current.writeBytes(over);
+                over.sendFrame(WireMessage::encode(header));
+                current.writeBytes(over, from);
                 const double t1 = KVLog::now();
                 metrics.record(static_cast<std::int64_t>(byteCount), depth);
-                KVLog::net().info(
-                    KVLog::Lines::sent(current.header().name, byteCount, t1 - t0, depth));
+                KVLog::net().info(KVLog::Lines::sent(header.name, byteCount, t1 - t0, depth));
             }
         } catch (...) {
             tearDown(acksEndedEarly.load(std::memory_order_acquire) ? acksEnded
@@ -260,7 +374,9 @@ std::vector<Ack> TransferClient::send(const std::vector<fs::path>& files, FrameC
     });
 
     try {
-        for (std::int64_t i = 0; i < n; ++i) {
+        // Every file is settled once: by its acknowledgement, or by a holding
+        // that says the receiver has it already.
+        for (std::int64_t i = 0; i < n;) {
             Bytes frame;
             try {
                 frame = over.receiveFrame(maxAckFrameBytes);
@@ -276,28 +392,51 @@ std::vector<Ack> TransferClient::send(const std::vector<fs::path>& files, FrameC
                 over.cancel();
                 break;
             }
-            const Ack ack = WireMessage::decode<Ack>(frame);
-            std::uint64_t released = 0;
-            const BatchEntry* settled = acksBox.append(ack, released);
-            {
-                const std::lock_guard lock(heldMutex);
-                --filesHeld;
-                bytesHeld = released > bytesHeld ? 0 : bytesHeld - released;
+            AcksBox::Settled settled;
+            Ack ack;
+            if (resuming) {
+                auto reply = WireMessage::decodeReply(frame);
+                if (auto* holding = std::get_if<Holding>(&reply)) {
+                    const bool saved = holding->kind == Holding::Kind::saved;
+                    if (saved) {
+                        settled = acksBox.settleOffered(*holding);
+                        ack = Ack{.name = holding->name, .status = Ack::Status::ok};
+                    }
+                    holdings.post(std::move(*holding));
+                    if (!saved) {
+                        continue;
+                    }
+                } else {
+                    ack = std::get<Ack>(reply);
+                    settled = acksBox.append(ack);
+                }
+            } else {
+                ack = WireMessage::decode<Ack>(frame);
+                settled = acksBox.append(ack);
             }
-            window.release(released);
+            if (settled.inWindow) {
+                {
+                    const std::lock_guard lock(heldMutex);
+                    --filesHeld;
+                    bytesHeld = settled.sent > bytesHeld ? 0 : bytesHeld - settled.sent;
+                }
+                window.release(settled.sent);
+            }
             if (ack.status != Ack::Status::ok) {
                 KVLog::transfer().error(
                     KVLog::Lines::ackError(ack.name, ack.message.value_or("?")));
             }
             if (onProgress) {
                 Progress progress{.index = i, .total = n, .fileName = ack.name, .ack = ack};
-                if (settled != nullptr) {
-                    progress.entry = settled->index;
-                    progress.path = settled->path;
-                    progress.byteCount = released;
+                if (settled.entry != nullptr) {
+                    progress.entry = settled.entry->index;
+                    progress.path = settled.entry->path;
+                    progress.byteCount = settled.sent;
+                    progress.heldBytes = settled.held;
                 }
                 onProgress(progress);
             }
+            ++i;
         }
         // However the acknowledgements ended, nothing will release the window
         // any more: a writer still waiting for room would wait for ever.
@@ -305,6 +444,7 @@ std::vector<Ack> TransferClient::send(const std::vector<fs::path>& files, FrameC
     } catch (...) {
         tearDown(std::current_exception());
     }
+    holdings.close(); // a writer waiting for a holding waits no more
     writer.join();
     for (; filesHeld > 0; --filesHeld) {
         window.release(std::exchange(bytesHeld, 0));

@@ -43,6 +43,10 @@ public:
         std::optional<std::size_t> entry{};
         std::filesystem::path path{}; ///< that file
         std::uint64_t byteCount = 0;  ///< the bytes sent of it; 0 when none
+        /// The bytes of it the receiver already held and were not sent
+        /// (resume extension): all of them for a file it had saved, the
+        /// beginning for one it resumed.
+        std::uint64_t heldBytes = 0;
     };
     using OnProgress = std::function<void(const Progress&)>;
 

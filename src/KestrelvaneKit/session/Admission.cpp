@@ -5,6 +5,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <array>
 
 namespace kestrelvane::Admission {
@@ -34,6 +35,19 @@ nlohmann::json parsed(const std::string& text, const char* what) {
     } catch (const nlohmann::json::exception& error) {
         throw AdmissionError(std::string(what) + " is not JSON: " + error.what());
     }
+}
+
+/// Whether the message's "features" list names `feature`. Anything else
+/// under the key, as any key it does not know, counts for nothing: an end
+/// that knows fewer features than its peer still talks to it.
+bool hasFeature(const nlohmann::json& message, const char* feature) {
+    const auto found = message.find("features");
+    if (found == message.end() || !found->is_array()) {
+        return false;
+    }
+    return std::any_of(found->begin(), found->end(), [&](const nlohmann::json& entry) {
+        return entry.is_string() && entry.get<std::string>() == feature;
+    });
 }
 
 template <class T> T field(const nlohmann::json& message, const char* key, const char* what) {
@@ -78,17 +92,22 @@ const std::string& checkedName(const std::string& name) {
 }
 
 void send(KestrelvaneStream& stream, const Hello& hello) {
-    sendMessage(stream,
-                nlohmann::json{{"hello", 1},
-                               {"purpose", hello.purpose == Purpose::pair ? "pair" : "send"},
-                               {"name", hello.name}}
-                    .dump());
+    nlohmann::json message{{"hello", 1},
+                           {"purpose", hello.purpose == Purpose::pair ? "pair" : "send"},
+                           {"name", hello.name}};
+    if (hello.resume) {
+        message["features"] = {"resume"};
+    }
+    sendMessage(stream, message.dump());
 }
 
 void send(KestrelvaneStream& stream, const Answer& answer) {
     nlohmann::json message;
     if (answer.welcome()) {
         message = {{"welcome", 1}, {"name", answer.name}};
+        if (answer.resume) {
+            message["features"] = {"resume"};
+        }
     } else {
         for (const auto& [refusal, word] : refusalWords) {
             if (refusal == answer.refusal) {
@@ -109,13 +128,15 @@ Hello readHello(KestrelvaneStream& stream) {
         throw AdmissionError("a hello for \"" + UnicodeText::printable(purpose) + "\"");
     }
     return {purpose == "pair" ? Purpose::pair : Purpose::send,
-            checkedName(field<std::string>(message, "name", "the hello"))};
+            checkedName(field<std::string>(message, "name", "the hello")),
+            hasFeature(message, "resume")};
 }
 
 Answer readAnswer(KestrelvaneStream& stream) {
     const nlohmann::json message = parsed(readMessage(stream), "the answer");
     if (message.contains("welcome")) {
-        return {Refusal::none, checkedName(field<std::string>(message, "name", "the answer"))};
+        return {Refusal::none, checkedName(field<std::string>(message, "name", "the answer")),
+                hasFeature(message, "resume")};
     }
     const auto word = field<std::string>(message, "refused", "the answer");
     for (const auto& [refusal, known] : refusalWords) {

@@ -24,6 +24,9 @@ enum class Purpose { send, pair };
 struct Hello {
     Purpose purpose = Purpose::send;
     std::string name;
+    /// This end speaks the resume extension (docs/protocol.md); sent as
+    /// "features": ["resume"].
+    bool resume = false;
 };
 
 /// The receiver's answer: welcome (with its name), or refused with a reason.
@@ -31,6 +34,8 @@ struct Answer {
     enum class Refusal { none, unknownSender, pairingClosed, pairingBusy };
     Refusal refusal = Refusal::none;
     std::string name; ///< the receiver's, when welcome
+    /// The receiver serves the resume extension, when welcome.
+    bool resume = false;
 
     bool welcome() const noexcept { return refusal == Refusal::none; }
 };

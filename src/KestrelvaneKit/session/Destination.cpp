@@ -3,6 +3,7 @@
 #include "KestrelvaneKit/network/BonjourStream.h"
 #include "KestrelvaneKit/network/ServiceBrowser.h"
 #include "KestrelvaneKit/session/ConnectError.h"
+#include "KestrelvaneKit/session/ExtendedStream.h"
 #include "KestrelvaneKit/session/UsbPhones.h"
 
 #include <charconv>
@@ -196,9 +197,13 @@ std::shared_ptr<KestrelvaneStream> Destination::connect(const std::stop_token& s
     if (!trust) {
         return std::make_shared<BonjourStream>(reach(stop));
     }
-    return PrivateLink::toReceiver([&] { return reach(stop); }, *trust, text(),
-                                   Admission::Purpose::send, stop)
-        .stream;
+    PrivateLink::Opened opened = PrivateLink::toReceiver([&] { return reach(stop); }, *trust,
+                                                         text(), Admission::Purpose::send, stop);
+    if (opened.resume) {
+        return std::make_shared<ExtendedStream>(opened.stream,
+                                                opened.stream->ownFingerprint().hex());
+    }
+    return opened.stream;
 }
 
 PrivateLink::Opened Destination::connectToPair(const Trust& trust,

@@ -71,7 +71,10 @@ void admit(const std::shared_ptr<TlsStream>& stream, const PrivateLink::Policy& 
                 admitted.refusal = "not paired (to pair: kestrelvane receive --allow-pairing "
                                    "here, kestrelvane pair there)";
             } else {
-                Admission::send(*stream, {Refusal::none, policy.trust.name});
+                Admission::send(*stream, {Refusal::none, policy.trust.name, policy.resume});
+                if (policy.resume && hello.resume) {
+                    admitted.resumeDevice = sender.hex();
+                }
                 stream->setDeadline(std::nullopt);
                 admitted.stream = stream;
             }
@@ -167,7 +170,7 @@ PrivateLink::toReceiver(const std::function<std::shared_ptr<TcpConnection>()>& c
     Admission::Answer answer;
     try {
         stream->start();
-        Admission::send(*stream, {purpose, trust.name});
+        Admission::send(*stream, {purpose, trust.name, purpose == Admission::Purpose::send});
         answer = Admission::readAnswer(*stream);
     } catch (const StreamError& error) {
         if (error.kind() == StreamError::Kind::refused) {
@@ -203,7 +206,7 @@ PrivateLink::toReceiver(const std::function<std::shared_ptr<TcpConnection>()>& c
                            "the receiver is pairing with another device; try again in a moment");
     }
     stream->setDeadline(std::nullopt);
-    return {stream, answer.name};
+    return {stream, answer.name, answer.resume};
 }
 
 PrivateLink::Admitted PrivateLink::fromSender(const std::shared_ptr<TcpConnection>& connection,

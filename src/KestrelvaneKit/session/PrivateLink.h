@@ -60,6 +60,7 @@ inline constexpr std::chrono::seconds admissionTime{10};
 struct Opened {
     std::shared_ptr<TlsStream> stream;
     std::string peerName; ///< the name the receiver gave in its welcome
+    bool resume = false;  ///< the receiver serves the resume extension
 };
 
 /// The sender's side of a connection to `destination` (the text the user
@@ -89,6 +90,8 @@ struct Policy {
     /// This receiver's key, read once; none: read from trust.folder for
     /// each connection.
     std::optional<DeviceIdentity> identity{};
+    /// The receiver keeps partial files and serves the resume extension.
+    bool resume = false;
 };
 
 /// What became of a connection a receiver accepted.
@@ -97,6 +100,9 @@ struct Admitted {
     std::string peer{};                          ///< who it was, for the receiver's lines
     std::string refusal{};                       ///< why it is not served, when not
     std::optional<PairedDevice> paired{};        ///< a pairing that succeeded (and is stored)
+    /// The sender's fingerprint (hex), when it and the policy speak the
+    /// resume extension: what its partial files are tied to.
+    std::optional<std::string> resumeDevice{};
 };
 
 /// The receiver's side of an accepted connection: its first byte (0x16 TLS,

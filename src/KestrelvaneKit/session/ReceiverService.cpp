@@ -1,12 +1,15 @@
 #include "KestrelvaneKit/session/ReceiverService.h"
 
 #include "KestrelvaneKit/network/BonjourStream.h"
+#include "KestrelvaneKit/network/DeviceIdentity.h"
+#include "KestrelvaneKit/network/PrivateFolder.h"
 #include "KestrelvaneKit/network/TcpListener.h"
 #include "KestrelvaneKit/receiving/FolderSaver.h"
 #include "KestrelvaneKit/receiving/TransferServer.h"
 
 #include <algorithm>
 #include <atomic>
+#include <cstdlib>
 #include <system_error>
 
 namespace kestrelvane {
@@ -61,7 +64,29 @@ private:
 } // namespace
 
 ReceiverService::ReceiverService(Options options, OnReport onReport)
-    : options_(std::move(options)), onReport_(std::move(onReport)) {
+    : options_([&] {
+          // Over TLS the receiver offers the resume extension when it has
+          // somewhere to keep partial files.
+          if (options.policy) {
+              options.policy->resume = options.partials.has_value();
+          }
+          return std::move(options);
+      }()),
+      onReport_(std::move(onReport)) {
+}
+
+std::filesystem::path ReceiverService::defaultPartialsFolder() {
+    const char* cache = std::getenv("XDG_CACHE_HOME");
+    const char* home = std::getenv("HOME");
+    std::filesystem::path folder;
+    if (cache != nullptr && cache[0] == '/') {
+        folder = std::filesystem::path(cache) / "kestrelvane/partials";
+    } else if (home != nullptr && home[0] == '/') {
+        folder = std::filesystem::path(home) / ".cache/kestrelvane/partials";
+    } else {
+        throw IdentityError("neither XDG_CACHE_HOME nor HOME names a folder for partial files");
+    }
+    return PrivateFolder(folder).path();
 }
 
 ReceiverService::~ReceiverService() {
@@ -139,7 +164,8 @@ void ReceiverService::serve(const std::shared_ptr<KestrelvaneStream>& stream) {
 
 std::shared_ptr<KestrelvaneStream>
 ReceiverService::admitted(const std::shared_ptr<TcpConnection>& connection,
-                          std::shared_ptr<KestrelvaneStream> clear, int number, std::string& peer) {
+                          std::shared_ptr<KestrelvaneStream> clear, int number, std::string& peer,
+                          std::optional<std::string>& resumeDevice) {
     if (!options_.policy) {
         return clear;
     }
@@ -163,11 +189,13 @@ ReceiverService::admitted(const std::shared_ptr<TcpConnection>& connection,
                 .message = outcome.peer + ": " + outcome.refusal});
     }
     peer = outcome.peer;
+    resumeDevice = outcome.resumeDevice;
     return outcome.stream;
 }
 
 void ReceiverService::runSession(const std::shared_ptr<KestrelvaneStream>& inner, int number,
-                                 const std::string& peer) {
+                                 const std::string& peer,
+                                 const std::optional<std::string>& resumeDevice) {
     const auto stream = std::make_shared<WatchedStream>(inner);
     FrameChannel channel(stream);
     // The saver's outcomes arrive on the acknowledgement writer's thread, the
@@ -193,6 +221,9 @@ void ReceiverService::runSession(const std::shared_ptr<KestrelvaneStream>& inner
         }
         TransferServer server(*saver, scratch_.path());
         server.setOnRejected(onFile);
+        if (resumeDevice && options_.partials) {
+            server.enableResume(PartialStore(*options_.partials), resumeDevice);
+        }
         server.run(channel, onFile);
     } catch (const std::exception& error) {
         report({.kind = Report::Kind::broken, .session = number, .message = error.what()});
@@ -241,18 +272,19 @@ void ReceiverService::run(TcpListener& listener, bool once) {
             // Under the lock: the session cannot be released before its thread is listed.
             const std::lock_guard lock(mutex_);
             admitting_ += options_.policy ? 1 : 0;
-            sessions_[*number].thread =
-                std::thread([this, &listener, connection, stream, number, once] {
-                    std::string peer;
-                    if (const auto served = admitted(connection, stream, *number, peer)) {
-                        runSession(served, *number, peer);
-                    } else {
-                        release(*number);
-                    }
-                    if (once) {
-                        listener.stop();
-                    }
-                });
+            sessions_[*number].thread = std::thread([this, &listener, connection, stream, number,
+                                                     once] {
+                std::string peer;
+                std::optional<std::string> resumeDevice;
+                if (const auto served = admitted(connection, stream, *number, peer, resumeDevice)) {
+                    runSession(served, *number, peer, resumeDevice);
+                } else {
+                    release(*number);
+                }
+                if (once) {
+                    listener.stop();
+                }
+            });
         } catch (...) { // accepting failed, or no thread could be had
             if (number) {
                 stream->close();

@@ -39,7 +39,15 @@ public:
         /// in clear (see PrivateLink). None: every one, in clear, as a phone
         /// serves.
         std::optional<PrivateLink::Policy> policy{};
+        /// Where the partial files of broken sessions are kept. With one, the
+        /// receiver serves the resume extension to paired senders over TLS.
+        std::optional<std::filesystem::path> partials{};
     };
+
+    /// $XDG_CACHE_HOME/kestrelvane/partials (~/.cache/… without it), made
+    /// private to this user: where a receiver keeps partial files. Throws
+    /// IdentityError when it cannot be made so.
+    static std::filesystem::path defaultPartialsFolder();
 
     struct Report {
         enum class Kind {
@@ -90,13 +98,17 @@ private:
 
     /// Takes a session place and a number; none when the service is full.
     std::optional<int> admit(const std::shared_ptr<KestrelvaneStream>& stream);
+    /// Serves one session; with `resumeDevice` (the sender proved to be
+    /// that device) it speaks the resume extension if the sender announces it.
     void runSession(const std::shared_ptr<KestrelvaneStream>& stream, int number,
-                    const std::string& peer = {});
+                    const std::string& peer = {},
+                    const std::optional<std::string>& resumeDevice = {});
     /// The stream to serve for a connection the listener accepted (`clear`
     /// without a policy); none, with its report made, when it is not served.
     std::shared_ptr<KestrelvaneStream> admitted(const std::shared_ptr<TcpConnection>& connection,
                                                 std::shared_ptr<KestrelvaneStream> clear,
-                                                int number, std::string& peer);
+                                                int number, std::string& peer,
+                                                std::optional<std::string>& resumeDevice);
     void release(int number);
     bool roomToAdmit();
     /// Joins the threads of the sessions that have ended, or with `all` of every session.

@@ -3,6 +3,7 @@
 #include "KestrelvaneKit/sending/TransferClient.h"
 #include "KestrelvaneKit/session/CountingStream.h"
 #include "KestrelvaneKit/session/Destination.h"
+#include "KestrelvaneKit/session/ExtendedStream.h"
 #include "KestrelvaneKit/wire/FrameChannel.h"
 
 namespace kestrelvane {
@@ -32,20 +33,25 @@ SendRun::Outcome SendRun::run(const std::shared_ptr<KestrelvaneStream>& stream) 
     }
     try {
         channel->start();
-        TransferClient().send(batch_, *channel, session_,
-                              [&](const TransferClient::Progress& progress) {
-                                  if (!progress.entry) {
-                                      if (observer_.stray) {
-                                          observer_.stray(progress.ack);
-                                      }
-                                      return;
-                                  }
-                                  outcome.acks[*progress.entry] = progress.ack;
-                                  if (observer_.settled) {
-                                      observer_.settled({*progress.entry, progress.path,
-                                                         progress.byteCount, progress.ack});
-                                  }
-                              });
+        SessionHeader session = session_;
+        if (const auto* extended = dynamic_cast<const ExtendedStream*>(stream.get())) {
+            session.resume = SessionHeader::resumeVersion;
+            session.device = extended->device();
+        }
+        TransferClient().send(
+            batch_, *channel, session, [&](const TransferClient::Progress& progress) {
+                if (!progress.entry) {
+                    if (observer_.stray) {
+                        observer_.stray(progress.ack);
+                    }
+                    return;
+                }
+                outcome.acks[*progress.entry] = progress.ack;
+                if (observer_.settled) {
+                    observer_.settled({*progress.entry, progress.path, progress.byteCount,
+                                       progress.ack, progress.heldBytes});
+                }
+            });
     } catch (const std::exception& error) {
         outcome.brokeOff = error.what();
     }

@@ -31,6 +31,9 @@ public:
         std::filesystem::path path{};
         std::uint64_t byteCount = 0; ///< the bytes sent of it
         Ack ack{};
+        /// The bytes of it the receiver already held, not sent: all of them
+        /// for a file it had saved, the beginning of one it resumed.
+        std::uint64_t heldBytes = 0;
     };
     /// Called from the run's threads: `settled` and `stray` from the one
     /// reading acknowledgements, `sent` from the one writing.

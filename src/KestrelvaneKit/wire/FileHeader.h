@@ -19,6 +19,12 @@ struct FileHeader {
     std::string sha256{};
     /// The capture date; absent when unknown, always absent for videos.
     std::optional<Timestamp> creationDate{};
+    /// The resume extension only. An offer asks the receiver what it holds
+    /// of the file; no bytes follow it.
+    bool offer = false;
+    /// The resume extension only: the bytes that follow start at this
+    /// offset of the file (byteCount - from of them); absent means 0.
+    std::optional<std::uint64_t> from{};
 
     /// Field by field; text under canonical equivalence, dates exactly.
     friend bool operator==(const FileHeader& a, const FileHeader& b);

@@ -67,4 +67,12 @@ void FrameChannel::receiveRawInto(MutableByteView into) {
     }
 }
 
+std::size_t FrameChannel::takeBuffered(MutableByteView into) {
+    const std::lock_guard lock(receiveMutex_);
+    const std::size_t taken = std::min(buffer_.size(), into.size());
+    std::copy_n(buffer_.view().begin(), taken, into.begin());
+    buffer_.consume(taken);
+    return taken;
+}
+
 } // namespace kestrelvane

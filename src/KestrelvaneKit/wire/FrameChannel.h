@@ -52,6 +52,10 @@ public:
     /// into `into` without passing through the buffer. When it fails, whatever
     /// it had received is buffered again, as if it had never been taken.
     void receiveRawInto(MutableByteView into);
+    /// Moves up to into.size() of the bytes received but not yet taken (such
+    /// as those a failed receiveRawInto() gave back) into `into`; returns how
+    /// many. Never waits.
+    std::size_t takeBuffered(MutableByteView into);
 
 private:
     const std::shared_ptr<KestrelvaneStream> stream_;

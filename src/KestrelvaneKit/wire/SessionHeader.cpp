@@ -11,7 +11,8 @@ std::string_view wireString(SessionHeader::Direction direction) noexcept {
 bool operator==(const SessionHeader& a, const SessionHeader& b) {
     return a.schemaVersion == b.schemaVersion && a.direction == b.direction &&
            a.albumName.has_value() == b.albumName.has_value() &&
-           (!a.albumName || UnicodeText::canonicallyEqual(*a.albumName, *b.albumName));
+           (!a.albumName || UnicodeText::canonicallyEqual(*a.albumName, *b.albumName)) &&
+           a.resume == b.resume && a.device == b.device;
 }
 
 } // namespace kestrelvane

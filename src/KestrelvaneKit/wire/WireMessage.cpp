@@ -81,6 +81,37 @@ public:
              value.dump());
     }
 
+    // The resume extension's keys: one of another type is absent, as any key
+    // a version-1 reader does not know is.
+    std::optional<std::uint64_t> extensionUnsigned(const char* key) const {
+        const json* value = optional(key);
+        return value && value->is_number_unsigned() ? std::optional(value->get<std::uint64_t>())
+                                                    : std::nullopt;
+    }
+
+    std::optional<std::int64_t> extensionSigned(const char* key) const {
+        const json* value = optional(key);
+        return value && value->is_number_integer() && !value->is_number_unsigned()
+                   ? std::optional(value->get<std::int64_t>())
+               : value && value->is_number_unsigned() &&
+                       value->get<std::uint64_t>() <= std::numeric_limits<std::int64_t>::max()
+                   ? std::optional(static_cast<std::int64_t>(value->get<std::uint64_t>()))
+                   : std::nullopt;
+    }
+
+    std::optional<std::string> extensionString(const char* key) const {
+        const json* value = optional(key);
+        return value && value->is_string() ? std::optional(value->get<std::string>())
+                                           : std::nullopt;
+    }
+
+    bool extensionFlag(const char* key) const {
+        const json* value = optional(key);
+        return value && value->is_boolean() && value->get<bool>();
+    }
+
+    bool has(const char* key) const { return object_.contains(key); }
+
     std::int64_t requiredSigned(const char* key) const {
         const json& value = required(key);
         if (value.is_number_unsigned() &&
@@ -162,6 +193,12 @@ Bytes encode(const SessionHeader& header) {
     if (header.albumName) {
         message["albumName"] = *header.albumName;
     }
+    if (header.resume) {
+        message["resume"] = *header.resume;
+    }
+    if (header.device) {
+        message["device"] = *header.device;
+    }
     return serialize(message);
 }
 
@@ -178,6 +215,12 @@ Bytes encode(const FileHeader& header) {
             throw EncodingError(std::string("cannot encode creationDate: ") + error.what());
         }
     }
+    if (header.offer) {
+        message["offer"] = true;
+    }
+    if (header.from) {
+        message["from"] = *header.from;
+    }
     return serialize(message);
 }
 
@@ -191,6 +234,19 @@ Bytes encode(const Ack& ack) {
     return serialize(message);
 }
 
+Bytes encode(const Holding& holding) {
+    ordered_json message;
+    message["name"] = holding.name;
+    message["holding"] = wireString(holding.kind);
+    if (holding.bytes) {
+        message["bytes"] = *holding.bytes;
+    }
+    if (holding.prefixSha256) {
+        message["prefixSha256"] = *holding.prefixSha256;
+    }
+    return serialize(message);
+}
+
 template <> SessionHeader decode<SessionHeader>(ByteView payload) {
     const FieldReader reader("SessionHeader", payload);
     return SessionHeader{
@@ -198,6 +254,8 @@ template <> SessionHeader decode<SessionHeader>(ByteView payload) {
         .direction = reader.requiredEnum("direction", {SessionHeader::Direction::macToPhone,
                                                        SessionHeader::Direction::phoneToMac}),
         .albumName = reader.optionalString("albumName"),
+        .resume = reader.extensionSigned("resume"),
+        .device = reader.extensionString("device"),
     };
 }
 
@@ -209,16 +267,47 @@ template <> FileHeader decode<FileHeader>(ByteView payload) {
         .byteCount = reader.requiredUnsigned("byteCount"),
         .sha256 = reader.requiredString("sha256"),
         .creationDate = reader.optionalDate("creationDate"),
+        .offer = reader.extensionFlag("offer"),
+        .from = reader.extensionUnsigned("from"),
     };
 }
 
-template <> Ack decode<Ack>(ByteView payload) {
-    const FieldReader reader("Ack", payload);
+namespace {
+
+Holding holdingFrom(const FieldReader& reader) {
+    return Holding{
+        .name = reader.requiredString("name"),
+        .kind = reader.requiredEnum(
+            "holding", {Holding::Kind::saved, Holding::Kind::partial, Holding::Kind::none}),
+        .bytes = reader.extensionUnsigned("bytes"),
+        .prefixSha256 = reader.extensionString("prefixSha256"),
+    };
+}
+
+Ack ackFrom(const FieldReader& reader) {
     return Ack{
         .name = reader.requiredString("name"),
         .status = reader.requiredEnum("status", {Ack::Status::ok, Ack::Status::error}),
         .message = reader.optionalString("message"),
     };
+}
+
+} // namespace
+
+template <> Ack decode<Ack>(ByteView payload) {
+    return ackFrom(FieldReader("Ack", payload));
+}
+
+template <> Holding decode<Holding>(ByteView payload) {
+    return holdingFrom(FieldReader("Holding", payload));
+}
+
+std::variant<Ack, Holding> decodeReply(ByteView payload) {
+    const FieldReader reader("reply", payload);
+    if (reader.has("holding")) {
+        return holdingFrom(reader);
+    }
+    return ackFrom(reader);
 }
 
 } // namespace kestrelvane::WireMessage

@@ -3,9 +3,11 @@
 #include "KestrelvaneKit/wire/Ack.h"
 #include "KestrelvaneKit/wire/Bytes.h"
 #include "KestrelvaneKit/wire/FileHeader.h"
+#include "KestrelvaneKit/wire/Holding.h"
 #include "KestrelvaneKit/wire/SessionHeader.h"
 
 #include <stdexcept>
+#include <variant>
 
 namespace kestrelvane {
 
@@ -30,6 +32,7 @@ public:
 Bytes encode(const SessionHeader& header);
 Bytes encode(const FileHeader& header);
 Bytes encode(const Ack& ack);
+Bytes encode(const Holding& holding);
 
 /// The message of type T in `payload`; unknown keys are ignored and a null
 /// optional is absent. Throws DecodingError.
@@ -38,6 +41,11 @@ template <class T> T decode(ByteView payload);
 template <> SessionHeader decode<SessionHeader>(ByteView payload);
 template <> FileHeader decode<FileHeader>(ByteView payload);
 template <> Ack decode<Ack>(ByteView payload);
+template <> Holding decode<Holding>(ByteView payload);
+
+/// What a receiver speaking the resume extension writes: an acknowledgement,
+/// or a holding (the frame has the key "holding"). Throws DecodingError.
+std::variant<Ack, Holding> decodeReply(ByteView payload);
 
 } // namespace WireMessage
 } // namespace kestrelvane
