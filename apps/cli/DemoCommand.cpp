@@ -160,6 +160,9 @@ int runDemo(const std::vector<std::string>& arguments) {
 
     const fs::path socket = work / "usbmuxd.socket";
     const fs::path program = simulatorProgram();
+    // The virtual iPhone keeps what it would resume in the demo's folder,
+    // not in the user's cache.
+    ::setenv("XDG_CACHE_HOME", (work / "cache").c_str(), 1);
     Simulator simulator(program, socket, phone);
     if (!simulator.waitUntilListening(simulatorStartDeadline)) {
         std::fprintf(stderr, "kestrelvane demo: the usbmuxd simulator (%s) did not start\n",

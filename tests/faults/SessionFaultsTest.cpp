@@ -4,6 +4,7 @@
 // completes the batch with nothing lost and nothing doubled. The connection
 // drops at every stage, on either end; a receiver hangs up without reading;
 // files change between planning and sending, or while they are sent.
+#include "KestrelvaneKit/intake/Checksum.h"
 #include "KestrelvaneKit/sending/PreparedFile.h"
 #include "support/CaughtError.h"
 #include "support/EngineSession.h"
@@ -223,6 +224,30 @@ INSTANTIATE_TEST_SUITE_P(WithPartial, ResumeExtension,
                          ::testing::Values(Resumption{"Intact", false},
                                            Resumption{"Tampered", true}),
                          [](const auto& resumption) { return std::string(resumption.param.name); });
+
+// A sender that does not announce the extension, whatever unknown keys it
+// writes, hears from a receiver that speaks it exactly what a version-1
+// receiver says: one acknowledgement per file, byte for byte.
+TEST(ResumeExtension, AVersionOneSenderHearsTheVersionOneConversation) {
+    TemporaryFolder destination, scratch, partials;
+    EngineSession session;
+    session.partials = partials.path();
+    session.serveFolder(destination.path(), scratch.path());
+    const auto json = [](const std::string& text) { return asBytes(text); };
+    const Bytes photo = pattern(5000, 7);
+    FrameChannel& sender = session.sender();
+    sender.sendFrame(json(R"({"schemaVersion":1,"direction":"macToPhone","resume":"yes"})"));
+    sender.sendFrame(json(R"({"name":"IMG_0001.jpg","mediaType":"photo","byteCount":5000,)"
+                          R"("sha256":")" +
+                          Checksum::sha256Hex(photo) + R"(","offer":"no","from":[1]})"));
+    sender.sendRaw(photo);
+    EXPECT_EQ(sender.receiveFrame(FrameChannel::maxMessageBytes),
+              WireMessage::encode(Ack{.name = "IMG_0001.jpg", .status = Ack::Status::ok}));
+    session.endSending(Side::sender);
+    EXPECT_TRUE(session.finish());
+    EXPECT_EQ(readBytes(destination.path() / "IMG_0001.jpg"), photo);
+    EXPECT_EQ(filesUnder(partials.path()), std::vector<std::string>{});
+}
 
 // A receiver that hangs up its side of a real socket and stops reading while
 // the sender still has bytes to write: the send ends instead of waiting for ever.

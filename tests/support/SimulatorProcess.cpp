@@ -30,7 +30,10 @@ SimulatorProcess::SimulatorProcess(const std::vector<std::string>& phones,
         argv.insert(argv.end(), {"--phone", phone});
     }
     argv.insert(argv.end(), extra.begin(), extra.end());
-    process_ = std::make_unique<ChildProcess>(argv, environment);
+    // Its phones keep partial files in a cache of their own, not the user's.
+    ChildProcess::Environment ownEnvironment = environment;
+    ownEnvironment.emplace_back("XDG_CACHE_HOME", (folder_.path() / "cache").string());
+    process_ = std::make_unique<ChildProcess>(argv, ownEnvironment);
     // The first line says the socket takes connections.
     const auto line = process_->readLine();
     if (line != "listening on " + socketPath()) {

@@ -21,7 +21,7 @@ std::string simulatorProgram();
 /// The usbmuxd simulator run as a program, listening on a socket in a folder
 /// of its own, with one virtual phone per entry of `phones` ("SERIAL,PRODUCT,
 /// RECEIVER", as its --phone takes them) and `extra` arguments after them,
-/// `environment` added to its own.
+/// `environment` added to its own (XDG_CACHE_HOME is a folder of its own).
 /// Ready once constructed (throws when it does not start); ended when destroyed.
 class SimulatorProcess {
 public:

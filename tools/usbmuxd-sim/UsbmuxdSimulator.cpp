@@ -302,7 +302,7 @@ bool UsbmuxdSimulator::handle(const std::shared_ptr<Connection>& connection, std
         }
         reply(*connection, tag, result(resultOK), format);
         say("tunnel to " + phone->serial + " port " + std::to_string(port));
-        phone->serve(connection->fd.get());
+        phone->serve(connection->fd.get(), port);
         return false;
     }
     if (type == "Attach") {
@@ -332,6 +332,7 @@ bool UsbmuxdSimulator::handle(const std::shared_ptr<Connection>& connection, std
 }
 
 std::int64_t UsbmuxdSimulator::attach(VirtualPhone phone) {
+    phone.versionOne = phone.versionOne || options_.versionOne;
     phone.switchOn([this](const std::string& line) { say(line); });
     std::int64_t id = 0;
     PropertyList event = PropertyList::dictionary();

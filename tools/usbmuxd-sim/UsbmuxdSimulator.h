@@ -32,6 +32,8 @@ public:
         std::optional<std::uint16_t> tcpPort{}; ///< ...or on loopback at this port (0: any)
         std::vector<VirtualPhone> phones{};
         std::string buid = "4B455354-524C-5641-4E45-53494D554C41";
+        /// Every phone speaks only the first version of the protocol.
+        bool versionOne = false;
     };
 
     explicit UsbmuxdSimulator(Options options);

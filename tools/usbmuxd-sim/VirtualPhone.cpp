@@ -66,8 +66,11 @@ VirtualPhone VirtualPhone::parse(const std::string& description) {
 }
 
 bool VirtualPhone::accepts(std::uint16_t port) const noexcept {
-    return port == KestrelvaneService::listenerPort && receiver != Receiver::none &&
-           receiver != Receiver::vanished;
+    const bool extended =
+        !versionOne && (receiver == Receiver::folder || receiver == Receiver::test);
+    return (port == KestrelvaneService::listenerPort && receiver != Receiver::none &&
+            receiver != Receiver::vanished) ||
+           (port == KestrelvaneService::extensionPort && extended);
 }
 
 void VirtualPhone::switchOn(OnLine onLine) {
@@ -77,6 +80,13 @@ void VirtualPhone::switchOn(OnLine onLine) {
     ReceiverService::Options options;
     if (receiver == Receiver::folder) {
         options.folder = folder;
+    }
+    if (!versionOne) {
+        try {
+            options.partials = ReceiverService::defaultPartialsFolder();
+        } catch (const std::exception&) {
+            versionOne = true; // nowhere to keep partials: the first version only
+        }
     }
     service_ = std::make_shared<ReceiverService>(
         options,
@@ -92,7 +102,7 @@ void VirtualPhone::switchOn(OnLine onLine) {
         });
 }
 
-void VirtualPhone::serve(int fd) const {
+void VirtualPhone::serve(int fd, std::uint16_t port) const {
     if (receiver == Receiver::echo) {
         echo(fd);
         return;
@@ -101,7 +111,8 @@ void VirtualPhone::serve(int fd) const {
     // can shut the tunnel down from outside.
     FileDescriptor own(::dup(fd));
     if (service_ && own) {
-        service_->serve(UsbPhones::stream(std::move(own)));
+        service_->serve(UsbPhones::stream(std::move(own)),
+                        port == KestrelvaneService::extensionPort);
     }
 }
 

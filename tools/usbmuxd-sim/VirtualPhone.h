@@ -27,6 +27,9 @@ struct VirtualPhone {
     std::int64_t productID = 0;
     Receiver receiver = Receiver::test;
     std::filesystem::path folder{};
+    /// Speaks only the first version of the protocol: nothing listens on the
+    /// extension port.
+    bool versionOne = false;
 
     /// "SERIAL,PRODUCTID,RECEIVER" with RECEIVER one of folder=DIR, test,
     /// echo, none, vanished; PRODUCTID in decimal or 0x-hex. Throws
@@ -43,9 +46,9 @@ struct VirtualPhone {
     /// Throws std::system_error when it cannot. Nothing to do for echo,
     /// none and vanished.
     void switchOn(OnLine onLine);
-    /// Serves one tunnel on the connected socket `fd` until the sender hangs
-    /// up. Does not close `fd`.
-    void serve(int fd) const;
+    /// Serves one tunnel to `port` on the connected socket `fd` until the
+    /// sender hangs up. Does not close `fd`.
+    void serve(int fd, std::uint16_t port) const;
 
 private:
     std::shared_ptr<ReceiverService> service_{};

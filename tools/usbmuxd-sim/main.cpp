@@ -18,6 +18,10 @@ through USBMUXD_SOCKET_ADDRESS=UNIX:PATH (or 127.0.0.1:PORT).
   --tcp PORT      listen on 127.0.0.1:PORT and [::1]:PORT (0 picks a free port)
   --phone PHONE   attach a virtual phone at start; repeatable
   --buid TEXT     the answer to ReadBUID
+  --version-1     phones speak only the first version of the protocol: nothing
+                  listens on port 9877, where a phone that speaks the resume
+                  extension listens too (with its partial files kept under
+                  $XDG_CACHE_HOME/kestrelvane/partials)
   -h, --help      this text
 
 PHONE is SERIAL,PRODUCTID,RECEIVER, where PRODUCTID is decimal or 0x-hex and
@@ -66,6 +70,10 @@ int main(int argc, char** argv) {
         if (arg == "-h" || arg == "--help") {
             std::cout << usage;
             return 0;
+        }
+        if (arg == "--version-1") {
+            options.versionOne = true;
+            continue;
         }
         if (i + 1 == argc) {
             return fail("unknown or incomplete option '" + arg + "'");

@@ -156,9 +156,9 @@ void ReceiverService::joinThreads(bool all) {
     }
 }
 
-void ReceiverService::serve(const std::shared_ptr<KestrelvaneStream>& stream) {
+void ReceiverService::serve(const std::shared_ptr<KestrelvaneStream>& stream, bool resume) {
     if (const auto number = admit(stream)) {
-        runSession(stream, *number);
+        runSession(stream, *number, {}, resume ? std::optional<std::string>("") : std::nullopt);
     }
 }
 
@@ -222,7 +222,8 @@ void ReceiverService::runSession(const std::shared_ptr<KestrelvaneStream>& inner
         TransferServer server(*saver, scratch_.path());
         server.setOnRejected(onFile);
         if (resumeDevice && options_.partials) {
-            server.enableResume(PartialStore(*options_.partials), resumeDevice);
+            server.enableResume(PartialStore(*options_.partials),
+                                resumeDevice->empty() ? std::nullopt : resumeDevice);
         }
         server.run(channel, onFile);
     } catch (const std::exception& error) {

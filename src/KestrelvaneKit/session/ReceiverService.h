@@ -84,8 +84,10 @@ public:
     void run(TcpListener& listener, bool once = false);
     /// Serves one session over `stream` on the calling thread, unless
     /// maxSessions are running already (then the stream is closed and
-    /// refused reported). Returns when the session has ended.
-    void serve(const std::shared_ptr<KestrelvaneStream>& stream);
+    /// refused reported). Returns when the session has ended. With
+    /// `resume` (a phone's extension port) the session speaks the resume
+    /// extension if the sender announces it and `partials` is set.
+    void serve(const std::shared_ptr<KestrelvaneStream>& stream, bool resume = false);
     /// From any thread: stops accepting and closes every session's connection
     /// (a file cut short is the sender's to resend). Later connections are closed at once.
     void stop() noexcept;
@@ -98,8 +100,9 @@ private:
 
     /// Takes a session place and a number; none when the service is full.
     std::optional<int> admit(const std::shared_ptr<KestrelvaneStream>& stream);
-    /// Serves one session; with `resumeDevice` (the sender proved to be
-    /// that device) it speaks the resume extension if the sender announces it.
+    /// Serves one session; with `resumeDevice` it speaks the resume
+    /// extension if the sender announces it, tying partial files to that
+    /// device (the one the transport proved; empty: the one the sender names).
     void runSession(const std::shared_ptr<KestrelvaneStream>& stream, int number,
                     const std::string& peer = {},
                     const std::optional<std::string>& resumeDevice = {});

@@ -1,6 +1,8 @@
 #include "KestrelvaneKit/session/UsbPhones.h"
 
+#include "KestrelvaneKit/network/DeviceIdentity.h"
 #include "KestrelvaneKit/session/ConnectError.h"
+#include "KestrelvaneKit/session/ExtendedStream.h"
 #include "KestrelvaneKit/usb/UsbmuxdProtocol.h"
 #include "KestrelvaneKit/usb/UsbmuxdStream.h"
 
@@ -41,6 +43,20 @@ void UsbPhones::fail() const {
     }
 }
 
+namespace {
+
+/// This device's fingerprint, which partial files on the phone are tied to;
+/// empty when the key cannot be had (the phone then keeps no partials).
+std::string thisDevice() {
+    try {
+        return DeviceIdentity::loadOrCreate(DeviceIdentity::defaultFolder()).fingerprint().hex();
+    } catch (const std::exception&) {
+        return {};
+    }
+}
+
+} // namespace
+
 std::vector<UsbPhones::Phone> UsbPhones::list() {
     try {
         return client_.listDevices();
@@ -69,7 +85,15 @@ std::shared_ptr<KestrelvaneStream> UsbPhones::connect(const std::string& serial)
                                : "no iPhone " + serial + " attached (usbmuxd at " + daemon() +
                                      " lists " + std::to_string(phones.size()) + " other)");
     }
-    Probe probe = this->probe(*phone);
+    // A phone that speaks the resume extension listens on its own port too;
+    // one that does not refuses it at once, and gets the first version.
+    Probe probe = this->probe(*phone, KestrelvaneService::extensionPort);
+    if (probe.outcome == Probe::Outcome::listening) {
+        return std::make_shared<ExtendedStream>(stream(std::move(probe.tunnel)), thisDevice());
+    }
+    if (probe.outcome == Probe::Outcome::notListening) {
+        probe = this->probe(*phone);
+    }
     switch (probe.outcome) {
     case Probe::Outcome::listening:
         return stream(std::move(probe.tunnel));
