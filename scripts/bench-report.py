@@ -31,18 +31,27 @@ LABELS = {
     ("tcp", "photos"): "kestrelvane send/receive over TCP, tmpfs",
     ("tls", "photos"): "the same over TLS 1.3, paired devices",
     ("usb", "photos"): "kestrelvane send over the usbmuxd simulator, tmpfs",
+    ("tls_held", "photos"): "the same photos again to a receiver that holds them",
+    ("resume_tls_dropped", "resume"): "over TLS, after the connection dropped at 90 %",
+    ("resume_tls_killed", "resume"): "over TLS, after the receiver was killed at 90 %",
+    ("resume_usb_dropped", "resume"): "over USB, after the connection dropped at 90 %",
+    ("resume_usb_killed", "resume"): "over USB, after the phone was killed at 90 %",
     ("queue_model", "queue"): "app queue model takes a drop (offscreen)",
     ("queue_view", "queue"): "app queue model shown in a list view (offscreen)",
 }
 # The GUI thread may not go longer than this without running its event loop.
 MAX_STALL_MS = 50.0
-KESTRELVANE = {"socketpair", "tcp", "tls", "usb", "tcp_disk"}
+KESTRELVANE = {"socketpair", "tcp", "tls", "usb", "tcp_disk", "tls_held"}
 BASELINES = {
     "large": ["sha256", "sha256_speed", "dd_fsync", "unix_socket", "rsync"],
     "photos": ["sha256", "sha256_speed", "rsync"],
+    "resume": [],
 }
-# The send in clear is the baseline of the send over TLS alone.
-OWN_BASELINES = {"tls": ["tcp"]}
+# The send in clear is the baseline of the send over TLS alone; the first
+# send of the photos that of sending them again.
+OWN_BASELINES = {"tls": ["tcp"], "tls_held": ["tls"]}
+# A send after a break at 90 % may move at most this share of the file.
+MAX_RESUMED_SHARE = 0.12
 # (kind, set, baseline or None, least ratio or files/s, what it asks)
 TARGETS = [
     ("tcp", "large", "sha256", 0.6, "at least 0.6x openssl dgst -sha256"),
@@ -61,9 +70,13 @@ TARGETS = [
 
 def main():
     raw, out, runs = sys.argv[1], sys.argv[2], int(sys.argv[3])
-    timings, memory, stalls = {}, {}, {}
+    timings, memory, stalls, moved = {}, {}, {}, {}
     for line in open(raw):
         fields = line.rstrip("\n").split("\t")
+        if fields[0] == "moved":  # name, bytes sent, file size, bytes held before
+            moved.setdefault(fields[1], []).append(
+                (int(fields[2]) / int(fields[3]), int(fields[4]) / int(fields[3])))
+            continue
         if fields[0] == "memory":
             memory.setdefault(fields[1], []).append(int(fields[2]))
             continue
@@ -92,6 +105,9 @@ def main():
             "files_per_s": entry["files"] / seconds,
         }
     for (kind, group), figure in figures.items():
+        if kind in moved:
+            figure["moved_share_each_run"] = [share for share, _ in moved[kind]]
+            figure["held_share_each_run"] = [held for _, held in moved[kind]]
         if kind in stalls:
             figure["longest_stall_ms_each_run"] = stalls[kind]["longest_stall_ms"]
             figure["longest_busy_ms_each_run"] = stalls[kind]["longest_busy_ms"]
@@ -131,6 +147,10 @@ def main():
             targets.append({"figure": f"{kind}/stall", "target": "GUI thread stall at most 50 ms",
                             "value": figure["longest_stall_ms"],
                             "met": figure["longest_stall_ms"] <= MAX_STALL_MS})
+    for kind, shares in sorted(moved.items()):
+        worst = max(share for share, _ in shares)
+        targets.append({"figure": kind, "target": "moves at most 12 % of the file",
+                        "value": worst, "met": worst <= MAX_RESUMED_SHARE})
     peaks = {name: max(values) for name, values in memory.items()}
     for name, peak in sorted(peaks.items()):
         if name.endswith("-large-receiver"):
@@ -149,7 +169,8 @@ def main():
         stream.write("\n")
 
     print()
-    for group, title in (("large", "Large files"), ("photos", "Many photos")):
+    for group, title in (("large", "Large files"), ("photos", "Many photos"),
+                         ("resume", "A video sent again after a break")):
         rows = [f for f in ordered if f["set"] == group]
         if not rows:
             continue
@@ -157,6 +178,12 @@ def main():
         print(f"{title}: {first['files']} files, {first['bytes'] / MIB:.0f} MiB, "
               f"median of {runs} run(s)")
         names = BASELINES[group] + sorted({b for own in OWN_BASELINES.values() for b in own})
+        if group == "resume":
+            for figure in rows:
+                print(f"  {figure['label']:<52} {figure['MiB_per_s']:>8.1f} MiB/s of the file, "
+                      f"moved {max(figure.get('moved_share_each_run', [0])):.1%}")
+            print()
+            continue
         header = f"  {'':<52} {'MiB/s':>8} {'files/s':>8}" + "".join(f" {'x ' + n:>13}" for n in names)
         print(header)
         for figure in rows:

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "KestrelvaneKit/receiving/AsyncQueue.h"
 #include "KestrelvaneKit/wire/Ack.h"
+#include "KestrelvaneKit/wire/AsyncQueue.h"
 #include "KestrelvaneKit/wire/FileHeader.h"
 #include "KestrelvaneKit/wire/SessionHeader.h"
 

@@ -4,13 +4,13 @@
 #include "KestrelvaneKit/log/KVLog.h"
 #include "KestrelvaneKit/log/TransferMetrics.h"
 #include "KestrelvaneKit/sending/PreparedFile.h"
+#include "KestrelvaneKit/wire/AsyncQueue.h"
 #include "KestrelvaneKit/wire/UnicodeText.h"
 #include "KestrelvaneKit/wire/WireMessage.h"
 
 #include <algorithm>
 #include <atomic>
 #include <condition_variable>
-#include <deque>
 #include <future>
 #include <map>
 #include <memory>
@@ -120,43 +120,6 @@ private:
     std::multimap<std::string, std::size_t> unsettled_;
     std::vector<File> files_;
     std::size_t offered_ = 0;
-};
-
-/// Holdings on their way from the reader to the writer, which waits for the
-/// one answering each offer. Once closed (the reader has ended), a wait
-/// throws StreamError::closed.
-class Holdings {
-public:
-    void post(Holding holding) {
-        {
-            const std::lock_guard lock(mutex_);
-            waiting_.push_back(std::move(holding));
-        }
-        changed_.notify_all();
-    }
-    void close() {
-        {
-            const std::lock_guard lock(mutex_);
-            closed_ = true;
-        }
-        changed_.notify_all();
-    }
-    Holding next() {
-        std::unique_lock lock(mutex_);
-        changed_.wait(lock, [this] { return closed_ || !waiting_.empty(); });
-        if (waiting_.empty()) {
-            throw StreamError::closed();
-        }
-        Holding holding = std::move(waiting_.front());
-        waiting_.pop_front();
-        return holding;
-    }
-
-private:
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    std::deque<Holding> waiting_;
-    bool closed_ = false;
 };
 
 /// A receiver that breaks the resume extension's rules.
@@ -321,7 +284,7 @@ std::vector<Ack> TransferClient::send(const std::vector<fs::path>& files, FrameC
     // With the resume extension, the reader hands the writer the holding that
     // answers each offer (docs/protocol.md).
     const bool resuming = session.resume.has_value();
-    Holdings holdings;
+    AsyncQueue<Holding> holdings;
 
     std::jthread writer([&] {
         // Outside the try, so that on a failure the other side is woken
@@ -342,7 +305,11 @@ std::vector<Ack> TransferClient::send(const std::vector<fs::path>& files, FrameC
                     header.offer = true;
                     over.sendFrame(WireMessage::encode(header));
                     header.offer = false;
-                    const Holding holding = holdings.next();
+                    const auto answer = holdings.next();
+                    if (!answer) {
+                        throw StreamError::closed(); // the reader has ended
+                    }
+                    const Holding& holding = *answer;
                     if (holding.kind == Holding::Kind::saved) {
                         continue; // settled by the reader
                     }
@@ -402,7 +369,7 @@ std::vector<Ack> TransferClient::send(const std::vector<fs::path>& files, FrameC
                         settled = acksBox.settleOffered(*holding);
                         ack = Ack{.name = holding->name, .status = Ack::Status::ok};
                     }
-                    holdings.post(std::move(*holding));
+                    holdings.publish(std::move(*holding));
                     if (!saved) {
                         continue;
                     }
@@ -444,7 +411,7 @@ std::vector<Ack> TransferClient::send(const std::vector<fs::path>& files, FrameC
     } catch (...) {
         tearDown(std::current_exception());
     }
-    holdings.close(); // a writer waiting for a holding waits no more
+    holdings.finish(); // a writer waiting for a holding waits no more
     writer.join();
     for (; filesHeld > 0; --filesHeld) {
         window.release(std::exchange(bytesHeld, 0));
