@@ -249,6 +249,38 @@ TEST(ResumeExtension, AVersionOneSenderHearsTheVersionOneConversation) {
     EXPECT_EQ(filesUnder(partials.path()), std::vector<std::string>{});
 }
 
+// The sender may offer the next file before it sends the current one: the
+// receiver answers both offers at once, in order; a third offer before the
+// first file ends the session.
+TEST(ResumeExtension, OneOfferAheadIsAnsweredAtOnceAndNoMore) {
+    TemporaryFolder destination, scratch, partials;
+    EngineSession session;
+    session.partials = partials.path();
+    session.serveFolder(destination.path(), scratch.path());
+    FrameChannel& sender = session.sender();
+    const auto headerOf = [](const std::string& name, const Bytes& bytes, bool offer) {
+        return FileHeader{.name = name,
+                          .byteCount = bytes.size(),
+                          .sha256 = Checksum::sha256Hex(bytes),
+                          .offer = offer};
+    };
+    const Bytes first = pattern(3000, 1), second = pattern(4000, 2);
+    sender.sendFrame(WireMessage::encode(SessionHeader{.resume = 1}));
+    for (const auto& [name, bytes] : {std::pair{"A.jpg", first}, std::pair{"B.jpg", second}}) {
+        sender.sendFrame(WireMessage::encode(headerOf(name, bytes, true)));
+    }
+    for (const char* name : {"A.jpg", "B.jpg"}) {
+        EXPECT_EQ(WireMessage::decode<Holding>(sender.receiveFrame(FrameChannel::maxMessageBytes)),
+                  (Holding{.name = name, .kind = Holding::Kind::none}));
+    }
+    sender.sendFrame(WireMessage::encode(headerOf("A.jpg", first, false)));
+    sender.sendRaw(first);
+    sender.sendFrame(WireMessage::encode(headerOf("C.jpg", second, true)));
+    sender.sendFrame(WireMessage::encode(headerOf("D.jpg", second, true)));
+    EXPECT_TRUE(session.finish()) << "a second offer ahead did not end the session";
+    EXPECT_EQ(filesUnder(destination.path()), std::vector<std::string>{"A.jpg"});
+}
+
 // A receiver that hangs up its side of a real socket and stops reading while
 // the sender still has bytes to write: the send ends instead of waiting for ever.
 TEST(HalfClosedReceiver, EndsTheSendInsteadOfLeavingTheWriterBlocked) {

@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <deque>
 #include <fcntl.h>
 #include <optional>
 #include <thread>
@@ -110,6 +111,12 @@ struct TransferServer::Incoming {
     std::optional<PartialStore::Key> partial{}; // kept if the session breaks
 };
 
+struct TransferServer::Offered {
+    FileHeader offer{};
+    std::optional<std::uint64_t> heldBytes{}; // as the holding said
+    Incoming incoming{};
+};
+
 void TransferServer::enableResume(PartialStore partials, std::optional<std::string> provenDevice) {
     partials_ = std::move(partials);
     provenDevice_ = std::move(provenDevice);
@@ -135,15 +142,32 @@ void TransferServer::runReader(FrameChannel& channel, const OnEvent& onEvent) {
     // One piece's memory for the whole session: file bytes are received into
     // it, hashed and written from it.
     Bytes pieceBuffer(static_cast<std::size_t>(pieceBytes));
+    // Offers answered whose files are still to come: the sender may offer
+    // the next file before it sends the current one, and no further ahead.
+    std::deque<Offered> offered;
     bool sessionGoesOn = true;
     while (sessionGoesOn) {
         const FileHeader header =
             WireMessage::decode<FileHeader>(channel.receiveFrame(maxHeaderFrameBytes));
-        if (header.byteCount > maxFileBytes || (resuming && (!header.offer || header.from))) {
+        if (header.byteCount > maxFileBytes) {
             return;
         }
+        if (resuming && header.offer) {
+            if (header.from || offered.size() > 1) {
+                return;
+            }
+            if (auto answered = answerOffer(channel, header, device, onEvent)) {
+                offered.push_back(std::move(*answered));
+            }
+            continue;
+        }
         if (resuming) {
-            answerOffer(channel, header, device, pieceBuffer, sessionGoesOn, onEvent);
+            if (offered.empty()) {
+                return; // a file nobody offered
+            }
+            Offered file = std::move(offered.front());
+            offered.pop_front();
+            receiveOffered(channel, header, std::move(file), pieceBuffer, sessionGoesOn);
             continue;
         }
         Incoming incoming;
@@ -156,9 +180,10 @@ void TransferServer::runReader(FrameChannel& channel, const OnEvent& onEvent) {
     }
 }
 
-void TransferServer::answerOffer(FrameChannel& channel, const FileHeader& offer,
-                                 const std::string& device, MutableByteView pieceBuffer,
-                                 bool& sessionGoesOn, const OnEvent& onEvent) {
+std::optional<TransferServer::Offered> TransferServer::answerOffer(FrameChannel& channel,
+                                                                   const FileHeader& offer,
+                                                                   const std::string& device,
+                                                                   const OnEvent& onEvent) {
     if (saver_.holds(offer)) {
         // The holding settles the file for the sender as an "ok" would.
         channel.sendFrame(
@@ -168,9 +193,10 @@ void TransferServer::answerOffer(FrameChannel& channel, const FileHeader& offer,
                           .ack = Ack{.name = offer.name, .status = Ack::Status::ok},
                           .held = true});
         }
-        return;
+        return std::nullopt;
     }
-    Incoming incoming;
+    Offered offered{.offer = offer};
+    Incoming& incoming = offered.incoming;
     Holding holding{.name = offer.name, .kind = Holding::Kind::none};
     if (!device.empty()) {
         incoming.partial = PartialStore::Key{.device = device,
@@ -191,17 +217,23 @@ void TransferServer::answerOffer(FrameChannel& channel, const FileHeader& offer,
             }
         }
     }
+    offered.heldBytes = holding.bytes;
     channel.sendFrame(WireMessage::encode(holding));
+    return offered;
+}
 
-    const FileHeader header =
-        WireMessage::decode<FileHeader>(channel.receiveFrame(maxHeaderFrameBytes));
+void TransferServer::receiveOffered(FrameChannel& channel, const FileHeader& header,
+                                    Offered offered, MutableByteView pieceBuffer,
+                                    bool& sessionGoesOn) {
     const std::uint64_t from = header.from.value_or(0);
-    const bool sameFile = !header.offer && header.name == offer.name &&
-                          header.byteCount == offer.byteCount && header.sha256 == offer.sha256;
-    if (!sameFile || (from != 0 && from != holding.bytes)) {
+    const FileHeader& offer = offered.offer;
+    const bool sameFile = header.name == offer.name && header.byteCount == offer.byteCount &&
+                          header.sha256 == offer.sha256;
+    if (!sameFile || (from != 0 && from != offered.heldBytes)) {
         sessionGoesOn = false; // the sender broke the extension's rules
         return;
     }
+    Incoming& incoming = offered.incoming;
     if (from == 0) {
         incoming.hasher = Sha256Hasher(); // what was held is not used
     }

@@ -66,8 +66,16 @@ private:
     void runReader(FrameChannel& channel, const OnEvent& onEvent);
     /// One file of the resume extension: its offer, the holding, and then
     /// the file, if the receiver does not hold it already.
-    void answerOffer(FrameChannel& channel, const FileHeader& offer, const std::string& device,
-                     MutableByteView pieceBuffer, bool& sessionGoesOn, const OnEvent& onEvent);
+    /// An offer answered, whose file is still to come.
+    struct Offered;
+
+    /// Answers an offer of the resume extension with what the receiver
+    /// holds; the file to expect, none when it is saved already.
+    std::optional<Offered> answerOffer(FrameChannel& channel, const FileHeader& offer,
+                                       const std::string& device, const OnEvent& onEvent);
+    /// The file header and bytes that follow an answered offer.
+    void receiveOffered(FrameChannel& channel, const FileHeader& header, Offered offered,
+                        MutableByteView pieceBuffer, bool& sessionGoesOn);
     void receiveFile(FrameChannel& channel, const FileHeader& header, MutableByteView pieceBuffer,
                      bool& sessionGoesOn, Incoming incoming);
     std::filesystem::path temporaryFileFor(const std::string& name) const;

@@ -10,7 +10,9 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
+#include <deque>
 #include <future>
 #include <map>
 #include <memory>
@@ -59,19 +61,28 @@ public:
     /// The writer offers the `i`th file, of `byteCount` bytes, to the receiver.
     void offering(std::size_t i, std::uint64_t byteCount) {
         const std::lock_guard lock(mutex_);
-        offered_ = i;
+        offered_.push_back(i);
         files_[i].size = byteCount;
     }
 
-    /// The receiver holds the file on offer whole: its holding settles it as
-    /// an "ok" would, and nothing of it is sent or takes room in the window.
-    Settled settleOffered(const Holding& holding) {
+    /// The receiver's holding answers the oldest offer still open. When the
+    /// file is saved already, the holding settles it as an "ok" would, and
+    /// nothing of it is sent or takes room in the window.
+    Settled answered(const Holding& holding) {
         const std::lock_guard lock(mutex_);
+        if (offered_.empty()) {
+            return {};
+        }
+        const std::size_t i = offered_.front();
+        offered_.pop_front();
+        if (holding.kind != Holding::Kind::saved) {
+            return {};
+        }
         acks_.push_back(Ack{.name = holding.name, .status = Ack::Status::ok});
         for (auto entry = unsettled_.begin(); entry != unsettled_.end(); ++entry) {
-            if (entry->second == offered_) {
+            if (entry->second == i) {
                 unsettled_.erase(entry);
-                return {&batch_[offered_], 0, files_[offered_].size, false};
+                return {&batch_[i], 0, files_[i].size, false};
             }
         }
         return {};
@@ -119,7 +130,7 @@ private:
     std::vector<Ack> acks_;
     std::multimap<std::string, std::size_t> unsettled_;
     std::vector<File> files_;
-    std::size_t offered_ = 0;
+    std::deque<std::size_t> offered_; // offers whose holding is still to come
 };
 
 /// A receiver that breaks the resume extension's rules.
@@ -293,46 +304,76 @@ std::vector<Ack> TransferClient::send(const std::vector<fs::path>& files, FrameC
         try {
             preparer = std::make_unique<Preparer>();
             std::future<PreparedFile> next = preparer->start(batch[0].path, batch[0].type);
+            const auto offer = [&](std::size_t i, const PreparedFile& file) {
+                FileHeader offered = file.header();
+                offered.offer = true;
+                acksBox.offering(i, offered.byteCount);
+                over.sendFrame(WireMessage::encode(offered));
+            };
+            // The file to send, once prepared; with the extension, already
+            // offered when it was prepared in time to go one offer ahead.
+            std::optional<PreparedFile> current;
+            bool currentOffered = false;
             for (std::size_t i = 0; i < batch.size(); ++i) {
-                PreparedFile current = next.get();
-                if (i + 1 < batch.size()) {
-                    next = preparer->start(batch[i + 1].path, batch[i + 1].type);
+                if (!current) {
+                    current.emplace(next.get());
+                    if (i + 1 < batch.size()) {
+                        next = preparer->start(batch[i + 1].path, batch[i + 1].type);
+                    }
                 }
-                FileHeader header = current.header();
+                FileHeader header = current->header();
                 std::uint64_t from = 0;
+                bool saved = false;
+                std::optional<PreparedFile> upcoming;
                 if (resuming) {
-                    acksBox.offering(i, header.byteCount);
-                    header.offer = true;
-                    over.sendFrame(WireMessage::encode(header));
-                    header.offer = false;
+                    if (!currentOffered) {
+                        offer(i, *current);
+                    }
+                    // The next file's offer goes before this file's bytes when
+                    // it is ready, so that the receiver answers it while they
+                    // are on the wire; waiting for it would stop the overlap.
+                    if (i + 1 < batch.size() &&
+                        next.wait_for(std::chrono::seconds(0)) == std::future_status::ready) {
+                        upcoming.emplace(next.get());
+                        if (i + 2 < batch.size()) {
+                            next = preparer->start(batch[i + 2].path, batch[i + 2].type);
+                        }
+                        offer(i + 1, *upcoming);
+                    }
                     const auto answer = holdings.next();
                     if (!answer) {
                         throw StreamError::closed(); // the reader has ended
                     }
-                    const Holding& holding = *answer;
-                    if (holding.kind == Holding::Kind::saved) {
-                        continue; // settled by the reader
+                    saved = answer->kind == Holding::Kind::saved; // settled by the reader
+                    if (!saved) {
+                        from = sendFrom(*current, *answer);
                     }
-                    from = sendFrom(current, holding);
                     if (from > 0) {
                         header.from = from;
                     }
                 }
-                const std::uint64_t byteCount = header.byteCount - from;
-                window.reserve(byteCount);
-                acksBox.wrote(i, byteCount, from);
-                {
-                    const std::lock_guard lock(heldMutex);
-                    ++filesHeld;
-                    bytesHeld += byteCount;
+                if (!saved) {
+                    const std::uint64_t byteCount = header.byteCount - from;
+                    window.reserve(byteCount);
+                    acksBox.wrote(i, byteCount, from);
+                    {
+                        const std::lock_guard lock(heldMutex);
+                        ++filesHeld;
+                        bytesHeld += byteCount;
+                    }
+                    const std::int64_t depth = window.snapshot().files;
+                    const double t0 = KVLog::now();
+                    over.sendFrame(WireMessage::encode(header));
+                    current->writeBytes(over, from);
+                    const double t1 = KVLog::now();
+                    metrics.record(static_cast<std::int64_t>(byteCount), depth);
+                    KVLog::net().info(KVLog::Lines::sent(header.name, byteCount, t1 - t0, depth));
                 }
-                const std::int64_t depth = window.snapshot().files;
-                const double t0 = KVLog::now();
-                over.sendFrame(WireMessage::encode(header));
-                current.writeBytes(over, from);
-                const double t1 = KVLog::now();
-                metrics.record(static_cast<std::int64_t>(byteCount), depth);
-                KVLog::net().info(KVLog::Lines::sent(header.name, byteCount, t1 - t0, depth));
+                current.reset();
+                currentOffered = upcoming.has_value();
+                if (upcoming) {
+                    current.emplace(std::move(*upcoming));
+                }
             }
         } catch (...) {
             tearDown(acksEndedEarly.load(std::memory_order_acquire) ? acksEnded
@@ -365,8 +406,8 @@ std::vector<Ack> TransferClient::send(const std::vector<fs::path>& files, FrameC
                 auto reply = WireMessage::decodeReply(frame);
                 if (auto* holding = std::get_if<Holding>(&reply)) {
                     const bool saved = holding->kind == Holding::Kind::saved;
+                    settled = acksBox.answered(*holding);
                     if (saved) {
-                        settled = acksBox.settleOffered(*holding);
                         ack = Ack{.name = holding->name, .status = Ack::Status::ok};
                     }
                     holdings.publish(std::move(*holding));
