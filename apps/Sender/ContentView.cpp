@@ -448,6 +448,7 @@ void ContentView::removeSelection() {
 }
 
 void ContentView::sendQueue() {
+    const bool extended = discovery_->state().extended;
     const std::optional<int> fd = discovery_->takeReadyTunnel();
     if (!fd) {
         return;
@@ -455,7 +456,7 @@ void ContentView::sendQueue() {
     discovery_->setPaused(true);
     QPointer<UsbmuxdDiscovery> discovery = discovery_.get();
     // A broken-off send gives up the phone connection, so the next pass opens a fresh one.
-    vm_.send(*fd, [discovery] {
+    vm_.send(*fd, extended, [discovery] {
         if (discovery && discovery->state().kind == Kind::ready) {
             discovery->dropTunnel();
         }

@@ -82,10 +82,11 @@ void SenderViewModel::clearQueue() {
     setStatsLine({});
 }
 
-void SenderViewModel::send(int fd, OnFailure onFailure) {
+void SenderViewModel::send(int fd, bool extended, OnFailure onFailure) {
     // The stream owns the tunnel from here: it is closed with it unless a send takes it.
     startSend(
-        queue_.unsentURLs(), [stream = UsbPhones::stream(FileDescriptor(fd))] { return stream; },
+        queue_.unsentURLs(),
+        [stream = UsbPhones::stream(FileDescriptor(fd), extended)] { return stream; },
         std::move(onFailure));
 }
 

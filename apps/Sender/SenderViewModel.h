@@ -48,9 +48,11 @@ public:
     void clearQueue();
 
     /// Sends every unsent item over the open usbmuxd tunnel `fd`, which this
-    /// call takes over (it is closed even when there is nothing to send).
-    /// `onFailure` runs if the transfer breaks off with files still unsent.
-    void send(int fd, OnFailure onFailure);
+    /// call takes over (it is closed even when there is nothing to send);
+    /// `extended` when it reaches a receiver that speaks the resume
+    /// extension. `onFailure` runs if the transfer breaks off with files
+    /// still unsent.
+    void send(int fd, bool extended, OnFailure onFailure);
     /// Sends `urls` over the stream `makeStream` gives, on a worker thread.
     void startSend(const std::vector<std::filesystem::path>& urls, MakeStream makeStream,
                    OnFailure onFailure);

@@ -100,16 +100,19 @@ void UsbmuxdDiscovery::listed(std::uint64_t generation,
     }
     worker_->runThenDeliver([this, phones = phones_, generation, phone]() -> std::function<void()> {
         std::shared_ptr<UsbPhones::Probe> probe;
+        bool extended = false;
         try {
-            probe = std::make_shared<UsbPhones::Probe>(phones->probe(phone));
+            probe = std::make_shared<UsbPhones::Probe>(phones->probeReceiver(phone, extended));
         } catch (const std::exception&) {
         }
-        return [this, generation, id = phone.id, probe] { connected(generation, id, probe); };
+        return [this, generation, id = phone.id, probe, extended] {
+            connected(generation, id, probe, extended);
+        };
     });
 }
 
 void UsbmuxdDiscovery::connected(std::uint64_t generation, std::int64_t deviceID,
-                                 const std::shared_ptr<UsbPhones::Probe>& probe) {
+                                 const std::shared_ptr<UsbPhones::Probe>& probe, bool extended) {
     // A stop or a pause in the meantime wins; the probe closes an unused tunnel.
     if (generation != generation_) {
         return;
@@ -123,7 +126,7 @@ void UsbmuxdDiscovery::connected(std::uint64_t generation, std::int64_t deviceID
         setState(State::noDevice());
     } else if (probe->outcome == Outcome::listening) {
         const int fd = probe->tunnel.get();
-        setState(State::ready(deviceID, fd), std::move(probe->tunnel));
+        setState(State::ready(deviceID, fd, extended), std::move(probe->tunnel));
     } else {
         setState(State::appNotListening(deviceID));
     }

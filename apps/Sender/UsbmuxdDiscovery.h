@@ -30,13 +30,14 @@ public:
         static State appNotListening(std::int64_t deviceID) {
             return {Kind::appNotListening, deviceID, -1};
         }
-        static State ready(std::int64_t deviceID, int fileDescriptor) {
-            return {Kind::ready, deviceID, fileDescriptor};
+        static State ready(std::int64_t deviceID, int fileDescriptor, bool extended = false) {
+            return {Kind::ready, deviceID, fileDescriptor, extended};
         }
 
         Kind kind = Kind::noDevice;
         std::int64_t deviceID = 0; ///< usbmuxd's device number; 0 for noDevice
         int fileDescriptor = -1;   ///< the held tunnel, for ready
+        bool extended = false;     ///< it reaches a receiver that speaks the resume extension
 
         friend bool operator==(const State&, const State&) = default;
     };
@@ -74,7 +75,7 @@ private:
                 const std::optional<std::vector<UsbPhones::Phone>>& phones);
     /// `probe` is none when usbmuxd failed; an unused tunnel closes with it.
     void connected(std::uint64_t generation, std::int64_t deviceID,
-                   const std::shared_ptr<UsbPhones::Probe>& probe);
+                   const std::shared_ptr<UsbPhones::Probe>& probe, bool extended);
     void endPass(std::uint64_t generation);
     /// Holds `tunnel` (that of a ready state) from now on; closes the one held before.
     void setState(const State& state, FileDescriptor tunnel = {});

@@ -193,6 +193,23 @@ private slots:
 
         QTest::mouseClick(clear, Qt::LeftButton);
         QVERIFY(view.findChild<QWidget*>("emptyState")->isVisible());
+
+        // The same folder again: the phone says it holds every file, so none
+        // is sent or saved a second time.
+        const auto addsBefore = added.count();
+        QDragEnterEvent enterAgain({320, 240}, Qt::CopyAction, &data, Qt::LeftButton,
+                                   Qt::NoModifier);
+        QCoreApplication::sendEvent(&view, &enterAgain);
+        QDropEvent again({320, 240}, Qt::CopyAction, &data, Qt::LeftButton, Qt::NoModifier);
+        QCoreApplication::sendEvent(&view, &again);
+        QTRY_COMPARE_WITH_TIMEOUT(added.count(), addsBefore + 1, 30'000);
+        QTRY_VERIFY_WITH_TIMEOUT(button->isEnabled(), 30'000);
+        QTest::mouseClick(button, Qt::LeftButton);
+        QTRY_VERIFY_WITH_TIMEOUT(!view.viewModel().isSending(), 30'000);
+        QCOMPARE(column(queue), QStringList(3, "saved"));
+        const auto saved = fs::directory_iterator(phoneFolder / "Trip");
+        QCOMPARE(std::distance(fs::begin(saved), fs::end(saved)), 3);
+        QTest::mouseClick(clear, Qt::LeftButton);
         // At the minimum width the toolbar shows the longest device status whole.
         view.resize(view.minimumSize());
         status->setText(ContentView::deviceText(Kind::appNotListening));

@@ -85,18 +85,11 @@ std::shared_ptr<KestrelvaneStream> UsbPhones::connect(const std::string& serial)
                                : "no iPhone " + serial + " attached (usbmuxd at " + daemon() +
                                      " lists " + std::to_string(phones.size()) + " other)");
     }
-    // A phone that speaks the resume extension listens on its own port too;
-    // one that does not refuses it at once, and gets the first version.
-    Probe probe = this->probe(*phone, KestrelvaneService::extensionPort);
-    if (probe.outcome == Probe::Outcome::listening) {
-        return std::make_shared<ExtendedStream>(stream(std::move(probe.tunnel)), thisDevice());
-    }
-    if (probe.outcome == Probe::Outcome::notListening) {
-        probe = this->probe(*phone);
-    }
+    bool extended = false;
+    Probe probe = probeReceiver(*phone, extended);
     switch (probe.outcome) {
     case Probe::Outcome::listening:
-        return stream(std::move(probe.tunnel));
+        return stream(std::move(probe.tunnel), extended);
     case Probe::Outcome::notListening:
         throw ConnectError(ConnectError::Cause::appNotListening,
                            "Kestrelvane is not listening on the iPhone (" + phone->serial +
@@ -112,8 +105,23 @@ std::shared_ptr<KestrelvaneStream> UsbPhones::connect(const std::string& serial)
                            std::to_string(probe.code) + ")");
 }
 
-std::shared_ptr<KestrelvaneStream> UsbPhones::stream(FileDescriptor tunnel) {
-    return std::make_shared<UsbmuxdStream>(std::move(tunnel));
+UsbPhones::Probe UsbPhones::probeReceiver(const Phone& phone, bool& extended) {
+    // A phone that speaks the resume extension listens on its own port too;
+    // one that does not refuses it at once, and gets the first version.
+    Probe probe = this->probe(phone, KestrelvaneService::extensionPort);
+    extended = probe.outcome == Probe::Outcome::listening;
+    if (probe.outcome == Probe::Outcome::notListening) {
+        probe = this->probe(phone);
+    }
+    return probe;
+}
+
+std::shared_ptr<KestrelvaneStream> UsbPhones::stream(FileDescriptor tunnel, bool extended) {
+    auto stream = std::make_shared<UsbmuxdStream>(std::move(tunnel));
+    if (extended) {
+        return std::make_shared<ExtendedStream>(stream, thisDevice());
+    }
+    return stream;
 }
 
 } // namespace kestrelvane

@@ -34,11 +34,16 @@ public:
     /// Connects `port` on `phone`. Throws ConnectError when the daemon fails;
     /// every answer it gives is an outcome.
     Probe probe(const Phone& phone, std::uint16_t port = KestrelvaneService::listenerPort);
+    /// Connects the phone's receiver: on its extension port when a receiver
+    /// that speaks the resume extension listens there (`extended`), else on
+    /// port 9876. Throws ConnectError when the daemon fails.
+    Probe probeReceiver(const Phone& phone, bool& extended);
     /// A started stream to the receiver on the phone with `serial`, or on the
     /// first phone listed when `serial` is empty. Throws ConnectError.
     std::shared_ptr<KestrelvaneStream> connect(const std::string& serial = {});
-    /// The stream over a tunnel a probe opened, which it takes over.
-    static std::shared_ptr<KestrelvaneStream> stream(FileDescriptor tunnel);
+    /// The stream over a tunnel a probe opened, which it takes over; one to
+    /// the extension port announces the extension as this device.
+    static std::shared_ptr<KestrelvaneStream> stream(FileDescriptor tunnel, bool extended = false);
 
 private:
     /// The daemon's failure as a ConnectError; rethrows what is not one.
