@@ -19,13 +19,14 @@ namespace {
 
 namespace fs = std::filesystem;
 
-/// Sends one acknowledgement; a message that cannot be encoded goes out as an
-/// empty frame and a failed send is ignored: the session's fate is decided by
-/// the reader, not by the acknowledgements.
-void sendAckIgnoringErrors(FrameChannel& channel, const Ack& ack) {
+/// Sends one acknowledgement or holding; a message that cannot be encoded
+/// goes out as an empty frame and a failed send is ignored: the session's fate
+/// is decided by the reader, which may still have bytes to read from a sender
+/// that has hung up.
+template <class Message> void sendIgnoringErrors(FrameChannel& channel, const Message& message) {
     Bytes payload;
     try {
-        payload = WireMessage::encode(ack);
+        payload = WireMessage::encode(message);
     } catch (const WireMessage::EncodingError&) {
         payload.clear();
     }
@@ -63,7 +64,7 @@ void TransferServer::run(FrameChannel& over, const OnEvent& onEvent) noexcept {
         while (auto outcome = saver_.outcomes().next()) {
             const Ack ack{
                 .name = outcome->name, .status = outcome->status, .message = outcome->message};
-            sendAckIgnoringErrors(over, ack);
+            sendIgnoringErrors(over, ack);
             if (onEvent) {
                 try {
                     onEvent(Event{.name = outcome->name, .ack = ack});
@@ -186,8 +187,7 @@ std::optional<TransferServer::Offered> TransferServer::answerOffer(FrameChannel&
                                                                    const OnEvent& onEvent) {
     if (saver_.holds(offer)) {
         // The holding settles the file for the sender as an "ok" would.
-        channel.sendFrame(
-            WireMessage::encode(Holding{.name = offer.name, .kind = Holding::Kind::saved}));
+        sendIgnoringErrors(channel, Holding{.name = offer.name, .kind = Holding::Kind::saved});
         if (onEvent) {
             onEvent(Event{.name = offer.name,
                           .ack = Ack{.name = offer.name, .status = Ack::Status::ok},
@@ -218,7 +218,7 @@ std::optional<TransferServer::Offered> TransferServer::answerOffer(FrameChannel&
         }
     }
     offered.heldBytes = holding.bytes;
-    channel.sendFrame(WireMessage::encode(holding));
+    sendIgnoringErrors(channel, holding);
     return offered;
 }
 
@@ -340,7 +340,7 @@ void TransferServer::receiveFile(FrameChannel& channel, const FileHeader& header
 void TransferServer::reject(FrameChannel& channel, const std::string& name,
                             const char* message) noexcept {
     const Ack ack{.name = name, .status = Ack::Status::error, .message = message};
-    sendAckIgnoringErrors(channel, ack);
+    sendIgnoringErrors(channel, ack);
     if (!onRejected_) {
         return;
     }
