@@ -23,6 +23,7 @@
 #include <algorithm>
 #include <fcntl.h>
 #include <fstream>
+#include <map>
 #include <netinet/in.h>
 #include <regex>
 #include <set>
@@ -43,15 +44,67 @@ const fs::path photo = media / "jpeg-original.jpg";
 /// Each send runs to an IPv4 and an IPv6 receiver, and to a phone of the usbmuxd simulator.
 class Send : public ::testing::TestWithParam<std::string> {};
 
+std::set<std::string> keysOf(const nlohmann::json& object) {
+    std::set<std::string> keys;
+    for (const auto& item : object.items()) {
+        keys.insert(item.key());
+    }
+    return keys;
+}
+
+// What a phone of the first version heard in the one tunnel the simulator
+// captured: a session header, then each file's header and exactly its bytes,
+// with no key the first version does not write; and what it said: an
+// acknowledgement of the first version per file.
+void expectVersionOneConversation(const fs::path& capture,
+                                  const std::map<std::string, Bytes>& files) {
+    std::vector<fs::path> tunnels;
+    for (const auto& entry : fs::directory_iterator(capture)) {
+        if (entry.path().extension() == ".in" && entry.file_size() > 0) {
+            tunnels.push_back(entry.path());
+        }
+    }
+    ASSERT_EQ(tunnels.size(), 1u);
+    EXPECT_TRUE(tunnels[0].filename().string().starts_with("SIM1-9876-")) << tunnels[0];
+    ReceiveBuffer heard(readBytes(tunnels[0]));
+    const auto session = FrameCodec::decode(heard);
+    ASSERT_TRUE(session);
+    EXPECT_EQ(keysOf(nlohmann::json::parse(*session)),
+              (std::set<std::string>{"schemaVersion", "direction", "albumName"}));
+    const std::set<std::string> headerKeys{"name", "mediaType", "byteCount", "sha256",
+                                           "creationDate"};
+    std::map<std::string, Bytes> sent;
+    while (const auto frame = FrameCodec::decode(heard)) {
+        const auto header = nlohmann::json::parse(*frame);
+        const auto keys = keysOf(header);
+        EXPECT_TRUE(std::includes(headerKeys.begin(), headerKeys.end(), keys.begin(), keys.end()))
+            << header;
+        const std::size_t size = header["byteCount"];
+        ASSERT_LE(size, heard.size());
+        sent[header["name"]] = heard.take(size);
+    }
+    EXPECT_TRUE(heard.empty());
+    EXPECT_EQ(sent, files);
+    ReceiveBuffer said(readBytes(fs::path(tunnels[0]).replace_extension(".out")));
+    std::size_t acks = 0;
+    while (const auto frame = FrameCodec::decode(said)) {
+        EXPECT_EQ(WireMessage::encode(WireMessage::decode<Ack>(*frame)), *frame);
+        ++acks;
+    }
+    EXPECT_TRUE(said.empty());
+    EXPECT_EQ(acks, files.size());
+}
+
 TEST_P(Send, SavesIntoTheTrimmedAlbumWithCaptureDatesOnceEachAndANamesakeBeside) {
     if (GetParam() == "::1" && !hasIPv6Loopback()) {
         GTEST_SKIP() << "this machine has no IPv6 loopback to listen on";
     }
-    TemporaryFolder folder;
+    TemporaryFolder folder, capture;
     const bool versionOne = GetParam() == "usb-version-1";
-    SimulatorProcess usbmuxd({"SIM1,0x12a8,folder=" + folder.path().string()},
-                             versionOne ? std::vector<std::string>{"--version-1"}
-                                        : std::vector<std::string>{});
+    SimulatorProcess usbmuxd(
+        {"SIM1,0x12a8,folder=" + folder.path().string()},
+        versionOne ? std::vector<std::string>{"--version-1", "--capture", capture.path().string()}
+                   : std::vector<std::string>{});
     std::optional<ReceiverProcess> receiver;
     if (!GetParam().starts_with("usb")) {
         receiver.emplace(folder.path(), std::vector<std::string>{}, ChildProcess::Environment{},
@@ -69,6 +122,12 @@ TEST_P(Send, SavesIntoTheTrimmedAlbumWithCaptureDatesOnceEachAndANamesakeBeside)
     // DateTimeOriginal 2024:03:05 14:07:09, in UTC
     EXPECT_EQ(std::chrono::file_clock::to_sys(fs::last_write_time(album / "jpeg-original.jpg")),
               std::chrono::sys_seconds(std::chrono::seconds(1709647629)));
+    if (versionOne) {
+        expectVersionOneConversation(capture.path(),
+                                     {{"jpeg-original.jpg", readBytes(photo)},
+                                      {"video.mov", readBytes(media / "video.mov")},
+                                      {"not-an-image.jpg", readBytes(media / "not-an-image.jpg")}});
+    }
 
     // The same photo again is kept once; a different one of the same name goes beside it.
     // Scripts read --json: one event a line, and nothing else.

@@ -333,6 +333,7 @@ bool UsbmuxdSimulator::handle(const std::shared_ptr<Connection>& connection, std
 
 std::int64_t UsbmuxdSimulator::attach(VirtualPhone phone) {
     phone.versionOne = phone.versionOne || options_.versionOne;
+    phone.capture = options_.capture;
     phone.switchOn([this](const std::string& line) { say(line); });
     std::int64_t id = 0;
     PropertyList event = PropertyList::dictionary();

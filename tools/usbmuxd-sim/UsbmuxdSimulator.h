@@ -34,6 +34,8 @@ public:
         std::string buid = "4B455354-524C-5641-4E45-53494D554C41";
         /// Every phone speaks only the first version of the protocol.
         bool versionOne = false;
+        /// Where every phone captures its tunnels; empty: nowhere.
+        std::filesystem::path capture{};
     };
 
     explicit UsbmuxdSimulator(Options options);

@@ -3,7 +3,9 @@
 #include "KestrelvaneKit/network/KestrelvaneService.h"
 #include "KestrelvaneKit/session/ReceiverService.h"
 #include "KestrelvaneKit/session/UsbPhones.h"
+#include "TunnelCapture.h"
 
+#include <atomic>
 #include <map>
 #include <memory>
 #include <stdexcept>
@@ -110,10 +112,21 @@ void VirtualPhone::serve(int fd, std::uint16_t port) const {
     // The stream gets its own descriptor; the simulator keeps `fd` so that it
     // can shut the tunnel down from outside.
     FileDescriptor own(::dup(fd));
-    if (service_ && own) {
-        service_->serve(UsbPhones::stream(std::move(own)),
-                        port == KestrelvaneService::extensionPort);
+    if (!service_ || !own) {
+        return;
     }
+    std::shared_ptr<KestrelvaneStream> stream = UsbPhones::stream(std::move(own));
+    if (!capture.empty()) {
+        static std::atomic<int> tunnels{0};
+        try {
+            stream = std::make_shared<TunnelCapture>(std::move(stream), capture,
+                                                     serial + "-" + std::to_string(port) + "-" +
+                                                         std::to_string(++tunnels));
+        } catch (const std::system_error&) {
+            return; // a tunnel that cannot be recorded is not served unrecorded
+        }
+    }
+    service_->serve(std::move(stream), port == KestrelvaneService::extensionPort);
 }
 
 } // namespace kestrelvane::sim

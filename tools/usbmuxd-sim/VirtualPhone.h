@@ -30,6 +30,9 @@ struct VirtualPhone {
     /// Speaks only the first version of the protocol: nothing listens on the
     /// extension port.
     bool versionOne = false;
+    /// When set, every tunnel to the receiving engine is captured into this
+    /// folder as SERIAL-PORT-N.in and .out (see TunnelCapture).
+    std::filesystem::path capture{};
 
     /// "SERIAL,PRODUCTID,RECEIVER" with RECEIVER one of folder=DIR, test,
     /// echo, none, vanished; PRODUCTID in decimal or 0x-hex. Throws

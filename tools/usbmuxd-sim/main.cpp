@@ -3,6 +3,7 @@
 
 #include <charconv>
 #include <csignal>
+#include <filesystem>
 #include <iostream>
 #include <string>
 
@@ -22,6 +23,9 @@ through USBMUXD_SOCKET_ADDRESS=UNIX:PATH (or 127.0.0.1:PORT).
                   listens on port 9877, where a phone that speaks the resume
                   extension listens too (with its partial files kept under
                   $XDG_CACHE_HOME/kestrelvane/partials)
+  --capture DIR   write each tunnel to a phone's receiving engine to
+                  DIR/SERIAL-PORT-N.in (what the phone heard) and .out (what
+                  it said), byte for byte, as it happens
   -h, --help      this text
 
 PHONE is SERIAL,PRODUCTID,RECEIVER, where PRODUCTID is decimal or 0x-hex and
@@ -95,6 +99,11 @@ int main(int argc, char** argv) {
             } catch (const std::invalid_argument& error) {
                 return fail(error.what());
             }
+        } else if (arg == "--capture") {
+            if (!std::filesystem::is_directory(value)) {
+                return fail("'" + value + "' is not a folder to capture into");
+            }
+            options.capture = value;
         } else if (arg == "--buid") {
             options.buid = value;
         } else {
