@@ -2,7 +2,11 @@
 // session, with a test saver and a private temporary folder. The engine must
 // neither crash nor leak, and must leave no temporary file behind: every file
 // it hands over is deleted by the saver, every other one by the engine.
+// Built with KV_FUZZ_RESUME, the engine speaks the resume extension too, its
+// partial files kept in a private folder of their own (offers, offsets and
+// holdings of a hostile sender).
 #include "KestrelvaneKit/log/KVLog.h"
+#include "KestrelvaneKit/receiving/PartialStore.h"
 #include "KestrelvaneKit/receiving/TransferServer.h"
 #include "ReplayStream.h"
 
@@ -18,15 +22,17 @@ namespace fs = std::filesystem;
 
 namespace {
 
+fs::path privateFolder() {
+    std::string pattern = (fs::temp_directory_path() / "kv-fuzz-server-XXXXXX").string();
+    if (::mkdtemp(pattern.data()) == nullptr) {
+        std::perror("mkdtemp");
+        std::abort();
+    }
+    return fs::path(pattern);
+}
+
 const fs::path& privateTemporaryFolder() {
-    static const fs::path folder = [] {
-        std::string pattern = (fs::temp_directory_path() / "kv-fuzz-server-XXXXXX").string();
-        if (::mkdtemp(pattern.data()) == nullptr) {
-            std::perror("mkdtemp");
-            std::abort();
-        }
-        return fs::path(pattern);
-    }();
+    static const fs::path folder = privateFolder();
     return folder;
 }
 
@@ -47,7 +53,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     FrameChannel channel(stream);
 
     DiscardingSaver saver([](const fs::path&, const FileHeader&) {});
-    TransferServer(saver, privateTemporaryFolder()).run(channel, nullptr);
+    TransferServer server(saver, privateTemporaryFolder());
+#ifdef KV_FUZZ_RESUME
+    static const fs::path partials = privateFolder();
+    server.enableResume(PartialStore(partials));
+#endif
+    server.run(channel, nullptr);
 
     if (!fs::is_empty(privateTemporaryFolder())) {
         std::fputs("a temporary file was left behind\n", stderr);

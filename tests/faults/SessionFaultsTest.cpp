@@ -249,6 +249,120 @@ TEST(ResumeExtension, AVersionOneSenderHearsTheVersionOneConversation) {
     EXPECT_EQ(filesUnder(partials.path()), std::vector<std::string>{});
 }
 
+// A receiver that lies about the beginning it holds (longer than the file, or
+// not the file's own) is never built on: the file goes whole, from byte 0.
+TEST(ResumeExtension, ALyingReceiverIsSentTheWholeFile) {
+    TemporaryFolder folder;
+    const Bytes video = pattern(300'000, 5);
+    const fs::path path = writeFile(folder.path() / "VID.mov", video);
+    const auto partial = [](std::uint64_t bytes, const Bytes& prefix) {
+        return Holding{.name = "VID.mov",
+                       .kind = Holding::Kind::partial,
+                       .bytes = bytes,
+                       .prefixSha256 = Checksum::sha256Hex(prefix)};
+    };
+    for (const Holding& lie : {partial(video.size() + 1, video), partial(1000, pattern(1000, 9)),
+                               Holding{.name = "VID.mov", .kind = Holding::Kind::partial}}) {
+        EngineSession session;
+        FrameChannel& receiver = session.receiverChannel();
+        session.send({path}, SessionHeader{.resume = 1, .device = std::string(64, 'b')});
+        const auto frame = [&] {
+            return WireMessage::decode<FileHeader>(receiver.receiveFrame(1 << 16));
+        };
+        receiver.receiveFrame(1 << 16); // the session header
+        ASSERT_TRUE(frame().offer);
+        receiver.sendFrame(WireMessage::encode(lie));
+        const FileHeader header = frame();
+        EXPECT_EQ(header.from, std::nullopt) << lie.bytes.value_or(0);
+        Bytes sent(header.byteCount);
+        receiver.receiveRawInto(sent);
+        EXPECT_EQ(sent, video);
+        receiver.sendFrame(WireMessage::encode(Ack{.name = "VID.mov", .status = Ack::Status::ok}));
+        EXPECT_TRUE(session.finish());
+        EXPECT_EQ(session.error, std::nullopt);
+    }
+}
+
+// A sender that resumes a beginning it was not offered (another device's, one
+// longer than the receiver holds, one it never offered) ends its session, and
+// one that sends a tail that does not finish the file has it refused: whatever
+// it does, nothing wrong is saved, and the owner still resumes its own.
+TEST(ResumeExtension, ASenderResumingWhatIsNotItsOwnSavesNothingWrong) {
+    TemporaryFolder destination, scratch, partials;
+    const Bytes video = pattern(400'000, 6);
+    const std::string owner(64, 'a'), other(64, 'c');
+    const auto header = [&](bool offer, std::optional<std::uint64_t> from = {}) {
+        return WireMessage::encode(FileHeader{.name = "VID.mov",
+                                              .mediaType = MediaType::video,
+                                              .byteCount = video.size(),
+                                              .sha256 = Checksum::sha256Hex(video),
+                                              .offer = offer,
+                                              .from = from});
+    };
+    /// One session played by the test as `device`; what the receiver answered
+    /// to an offer (when `offers`), and whether it said anything after the file.
+    struct Played {
+        std::optional<Holding> holding;
+        std::optional<Ack> ack;
+    };
+    const auto play = [&](const std::string& device, bool offers, std::uint64_t from,
+                          const Bytes& tail, bool hangUp) {
+        EngineSession session;
+        session.partials = partials.path();
+        session.serveFolder(destination.path(), scratch.path());
+        FrameChannel& sender = session.sender();
+        Played played;
+        try {
+            sender.sendFrame(WireMessage::encode(SessionHeader{.resume = 1, .device = device}));
+            if (offers) {
+                sender.sendFrame(header(true));
+                played.holding = WireMessage::decode<Holding>(sender.receiveFrame(1 << 16));
+            }
+            sender.sendFrame(header(false, from == 0 ? std::nullopt : std::optional(from)));
+            sender.sendRaw(tail);
+            if (hangUp) {
+                session.endSending(Side::sender);
+            } else {
+                played.ack = WireMessage::decode<Ack>(sender.receiveFrame(1 << 16));
+            }
+        } catch (const StreamError&) {
+            // the receiver ended the session
+        }
+        EXPECT_TRUE(session.finish());
+        return played;
+    };
+    const auto from = [&](std::size_t offset) {
+        return Bytes(video.begin() + offset, video.end());
+    };
+
+    // The owner's session breaks after 300,000 bytes: the receiver keeps them.
+    play(owner, true, 0, Bytes(video.begin(), video.begin() + 300'000), true);
+    const Holding held{.name = "VID.mov",
+                       .kind = Holding::Kind::partial,
+                       .bytes = 300'000,
+                       .prefixSha256 =
+                           Checksum::sha256Hex(Bytes(video.begin(), video.begin() + 300'000))};
+
+    const auto another = play(other, true, 300'000, from(300'000), false);
+    EXPECT_EQ(another.holding, (Holding{.name = "VID.mov", .kind = Holding::Kind::none}));
+    EXPECT_EQ(another.ack, std::nullopt) << "another device's partial was built on";
+    EXPECT_EQ(play(owner, true, 300'001, from(300'001), false).ack, std::nullopt);
+    EXPECT_EQ(play(owner, false, 300'000, from(300'000), false).ack, std::nullopt);
+    Bytes wrongTail = from(300'000);
+    wrongTail[10] ^= 1;
+    const auto wrong = play(owner, true, 300'000, wrongTail, false);
+    EXPECT_EQ(wrong.holding, held);
+    ASSERT_TRUE(wrong.ack);
+    EXPECT_EQ(wrong.ack->status, Ack::Status::error);
+    EXPECT_EQ(filesUnder(destination.path()), std::vector<std::string>{});
+
+    // The owner starts again from nothing, and the file is saved whole.
+    const auto whole = play(owner, true, 0, video, false);
+    ASSERT_TRUE(whole.ack);
+    EXPECT_EQ(whole.ack->status, Ack::Status::ok);
+    EXPECT_EQ(readBytes(destination.path() / "VID.mov"), video);
+}
+
 // The sender may offer the next file before it sends the current one: the
 // receiver answers both offers at once, in order; a third offer before the
 // first file ends the session.

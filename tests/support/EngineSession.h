@@ -78,6 +78,8 @@ public:
 
     /// The sender's channel, for a test that plays the sender.
     FrameChannel& sender() { return senderChannel_; }
+    /// The receiver's channel, for a test that plays a receiver frame by frame.
+    FrameChannel& receiverChannel() { return receiverChannel_; }
     /// A receiver played by the test.
     ScriptedReceiver& receiver(bool autoAck);
 
