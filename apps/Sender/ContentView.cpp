@@ -1,10 +1,13 @@
 #include "Sender/ContentView.h"
 
 #include "KestrelvaneKit/intake/MediaScanner.h"
+#include "KestrelvaneKit/network/PairedDevices.h"
+#include "KestrelvaneKit/wire/UnicodeText.h"
 #include "Sender/KestrelvaneColors.h"
 #include "Sender/QueueRowDelegate.h"
 
 #include <QAction>
+#include <QComboBox>
 #include <QDragEnterEvent>
 #include <QDropEvent>
 #include <QFileDialog>
@@ -226,9 +229,21 @@ ContentView::ContentView(UsbPhones::Address usbmuxd, std::chrono::milliseconds d
     auto* column = new QVBoxLayout(this);
     column->setSpacing(0);
     column->setContentsMargins(0, 0, 0, 0);
-    column->addWidget(makeToolbar());
+    QWidget* toolbar = makeToolbar();
+    column->addWidget(toolbar);
+    // Wide enough for the toolbar, the destination choice and the longest
+    // device status included, each shown whole.
+    setMinimumWidth(std::max(minimumWidth(), toolbar->sizeHint().width()));
     column->addWidget(divider(this));
     column->addWidget(makeQueueArea(), 1);
+    // What happened to a send that broke off, until the next one.
+    breakLabel_ = makeLabel({}, QStringLiteral("breakLine"), calloutFont(font()),
+                            KestrelvaneColors::ink(), this);
+    breakLabel_->setWordWrap(true);
+    breakLabel_->setContentsMargins(12, 6, 12, 6);
+    setBackground(breakLabel_, KestrelvaneColors::accent().lighter(185));
+    breakLabel_->hide();
+    column->addWidget(breakLabel_);
     column->addWidget(divider(this));
     column->addWidget(makeFooter());
 
@@ -242,6 +257,8 @@ ContentView::ContentView(UsbPhones::Address usbmuxd, std::chrono::milliseconds d
 
     connect(&vm_, &SenderViewModel::queueChanged, this, &ContentView::refresh);
     connect(&vm_, &SenderViewModel::statsLineChanged, this, &ContentView::refresh);
+    connect(&vm_, &SenderViewModel::progressLineChanged, this, &ContentView::refresh);
+    connect(&vm_, &SenderViewModel::breakLineChanged, this, &ContentView::refresh);
     connect(&vm_, &SenderViewModel::isSendingChanged, this, &ContentView::sendingChanged);
     connect(&vm_, &SenderViewModel::albumNameChanged, this, [this] {
         if (albumField_->text() != vm_.albumName()) {
@@ -249,6 +266,8 @@ ContentView::ContentView(UsbPhones::Address usbmuxd, std::chrono::milliseconds d
         }
     });
     connect(discovery_.get(), &UsbmuxdDiscovery::stateChanged, this, &ContentView::refresh);
+    connect(&browser_, &DeviceBrowser::devicesChanged, this, &ContentView::updateChoices);
+    updateChoices();
     connect(list_->selectionModel(), &QItemSelectionModel::selectionChanged, this,
             &ContentView::refresh);
     refresh();
@@ -285,6 +304,16 @@ QWidget* ContentView::makeToolbar() {
                                       KestrelvaneColors::ink(), bar);
     connect(clearButton_, &QPushButton::clicked, this, &ContentView::clearQueue);
     row->addWidget(clearButton_);
+
+    destinationChoice_ = new QComboBox(bar);
+    destinationChoice_->setObjectName(QStringLiteral("destinationChoice"));
+    destinationChoice_->setAccessibleName(QStringLiteral("Send to"));
+    // Narrow, so that the toolbar still fits the minimum width; the list it
+    // opens is as wide as its longest entry.
+    destinationChoice_->setSizeAdjustPolicy(QComboBox::AdjustToMinimumContentsLengthWithIcon);
+    destinationChoice_->setMinimumContentsLength(7);
+    connect(destinationChoice_, &QComboBox::currentIndexChanged, this, &ContentView::refresh);
+    row->addWidget(destinationChoice_);
 
     // The status takes the free space itself, right-aligned, and never less
     // than its longest text: the row is squeezed at the window's minimum width.
@@ -399,6 +428,9 @@ QWidget* ContentView::makeFooter() {
     row->addStretch(1);
 
     // The UI fonts' digits are of one width.
+    progressLabel_ = makeLabel({}, QStringLiteral("progressLine"), captionFont(font()),
+                               KestrelvaneColors::muted(), bar);
+    row->addWidget(progressLabel_);
     statsLabel_ = makeLabel({}, QStringLiteral("statsLine"), captionFont(font()),
                             KestrelvaneColors::muted(), bar);
     row->addWidget(statsLabel_);
@@ -427,6 +459,62 @@ QString ContentView::deviceText(Kind kind) {
     return {};
 }
 
+void ContentView::updateChoices() {
+    const QString current = destinationChoice_->currentIndex() > 0
+                                ? destinationChoice_->currentData().toString()
+                                : QString();
+    choices_.assign(1, Choice{QStringLiteral("iPhone (USB)"), std::nullopt,
+                              QStringLiteral("The iPhone"), false});
+    std::optional<PairedDevices> paired;
+    try {
+        paired.emplace(Trust::ofThisDevice().folder);
+    } catch (const std::exception&) {
+        // No key folder to read: every receiver shows as not paired.
+    }
+    for (const DiscoveredService& service : browser_.devices()) {
+        // Reached as it was paired: by its name, or at the address it was paired at.
+        Destination destination = Destination::announced(service.name);
+        bool isPaired = paired && !paired->named(destination.text()).empty();
+        for (const std::string& address : service.addresses) {
+            const Destination at = Destination::address(address, service.port);
+            if (!isPaired && paired && !paired->named(at.text()).empty()) {
+                destination = at;
+                isPaired = true;
+            }
+        }
+        const QString name = QString::fromStdString(UnicodeText::printable(service.name));
+        choices_.push_back(
+            {QStringLiteral("%1 · %2").arg(name, isPaired ? QStringLiteral("paired")
+                                                          : QStringLiteral("not paired")),
+             destination, QStringLiteral("“%1”").arg(name), isPaired});
+    }
+    const QSignalBlocker blocker(destinationChoice_);
+    destinationChoice_->clear();
+    int keep = 0;
+    for (const Choice& choice : choices_) {
+        const QString key =
+            choice.network ? QString::fromStdString(choice.network->text()) : QString();
+        if (!key.isEmpty() && key == current) {
+            keep = destinationChoice_->count();
+        }
+        destinationChoice_->addItem(choice.label, key);
+    }
+    destinationChoice_->setCurrentIndex(keep);
+    refresh();
+}
+
+const ContentView::Choice& ContentView::chosen() const {
+    static const Choice iPhone{QStringLiteral("iPhone (USB)"), std::nullopt,
+                               QStringLiteral("The iPhone"), false};
+    if (choices_.empty()) {
+        return iPhone;
+    }
+    const int index = destinationChoice_->currentIndex();
+    return choices_.at(index > 0 && static_cast<std::size_t>(index) < choices_.size()
+                           ? static_cast<std::size_t>(index)
+                           : 0);
+}
+
 void ContentView::openChooser() {
     if (const std::vector<fs::path> chosen = chooseWithDialog(this); !chosen.empty()) {
         vm_.queue().add(chosen);
@@ -448,6 +536,14 @@ void ContentView::removeSelection() {
 }
 
 void ContentView::sendQueue() {
+    const Choice& choice = chosen();
+    vm_.setPeerName(choice.peerName);
+    if (choice.network) {
+        if (choice.paired) {
+            vm_.sendTo(*choice.network, Trust::ofThisDevice());
+        }
+        return;
+    }
     const bool extended = discovery_->state().extended;
     const std::optional<int> fd = discovery_->takeReadyTunnel();
     if (!fd) {
@@ -485,14 +581,23 @@ void ContentView::refresh() {
     const bool hasItems = !queue.items().empty();
     const int unsent = queue.unsentCount();
 
-    deviceStatus_->setText(deviceText(discovery_->state().kind));
+    const Choice& choice = chosen();
+    deviceStatus_->setText(!choice.network ? deviceText(discovery_->state().kind)
+                           : choice.paired ? QStringLiteral("● Paired, private")
+                                           : QStringLiteral("Not paired yet"));
+    const bool reachable = choice.network ? choice.paired : discovery_->state().kind == Kind::ready;
+    destinationChoice_->setEnabled(!sending);
     clearButton_->setEnabled(!sending && hasItems);
     queueArea_->setCurrentWidget(hasItems ? static_cast<QWidget*>(list_) : queueArea_->widget(0));
     albumField_->setEnabled(!sending);
     statsLabel_->setText(vm_.statsLine());
     statsLabel_->setVisible(!vm_.statsLine().isEmpty());
+    progressLabel_->setText(vm_.progressLine());
+    progressLabel_->setVisible(!vm_.progressLine().isEmpty());
+    breakLabel_->setText(vm_.breakLine());
+    breakLabel_->setVisible(!vm_.breakLine().isEmpty());
     primaryButton_->setText(sendLabel(unsent, queue.savedCount()));
-    primaryButton_->setEnabled(!sending && unsent > 0 && discovery_->state().kind == Kind::ready);
+    primaryButton_->setEnabled(!sending && unsent > 0 && reachable);
     deleteAction_->setEnabled(list_->selectionModel()->hasSelection());
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "KestrelvaneKit/session/Destination.h"
 #include "KestrelvaneKit/session/UsbPhones.h"
 #include "Sender/DeviceBrowser.h"
 #include "Sender/SenderViewModel.h"
@@ -8,8 +9,11 @@
 #include <QWidget>
 
 #include <chrono>
+#include <optional>
+#include <vector>
 
 class QAction;
+class QComboBox;
 class QFrame;
 class QLabel;
 class QLineEdit;
@@ -41,6 +45,19 @@ public:
 
     static QString deviceText(UsbmuxdDiscovery::State::Kind kind);
 
+    /// A place the window can send to: the iPhone on USB, or a receiver the
+    /// browser found on the network, reached as it was paired (by the name
+    /// it announces or at one of its addresses).
+    struct Choice {
+        QString label;
+        std::optional<Destination> network; ///< none: the iPhone on USB
+        QString peerName;                   ///< what a broken send names
+        bool paired = false;
+    };
+    /// The destinations shown, the iPhone first; the chosen one.
+    const std::vector<Choice>& choices() const noexcept { return choices_; }
+    const Choice& chosen() const;
+
 protected:
     void showEvent(QShowEvent* event) override;
     void hideEvent(QHideEvent* event) override;
@@ -61,6 +78,9 @@ private:
     void showReverseNote();
     void refresh();
     void sendingChanged();
+    /// Lists the iPhone and every receiver the browser reports, keeping the
+    /// choice when it is still there.
+    void updateChoices();
 
     SenderViewModel vm_;
     std::unique_ptr<UsbmuxdDiscovery> discovery_;
@@ -69,12 +89,16 @@ private:
     QAction* deleteAction_ = nullptr;
     QLabel* deviceStatus_ = nullptr;
     QPushButton* clearButton_ = nullptr;
+    QComboBox* destinationChoice_ = nullptr;
+    std::vector<Choice> choices_;
     QPushButton* reverse_ = nullptr;
     QFrame* reverseNote_ = nullptr;
     QStackedWidget* queueArea_ = nullptr;
     QListView* list_ = nullptr;
     QLineEdit* albumField_ = nullptr;
+    QLabel* progressLabel_ = nullptr;
     QLabel* statsLabel_ = nullptr;
+    QLabel* breakLabel_ = nullptr;
     QPushButton* primaryButton_ = nullptr;
 };
 

@@ -135,6 +135,20 @@ void QueueRowDelegate::paint(QPainter* painter, const QStyleOptionViewItem& opti
     const QString text = index.data(TransferQueue::NameRole).toString();
     painter->drawText(name, Qt::AlignLeft | Qt::AlignVCenter,
                       option.fontMetrics.elidedText(text, Qt::ElideMiddle, name.width()));
+
+    // The bytes of a file on its way, as a bar along the foot of its row.
+    if (const QVariant done = index.data(TransferQueue::ProgressRole); done.isValid()) {
+        const QRect track(name.left(), option.rect.bottom() - 3, row.right() - name.left() + 1, 3);
+        QColor groove = KestrelvaneColors::accent();
+        groove.setAlphaF(0.15F);
+        painter->setPen(Qt::NoPen);
+        painter->setBrush(groove);
+        painter->drawRoundedRect(track, 1.5, 1.5);
+        QRect bar = track;
+        bar.setWidth(static_cast<int>(track.width() * done.toDouble()));
+        painter->setBrush(KestrelvaneColors::accent());
+        painter->drawRoundedRect(bar, 1.5, 1.5);
+    }
     painter->restore();
 }
 

@@ -1,10 +1,15 @@
 #include "Sender/SenderViewModel.h"
 
 #include "KestrelvaneKit/log/Units.h"
+#include "KestrelvaneKit/session/ConnectError.h"
+#include "KestrelvaneKit/session/Destination.h"
 #include "KestrelvaneKit/session/SendRun.h"
 #include "KestrelvaneKit/session/UsbPhones.h"
 #include "KestrelvaneKit/wire/SessionHeader.h"
 #include "KestrelvaneKit/wire/UnicodeText.h"
+
+#include <algorithm>
+#include <unordered_map>
 
 namespace kestrelvane {
 
@@ -15,7 +20,7 @@ QString middleDot() {
 }
 
 /// The running line: "38.2 MB/s · 1:05".
-QString progressLine(std::int64_t bytesDone, double elapsedSeconds) {
+QString rateLine(std::int64_t bytesDone, double elapsedSeconds) {
     return QString::fromStdString(Units::rate(static_cast<double>(bytesDone), elapsedSeconds)) +
            middleDot() + QString::fromStdString(Units::clock(elapsedSeconds));
 }
@@ -28,9 +33,27 @@ QString summaryLine(std::int64_t bytesDone, double elapsedSeconds) {
            middleDot() + QString::fromStdString("avg " + Units::rate(bytes, elapsedSeconds));
 }
 
+/// "412 of 1187 MB · 0:21 left"; without the time while nothing has crossed.
+QString batchLine(std::int64_t done, std::int64_t total, std::uint64_t crossed,
+                  double elapsedSeconds) {
+    QString line =
+        QString::fromStdString(Units::fixed(static_cast<double>(done) / Units::bytesPerMB, 0) +
+                               " of " + Units::megabytes(static_cast<double>(total), 0));
+    if (crossed > 0 && elapsedSeconds > 0 && total > done) {
+        const double rate = static_cast<double>(crossed) / elapsedSeconds;
+        line += middleDot() +
+                QString::fromStdString(Units::clock(static_cast<double>(total - done) / rate)) +
+                QStringLiteral(" left");
+    }
+    return line;
+}
+
 } // namespace
 
 SenderViewModel::SenderViewModel(QObject* parent) : QObject(parent) {
+    // Ten times a second is smooth to the eye and costs the GUI thread nothing.
+    progressTimer_.setInterval(100);
+    connect(&progressTimer_, &QTimer::timeout, this, &SenderViewModel::showProgress);
     // A window that observes only the view model redraws when items change too.
     const auto reannounce = [this] { emit queueChanged(); };
     connect(&queue_, &QAbstractItemModel::rowsInserted, this, reannounce);
@@ -77,9 +100,24 @@ void SenderViewModel::setStatsLine(const QString& line) {
     }
 }
 
+void SenderViewModel::setProgressLine(const QString& line) {
+    if (line != progressLine_) {
+        progressLine_ = line;
+        emit progressLineChanged();
+    }
+}
+
+void SenderViewModel::setBreakLine(const QString& line) {
+    if (line != breakLine_) {
+        breakLine_ = line;
+        emit breakLineChanged();
+    }
+}
+
 void SenderViewModel::clearQueue() {
     queue_.clear();
     setStatsLine({});
+    setBreakLine({});
 }
 
 void SenderViewModel::send(int fd, bool extended, OnFailure onFailure) {
@@ -92,6 +130,18 @@ void SenderViewModel::send(int fd, bool extended, OnFailure onFailure) {
 
 void SenderViewModel::startSend(const std::vector<std::filesystem::path>& urls,
                                 MakeStream makeStream, OnFailure onFailure) {
+    runSend(
+        urls, [makeStream = std::move(makeStream)](SendRun& run) { return run.run(makeStream()); },
+        std::move(onFailure));
+}
+
+void SenderViewModel::sendTo(const Destination& destination, const std::optional<Trust>& trust) {
+    runSend(queue_.unsentURLs(),
+            [destination, trust](SendRun& run) { return run.run(destination, trust); }, {});
+}
+
+void SenderViewModel::runSend(const std::vector<std::filesystem::path>& urls, Runner runner,
+                              OnFailure onFailure) {
     if (urls.empty() || isSending_) {
         return;
     }
@@ -107,11 +157,46 @@ void SenderViewModel::startSend(const std::vector<std::filesystem::path>& urls,
     }
     start_ = Clock::now();
     setStatsLine({});
+    setBreakLine({});
+
+    batch_ = urls;
+    std::unordered_map<std::string, std::int64_t> sizeOf;
+    for (const auto& item : queue_.items()) {
+        sizeOf.emplace(item.url.native(), item.size);
+    }
+    batchSizes_.clear();
+    batchBytes_ = 0;
+    for (const auto& url : urls) {
+        const auto found = sizeOf.find(url.native());
+        batchSizes_.push_back(found == sizeOf.end() ? 0 : found->second);
+        batchBytes_ += batchSizes_.back();
+    }
+    settled_.assign(urls.size(), false);
+    settledBytes_ = 0;
+    fullUpTo_ = 0;
+    passedBytes_ = 0;
+    wireBytes_ = 0;
+    {
+        const std::lock_guard lock(writingMutex_);
+        writing_.reset();
+    }
+    showProgress();
+    progressTimer_.start();
 
     const auto run = std::make_shared<SendRun>(
-        urls, session, SendRun::Observer{.settled = [this](const SendRun::Settled& settled) {
-            delivery_.deliver([this, settled] { applyProgress(settled); });
-        }});
+        urls, session,
+        SendRun::Observer{
+            .settled =
+                [this](const SendRun::Settled& settled) {
+                    delivery_.deliver([this, settled] { applyProgress(settled); });
+                },
+            .sent = [this](std::uint64_t bytes) { wireBytes_ += bytes; },
+            .writing =
+                [this](std::size_t index, std::uint64_t from, std::uint64_t byteCount) {
+                    const std::lock_guard lock(writingMutex_);
+                    writing_ = Writing{index, from, byteCount, wireBytes_.load()};
+                },
+        });
     {
         const std::lock_guard lock(runMutex_);
         run_ = run;
@@ -119,11 +204,15 @@ void SenderViewModel::startSend(const std::vector<std::filesystem::path>& urls,
             run->cancel();
         }
     }
-    worker_ = std::thread(
-        [this, run, makeStream = std::move(makeStream), onFailure = std::move(onFailure)] {
+    worker_ =
+        std::thread([this, run, runner = std::move(runner), onFailure = std::move(onFailure)] {
             bool dropped = false;
+            std::optional<std::string> unreachable;
             try {
-                dropped = run->run(makeStream()).brokeOff.has_value();
+                dropped = runner(*run).brokeOff.has_value();
+            } catch (const ConnectError& error) {
+                dropped = true;
+                unreachable = error.what();
             } catch (const std::exception&) {
                 dropped = true; // no connection
             }
@@ -131,12 +220,21 @@ void SenderViewModel::startSend(const std::vector<std::filesystem::path>& urls,
                 const std::lock_guard lock(runMutex_);
                 run_.reset();
             }
-            delivery_.deliver([this, dropped, onFailure] { finishSend(dropped, onFailure); });
+            delivery_.deliver([this, dropped, unreachable, onFailure] {
+                finishSend(dropped, unreachable, onFailure);
+            });
         });
 }
 
 void SenderViewModel::applyProgress(const SendRun::Settled& settled) {
     const Ack& ack = settled.ack;
+    if (settled.index < settled_.size() && !settled_[settled.index]) {
+        settled_[settled.index] = true;
+        settledBytes_ += batchSizes_[settled.index];
+        if (settled.index < fullUpTo_) {
+            passedBytes_ -= batchSizes_[settled.index]; // counted whole when the writer passed it
+        }
+    }
     if (ack.status == Ack::Status::ok) {
         queue_.setStatus(TransferQueue::Status::saved(), settled.path);
         bytesDone_ += static_cast<std::int64_t>(settled.byteCount);
@@ -145,16 +243,64 @@ void SenderViewModel::applyProgress(const SendRun::Settled& settled) {
             TransferQueue::Status::failed(QString::fromStdString(ack.message.value_or("failed"))),
             settled.path);
     }
-    setStatsLine(progressLine(bytesDone_, elapsedSeconds()));
+    setStatsLine(rateLine(bytesDone_, elapsedSeconds()));
+    showProgress();
 }
 
-void SenderViewModel::finishSend(bool dropped, const OnFailure& onFailure) {
+void SenderViewModel::showProgress() {
+    std::optional<Writing> writing;
+    {
+        const std::lock_guard lock(writingMutex_);
+        writing = writing_;
+    }
+    const std::uint64_t wire = wireBytes_.load();
+    std::int64_t done = settledBytes_;
+    // Files the writer has gone past are on the wire whole, acknowledged or not.
+    for (; writing && fullUpTo_ < writing->index && fullUpTo_ < batch_.size(); ++fullUpTo_) {
+        if (!settled_[fullUpTo_]) {
+            queue_.setBytesDone(batch_[fullUpTo_], batchSizes_[fullUpTo_]);
+            passedBytes_ += batchSizes_[fullUpTo_];
+        }
+    }
+    done += passedBytes_;
+    if (writing && writing->index < batch_.size() && !settled_[writing->index]) {
+        const auto fileDone = static_cast<std::int64_t>(
+            writing->from + std::min(wire - writing->wireAtStart, writing->byteCount));
+        queue_.setBytesDone(batch_[writing->index], fileDone);
+        done += fileDone;
+    }
+    setProgressLine(batchLine(std::min(done, batchBytes_), batchBytes_, wire, elapsedSeconds()));
+}
+
+void SenderViewModel::finishSend(bool dropped, const std::optional<std::string>& unreachable,
+                                 const OnFailure& onFailure) {
+    progressTimer_.stop();
+    setProgressLine({});
     queue_.revertSending();
     setSending(false);
     if (bytesDone_ >= 1) {
         setStatsLine(summaryLine(bytesDone_, elapsedSeconds()));
     }
-    if (dropped && queue_.unsentCount() > 0 && onFailure) {
+    const int unsent = queue_.unsentCount();
+    // Files of the batch left unsettled went back to the queue: the peer went
+    // away, whether or not the writer had finished.
+    const bool cut =
+        dropped || std::find(settled_.begin(), settled_.end(), false) != settled_.end();
+    if (unreachable && unsent > 0) {
+        QString why = QString::fromStdString(*unreachable);
+        if (!why.isEmpty()) {
+            why[0] = why[0].toUpper();
+        }
+        setBreakLine(why + QStringLiteral(". Nothing was sent."));
+    } else if (cut && unsent > 0) {
+        const int saved = queue_.savedCount();
+        setBreakLine(QStringLiteral("%1 went away: %2 of %3 saved. Resume sends the other %4.")
+                         .arg(peerName_)
+                         .arg(saved)
+                         .arg(saved + unsent)
+                         .arg(unsent));
+    }
+    if (dropped && unsent > 0 && onFailure) {
         onFailure();
     }
 }

@@ -17,9 +17,13 @@ namespace fs = std::filesystem;
 
 namespace {
 
-TransferQueue::Item makeItem(fs::path url, std::int64_t size, MediaType type) {
+QString idOf(const fs::path& url) {
     std::error_code ignored;
-    QString id = QString::fromStdString(fs::absolute(url, ignored).lexically_normal().string());
+    return QString::fromStdString(fs::absolute(url, ignored).lexically_normal().string());
+}
+
+TransferQueue::Item makeItem(fs::path url, std::int64_t size, MediaType type) {
+    QString id = idOf(url);
     QString name = QString::fromStdString(url.filename().string());
     return {std::move(id), std::move(url), std::move(name), size, type};
 }
@@ -60,6 +64,12 @@ QVariant TransferQueue::data(const QModelIndex& index, int role) const {
         return QString::fromUtf8(wireString(item.mediaType));
     case StatusRole:
         return statusName(item.status.kind);
+    case ProgressRole:
+        if (item.status.kind == Status::Kind::sending && item.bytesDone > 0 && item.size > 0) {
+            return std::min(1.0,
+                            static_cast<double>(item.bytesDone) / static_cast<double>(item.size));
+        }
+        return {};
     case StatusMessageRole:
         return item.status.message;
     case Qt::DecorationRole:
@@ -77,7 +87,8 @@ QHash<int, QByteArray> TransferQueue::roleNames() const {
             {MediaTypeRole, "mediaType"},
             {StatusRole, "status"},
             {StatusMessageRole, "statusMessage"},
-            {ThumbnailRole, "thumbnail"}};
+            {ThumbnailRole, "thumbnail"},
+            {ProgressRole, "progress"}};
 }
 
 QString TransferQueue::statusName(Status::Kind kind) {
@@ -277,8 +288,9 @@ void TransferQueue::changeStatus(std::size_t row, const Status& status) {
     const bool isSaved = status.kind == Status::Kind::saved;
     savedCount_ += static_cast<int>(isSaved) - static_cast<int>(wasSaved);
     items_[row].status = status;
+    items_[row].bytesDone = 0;
     const QModelIndex changed = index(static_cast<int>(row));
-    emit dataChanged(changed, changed, {StatusRole, StatusMessageRole});
+    emit dataChanged(changed, changed, {StatusRole, StatusMessageRole, ProgressRole});
 }
 
 void TransferQueue::markSending(const std::vector<std::filesystem::path>& urls) {
@@ -304,6 +316,20 @@ void TransferQueue::revertSending() {
         if (items_[row].status.kind == Status::Kind::sending) {
             changeStatus(row, Status::queued());
         }
+    }
+}
+
+void TransferQueue::setBytesDone(const std::filesystem::path& url, std::int64_t bytes) {
+    // By id through the index, as thumbnails: called for every file of a send.
+    const auto found = rowById_.constFind(idOf(url));
+    if (found == rowById_.constEnd() || found.value() >= items_.size()) {
+        return;
+    }
+    Item& item = items_[found.value()];
+    if (item.url == url && item.status.kind == Status::Kind::sending && item.bytesDone != bytes) {
+        item.bytesDone = bytes;
+        const QModelIndex changed = index(static_cast<int>(found.value()));
+        emit dataChanged(changed, changed, {ProgressRole});
     }
 }
 

@@ -49,6 +49,8 @@ public:
         Status status{};
         QImage thumbnail{};      ///< null until one has been generated
         bool unreadable = false; ///< dropped but missing or unreadable: failed, never sent
+        /// While sending: how much of the file the receiver has (held or sent).
+        std::int64_t bytesDone = 0;
     };
 
     enum Role {
@@ -59,6 +61,9 @@ public:
         StatusRole, ///< "queued", "sending", "saved" or "failed"
         StatusMessageRole,
         ThumbnailRole,
+        /// While the item is sending and bytes of it have gone: the share of
+        /// it done, from 0 to 1; nothing otherwise.
+        ProgressRole,
     };
 
     /// Thumbnails are `thumbnailPoints` square at the primary screen's pixel ratio.
@@ -99,6 +104,9 @@ public:
     /// Changes the item at `url`; nothing when there is none.
     void setStatus(const Status& status, const std::filesystem::path& url);
     void revertSending();
+    /// How much of the item at `url`, sending, the receiver has now; nothing
+    /// when there is no such item or it is not sending.
+    void setBytesDone(const std::filesystem::path& url, std::int64_t bytes);
 
     /// Sets the thumbnail of the item `id` if it is still queued; a thumbnail
     /// for an item removed meanwhile is dropped.

@@ -4,6 +4,8 @@
 #include "Sender/ContentView.h"
 #include "Sender/QueueRowDelegate.h"
 #include "Sender/ThumbnailProvider.h"
+#include "support/CliProcess.h"
+#include "support/EngineSession.h"
 #include "support/MemoryStream.h"
 #include "support/ScopedEnvironment.h"
 #include "support/ScriptedReceiver.h"
@@ -12,6 +14,7 @@
 #include "support/TestFiles.h"
 
 #include <QAbstractItemView>
+#include <QComboBox>
 #include <QDir>
 #include <QDropEvent>
 #include <QLabel>
@@ -167,6 +170,9 @@ private slots:
         QVERIFY(unplugged);
         QCOMPARE(column(queue), QStringList({"saved", "queued", "queued"}));
         QCOMPARE(button->text(), "Resume 2 →");
+        auto* broke = view.findChild<QLabel*>("breakLine");
+        QCOMPARE(broke->text(), "The iPhone went away: 1 of 3 saved. Resume sends the other 2.");
+        QVERIFY(broke->isVisible());
         QTRY_COMPARE_WITH_TIMEOUT(status->text(), "Plug in your iPhone", 30'000);
         QVERIFY(!button->isEnabled());
 
@@ -176,6 +182,7 @@ private slots:
         QVERIFY(sim.request(plugIn) == 0);
         QTRY_VERIFY_WITH_TIMEOUT(button->isEnabled(), 30'000);
         QTest::mouseClick(button, Qt::LeftButton);
+        QVERIFY(!broke->isVisible());
         QTRY_VERIFY_WITH_TIMEOUT(!view.viewModel().isSending(), 60'000);
         QCOMPARE(column(queue), QStringList(3, "saved"));
         QCOMPARE(Checksum::sha256HexOfFile(phoneFolder / "Trip" / "IMG_1.jpg"), // resumed
@@ -222,6 +229,54 @@ private slots:
         view.hide(); // a hidden window stops probing for phones and browsing the network
         QVERIFY(!view.discovery().isRunning());
         QVERIFY(!view.browser().isBrowsing());
+    }
+
+    // With no iPhone attached, a receiver the browser found and this device
+    // paired with is chosen in the toolbar and sent the queue, privately; one
+    // not paired cannot be sent to.
+    void aPairedReceiverOnTheNetworkIsChosenAndSentTo() {
+        const testing::ScopedEnvironment home("XDG_DATA_HOME", testing::testDeviceHome().string());
+        const fs::path saved = folder_->path() / "saved";
+        fs::create_directories(saved);
+        testing::ReceiverProcess receiver(saved, {}, {}, "127.0.0.1", {}, false);
+        ContentView view(UsbmuxdClient::SocketAddress{"/nonexistent/usbmuxd", {}, 0}, testInterval);
+        auto* choice = view.findChild<QComboBox*>("destinationChoice");
+        auto* button = view.findChild<QPushButton*>("primaryButton");
+        auto* status = view.findChild<QLabel*>("deviceStatus");
+        QCOMPARE(choice->count(), 1);
+        const auto port = static_cast<std::uint16_t>(receiver.port());
+        std::thread([&] {
+            view.browser().resultsChanged({{"Desk", "local", "desk.local", {"127.0.0.1"}, port},
+                                           {"Stranger", "local", "s.local", {"127.0.0.1"}, 9}});
+        }).join();
+        QTRY_COMPARE_WITH_TIMEOUT(choice->count(), 3, 30'000);
+        QCOMPARE(choice->itemText(1), "Desk · paired");
+        QCOMPARE(choice->itemText(2), "Stranger · not paired");
+
+        TransferQueue& queue = view.viewModel().queue();
+        QSignalSpy added(&queue, &TransferQueue::addFinished);
+        const auto sent = files({"IMG_0.jpg", "VID_1.mov"});
+        queue.add(sent);
+        QVERIFY(added.wait(30'000));
+        QVERIFY(!button->isEnabled()); // the iPhone, and none attached
+        choice->setCurrentIndex(2);
+        QCOMPARE(status->text(), "Not paired yet");
+        QVERIFY(!button->isEnabled());
+        choice->setCurrentIndex(1);
+        QCOMPARE(status->text(), "● Paired, private");
+        QVERIFY(button->isEnabled());
+        button->click();
+        QVERIFY(!choice->isEnabled());
+        QTRY_VERIFY_WITH_TIMEOUT(!view.viewModel().isSending(), 30'000);
+        QCOMPARE(column(queue), QStringList(2, "saved"));
+        QCOMPARE(testing::filesNotAsIn(saved, folder_->path()), std::vector<std::string>{});
+        QVERIFY(receiver.says("saved   VID_1.mov"));
+        // The choice stays through the browser's next report.
+        std::thread([&] {
+            view.browser().resultsChanged({{"Desk", "local", "desk.local", {"127.0.0.1"}, port}});
+        }).join();
+        QTRY_COMPARE_WITH_TIMEOUT(choice->count(), 2, 30'000);
+        QCOMPARE(choice->currentIndex(), 1);
     }
 
     void aLowPriorityWorkerDeliversOnTheOwnersThreadAndIsWaitedForToItsLastJobsEnd() {
@@ -416,10 +471,18 @@ private slots:
         QCOMPARE(failures_, 1);
         QCOMPARE(column(queue()), QStringList(5, "queued"));
         QVERIFY(model_->statsLine().isEmpty());
+        QCOMPARE(model_->breakLine(),
+                 "The iPhone went away: 0 of 5 saved. Resume sends the other 5.");
 
         startSend(false);
         QCOMPARE(column(queue()), QStringList(5, "sending"));
+        QVERIFY(model_->breakLine().isEmpty());
         QVERIFY(receiver_->waitForFiles(5));
+        // Every byte is on the wire and nothing acknowledged: each row's bar is
+        // full, and the footer counts the whole batch (5,010 bytes).
+        QTRY_COMPARE_WITH_TIMEOUT(column(queue(), TransferQueue::ProgressRole), QStringList(5, "1"),
+                                  30'000);
+        QCOMPARE(model_->progressLine(), "0 of 0 MB");
         receiver_->sendAck({"IMG_0.jpg", Ack::Status::ok, {}});
         receiver_->sendAck({"IMG_1.jpg", Ack::Status::error, "no space"});
         receiver_->sendAck({"IMG_2.jpg", Ack::Status::error, {}});
@@ -431,8 +494,12 @@ private slots:
         QCOMPARE(queue().items()[1].status.message, "no space");
         QCOMPARE(queue().items()[2].status.message, "failed");
         QCOMPARE(model_->bytesDone(), 1000); // only what was saved
-        // Every file was written: acknowledgements ending early are no failure.
+        // Every file was written: acknowledgements ending early are no failure,
+        // but the files they would have settled went back to the queue.
         QCOMPARE(failures_, 1);
+        QCOMPARE(model_->breakLine(),
+                 "The iPhone went away: 1 of 5 saved. Resume sends the other 4.");
+        QVERIFY(model_->progressLine().isEmpty());
 
         startSend(true);
         QTRY_VERIFY_WITH_TIMEOUT(!model_->isSending(), 30'000);

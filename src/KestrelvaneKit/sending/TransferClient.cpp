@@ -251,7 +251,8 @@ TransferClient::TransferClient(std::int64_t maxInflightBytes, std::int64_t minIn
 }
 
 std::vector<Ack> TransferClient::send(const std::vector<fs::path>& files, FrameChannel& over,
-                                      const SessionHeader& session, const OnProgress& onProgress) {
+                                      const SessionHeader& session, const OnProgress& onProgress,
+                                      const OnWriting& onWriting) {
     std::vector<BatchEntry> batch;
     for (std::size_t i = 0; i < files.size(); ++i) {
         if (const auto type = MediaScanner::mediaType(files[i])) {
@@ -363,6 +364,9 @@ std::vector<Ack> TransferClient::send(const std::vector<fs::path>& files, FrameC
                     }
                     const std::int64_t depth = window.snapshot().files;
                     const double t0 = KVLog::now();
+                    if (onWriting) {
+                        onWriting(batch[i].index, from, byteCount);
+                    }
                     over.sendFrame(WireMessage::encode(header));
                     current->writeBytes(over, from);
                     const double t1 = KVLog::now();

@@ -49,6 +49,13 @@ public:
         std::uint64_t heldBytes = 0;
     };
     using OnProgress = std::function<void(const Progress&)>;
+    /// The writer is about to put a file's bytes on the channel: the
+    /// position in `files` of the file, the offset they start at (the bytes
+    /// before it the receiver holds) and how many follow. Every byte the
+    /// channel's stream carries after it, up to the next call, is the
+    /// file's header frame and then these bytes.
+    using OnWriting =
+        std::function<void(std::size_t entry, std::uint64_t from, std::uint64_t byteCount)>;
 
     explicit TransferClient(std::int64_t maxInflightBytes = defaultMaxInflightBytes,
                             std::int64_t minInflightFiles = defaultMinInflightFiles);
@@ -59,9 +66,11 @@ public:
     /// writer or the reader (a file that cannot be read, a failed write, an
     /// acknowledgement that does not decode); both threads have ended by then,
     /// and after a failure the channel has been cancelled.
-    /// `onProgress` is called from the reading thread, never concurrently with itself.
+    /// `onProgress` is called from the reading thread, never concurrently with
+    /// itself; `onWriting` from the writing thread.
     std::vector<Ack> send(const std::vector<std::filesystem::path>& files, FrameChannel& over,
-                          const SessionHeader& session, const OnProgress& onProgress = {});
+                          const SessionHeader& session, const OnProgress& onProgress = {},
+                          const OnWriting& onWriting = {});
 
     Inflight& inflight() noexcept { return *inflight_; }
 

@@ -12,8 +12,8 @@ SendRun::SendRun(std::vector<std::filesystem::path> batch, SessionHeader session
     : batch_(std::move(batch)), session_(std::move(session)), observer_(std::move(observer)) {
 }
 
-SendRun::Outcome SendRun::run(const Destination& destination) {
-    return run(destination.connect(stop_.get_token()));
+SendRun::Outcome SendRun::run(const Destination& destination, const std::optional<Trust>& trust) {
+    return run(destination.connect(stop_.get_token(), trust));
 }
 
 SendRun::Outcome SendRun::run(const std::shared_ptr<KestrelvaneStream>& stream) {
@@ -39,7 +39,8 @@ SendRun::Outcome SendRun::run(const std::shared_ptr<KestrelvaneStream>& stream) 
             session.device = extended->device();
         }
         TransferClient().send(
-            batch_, *channel, session, [&](const TransferClient::Progress& progress) {
+            batch_, *channel, session,
+            [&](const TransferClient::Progress& progress) {
                 if (!progress.entry) {
                     if (observer_.stray) {
                         observer_.stray(progress.ack);
@@ -51,7 +52,8 @@ SendRun::Outcome SendRun::run(const std::shared_ptr<KestrelvaneStream>& stream) 
                     observer_.settled({*progress.entry, progress.path, progress.byteCount,
                                        progress.ack, progress.heldBytes});
                 }
-            });
+            },
+            observer_.writing);
     } catch (const std::exception& error) {
         outcome.brokeOff = error.what();
     }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "KestrelvaneKit/session/PrivateLink.h"
 #include "KestrelvaneKit/wire/Ack.h"
 #include "KestrelvaneKit/wire/KestrelvaneStream.h"
 #include "KestrelvaneKit/wire/SessionHeader.h"
@@ -43,6 +44,11 @@ public:
         /// one already settled).
         std::function<void(const Ack&)> stray{};
         std::function<void(std::uint64_t bytes)> sent{};
+        /// The file at `index` of the batch goes on the wire next: `byteCount`
+        /// bytes of it from offset `from`. The bytes `sent` reports after it
+        /// are its header and then these, until the next call.
+        std::function<void(std::size_t index, std::uint64_t from, std::uint64_t byteCount)>
+            writing{};
     };
     struct Outcome {
         /// Per file of the batch, the acknowledgement that settled it.
@@ -59,9 +65,10 @@ public:
     /// closes it. Returns when every file is settled or the transfer has
     /// broken off; never throws for the transfer's own failures.
     Outcome run(const std::shared_ptr<KestrelvaneStream>& stream);
-    /// Connects to `destination` first, then as run(stream). Throws
+    /// Connects to `destination` first (with `trust`, a network receiver over
+    /// TLS, see Destination::connect), then as run(stream). Throws
     /// ConnectError when no connection is made; cancel() stops one being made.
-    Outcome run(const Destination& destination);
+    Outcome run(const Destination& destination, const std::optional<Trust>& trust = {});
     /// From any thread: ends the run by closing its connection, at once if it
     /// is under way, as soon as it starts otherwise.
     void cancel() noexcept;
