@@ -4,6 +4,7 @@
 #include "KestrelvaneKit/network/PairedDevices.h"
 #include "KestrelvaneKit/wire/UnicodeText.h"
 #include "Sender/KestrelvaneColors.h"
+#include "Sender/PairingDialog.h"
 #include "Sender/QueueRowDelegate.h"
 
 #include <QAction>
@@ -541,6 +542,13 @@ void ContentView::sendQueue() {
     if (choice.network) {
         if (choice.paired) {
             vm_.sendTo(*choice.network, Trust::ofThisDevice());
+            return;
+        }
+        // Not paired yet: Send offers to pair first.
+        PairingDialog dialog(*choice.network, choice.peerName, this);
+        dialog.exec();
+        if (dialog.paired()) {
+            updateChoices();
         }
         return;
     }
@@ -596,8 +604,10 @@ void ContentView::refresh() {
     progressLabel_->setVisible(!vm_.progressLine().isEmpty());
     breakLabel_->setText(vm_.breakLine());
     breakLabel_->setVisible(!vm_.breakLine().isEmpty());
-    primaryButton_->setText(sendLabel(unsent, queue.savedCount()));
-    primaryButton_->setEnabled(!sending && unsent > 0 && reachable);
+    const bool offerPairing = choice.network && !choice.paired;
+    primaryButton_->setText(offerPairing ? QStringLiteral("Pair…")
+                                         : sendLabel(unsent, queue.savedCount()));
+    primaryButton_->setEnabled(!sending && (offerPairing || (unsent > 0 && reachable)));
     deleteAction_->setEnabled(list_->selectionModel()->hasSelection());
 }
 

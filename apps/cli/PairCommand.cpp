@@ -4,7 +4,7 @@
 #include "KestrelvaneKit/network/PairedDevices.h"
 #include "KestrelvaneKit/session/ConnectError.h"
 #include "KestrelvaneKit/session/Destination.h"
-#include "KestrelvaneKit/session/Pairing.h"
+#include "KestrelvaneKit/session/ReceiverPairing.h"
 #include "KestrelvaneKit/wire/UnicodeText.h"
 #include "Prompt.h"
 
@@ -53,31 +53,20 @@ int forget(PairedDevices& paired, const std::string& name) {
     return exitFailure;
 }
 
-int pair(PairedDevices& paired, const std::string& text) {
-    const PrivateLink::Opened opened =
-        Destination::parse(text).connectToPair(Trust::ofThisDevice());
-    const auto& stream = opened.stream;
-    const std::string& receiverName = opened.peerName;
-    const Pairing::Outcome outcome =
-        Pairing::asSender(*stream, receiverName, [](const PairingOffer& offer) {
+int pair(const std::string& text) {
+    const PairedReceiver result = pairWithReceiver(
+        Destination::parse(text), Trust::ofThisDevice(), [](const PairingOffer& offer) {
             return askForCode(stdout, "Pairing with", offer, "the receiver");
         });
-    stream->close();
-    switch (outcome) {
-    case Pairing::Outcome::paired: {
-        const PairedDevice device{stream->peerFingerprint(), receiverName, text,
-                                  std::chrono::time_point_cast<std::chrono::microseconds>(
-                                      std::chrono::system_clock::now())};
-        for (const PairedDevice& old : paired.add(device)) {
-            if (old.fingerprint != device.fingerprint) {
-                std::printf("This key differs from the one paired on %s.\n",
-                            Rfc3339::format(old.pairedAt).substr(0, 10).c_str());
-            }
+    switch (result.outcome) {
+    case Pairing::Outcome::paired:
+        for (const PairedDevice& old : result.replaced) {
+            std::printf("This key differs from the one paired on %s.\n",
+                        Rfc3339::format(old.pairedAt).substr(0, 10).c_str());
         }
         std::printf("Paired with \"%s\". Send to it with: kestrelvane send --to %s PATH...\n",
-                    UnicodeText::printable(receiverName).c_str(), text.c_str());
+                    UnicodeText::printable(result.receiverName).c_str(), text.c_str());
         return exitOk;
-    }
     case Pairing::Outcome::codesDiffer:
         std::fprintf(stderr, "kestrelvane pair: the codes differ: not paired. Someone may be in "
                              "between; try again on a network you trust.\n");
@@ -158,7 +147,7 @@ int runPair(const std::vector<std::string>& arguments) {
         if (line.has("forget")) {
             return forget(paired, *line.value("forget"));
         }
-        return pair(paired, line.operands().front());
+        return pair(line.operands().front());
     } catch (const IdentityError& error) {
         std::fprintf(stderr, "kestrelvane pair: %s\n", error.what());
         return exitFailure;

@@ -233,7 +233,7 @@ private slots:
 
     // With no iPhone attached, a receiver the browser found and this device
     // paired with is chosen in the toolbar and sent the queue, privately; one
-    // not paired cannot be sent to.
+    // not paired is offered pairing instead.
     void aPairedReceiverOnTheNetworkIsChosenAndSentTo() {
         const testing::ScopedEnvironment home("XDG_DATA_HOME", testing::testDeviceHome().string());
         const fs::path saved = folder_->path() / "saved";
@@ -261,7 +261,8 @@ private slots:
         QVERIFY(!button->isEnabled()); // the iPhone, and none attached
         choice->setCurrentIndex(2);
         QCOMPARE(status->text(), "Not paired yet");
-        QVERIFY(!button->isEnabled());
+        QCOMPARE(button->text(), "Pair…"); // Send offers to pair first
+        QVERIFY(button->isEnabled());
         choice->setCurrentIndex(1);
         QCOMPARE(status->text(), "● Paired, private");
         QVERIFY(button->isEnabled());
