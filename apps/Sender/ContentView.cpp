@@ -461,9 +461,13 @@ QString ContentView::deviceText(Kind kind) {
 }
 
 void ContentView::updateChoices() {
-    const QString current = destinationChoice_->currentIndex() > 0
-                                ? destinationChoice_->currentData().toString()
-                                : QString();
+    const auto keyOf = [](const Choice& choice) {
+        return choice.network ? QString::fromStdString(choice.network->text()) : QString();
+    };
+    std::optional<Choice> previous;
+    if (destinationChoice_->currentIndex() > 0) {
+        previous = chosen();
+    }
     choices_.assign(1, Choice{QStringLiteral("iPhone (USB)"), std::nullopt,
                               QStringLiteral("The iPhone"), false});
     std::optional<PairedDevices> paired;
@@ -487,15 +491,21 @@ void ContentView::updateChoices() {
         choices_.push_back(
             {QStringLiteral("%1 · %2").arg(name, isPaired ? QStringLiteral("paired")
                                                           : QStringLiteral("not paired")),
-             destination, QStringLiteral("“%1”").arg(name), isPaired});
+             destination, QStringLiteral("“%1”").arg(name), isPaired, name});
+    }
+    if (previous && std::none_of(choices_.begin(), choices_.end(), [&](const Choice& choice) {
+            return keyOf(choice) == keyOf(*previous);
+        })) {
+        previous->found = false;
+        previous->label = QStringLiteral("%1 · not found").arg(previous->name);
+        choices_.push_back(*previous);
     }
     const QSignalBlocker blocker(destinationChoice_);
     destinationChoice_->clear();
     int keep = 0;
     for (const Choice& choice : choices_) {
-        const QString key =
-            choice.network ? QString::fromStdString(choice.network->text()) : QString();
-        if (!key.isEmpty() && key == current) {
+        const QString key = keyOf(choice);
+        if (previous && !key.isEmpty() && key == keyOf(*previous)) {
             keep = destinationChoice_->count();
         }
         destinationChoice_->addItem(choice.label, key);
@@ -545,11 +555,14 @@ void ContentView::sendQueue() {
             return;
         }
         // Not paired yet: Send offers to pair first.
-        PairingDialog dialog(*choice.network, choice.peerName, this);
-        dialog.exec();
-        if (dialog.paired()) {
-            updateChoices();
-        }
+        auto* dialog = new PairingDialog(*choice.network, choice.peerName, this);
+        dialog->setAttribute(Qt::WA_DeleteOnClose);
+        connect(dialog, &QDialog::finished, this, [this, dialog] {
+            if (dialog->paired()) {
+                updateChoices();
+            }
+        });
+        dialog->open();
         return;
     }
     const bool extended = discovery_->state().extended;
@@ -591,9 +604,11 @@ void ContentView::refresh() {
 
     const Choice& choice = chosen();
     deviceStatus_->setText(!choice.network ? deviceText(discovery_->state().kind)
+                           : !choice.found ? QStringLiteral("Not on the network now")
                            : choice.paired ? QStringLiteral("● Paired, private")
                                            : QStringLiteral("Not paired yet"));
-    const bool reachable = choice.network ? choice.paired : discovery_->state().kind == Kind::ready;
+    const bool reachable =
+        choice.network ? choice.paired && choice.found : discovery_->state().kind == Kind::ready;
     destinationChoice_->setEnabled(!sending);
     clearButton_->setEnabled(!sending && hasItems);
     queueArea_->setCurrentWidget(hasItems ? static_cast<QWidget*>(list_) : queueArea_->widget(0));
@@ -604,7 +619,7 @@ void ContentView::refresh() {
     progressLabel_->setVisible(!vm_.progressLine().isEmpty());
     breakLabel_->setText(vm_.breakLine());
     breakLabel_->setVisible(!vm_.breakLine().isEmpty());
-    const bool offerPairing = choice.network && !choice.paired;
+    const bool offerPairing = choice.network && !choice.paired && choice.found;
     primaryButton_->setText(offerPairing ? QStringLiteral("Pair…")
                                          : sendLabel(unsent, queue.savedCount()));
     primaryButton_->setEnabled(!sending && (offerPairing || (unsent > 0 && reachable)));

@@ -53,6 +53,10 @@ public:
         std::optional<Destination> network; ///< none: the iPhone on USB
         QString peerName;                   ///< what a broken send names
         bool paired = false;
+        QString name{}; ///< the name it announces
+        /// False for the chosen receiver while the network no longer
+        /// announces it: it stays chosen, and is sent to once it is back.
+        bool found = true;
     };
     /// The destinations shown, the iPhone first; the chosen one.
     const std::vector<Choice>& choices() const noexcept { return choices_; }

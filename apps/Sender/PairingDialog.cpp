@@ -39,6 +39,7 @@ QString outcomeText(Pairing::Outcome outcome, const QString& name) {
 PairingDialog::PairingDialog(Destination destination, const QString& receiverName, QWidget* parent)
     : QDialog(parent), receiverName_(receiverName) {
     setWindowTitle(QStringLiteral("Pair with %1").arg(receiverName));
+    setMinimumWidth(440);
     auto* column = new QVBoxLayout(this);
     message_ = new QLabel(QStringLiteral("Connecting to %1…").arg(receiverName), this);
     message_->setObjectName(QStringLiteral("pairingMessage"));
@@ -126,6 +127,7 @@ void PairingDialog::showOffer(const PairingOffer& offer) {
     code_->show();
     typed_->show();
     typed_->setFocus();
+    adjustSize();
 }
 
 void PairingDialog::confirm() {
@@ -153,6 +155,7 @@ void PairingDialog::finish(const QString& message, bool paired) {
     typed_->hide();
     confirm_->hide();
     close_->setText(QStringLiteral("Close"));
+    adjustSize();
 }
 
 } // namespace kestrelvane

@@ -278,6 +278,10 @@ private slots:
         }).join();
         QTRY_COMPARE_WITH_TIMEOUT(choice->count(), 2, 30'000);
         QCOMPARE(choice->currentIndex(), 1);
+        // Gone from the network, it stays chosen until it is back.
+        std::thread([&] { view.browser().resultsChanged({}); }).join();
+        QTRY_COMPARE_WITH_TIMEOUT(choice->currentText(), "Desk · not found", 30'000);
+        QCOMPARE(status->text(), "Not on the network now");
     }
 
     void aLowPriorityWorkerDeliversOnTheOwnersThreadAndIsWaitedForToItsLastJobsEnd() {

@@ -66,8 +66,16 @@ ReceiverProcess::ReceiverProcess(const std::filesystem::path& folder,
         wrapper.push_back("--accept-anyone");
     }
     ChildProcess::Environment ownEnvironment = environment;
-    ownEnvironment.emplace_back("XDG_DATA_HOME", home_.path().string());
-    ownEnvironment.emplace_back("XDG_CACHE_HOME", (home_.path() / "cache").string());
+    for (const auto& [name, value] : environment) {
+        if (name == "XDG_DATA_HOME") {
+            dataHome_ = value; // the same device as an earlier receiver
+        }
+    }
+    if (dataHome_.empty()) {
+        dataHome_ = home_.path();
+        ownEnvironment.emplace_back("XDG_DATA_HOME", dataHome_.string());
+    }
+    ownEnvironment.emplace_back("XDG_CACHE_HOME", (dataHome_ / "cache").string());
     const int out = ::open((output_.path() / "out").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
     int input[2] = {-1, -1};
     if (::pipe2(input, O_CLOEXEC) != 0) {
@@ -90,7 +98,7 @@ ReceiverProcess::ReceiverProcess(const std::filesystem::path& folder,
     port_ = std::stoi(match[1]);
     // Paired both ways, as `kestrelvane pair` would leave them.
     const auto sender = testDeviceHome() / "kestrelvane";
-    const auto receiver = home_.path() / "kestrelvane";
+    const auto receiver = dataHome_ / "kestrelvane";
     const Timestamp now{};
     PairedDevices(sender).add({DeviceIdentity::loadOrCreate(receiver).fingerprint(),
                                "receiver " + address(), address(), now});

@@ -70,9 +70,10 @@ public:
     /// Where `send --to` finds it: HOST:PORT, or [HOST]:PORT for IPv6.
     std::string address() const;
     ChildProcess& process() { return *process_; }
-    /// Its XDG_DATA_HOME: its key and paired list are in kestrelvane/ there;
-    /// its XDG_CACHE_HOME is cache/ in it.
-    const std::filesystem::path& home() const { return home_.path(); }
+    /// Its XDG_DATA_HOME (a folder of its own unless `environment` names
+    /// one): its key and paired list are in kestrelvane/ there; its
+    /// XDG_CACHE_HOME is cache/ in it.
+    const std::filesystem::path& home() const { return dataHome_; }
     /// Writes `line` and a newline to its standard input (a pipe).
     void type(const std::string& line) const;
     /// The first thing it printed that matches `pattern`'s first group,
@@ -85,7 +86,8 @@ public:
 private:
     TemporaryFolder output_;
     TemporaryFolder home_;
-    int input_ = -1; // the write end of its standard input
+    std::filesystem::path dataHome_; // home_, unless the environment names another
+    int input_ = -1;                 // the write end of its standard input
     std::string bind_;
     int port_ = 0;
     std::unique_ptr<ChildProcess> process_;
