@@ -268,6 +268,7 @@ ContentView::ContentView(UsbPhones::Address usbmuxd, std::chrono::milliseconds d
     });
     connect(discovery_.get(), &UsbmuxdDiscovery::stateChanged, this, &ContentView::refresh);
     connect(&browser_, &DeviceBrowser::devicesChanged, this, &ContentView::updateChoices);
+    connect(&vm_, &SenderViewModel::sendEnded, this, &ContentView::tellDesktop);
     updateChoices();
     connect(list_->selectionModel(), &QItemSelectionModel::selectionChanged, this,
             &ContentView::refresh);
@@ -512,6 +513,17 @@ void ContentView::updateChoices() {
     }
     destinationChoice_->setCurrentIndex(keep);
     refresh();
+}
+
+void ContentView::tellDesktop(int saved, int notSaved, double seconds) {
+    // Someone looking at the window sees it already; a short send needs no word.
+    if (seconds * 1000.0 < static_cast<double>(notifyAfter.count()) || isActiveWindow()) {
+        return;
+    }
+    const QString summary = notSaved == 0                ? QStringLiteral("All %1 saved").arg(saved)
+                            : !vm_.breakLine().isEmpty() ? vm_.breakLine()
+                                                         : QStringLiteral("Send ended");
+    notifier_.notify(summary, QStringLiteral("%1 saved, %2 not saved.").arg(saved).arg(notSaved));
 }
 
 const ContentView::Choice& ContentView::chosen() const {

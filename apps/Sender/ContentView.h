@@ -2,6 +2,7 @@
 
 #include "KestrelvaneKit/session/Destination.h"
 #include "KestrelvaneKit/session/UsbPhones.h"
+#include "Sender/DesktopNotifier.h"
 #include "Sender/DeviceBrowser.h"
 #include "Sender/SenderViewModel.h"
 #include "Sender/UsbmuxdDiscovery.h"
@@ -39,6 +40,10 @@ public:
     SenderViewModel& viewModel() noexcept { return vm_; }
     UsbmuxdDiscovery& discovery() noexcept { return *discovery_; }
     DeviceBrowser& browser() noexcept { return browser_; }
+
+    /// A send that ran at least this long and ends while the window is not
+    /// active is told to the desktop.
+    std::chrono::milliseconds notifyAfter{5000};
 
     /// Removes the selected items; the Delete key and the Edit menu's Delete.
     QAction* deleteAction() const noexcept { return deleteAction_; }
@@ -85,10 +90,12 @@ private:
     /// Lists the iPhone and every receiver the browser reports, keeping the
     /// choice when it is still there.
     void updateChoices();
+    void tellDesktop(int saved, int notSaved, double seconds);
 
     SenderViewModel vm_;
     std::unique_ptr<UsbmuxdDiscovery> discovery_;
     DeviceBrowser browser_;
+    DesktopNotifier notifier_;
 
     QAction* deleteAction_ = nullptr;
     QLabel* deviceStatus_ = nullptr;

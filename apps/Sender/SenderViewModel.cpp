@@ -173,6 +173,7 @@ void SenderViewModel::runSend(const std::vector<std::filesystem::path>& urls, Ru
     }
     settled_.assign(urls.size(), false);
     settledBytes_ = 0;
+    savedInSend_ = 0;
     fullUpTo_ = 0;
     passedBytes_ = 0;
     wireBytes_ = 0;
@@ -236,6 +237,7 @@ void SenderViewModel::applyProgress(const SendRun::Settled& settled) {
         }
     }
     if (ack.status == Ack::Status::ok) {
+        ++savedInSend_;
         queue_.setStatus(TransferQueue::Status::saved(), settled.path);
         bytesDone_ += static_cast<std::int64_t>(settled.byteCount);
     } else {
@@ -303,6 +305,7 @@ void SenderViewModel::finishSend(bool dropped, const std::optional<std::string>&
     if (dropped && unsent > 0 && onFailure) {
         onFailure();
     }
+    emit sendEnded(savedInSend_, static_cast<int>(batch_.size()) - savedInSend_, elapsedSeconds());
 }
 
 double SenderViewModel::elapsedSeconds() const {

@@ -83,6 +83,9 @@ signals:
     void statsLineChanged();
     void progressLineChanged();
     void breakLineChanged();
+    /// A send has ended: of its files, how many were saved and how many not,
+    /// and how long it ran.
+    void sendEnded(int saved, int notSaved, double seconds);
     /// The queue changed in any way (items added, removed or updated).
     void queueChanged();
 
@@ -123,6 +126,7 @@ private:
     std::int64_t batchBytes_ = 0;
     std::vector<bool> settled_;
     std::int64_t settledBytes_ = 0;
+    int savedInSend_ = 0;
     // Files before this one the writer has passed; those of them not yet
     // settled count whole in passedBytes_.
     std::size_t fullUpTo_ = 0;

@@ -15,6 +15,7 @@
 
 #include <QAbstractItemView>
 #include <QComboBox>
+#include <QDBusConnection>
 #include <QDir>
 #include <QDropEvent>
 #include <QLabel>
@@ -71,6 +72,21 @@ QUrl servedFeed(const QByteArray& items) {
 }
 
 } // namespace
+
+/// The desktop's notification service, as the test plays it on the session bus.
+class FakeNotifications : public QObject {
+    Q_OBJECT
+    Q_CLASSINFO("D-Bus Interface", "org.freedesktop.Notifications")
+public:
+    QStringList shown; ///< "SUMMARY / BODY" of each notification
+
+public slots:
+    uint Notify(const QString&, uint, const QString&, const QString& summary, const QString& body,
+                const QStringList&, const QVariantMap&, int) {
+        shown << summary + QStringLiteral(" / ") + body;
+        return static_cast<uint>(shown.size());
+    }
+};
 
 class SenderAppTest : public QObject {
     Q_OBJECT
@@ -240,6 +256,14 @@ private slots:
         fs::create_directories(saved);
         testing::ReceiverProcess receiver(saved, {}, {}, "127.0.0.1", {}, false);
         ContentView view(UsbmuxdClient::SocketAddress{"/nonexistent/usbmuxd", {}, 0}, testInterval);
+        // The send ends while the window is not active (it is not even shown).
+        view.notifyAfter = std::chrono::milliseconds(0);
+        FakeNotifications desktop;
+        QDBusConnection bus = QDBusConnection::sessionBus();
+        QVERIFY2(bus.registerService(QStringLiteral("org.freedesktop.Notifications")),
+                 "no session bus: run under dbus-run-session");
+        bus.registerObject(QStringLiteral("/org/freedesktop/Notifications"), &desktop,
+                           QDBusConnection::ExportAllSlots);
         auto* choice = view.findChild<QComboBox*>("destinationChoice");
         auto* button = view.findChild<QPushButton*>("primaryButton");
         auto* status = view.findChild<QLabel*>("deviceStatus");
@@ -272,6 +296,10 @@ private slots:
         QCOMPARE(column(queue), QStringList(2, "saved"));
         QCOMPARE(testing::filesNotAsIn(saved, folder_->path()), std::vector<std::string>{});
         QVERIFY(receiver.says("saved   VID_1.mov"));
+        QTRY_COMPARE_WITH_TIMEOUT(desktop.shown, QStringList{"All 2 saved / 2 saved, 0 not saved."},
+                                  30'000);
+        bus.unregisterObject(QStringLiteral("/org/freedesktop/Notifications"));
+        bus.unregisterService(QStringLiteral("org.freedesktop.Notifications"));
         // The choice stays through the browser's next report.
         std::thread([&] {
             view.browser().resultsChanged({{"Desk", "local", "desk.local", {"127.0.0.1"}, port}});
