@@ -256,6 +256,20 @@ ContentView::ContentView(UsbPhones::Address usbmuxd, std::chrono::milliseconds d
     connect(deleteAction_, &QAction::triggered, this, &ContentView::removeSelection);
     list_->addAction(deleteAction_);
 
+    // Tab goes through the controls as they are laid out: toolbar, queue, footer.
+    QWidget* order[] = {findChild<QWidget*>(QStringLiteral("forwardSegment")),
+                        reverse_,
+                        findChild<QWidget*>(QStringLiteral("addButton")),
+                        clearButton_,
+                        destinationChoice_,
+                        findChild<QWidget*>(QStringLiteral("chooseButton")), // with the queue empty
+                        list_,
+                        albumField_,
+                        primaryButton_};
+    for (std::size_t i = 1; i < std::size(order); ++i) {
+        setTabOrder(order[i - 1], order[i]);
+    }
+
     connect(&vm_, &SenderViewModel::queueChanged, this, &ContentView::refresh);
     connect(&vm_, &SenderViewModel::statsLineChanged, this, &ContentView::refresh);
     connect(&vm_, &SenderViewModel::progressLineChanged, this, &ContentView::refresh);
@@ -299,17 +313,20 @@ QWidget* ContentView::makeToolbar() {
     auto* add = makeBorderedButton(QStringLiteral("Add…"), QStringLiteral("addButton"),
                                    KestrelvaneColors::accent(), bar);
     add->setToolTip(QStringLiteral("Add photos, videos or folders (%1)").arg(shortcutText()));
+    add->setAccessibleName(QStringLiteral("Add photos, videos or folders"));
     connect(add, &QPushButton::clicked, this, &ContentView::openChooser);
     row->addWidget(add);
 
     clearButton_ = makeBorderedButton(QStringLiteral("Clear"), QStringLiteral("clearButton"),
                                       KestrelvaneColors::ink(), bar);
+    clearButton_->setAccessibleName(QStringLiteral("Clear the queue"));
     connect(clearButton_, &QPushButton::clicked, this, &ContentView::clearQueue);
     row->addWidget(clearButton_);
 
     destinationChoice_ = new QComboBox(bar);
     destinationChoice_->setObjectName(QStringLiteral("destinationChoice"));
-    destinationChoice_->setAccessibleName(QStringLiteral("Send to"));
+    // Screen readers name a combo box by its current entry; this says what it is.
+    destinationChoice_->setAccessibleDescription(QStringLiteral("Where Send sends the queue"));
     // Narrow, so that the toolbar still fits the minimum width; the list it
     // opens is as wide as its longest entry.
     destinationChoice_->setSizeAdjustPolicy(QComboBox::AdjustToMinimumContentsLengthWithIcon);
@@ -322,6 +339,7 @@ QWidget* ContentView::makeToolbar() {
     deviceStatus_ = makeLabel({}, QStringLiteral("deviceStatus"), calloutFont(font()),
                               KestrelvaneColors::muted(), bar);
     deviceStatus_->setAlignment(Qt::AlignRight | Qt::AlignVCenter);
+    deviceStatus_->setAccessibleName(QStringLiteral("Destination status"));
     int longest = 0;
     for (const Kind kind : {Kind::ready, Kind::noDevice, Kind::appNotListening}) {
         longest =
@@ -353,6 +371,7 @@ QWidget* ContentView::makeDirectionControl() {
     };
     QPushButton* forward = segment(QStringLiteral("→ iPhone"), QStringLiteral("forwardSegment"),
                                    KestrelvaneColors::ink(), rgba(KestrelvaneColors::bg()));
+    forward->setAccessibleName(QStringLiteral("Send to the iPhone"));
     forward->setCheckable(true);
     forward->setChecked(true);
     // The only direction there is: drawn selected, and clicking it changes nothing.
@@ -361,6 +380,7 @@ QWidget* ContentView::makeDirectionControl() {
 
     reverse_ = segment(QStringLiteral("← iPhone"), QStringLiteral("reverseSegment"),
                        KestrelvaneColors::muted(), QStringLiteral("transparent"));
+    reverse_->setAccessibleName(QStringLiteral("Receive from the iPhone (coming soon)"));
     connect(reverse_, &QPushButton::clicked, this, &ContentView::showReverseNote);
     row->addWidget(reverse_);
 
@@ -402,6 +422,7 @@ QWidget* ContentView::makeQueueArea() {
 
     list_ = new QListView(queueArea_);
     list_->setObjectName(QStringLiteral("queueList"));
+    list_->setAccessibleName(QStringLiteral("Queue"));
     list_->setModel(&vm_.queue());
     list_->setItemDelegate(new QueueRowDelegate(list_));
     list_->setSelectionMode(QAbstractItemView::ExtendedSelection);
@@ -423,6 +444,7 @@ QWidget* ContentView::makeFooter() {
     albumField_ = new QLineEdit(bar);
     albumField_->setObjectName(QStringLiteral("albumField"));
     albumField_->setPlaceholderText(QStringLiteral("＋ Album (optional)"));
+    albumField_->setAccessibleName(QStringLiteral("Album"));
     albumField_->setMaximumWidth(220);
     connect(albumField_, &QLineEdit::textChanged, &vm_, &SenderViewModel::setAlbumName);
     row->addWidget(albumField_, 1);
@@ -439,6 +461,12 @@ QWidget* ContentView::makeFooter() {
 
     primaryButton_ = makeButton({}, QStringLiteral("primaryButton"), bar);
     primaryButton_->setDefault(true);
+    // Send from anywhere in the window; Add has its own shortcut, Clear its
+    // place in the tab order.
+    primaryButton_->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_Return));
+    primaryButton_->setToolTip(
+        QStringLiteral("Send (%1)")
+            .arg(primaryButton_->shortcut().toString(QKeySequence::NativeText)));
     primaryButton_->setStyleSheet(
         QStringLiteral("QPushButton { background: %1; color: white; border: none; "
                        "border-radius: 6px; padding: 5px 14px; }"
@@ -635,6 +663,7 @@ void ContentView::refresh() {
     primaryButton_->setText(offerPairing ? QStringLiteral("Pair…")
                                          : sendLabel(unsent, queue.savedCount()));
     primaryButton_->setEnabled(!sending && (offerPairing || (unsent > 0 && reachable)));
+    primaryButton_->setAccessibleName(QString(primaryButton_->text()).remove(QStringLiteral(" →")));
     deleteAction_->setEnabled(list_->selectionModel()->hasSelection());
 }
 

@@ -2,6 +2,7 @@
 
 #include "KestrelvaneKit/intake/MediaScanner.h"
 #include "KestrelvaneKit/intake/QueuePlanner.h"
+#include "KestrelvaneKit/log/Units.h"
 #include "Sender/BackgroundWork.h"
 #include "Sender/ThumbnailProvider.h"
 
@@ -16,6 +17,23 @@ namespace kestrelvane {
 namespace fs = std::filesystem;
 
 namespace {
+
+/// What a screen reader says of a row: its name, size and state in words,
+/// the share sent of a file on its way and the reason of a failure.
+QString accessibleText(const TransferQueue::Item& item) {
+    QString state = TransferQueue::statusName(item.status.kind);
+    if (item.status.kind == TransferQueue::Status::Kind::sending && item.bytesDone > 0 &&
+        item.size > 0) {
+        state += QStringLiteral(", %1 %").arg(
+            std::min<std::int64_t>(100, item.bytesDone * 100 / item.size));
+    } else if (item.status.kind == TransferQueue::Status::Kind::failed &&
+               !item.status.message.isEmpty()) {
+        state += QStringLiteral(": ") + item.status.message;
+    }
+    return QStringLiteral("%1, %2, %3")
+        .arg(item.name, QString::fromStdString(Units::megabytes(static_cast<double>(item.size), 0)),
+             state);
+}
 
 QString idOf(const fs::path& url) {
     std::error_code ignored;
@@ -56,6 +74,8 @@ QVariant TransferQueue::data(const QModelIndex& index, int role) const {
     case Qt::DisplayRole:
     case NameRole:
         return item.name;
+    case Qt::AccessibleTextRole:
+        return accessibleText(item);
     case IdRole:
         return item.id;
     case SizeRole:
@@ -290,7 +310,8 @@ void TransferQueue::changeStatus(std::size_t row, const Status& status) {
     items_[row].status = status;
     items_[row].bytesDone = 0;
     const QModelIndex changed = index(static_cast<int>(row));
-    emit dataChanged(changed, changed, {StatusRole, StatusMessageRole, ProgressRole});
+    emit dataChanged(changed, changed,
+                     {StatusRole, StatusMessageRole, ProgressRole, Qt::AccessibleTextRole});
 }
 
 void TransferQueue::markSending(const std::vector<std::filesystem::path>& urls) {
@@ -329,7 +350,7 @@ void TransferQueue::setBytesDone(const std::filesystem::path& url, std::int64_t 
     if (item.url == url && item.status.kind == Status::Kind::sending && item.bytesDone != bytes) {
         item.bytesDone = bytes;
         const QModelIndex changed = index(static_cast<int>(found.value()));
-        emit dataChanged(changed, changed, {ProgressRole});
+        emit dataChanged(changed, changed, {ProgressRole, Qt::AccessibleTextRole});
     }
 }
 

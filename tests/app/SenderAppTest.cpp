@@ -1,7 +1,9 @@
 #include "KestrelvaneKit/intake/Checksum.h"
+#include "KestrelvaneKit/network/PairedDevices.h"
 #include "KestrelvaneKit/wire/FrameChannel.h"
 #include "Sender/AppcastUpdater.h"
 #include "Sender/ContentView.h"
+#include "Sender/PairingDialog.h"
 #include "Sender/QueueRowDelegate.h"
 #include "Sender/ThumbnailProvider.h"
 #include "support/CliProcess.h"
@@ -14,6 +16,7 @@
 #include "support/TestFiles.h"
 
 #include <QAbstractItemView>
+#include <QAccessible>
 #include <QComboBox>
 #include <QDBusConnection>
 #include <QDir>
@@ -310,6 +313,76 @@ private slots:
         std::thread([&] { view.browser().resultsChanged({}); }).join();
         QTRY_COMPARE_WITH_TIMEOUT(choice->currentText(), "Desk · not found", 30'000);
         QCOMPARE(status->text(), "Not on the network now");
+    }
+
+    // Pairing from the window: each screen's code typed on the other pairs;
+    // a dialog closed while it waits for the code ends the pairing and its
+    // thread at once, and pairs nothing.
+    void aPairingDialogPairsOnBothCodesAndEndsWhenClosedMidway() {
+        const testing::TemporaryFolder laptop, saved;
+        const testing::ScopedEnvironment home("XDG_DATA_HOME", laptop.path().string());
+        const auto receiving = [&] {
+            return std::make_unique<testing::ReceiverProcess>(
+                saved.path(), std::vector<std::string>{"--allow-pairing"},
+                testing::ChildProcess::Environment{}, "127.0.0.1", std::vector<std::string>{},
+                false);
+        };
+        const auto codeShown = [](PairingDialog& dialog) {
+            auto* code = dialog.findChild<QLabel*>("pairingCode");
+            return QTest::qWaitFor([&] { return !code->text().isEmpty(); }, 30'000)
+                       ? code->text().toStdString()
+                       : std::string();
+        };
+        const auto pairedHere = [&] {
+            return PairedDevices(laptop.path() / "kestrelvane").list().size();
+        };
+        const auto midway = receiving();
+        {
+            PairingDialog closed(Destination::address("127.0.0.1", midway->port()),
+                                 QStringLiteral("“Desk”"));
+            QVERIFY(!codeShown(closed).empty());
+        } // destroyed while the pairing waits for this person's code
+        QCOMPARE(pairedHere(), 0u);
+
+        const auto desk = receiving();
+        PairingDialog dialog(Destination::address("127.0.0.1", desk->port()),
+                             QStringLiteral("“Desk”"));
+        const std::string shown = codeShown(dialog);
+        const std::string deskCode = desk->found("\n {4}([0-9]{3} [0-9]{3})\n");
+        desk->type(shown);
+        dialog.findChild<QLineEdit*>("pairingTyped")->setText(QString::fromStdString(deskCode));
+        QTest::mouseClick(dialog.findChild<QPushButton*>("pairingConfirm"), Qt::LeftButton);
+        QTRY_VERIFY_WITH_TIMEOUT(dialog.paired(), 30'000);
+        QCOMPARE(pairedHere(), 1u);
+    }
+
+    // A screen reader hears a name for every control, Tab visits them as they
+    // are laid out, and each row says its state in words, not colour alone.
+    void everyControlIsNamedInTabOrderAndEveryRowSaysItsState() {
+        ContentView view(UsbmuxdClient::SocketAddress{"/nonexistent/usbmuxd", {}, 0}, testInterval);
+        QStringList heard;
+        QWidget* widget = view.findChild<QWidget*>("forwardSegment");
+        do {
+            if ((widget->focusPolicy() & Qt::TabFocus) != 0 && view.isAncestorOf(widget)) {
+                heard << QAccessible::queryAccessibleInterface(widget)->text(QAccessible::Name);
+            }
+            widget = widget->nextInFocusChain();
+        } while (widget != view.findChild<QWidget*>("forwardSegment"));
+        QCOMPARE(heard, QStringList({"Send to the iPhone", "Receive from the iPhone (coming soon)",
+                                     "Add photos, videos or folders", "Clear the queue",
+                                     "iPhone (USB)", "Choose…", "Queue", "Album", "Sent ✓"}));
+
+        TransferQueue& queue = view.viewModel().queue();
+        QSignalSpy added(&queue, &TransferQueue::addFinished);
+        const auto sent = files({"IMG_0.jpg", "IMG_1.jpg"});
+        queue.add(sent);
+        QVERIFY(added.wait(30'000));
+        queue.markSending({sent[0]});
+        queue.setBytesDone(sent[0], 500);
+        queue.setStatus(TransferQueue::Status::failed(QStringLiteral("disk full")), sent[1]);
+        QCOMPARE(
+            column(queue, Qt::AccessibleTextRole),
+            QStringList({"IMG_0.jpg, 0 MB, sending, 50 %", "IMG_1.jpg, 0 MB, failed: disk full"}));
     }
 
     void aLowPriorityWorkerDeliversOnTheOwnersThreadAndIsWaitedForToItsLastJobsEnd() {

@@ -58,8 +58,7 @@ class WindowJourney : public QObject {
 
 private slots:
     void aReceiverFoundOnTheNetworkIsPairedSentToLostAndResumed() {
-        // Two videos of 1 GiB each, less under the sanitizers (TMPDIR is in
-        // memory: see CMakeLists.txt).
+        // Two videos of 1 GiB each (TMPDIR is in memory: see CMakeLists.txt).
         const std::uint64_t video = std::uint64_t{KV_JOURNEY_VIDEO_MIB} << 20;
         const testing::TemporaryFolder laptop, in, deskHome, saved;
         const testing::ScopedEnvironment home("XDG_DATA_HOME", laptop.path().string());
