@@ -9,6 +9,7 @@
 
 #include <QAction>
 #include <QComboBox>
+#include <QCompleter>
 #include <QDragEnterEvent>
 #include <QDropEvent>
 #include <QFileDialog>
@@ -25,6 +26,7 @@
 #include <QPushButton>
 #include <QShowEvent>
 #include <QStackedWidget>
+#include <QStringListModel>
 #include <QVBoxLayout>
 
 #include <algorithm>
@@ -256,6 +258,13 @@ ContentView::ContentView(UsbPhones::Address usbmuxd, std::chrono::milliseconds d
     connect(deleteAction_, &QAction::triggered, this, &ContentView::removeSelection);
     list_->addAction(deleteAction_);
 
+    forgetAction_ = new QAction(QStringLiteral("Forget Recent Albums and Destination"), this);
+    forgetAction_->setObjectName(QStringLiteral("forgetAction"));
+    connect(forgetAction_, &QAction::triggered, this, [this] {
+        remembered_.forget();
+        recentAlbums_->setStringList({});
+    });
+
     // Tab goes through the controls as they are laid out: toolbar, queue, footer.
     QWidget* order[] = {findChild<QWidget*>(QStringLiteral("forwardSegment")),
                         reverse_,
@@ -284,6 +293,7 @@ ContentView::ContentView(UsbPhones::Address usbmuxd, std::chrono::milliseconds d
     connect(&browser_, &DeviceBrowser::devicesChanged, this, &ContentView::updateChoices);
     connect(&vm_, &SenderViewModel::sendEnded, this, &ContentView::tellDesktop);
     updateChoices();
+    restoreChoice();
     connect(list_->selectionModel(), &QItemSelectionModel::selectionChanged, this,
             &ContentView::refresh);
     refresh();
@@ -447,6 +457,12 @@ QWidget* ContentView::makeFooter() {
     albumField_->setAccessibleName(QStringLiteral("Album"));
     albumField_->setMaximumWidth(220);
     connect(albumField_, &QLineEdit::textChanged, &vm_, &SenderViewModel::setAlbumName);
+    // The album names sent with lately, offered as the name is typed.
+    recentAlbums_ = new QStringListModel(remembered_.recentAlbums(), this);
+    auto* completer = new QCompleter(recentAlbums_, albumField_);
+    completer->setCaseSensitivity(Qt::CaseInsensitive);
+    completer->setFilterMode(Qt::MatchContains);
+    albumField_->setCompleter(completer);
     row->addWidget(albumField_, 1);
 
     row->addStretch(1);
@@ -516,11 +532,8 @@ void ContentView::updateChoices() {
                 isPaired = true;
             }
         }
-        const QString name = QString::fromStdString(UnicodeText::printable(service.name));
-        choices_.push_back(
-            {QStringLiteral("%1 · %2").arg(name, isPaired ? QStringLiteral("paired")
-                                                          : QStringLiteral("not paired")),
-             destination, QStringLiteral("“%1”").arg(name), isPaired, name});
+        choices_.push_back(networkChoice(
+            destination, QString::fromStdString(UnicodeText::printable(service.name)), isPaired));
     }
     if (previous && std::none_of(choices_.begin(), choices_.end(), [&](const Choice& choice) {
             return keyOf(choice) == keyOf(*previous);
@@ -541,6 +554,51 @@ void ContentView::updateChoices() {
     }
     destinationChoice_->setCurrentIndex(keep);
     refresh();
+}
+
+ContentView::Choice ContentView::networkChoice(const Destination& destination, const QString& name,
+                                               bool paired) {
+    return {QStringLiteral("%1 · %2").arg(name, paired ? QStringLiteral("paired")
+                                                       : QStringLiteral("not paired")),
+            destination, QStringLiteral("“%1”").arg(name), paired, name};
+}
+
+void ContentView::restoreChoice() {
+    const auto last = remembered_.lastDestination();
+    if (!last || last->key.isEmpty()) {
+        return; // the iPhone, chosen anyway
+    }
+    Choice restored;
+    try {
+        const Destination destination = Destination::parse(last->key.toStdString());
+        if (destination.kind == Destination::Kind::usb) {
+            return;
+        }
+        bool paired = false;
+        try {
+            paired = !PairedDevices(Trust::ofThisDevice().folder).named(destination.text()).empty();
+        } catch (const std::exception&) {
+            // No key folder to read: not paired.
+        }
+        restored = networkChoice(destination, last->name, paired);
+    } catch (const std::invalid_argument&) {
+        return; // nothing this version can reach
+    }
+    restored.found = false;
+    restored.label = QStringLiteral("%1 · not found").arg(restored.name);
+    choices_.push_back(restored);
+    const QSignalBlocker blocker(destinationChoice_);
+    destinationChoice_->addItem(restored.label, last->key);
+    destinationChoice_->setCurrentIndex(destinationChoice_->count() - 1);
+    refresh();
+}
+
+void ContentView::remember() {
+    const Choice& choice = chosen();
+    remembered_.rememberDestination(
+        {choice.network ? QString::fromStdString(choice.network->text()) : QString(), choice.name});
+    remembered_.rememberAlbum(albumField_->text());
+    recentAlbums_->setStringList(remembered_.recentAlbums());
 }
 
 void ContentView::tellDesktop(int saved, int notSaved, double seconds) {
@@ -591,6 +649,7 @@ void ContentView::sendQueue() {
     vm_.setPeerName(choice.peerName);
     if (choice.network) {
         if (choice.paired) {
+            remember();
             vm_.sendTo(*choice.network, Trust::ofThisDevice());
             return;
         }
@@ -611,6 +670,7 @@ void ContentView::sendQueue() {
         return;
     }
     discovery_->setPaused(true);
+    remember();
     QPointer<UsbmuxdDiscovery> discovery = discovery_.get();
     // A broken-off send gives up the phone connection, so the next pass opens a fresh one.
     vm_.send(*fd, extended, [discovery] {

@@ -4,6 +4,7 @@
 #include "KestrelvaneKit/session/UsbPhones.h"
 #include "Sender/DesktopNotifier.h"
 #include "Sender/DeviceBrowser.h"
+#include "Sender/RememberedChoices.h"
 #include "Sender/SenderViewModel.h"
 #include "Sender/UsbmuxdDiscovery.h"
 
@@ -21,6 +22,7 @@ class QLineEdit;
 class QListView;
 class QPushButton;
 class QStackedWidget;
+class QStringListModel;
 
 namespace kestrelvane {
 
@@ -47,6 +49,8 @@ public:
 
     /// Removes the selected items; the Delete key and the Edit menu's Delete.
     QAction* deleteAction() const noexcept { return deleteAction_; }
+    /// Forgets the remembered destination and album names; the Edit menu's.
+    QAction* forgetAction() const noexcept { return forgetAction_; }
 
     static QString deviceText(UsbmuxdDiscovery::State::Kind kind);
 
@@ -90,6 +94,12 @@ private:
     /// Lists the iPhone and every receiver the browser reports, keeping the
     /// choice when it is still there.
     void updateChoices();
+    /// A receiver on the network as the choice lists it.
+    static Choice networkChoice(const Destination& destination, const QString& name, bool paired);
+    /// Chooses the destination remembered from the last run, listed as not
+    /// found until the network browser reports it.
+    void restoreChoice();
+    void remember();
     void tellDesktop(int saved, int notSaved, double seconds);
 
     SenderViewModel vm_;
@@ -98,6 +108,9 @@ private:
     DesktopNotifier notifier_;
 
     QAction* deleteAction_ = nullptr;
+    QAction* forgetAction_ = nullptr;
+    RememberedChoices remembered_;
+    QStringListModel* recentAlbums_ = nullptr;
     QLabel* deviceStatus_ = nullptr;
     QPushButton* clearButton_ = nullptr;
     QComboBox* destinationChoice_ = nullptr;

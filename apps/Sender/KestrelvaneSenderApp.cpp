@@ -64,6 +64,8 @@ void KestrelvaneSenderApp::buildMenus() {
 
     QMenu* edit = window_->menuBar()->addMenu(QStringLiteral("Edit"));
     edit->addAction(content_->deleteAction());
+    edit->addSeparator();
+    edit->addAction(content_->forgetAction());
 }
 
 void KestrelvaneSenderApp::presentResult(const AppcastUpdater::Result& result) {

@@ -18,6 +18,7 @@
 #include <QAbstractItemView>
 #include <QAccessible>
 #include <QComboBox>
+#include <QCompleter>
 #include <QDBusConnection>
 #include <QDir>
 #include <QDropEvent>
@@ -130,6 +131,7 @@ class SenderAppTest : public QObject {
 
 private slots:
     void init() {
+        RememberedChoices().forget(); // each test's window starts as a first run's
         model_.emplace(); // the last one ends its send while its receiver is still there
         receiver_.reset();
         folder_.emplace();
@@ -293,11 +295,15 @@ private slots:
         choice->setCurrentIndex(1);
         QCOMPARE(status->text(), "● Paired, private");
         QVERIFY(button->isEnabled());
+        view.findChild<QLineEdit*>("albumField")->setText(QStringLiteral("Trip"));
         button->click();
         QVERIFY(!choice->isEnabled());
         QTRY_VERIFY_WITH_TIMEOUT(!view.viewModel().isSending(), 30'000);
         QCOMPARE(column(queue), QStringList(2, "saved"));
-        QCOMPARE(testing::filesNotAsIn(saved, folder_->path()), std::vector<std::string>{});
+        QCOMPARE(testing::filesUnder(saved / "Trip"),
+                 (std::vector<std::string>{"IMG_0.jpg", "VID_1.mov"}));
+        QCOMPARE(testing::filesNotAsIn(saved / "Trip", folder_->path()),
+                 std::vector<std::string>{});
         QVERIFY(receiver.says("saved   VID_1.mov"));
         QTRY_COMPARE_WITH_TIMEOUT(desktop.shown, QStringList{"All 2 saved / 2 saved, 0 not saved."},
                                   30'000);
@@ -313,6 +319,24 @@ private slots:
         std::thread([&] { view.browser().resultsChanged({}); }).join();
         QTRY_COMPARE_WITH_TIMEOUT(choice->currentText(), "Desk · not found", 30'000);
         QCOMPARE(status->text(), "Not on the network now");
+
+        // The next run chooses it again and offers the album; until forgotten.
+        const auto reopened = [] {
+            auto next = std::make_unique<ContentView>(
+                UsbmuxdClient::SocketAddress{"/nonexistent/usbmuxd", {}, 0}, testInterval);
+            QCompleter* albums = next->findChild<QLineEdit*>("albumField")->completer();
+            return std::pair{std::move(next), albums->model()->rowCount() > 0
+                                                  ? albums->model()->index(0, 0).data().toString()
+                                                  : QString()};
+        };
+        auto [next, album] = reopened();
+        QCOMPARE(next->findChild<QComboBox*>("destinationChoice")->currentText(),
+                 "Desk · not found");
+        QCOMPARE(album, "Trip");
+        next->forgetAction()->trigger();
+        std::tie(next, album) = reopened();
+        QCOMPARE(next->findChild<QComboBox*>("destinationChoice")->count(), 1);
+        QVERIFY(album.isEmpty());
     }
 
     // Pairing from the window: each screen's code typed on the other pairs;
