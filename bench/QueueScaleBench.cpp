@@ -6,10 +6,22 @@
 // --view, shown in a list view as well.
 //
 //   kv_queue_bench [--files N] [--view] [--fixture JPEG]
+//   kv_queue_bench --send MIB
+//
+// The list view draws rows with the window's own delegate, progress bars
+// included. With --send, the drop is 4 videos of MIB/4 MiB each, and what is
+// timed is their send through the view model to a receiving engine on a
+// socket pair in the same process, with the view shown and its bars moving.
 //
 // Prints one line of JSON: files, seconds, longest_stall_ms (wall time between
 // two ticks), longest_busy_ms (the GUI thread's CPU time between two ticks:
 // the stall without the time spent waiting for a core) and ticks.
+#include "KestrelvaneKit/receiving/BatchSaving.h"
+#include "KestrelvaneKit/receiving/TransferServer.h"
+#include "KestrelvaneKit/session/UsbPhones.h"
+#include "KestrelvaneKit/wire/FileDescriptor.h"
+#include "KestrelvaneKit/wire/FrameChannel.h"
+#include "Sender/QueueRowDelegate.h"
 #include "Sender/SenderViewModel.h"
 #include "Sender/ThumbnailProvider.h"
 #include "Sender/TransferQueue.h"
@@ -27,6 +39,8 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <sys/socket.h>
+#include <thread>
 #include <time.h>
 #include <unistd.h>
 
@@ -58,6 +72,16 @@ void makeFolder(const fs::path& root, int count, const fs::path& fixture) {
     }
 }
 
+/// Four videos of `mib` / 4 MiB each (sparse: they read as zeros).
+void makeVideos(const fs::path& root, int mib) {
+    fs::create_directories(root);
+    for (int i = 0; i < 4; ++i) {
+        const fs::path file = root / ("VID_" + std::to_string(i) + ".mov");
+        std::ofstream(file).close();
+        fs::resize_file(file, (static_cast<std::uintmax_t>(mib) << 20) / 4);
+    }
+}
+
 qint64 threadCpuNs() {
     timespec now{};
     ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
@@ -71,6 +95,7 @@ int main(int argc, char** argv) {
         qputenv("QT_QPA_PLATFORM", "offscreen");
     }
     int files = 10'000;
+    int sendMib = 0;
     bool withView = false;
     fs::path fixture;
     for (int i = 1; i < argc; ++i) {
@@ -81,15 +106,40 @@ int main(int argc, char** argv) {
             withView = true;
         } else if (arg == "--fixture" && i + 1 < argc) {
             fixture = argv[++i];
+        } else if (arg == "--send" && i + 1 < argc) {
+            sendMib = std::max(4, std::atoi(argv[++i]));
+            withView = true;
+            files = 4;
         } else {
-            std::fprintf(stderr, "usage: kv_queue_bench [--files N] [--view] [--fixture JPEG]\n");
+            std::fprintf(stderr, "usage: kv_queue_bench [--files N] [--view] [--fixture JPEG]\n"
+                                 "       kv_queue_bench --send MIB\n");
             return 2;
         }
     }
 
     QApplication app(argc, argv);
     const fs::path root = scratchFolder();
-    makeFolder(root / "drop", files, fixture);
+    if (sendMib > 0) {
+        makeVideos(root / "drop", sendMib);
+    } else {
+        makeFolder(root / "drop", files, fixture);
+    }
+    // With --send, the receiving engine, discarding what it verified.
+    int pair[2] = {-1, -1};
+    std::thread receiver;
+    if (sendMib > 0) {
+        if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair) != 0) {
+            std::perror("socketpair");
+            return 1;
+        }
+        fs::create_directories(root / "scratch");
+        receiver = std::thread([end = pair[1], scratch = root / "scratch"] {
+            kestrelvane::DiscardingSaver saver([](const fs::path&, const auto&) {});
+            kestrelvane::FrameChannel channel(
+                kestrelvane::UsbPhones::stream(kestrelvane::FileDescriptor(end)));
+            kestrelvane::TransferServer(saver, scratch).run(channel, nullptr);
+        });
+    }
 
     double seconds = 0;
     qint64 longestStallNs = 0;
@@ -102,6 +152,7 @@ int main(int argc, char** argv) {
         if (withView) {
             view = std::make_unique<QListView>();
             view->setModel(&queue);
+            view->setItemDelegate(new kestrelvane::QueueRowDelegate(view.get()));
             view->setUniformItemSizes(true);
             view->resize(480, 640);
             view->show();
@@ -124,16 +175,30 @@ int main(int argc, char** argv) {
         });
 
         QElapsedTimer clock;
-        QObject::connect(&queue, &kestrelvane::TransferQueue::addFinished, [&] {
-            seconds = static_cast<double>(clock.nsecsElapsed()) / 1e9;
-            // Keep ticking a little while the first thumbnails come back.
-            QTimer::singleShot(300, &app, &QCoreApplication::quit);
-        });
-        QTimer::singleShot(0, [&] {
+        const auto startTicking = [&] {
             ticker.start();
             sinceTick.start();
             lastCpuNs = threadCpuNs();
             clock.start();
+        };
+        QObject::connect(&queue, &kestrelvane::TransferQueue::addFinished, [&] {
+            if (sendMib == 0) {
+                seconds = static_cast<double>(clock.nsecsElapsed()) / 1e9;
+                // Keep ticking a little while the first thumbnails come back.
+                QTimer::singleShot(300, &app, &QCoreApplication::quit);
+                return;
+            }
+            startTicking();
+            model.send(pair[0], false, [] {});
+        });
+        QObject::connect(&model, &kestrelvane::SenderViewModel::sendEnded, [&] {
+            seconds = static_cast<double>(clock.nsecsElapsed()) / 1e9;
+            app.quit();
+        });
+        QTimer::singleShot(0, [&] {
+            if (sendMib == 0) {
+                startTicking();
+            }
             queue.add({root / "drop"});
         });
         app.exec();
@@ -145,6 +210,16 @@ int main(int argc, char** argv) {
             return 1;
         }
         queue.thumbnails().cancelAll();
+        if (sendMib > 0 && queue.savedCount() != files) {
+            std::fprintf(stderr, "kv_queue_bench: %d of %d files saved\n", queue.savedCount(),
+                         files);
+            receiver.join();
+            fs::remove_all(root);
+            return 1;
+        }
+    }
+    if (receiver.joinable()) {
+        receiver.join();
     }
     fs::remove_all(root);
     std::printf("{\"files\": %d, \"seconds\": %.6f, \"longest_stall_ms\": %.3f, "
