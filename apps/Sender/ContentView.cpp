@@ -505,9 +505,34 @@ QString ContentView::deviceText(Kind kind) {
     return {};
 }
 
+namespace {
+
+/// Whether this device keeps a pairing under `destination`'s text (or name).
+bool isPairedWith(const std::vector<PairedDevice>& paired, const Destination& destination) {
+    const std::string text = destination.text();
+    return std::any_of(paired.begin(), paired.end(), [&](const PairedDevice& device) {
+        return device.destination == text || device.name == text;
+    });
+}
+
+/// This device's paired list, read once; empty when it cannot be read (a
+/// corrupt or unsafe key folder shows every receiver as not paired, and the
+/// send says why).
+std::vector<PairedDevice> pairedDevices() {
+    try {
+        return PairedDevices(Trust::ofThisDevice().folder).list();
+    } catch (const std::exception&) {
+        return {};
+    }
+}
+
+} // namespace
+
 void ContentView::updateChoices() {
-    const auto keyOf = [](const Choice& choice) {
-        return choice.network ? QString::fromStdString(choice.network->text()) : QString();
+    // A receiver is the same one by the name it announces, whichever way it
+    // is reached (its key is an address when it was paired at one).
+    const auto same = [](const Choice& a, const Choice& b) {
+        return a.network && b.network && a.name == b.name;
     };
     std::optional<Choice> previous;
     if (destinationChoice_->currentIndex() > 0) {
@@ -515,19 +540,14 @@ void ContentView::updateChoices() {
     }
     choices_.assign(1, Choice{QStringLiteral("iPhone (USB)"), std::nullopt,
                               QStringLiteral("The iPhone"), false});
-    std::optional<PairedDevices> paired;
-    try {
-        paired.emplace(Trust::ofThisDevice().folder);
-    } catch (const std::exception&) {
-        // No key folder to read: every receiver shows as not paired.
-    }
+    const std::vector<PairedDevice> paired = pairedDevices();
     for (const DiscoveredService& service : browser_.devices()) {
         // Reached as it was paired: by its name, or at the address it was paired at.
         Destination destination = Destination::announced(service.name);
-        bool isPaired = paired && !paired->named(destination.text()).empty();
+        bool isPaired = isPairedWith(paired, destination);
         for (const std::string& address : service.addresses) {
             const Destination at = Destination::address(address, service.port);
-            if (!isPaired && paired && !paired->named(at.text()).empty()) {
+            if (!isPaired && isPairedWith(paired, at)) {
                 destination = at;
                 isPaired = true;
             }
@@ -535,9 +555,8 @@ void ContentView::updateChoices() {
         choices_.push_back(networkChoice(
             destination, QString::fromStdString(UnicodeText::printable(service.name)), isPaired));
     }
-    if (previous && std::none_of(choices_.begin(), choices_.end(), [&](const Choice& choice) {
-            return keyOf(choice) == keyOf(*previous);
-        })) {
+    if (previous && std::none_of(choices_.begin(), choices_.end(),
+                                 [&](const Choice& choice) { return same(choice, *previous); })) {
         previous->found = false;
         previous->label = QStringLiteral("%1 · not found").arg(previous->name);
         choices_.push_back(*previous);
@@ -546,11 +565,12 @@ void ContentView::updateChoices() {
     destinationChoice_->clear();
     int keep = 0;
     for (const Choice& choice : choices_) {
-        const QString key = keyOf(choice);
-        if (previous && !key.isEmpty() && key == keyOf(*previous)) {
+        if (previous && same(choice, *previous)) {
             keep = destinationChoice_->count();
         }
-        destinationChoice_->addItem(choice.label, key);
+        destinationChoice_->addItem(choice.label,
+                                    choice.network ? QString::fromStdString(choice.network->text())
+                                                   : QString());
     }
     destinationChoice_->setCurrentIndex(keep);
     refresh();
@@ -574,13 +594,8 @@ void ContentView::restoreChoice() {
         if (destination.kind == Destination::Kind::usb) {
             return;
         }
-        bool paired = false;
-        try {
-            paired = !PairedDevices(Trust::ofThisDevice().folder).named(destination.text()).empty();
-        } catch (const std::exception&) {
-            // No key folder to read: not paired.
-        }
-        restored = networkChoice(destination, last->name, paired);
+        restored =
+            networkChoice(destination, last->name, isPairedWith(pairedDevices(), destination));
     } catch (const std::invalid_argument&) {
         return; // nothing this version can reach
     }
@@ -606,10 +621,13 @@ void ContentView::tellDesktop(int saved, int notSaved, double seconds) {
     if (seconds * 1000.0 < static_cast<double>(notifyAfter.count()) || isActiveWindow()) {
         return;
     }
-    const QString summary = notSaved == 0                ? QStringLiteral("All %1 saved").arg(saved)
-                            : !vm_.breakLine().isEmpty() ? vm_.breakLine()
-                                                         : QStringLiteral("Send ended");
-    notifier_.notify(summary, QStringLiteral("%1 saved, %2 not saved.").arg(saved).arg(notSaved));
+    const QString summary = notSaved == 0
+                                ? QStringLiteral("All %1 saved").arg(saved)
+                                : QStringLiteral("%1 of %2 saved").arg(saved).arg(saved + notSaved);
+    notifier_.notify(summary,
+                     notSaved == 0 || vm_.breakLine().isEmpty()
+                         ? QStringLiteral("%1 saved, %2 not saved.").arg(saved).arg(notSaved)
+                         : vm_.breakLine());
 }
 
 const ContentView::Choice& ContentView::chosen() const {
@@ -656,11 +674,8 @@ void ContentView::sendQueue() {
         // Not paired yet: Send offers to pair first.
         auto* dialog = new PairingDialog(*choice.network, choice.peerName, this);
         dialog->setAttribute(Qt::WA_DeleteOnClose);
-        connect(dialog, &QDialog::finished, this, [this, dialog] {
-            if (dialog->paired()) {
-                updateChoices();
-            }
-        });
+        // Closed at any point: the pairing may have been kept just before.
+        connect(dialog, &QDialog::finished, this, &ContentView::updateChoices);
         dialog->open();
         return;
     }

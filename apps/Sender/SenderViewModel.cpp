@@ -1,7 +1,6 @@
 #include "Sender/SenderViewModel.h"
 
 #include "KestrelvaneKit/log/Units.h"
-#include "KestrelvaneKit/session/ConnectError.h"
 #include "KestrelvaneKit/session/Destination.h"
 #include "KestrelvaneKit/session/SendRun.h"
 #include "KestrelvaneKit/session/UsbPhones.h"
@@ -211,11 +210,11 @@ void SenderViewModel::runSend(const std::vector<std::filesystem::path>& urls, Ru
             std::optional<std::string> unreachable;
             try {
                 dropped = runner(*run).brokeOff.has_value();
-            } catch (const ConnectError& error) {
+            } catch (const std::exception& error) {
+                // The run reports the transfer's own failures; what is thrown
+                // came before anything was sent (no connection, no key).
                 dropped = true;
                 unreachable = error.what();
-            } catch (const std::exception&) {
-                dropped = true; // no connection
             }
             {
                 const std::lock_guard lock(runMutex_);
@@ -231,9 +230,15 @@ void SenderViewModel::applyProgress(const SendRun::Settled& settled) {
     const Ack& ack = settled.ack;
     if (settled.index < settled_.size() && !settled_[settled.index]) {
         settled_[settled.index] = true;
-        settledBytes_ += batchSizes_[settled.index];
+        const std::int64_t size = batchSizes_[settled.index];
         if (settled.index < fullUpTo_) {
-            passedBytes_ -= batchSizes_[settled.index]; // counted whole when the writer passed it
+            passedBytes_ -= size; // counted whole when the writer passed it
+        }
+        // A file the receiver refused is no longer part of what is to come.
+        if (ack.status == Ack::Status::ok) {
+            settledBytes_ += size;
+        } else {
+            batchBytes_ -= size;
         }
     }
     if (ack.status == Ack::Status::ok) {

@@ -383,7 +383,19 @@ private slots:
     // A screen reader hears a name for every control, Tab visits them as they
     // are laid out, and each row says its state in words, not colour alone.
     void everyControlIsNamedInTabOrderAndEveryRowSaysItsState() {
+        // A paired list that cannot be read shows receivers as not paired.
+        const testing::TemporaryFolder home;
+        const testing::ScopedEnvironment data("XDG_DATA_HOME", home.path().string());
+        fs::create_directories(home.path() / "kestrelvane");
+        fs::permissions(home.path() / "kestrelvane", fs::perms::owner_all);
+        testing::writeFile(home.path() / "kestrelvane" / "peers.json", "{not json");
         ContentView view(UsbmuxdClient::SocketAddress{"/nonexistent/usbmuxd", {}, 0}, testInterval);
+        std::thread([&] {
+            view.browser().resultsChanged({{"Desk", "local", "desk.local", {"127.0.0.1"}, 9}});
+        }).join();
+        QTRY_COMPARE_WITH_TIMEOUT(view.findChild<QComboBox*>("destinationChoice")->count(), 2,
+                                  30'000);
+        QCOMPARE(view.findChild<QComboBox*>("destinationChoice")->itemText(1), "Desk · not paired");
         QStringList heard;
         QWidget* widget = view.findChild<QWidget*>("forwardSegment");
         do {
@@ -601,8 +613,7 @@ private slots:
         QCOMPARE(failures_, 1);
         QCOMPARE(column(queue()), QStringList(5, "queued"));
         QVERIFY(model_->statsLine().isEmpty());
-        QCOMPARE(model_->breakLine(),
-                 "The iPhone went away: 0 of 5 saved. Resume sends the other 5.");
+        QCOMPARE(model_->breakLine(), "Stream refused: no route. Nothing was sent.");
 
         startSend(false);
         QCOMPARE(column(queue()), QStringList(5, "sending"));
