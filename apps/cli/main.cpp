@@ -1,5 +1,6 @@
 // kestrelvane: the library's engines from the command line.
 #include "Commands.h"
+#include "Completion.h"
 
 #include <csignal>
 #include <cstdio>
@@ -9,8 +10,7 @@ int main(int argc, char** argv) {
     std::signal(SIGPIPE, SIG_IGN);
 
     using namespace kestrelvane::cli;
-    const std::vector<const Command*> commands = {&sendCommand, &receiveCommand, &devicesCommand,
-                                                  &demoCommand, &pairCommand,    &idCommand};
+    const std::vector<const Command*>& commands = allCommands();
     const std::string toolUsage = usage(commands);
     if (argc < 2) {
         std::fputs(toolUsage.c_str(), stderr);

@@ -27,6 +27,7 @@ through USBMUXD_SOCKET_ADDRESS=UNIX:PATH (or 127.0.0.1:PORT).
                   DIR/SERIAL-PORT-N.in (what the phone heard) and .out (what
                   it said), byte for byte, as it happens
   -h, --help      this text
+  --version       the version, on one line
 
 PHONE is SERIAL,PRODUCTID,RECEIVER, where PRODUCTID is decimal or 0x-hex and
 RECEIVER says what listens on the phone's port 9876:
@@ -73,6 +74,10 @@ int main(int argc, char** argv) {
         const std::string arg = argv[i];
         if (arg == "-h" || arg == "--help") {
             std::cout << usage;
+            return 0;
+        }
+        if (arg == "--version") {
+            std::cout << "kestrelvane-usbmuxd-sim " KV_VERSION "\n";
             return 0;
         }
         if (arg == "--version-1") {
