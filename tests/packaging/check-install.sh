@@ -6,7 +6,8 @@
 # every option the tool's grammar knows mentioned in its --help, its man page
 # and docs/kestrelvane.md.
 #
-#   check-install.sh BUILD_DIR SOURCE_DIR
+#   check-install.sh BUILD_DIR SOURCE_DIR [PROGRAM...]
+# (the built programs it checks may follow, for scripts/mutate; they are not used)
 set -euo pipefail
 build=$1 source=$2
 stage=$(mktemp -d)
