@@ -19,6 +19,7 @@ DESTDIR="$stage" cmake --install "$build" --prefix /usr >/dev/null
 usr="$stage/usr"
 for file in bin/kestrelvane bin/kestrelvane-app bin/kestrelvane-usbmuxd-sim \
     share/man/man1/kestrelvane.1.gz share/man/man1/kestrelvane-usbmuxd-sim.1.gz \
+    share/man/man1/kestrelvane-app.1.gz \
     share/bash-completion/completions/kestrelvane lib/systemd/user/kestrelvane-receive.service \
     share/applications/kestrelvane.desktop share/metainfo/org.kestrelvane.Kestrelvane.metainfo.xml \
     share/icons/hicolor/scalable/apps/kestrelvane.svg; do

@@ -10,7 +10,7 @@ deb=$(realpath "$1")
 failures=0
 fail() { echo "check-package: $*" >&2; failures=$((failures + 1)); }
 
-# Its warnings are shown (one today: kestrelvane-app has no man page); errors fail.
+# Its warnings are shown; errors fail.
 lintian --fail-on error "$deb" || fail "lintian reports errors"
 
 if dpkg-query -W -f='${Status}' kestrelvane 2>/dev/null | grep -q 'install ok installed'; then
