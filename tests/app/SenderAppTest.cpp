@@ -664,6 +664,21 @@ private slots:
         QVERIFY(receiver_->waitForEnd());
     }
 
+    // The footer counts what the receiver has of the batch: a file it refuses
+    // leaves the batch instead of counting as done.
+    void aRefusedFileLeavesTheBatchTheFooterCounts() {
+        QVERIFY(addAndWait(
+            {testing::writeFile(folder_->path() / "VID_a.mov", testing::pattern(3 << 20, 1)),
+             testing::writeFile(folder_->path() / "VID_b.mov", testing::pattern(2 << 20, 2))}));
+        startSend(false);
+        QVERIFY(receiver_->waitForFiles(2));
+        QTRY_COMPARE_WITH_TIMEOUT(model_->progressLine(), "5 of 5 MB", 30'000);
+        receiver_->sendAck({"VID_a.mov", Ack::Status::error, "no space"});
+        QTRY_COMPARE_WITH_TIMEOUT(model_->progressLine(), "2 of 2 MB", 30'000);
+        receiver_->sendAck({"VID_b.mov", Ack::Status::ok, {}});
+        QTRY_VERIFY_WITH_TIMEOUT(!model_->isSending(), 30'000);
+    }
+
     // Started, with a feed, one check at a time; the newest item of the feed is the latest.
     void aCheckReportsANewerReleaseThisOneAsCurrentOrWhyItFailed() {
         const QUrl twoReleases = servedFeed(
