@@ -507,12 +507,17 @@ QString ContentView::deviceText(Kind kind) {
 
 namespace {
 
-/// Whether this device keeps a pairing under `destination`'s text (or name).
+/// Whether this device keeps a pairing `destination` may mean (as
+/// PairedDevices::named finds them, in a list read once).
 bool isPairedWith(const std::vector<PairedDevice>& paired, const Destination& destination) {
     const std::string text = destination.text();
-    return std::any_of(paired.begin(), paired.end(), [&](const PairedDevice& device) {
-        return device.destination == text || device.name == text;
-    });
+    return std::any_of(paired.begin(), paired.end(),
+                       [&](const PairedDevice& device) { return device.answersTo(text); });
+}
+
+/// The iPhone on USB, the first choice and the default.
+ContentView::Choice iPhoneChoice() {
+    return {QStringLiteral("iPhone (USB)"), std::nullopt, QStringLiteral("The iPhone"), false};
 }
 
 /// This device's paired list, read once; empty when it cannot be read (a
@@ -538,8 +543,7 @@ void ContentView::updateChoices() {
     if (destinationChoice_->currentIndex() > 0) {
         previous = chosen();
     }
-    choices_.assign(1, Choice{QStringLiteral("iPhone (USB)"), std::nullopt,
-                              QStringLiteral("The iPhone"), false});
+    choices_.assign(1, iPhoneChoice());
     const std::vector<PairedDevice> paired = pairedDevices();
     for (const DiscoveredService& service : browser_.devices()) {
         // Reached as it was paired: by its name, or at the address it was paired at.
@@ -631,8 +635,7 @@ void ContentView::tellDesktop(int saved, int notSaved, double seconds) {
 }
 
 const ContentView::Choice& ContentView::chosen() const {
-    static const Choice iPhone{QStringLiteral("iPhone (USB)"), std::nullopt,
-                               QStringLiteral("The iPhone"), false};
+    static const Choice iPhone = iPhoneChoice();
     if (choices_.empty()) {
         return iPhone;
     }

@@ -69,9 +69,8 @@ std::optional<PairedDevice> PairedDevices::find(const Fingerprint& fingerprint) 
 
 std::vector<PairedDevice> PairedDevices::named(const std::string& destination) const {
     std::vector<PairedDevice> devices = list();
-    std::erase_if(devices, [&](const PairedDevice& device) {
-        return device.destination != destination && device.name != destination;
-    });
+    std::erase_if(devices,
+                  [&](const PairedDevice& device) { return !device.answersTo(destination); });
     return devices;
 }
 

@@ -17,6 +17,10 @@ struct PairedDevice {
     std::string destination; ///< what the pairing connected to; empty on the receiving end
     Timestamp pairedAt;
 
+    /// Whether `text` (what a destination is written as) may mean this
+    /// device: paired through that very text, or named so.
+    bool answersTo(const std::string& text) const { return destination == text || name == text; }
+
     friend bool operator==(const PairedDevice&, const PairedDevice&) = default;
 };
 
